@@ -1,0 +1,55 @@
+#pragma once
+
+#include <QHash>
+#include <QList>
+#include <QSet>
+#include <QStringList>
+
+#include "CMPath.h"
+#include "ZarkRowEvent.h"
+
+class CMStore;
+class CMUINode;
+
+/// Hears of the node at one path. Called on the tree's thread, synchronously, from inside the change: note what
+/// happened and act later. Listeners may be added and removed from inside a call.
+class CMNodeListener {
+public:
+    virtual ~CMNodeListener() = default;
+    virtual void nodeChanged(CMUINode* node, const QStringList& roles) = 0;
+    virtual void rowsChanged(CMUINode* node, const QList<ZarkRowEvent>& events);
+    virtual void nodeAppeared(CMUINode* node);
+    virtual void nodeVanished(const CMPath& path);
+};
+
+/// Every node of the device by path, in constant time, and who listens to which path.
+class CMNodeTree {
+public:
+    explicit CMNodeTree(CMStore* store) : m_store(store) { }
+    ~CMNodeTree();
+    CMNodeTree(const CMNodeTree&) = delete;
+    CMNodeTree& operator=(const CMNodeTree&) = delete;
+
+    CMStore* store() const { return m_store; }
+    CMUINode* node(const CMPath& path) const { return m_nodes.value(path); } ///< Null when there is none.
+    QList<CMPath> paths() const;
+
+    /// False when the path is invalid, in the old form or taken by anything but an implied container, whose place is
+    /// taken then. Containers above are implied (made by the tree) as needed. Used by CMUINode alone.
+    bool insert(CMUINode* node);
+    void remove(CMUINode* node);
+
+    /// Listens to a path, whether it has a node now or not. The listener is not owned.
+    void addListener(const CMPath& path, CMNodeListener* listener);
+    void removeListener(const CMPath& path, CMNodeListener* listener);
+    int listenerCount(const CMPath& path) const;
+
+    void notifyChanged(CMUINode* node, const QStringList& roles);
+    void notifyRows(CMUINode* node, const QList<ZarkRowEvent>& events);
+
+private:
+    CMStore* m_store;
+    QHash<CMPath, CMUINode*> m_nodes;
+    QMultiHash<CMPath, CMNodeListener*> m_listeners;
+    QSet<CMUINode*> m_implied;
+};

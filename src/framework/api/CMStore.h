@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QHash>
+#include <QObject>
+#include <QString>
+#include <QThread>
+
+#include <memory>
+
+#include "CMPath.h"
+#include "CMReply.h"
+#include "ZarkValue.h"
+
+/// Where persistent values live: an SQLite database in WAL mode with full synchronisation, mode 0600.
+///
+/// Values are read once, at the start. Writes go through a thread of their own, so that a slow disk never holds up the
+/// event loop; writes that wait are committed together. A write is on disk before its reply is sent, and replies come
+/// in the order of the writes. Killing the process at any moment loses no answered write.
+class CMStore : public QObject {
+    Q_OBJECT
+public:
+    explicit CMStore(QObject* parent = nullptr);
+    /// Commits what waits, then closes.
+    ~CMStore() override;
+
+    /// Opens or makes `file` and reads every value. A damaged database is renamed to "<file>.damaged-<date>", logged
+    /// as an error, and replaced by an empty one. False, with a sentence in `error`, when no database can be had
+    /// (directory not writable, disk full, locked by another host).
+    bool open(const QString& file, QString* error);
+
+    /// The stored value; invalid when there is none.
+    ZarkValue value(const CMPath& path) const { return m_values.value(path); }
+    /// Answers CMError::StoreFailed when the disk refuses; the stored value is then the earlier one.
+    void write(const CMPath& path, const ZarkValue& value, CMVoidReply reply);
+
+private:
+    class Writer;
+
+    QHash<CMPath, ZarkValue> m_values;
+    QThread m_thread;
+    Writer* m_writer = nullptr;
+};

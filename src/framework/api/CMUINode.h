@@ -1,0 +1,93 @@
+#pragma once
+
+#include <QVariant>
+#include <QVector>
+
+#include <functional>
+
+#include "CMError.h"
+#include "CMPath.h"
+#include "CMReply.h"
+#include "TrString.h"
+#include "ZarkPermission.h"
+#include "ZarkRowsRoles.h"
+#include "ZarkValue.h"
+
+class CMNodes;
+class CMNodeTree;
+
+/// A node of the tree and the base of all kinds; by itself a container, whose rows are its children.
+///
+/// Owned by its CMNodes. Setters tell the tree's listeners when something really changed.
+class CMUINode {
+public:
+    /// Null, with an error in the log, when the path is invalid or taken.
+    static CMUINode* create(CMNodes* nodes, const CMPath& path);
+    virtual ~CMUINode();
+    CMUINode(const CMUINode&) = delete;
+    CMUINode& operator=(const CMUINode&) = delete;
+
+    const CMPath& path() const { return m_path; }
+    CMNodeTree* tree() const { return m_tree; }
+
+    const TrString& title() const { return m_title; } ///< The last segment of the path unless set.
+    void setTitle(const TrString& title);
+    const TrString& description() const { return m_description; }
+    void setDescription(const TrString& description);
+    ZarkPermission::Enum permission() const { return m_permission; }
+    void setPermission(ZarkPermission::Enum permission);
+    bool isModifiable() const { return m_modifiable; } ///< By clients.
+    void setModifiable(bool modifiable);
+    const QString& icon() const { return m_icon; }
+    void setIcon(const QString& icon);
+    /// {"minimum", "maximum", "step", "unit", "options"}, what applies.
+    const QVariantHash& edit() const { return m_edit; }
+    void setEdit(const QVariantHash& edit);
+    qint64 timestamp() const { return m_timestamp; } ///< Last change of the value or rows, ms since the epoch.
+
+    /// "container", "value", "list", "action" or "stream".
+    virtual QString nodeType() const;
+    /// The value of role `value`; invalid for a kind of node that has none.
+    virtual QVariant valueRole() const;
+    /// One role's value, null where this node has none; false in `known` for a name that is no role.
+    QVariant role(const QString& name, bool* known) const;
+
+    /// What CMAbstractWorker::getRows() and invoke() say. The base answers the children, and refuses to be set.
+    virtual void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply);
+    virtual void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply);
+
+    /// Called just before the node is read, and when the number of listeners turns from or to zero: for nodes whose
+    /// value costs something and is refreshed only while somebody wants it.
+    void setDemandHook(const std::function<void()>& hook) { m_demandHook = hook; }
+    void demand() const;
+    bool isWatched() const;
+
+    const QVector<CMUINode*>& children() const { return m_children; }
+    qint64 rowsVersion() const { return m_rowsVersion; }
+
+protected:
+    CMUINode(CMNodeTree* tree, const CMPath& path);
+    /// Enters the node in the tree and hands it to `nodes`; deletes it and returns false when the tree refuses.
+    static bool enter(CMNodes* nodes, CMUINode* node);
+    void changed(const QStringList& roles);
+    void touch(); ///< Sets the timestamp to now.
+    void bumpRows(const QList<ZarkRowEvent>& events); ///< New rows version, timestamp, listeners.
+    /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
+    bool ownRoles(const QStringList& roles, QVariantHash* values) const;
+
+private:
+    friend class CMNodeTree;
+
+    CMNodeTree* m_tree;
+    CMPath m_path;
+    TrString m_title;
+    TrString m_description;
+    QString m_icon;
+    QVariantHash m_edit;
+    std::function<void()> m_demandHook;
+    QVector<CMUINode*> m_children;
+    qint64 m_timestamp = 0;
+    qint64 m_rowsVersion = 1;
+    ZarkPermission::Enum m_permission = ZarkPermission::Default;
+    bool m_modifiable = false;
+};
