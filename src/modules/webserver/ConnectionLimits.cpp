@@ -1,0 +1,282 @@
+#include "ConnectionLimits.h"
+
+#include <glib-unix.h>
+
+#include <array>
+#include <cerrno>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include <QVector>
+
+#include "WebserverLog.h"
+
+namespace {
+
+constexpr int BusySweepMilliseconds = 250;
+constexpr int IdleSweepMilliseconds = 1000;
+// A client that shuts down its sending side may still want the answer; one whose answer takes longer than this is
+// taken for gone.
+constexpr gint64 HalfClosedGrace = 500 * 1000;
+constexpr gint64 MicrosecondsPerSecond = 1000 * 1000;
+
+int maximumConnections(int configured)
+{
+    rlimit files{};
+    if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur == RLIM_INFINITY)
+        return configured;
+    // Two servers share the process's descriptors with everything else in it.
+    const qint64 affordable = std::max<qint64>(16, (static_cast<qint64>(files.rlim_cur) - 64) / 2);
+    return static_cast<int>(std::min<qint64>(configured, affordable));
+}
+
+SoupSocket* socketOf(SoupClientContext* client)
+{
+    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+    return soup_client_context_get_socket(client);
+    G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
+// A peer that lost power, or that never reads, is given up by the kernel.
+void setTcpTimeouts(int fd, int seconds)
+{
+    const int on = 1;
+    const unsigned int milliseconds = static_cast<unsigned int>(seconds) * 1000;
+    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof seconds);
+    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
+}
+
+} // namespace
+
+ConnectionLimits::ConnectionLimits(SoupServer* server, const ServerLimits& limits)
+    : m_server(server), m_limits(limits), m_maximumConnections(maximumConnections(limits.connections)),
+      m_requestReadId(g_signal_connect(server, "request-read", G_CALLBACK(onRequestRead), this)),
+      m_epollFd(epoll_create1(EPOLL_CLOEXEC))
+{
+    if (m_epollFd >= 0)
+        m_epollSource = g_unix_fd_add(m_epollFd, G_IO_IN, onHangUps, this);
+    else
+        dbglog_error(webserverLog(), "Clients that leave early will not be noticed: epoll_create1: errno " << errno);
+}
+
+ConnectionLimits::~ConnectionLimits()
+{
+    g_signal_handler_disconnect(m_server, m_requestReadId);
+    for (const auto& entry : m_connections)
+        g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
+    if (m_epollSource)
+        g_source_remove(m_epollSource);
+    if (m_epollFd >= 0)
+        ::close(m_epollFd);
+}
+
+void ConnectionLimits::start(SoupServerListenOptions options)
+{
+    m_options = options;
+    scheduleSweep(IdleSweepMilliseconds);
+}
+
+void ConnectionLimits::stop()
+{
+    if (m_timer)
+        killTimer(m_timer);
+    m_timer = 0;
+    m_timerMilliseconds = 0;
+}
+
+void ConnectionLimits::scheduleSweep(int milliseconds)
+{
+    if (m_timerMilliseconds == milliseconds)
+        return;
+    stop();
+    m_timer = startTimer(milliseconds, Qt::CoarseTimer);
+    m_timerMilliseconds = milliseconds;
+}
+
+ConnectionLimits::Connection* ConnectionLimits::requestStarted(SoupClientContext* client)
+{
+    const auto found = m_connections.find(client);
+    Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
+    const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
+    connection->state = ReadingHead;
+    connection->since = g_get_monotonic_time();
+    connection->deadline = connection->since + seconds * MicrosecondsPerSecond;
+    return connection;
+}
+
+ConnectionLimits::Connection* ConnectionLimits::accepted(SoupClientContext* client)
+{
+    ++m_acceptCount;
+    auto record = std::make_unique<Connection>();
+    Connection* connection = record.get();
+    connection->limits = this;
+    connection->client = client;
+    connection->socket = socketOf(client);
+    connection->gsocket = soup_client_context_get_gsocket(client);
+    m_connections.emplace(client, std::move(record));
+    g_signal_connect(connection->socket, "disconnected", G_CALLBACK(onDisconnected), connection);
+    if (connection->gsocket) {
+        setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits.idleSeconds);
+        watchHangUp(connection);
+    }
+    scheduleSweep(BusySweepMilliseconds);
+    if (static_cast<int>(m_connections.size()) > m_maximumConnections) {
+        dbglog_warn(webserverLog(), "More than " << m_maximumConnections << " connections, closing one");
+        closeSoon(leastUseful(connection));
+    }
+    return connection;
+}
+
+// The one that has been idle longest; the newest when every other is at work.
+ConnectionLimits::Connection* ConnectionLimits::leastUseful(Connection* newest) const
+{
+    Connection* oldest = newest;
+    for (const auto& entry : m_connections) {
+        Connection* connection = entry.second.get();
+        const bool idle = connection != newest && connection->state == ReadingHead;
+        if (idle && (oldest == newest || connection->since < oldest->since))
+            oldest = connection;
+    }
+    return oldest;
+}
+
+// One epoll set for all connections: a watch each on the main loop would double the work of every turn.
+void ConnectionLimits::watchHangUp(const Connection* connection)
+{
+    if (m_epollFd < 0)
+        return;
+    epoll_event event{};
+    event.events = EPOLLRDHUP | EPOLLET;
+    event.data.ptr = connection->client;
+    epoll_ctl(m_epollFd, EPOLL_CTL_ADD, g_socket_get_fd(connection->gsocket), &event);
+}
+
+gboolean ConnectionLimits::onHangUps(gint fd, GIOCondition, gpointer self)
+{
+    auto* limits = static_cast<ConnectionLimits*>(self);
+    std::array<epoll_event, 64> events{};
+    const int count = epoll_wait(fd, events.data(), static_cast<int>(events.size()), 0);
+    for (int i = 0; i < count; ++i) {
+        const auto& event = events.at(static_cast<size_t>(i));
+        const auto found = limits->m_connections.find(static_cast<SoupClientContext*>(event.data.ptr));
+        if (found != limits->m_connections.end())
+            limits->handleHangUp(found->second.get(), event.events);
+    }
+    return G_SOURCE_CONTINUE;
+}
+
+void ConnectionLimits::handleHangUp(Connection* connection, quint32 events)
+{
+    if (connection->halfClosedSince == 0)
+        connection->halfClosedSince = g_get_monotonic_time();
+    // While it reads, the library notices by itself, after what the client had sent before.
+    if (connection->state == Answering && (events & (EPOLLHUP | EPOLLERR)))
+        closeSoon(connection);
+}
+
+void ConnectionLimits::headRead(Connection* connection)
+{
+    connection->state = ReadingBody;
+    connection->since = g_get_monotonic_time();
+    connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;
+    connection->answeredBefore = true;
+}
+
+void ConnectionLimits::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
+{
+    auto* limits = static_cast<ConnectionLimits*>(self);
+    const auto found = limits->m_connections.find(client);
+    if (found == limits->m_connections.end())
+        return;
+    Connection* connection = found->second.get();
+    connection->state = Answering;
+    connection->since = g_get_monotonic_time();
+    connection->deadline = 0;
+}
+
+void ConnectionLimits::onDisconnected(SoupSocket* socket, gpointer data)
+{
+    auto* connection = static_cast<Connection*>(data);
+    ConnectionLimits* limits = connection->limits;
+    g_signal_handlers_disconnect_by_data(socket, data);
+    connection->gone = true;
+    const auto found = limits->m_connections.find(connection->client);
+    if (found == limits->m_connections.end())
+        return;
+    limits->m_gone.push_back(std::move(found->second));
+    limits->m_connections.erase(found);
+}
+
+void ConnectionLimits::closeSoon(Connection* connection)
+{
+    m_doomed.push_back(connection);
+    QMetaObject::invokeMethod(
+        this, [this] { closeDoomed(); }, Qt::QueuedConnection);
+}
+
+void ConnectionLimits::closeDoomed()
+{
+    // Closing runs callbacks that may doom others.
+    const std::vector<Connection*> doomed = std::exchange(m_doomed, {});
+    for (Connection* connection : doomed) {
+        if (!connection->gone)
+            soup_socket_disconnect(connection->socket);
+    }
+}
+
+void ConnectionLimits::timerEvent(QTimerEvent*)
+{
+    closeOverdue();
+    closeDoomed();
+    m_gone.clear();
+    reviveListeners();
+    if (m_timer)
+        scheduleSweep(m_connections.empty() ? IdleSweepMilliseconds : BusySweepMilliseconds);
+}
+
+void ConnectionLimits::closeOverdue()
+{
+    const gint64 now = g_get_monotonic_time();
+    for (const auto& entry : m_connections) {
+        Connection* connection = entry.second.get();
+        const bool overdue = connection->deadline != 0 && now >= connection->deadline;
+        const bool abandoned = connection->state == Answering && connection->halfClosedSince != 0
+            && now - std::max(connection->halfClosedSince, connection->since) >= HalfClosedGrace;
+        if (overdue || abandoned)
+            m_doomed.push_back(connection);
+    }
+}
+
+// The library stops accepting for good when accept() fails once. A listener with a client waiting at two sweeps, and
+// none accepted in between, has stopped.
+void ConnectionLimits::reviveListeners()
+{
+    GSList* listeners = soup_server_get_listeners(m_server);
+    bool waiting = false;
+    QVector<GSocket*> stuck;
+    for (const GSList* entry = listeners; entry; entry = entry->next) {
+        auto* listener = static_cast<GSocket*>(entry->data);
+        pollfd request{ g_socket_get_fd(listener), POLLIN, 0 };
+        if (::poll(&request, 1, 0) != 1 || stuck.contains(listener))
+            continue;
+        waiting = true;
+        stuck.append(listener);
+    }
+    g_slist_free(listeners);
+    if (waiting && m_waitingAtSweep && m_acceptCount == m_acceptCountAtSweep) {
+        dbglog_error(webserverLog(), "A listener had stopped accepting, starting it again");
+        for (GSocket* listener : qAsConst(stuck))
+            soup_server_listen_socket(m_server, listener, m_options, nullptr);
+    }
+    m_waitingAtSweep = waiting;
+    m_acceptCountAtSweep = m_acceptCount;
+}

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <QObject>
+
+#include <libsoup/soup.h>
+
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "ServerLimits.h"
+
+/// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
+/// there are, notice of a client that leaves while its exchange is paused, and a listener that survives running out of
+/// file descriptors. On the server's thread; lives from the server's construction to just before its destruction.
+class ConnectionLimits : public QObject {
+public:
+    enum State {
+        ReadingHead, ///< Idle, or in the middle of a head: the library does not tell which.
+        ReadingBody,
+        Answering,
+    };
+
+    struct Connection {
+        ConnectionLimits* limits;
+        SoupClientContext* client; ///< The key of the table; not owned.
+        SoupSocket* socket; ///< Not owned.
+        GSocket* gsocket; ///< Not owned.
+        State state = ReadingHead;
+        gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
+        gint64 deadline = 0; ///< 0: none.
+        gint64 halfClosedSince = 0; ///< When the peer's FIN was seen; 0: not yet.
+        bool answeredBefore = false;
+        bool gone = false;
+    };
+
+    ConnectionLimits(SoupServer* server, const ServerLimits& limits);
+    ~ConnectionLimits() override;
+    ConnectionLimits(const ConnectionLimits&) = delete;
+    ConnectionLimits& operator=(const ConnectionLimits&) = delete;
+
+    SoupServer* server() const { return m_server; }
+    const ServerLimits& limits() const { return m_limits; }
+
+    void start(SoupServerListenOptions options);
+    void stop();
+
+    /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
+    /// event loop has turned.
+    Connection* requestStarted(SoupClientContext* client);
+    static void headRead(Connection* connection);
+    /// Closes the connection from the event loop.
+    void closeSoon(Connection* connection);
+
+protected:
+    void timerEvent(QTimerEvent* event) override;
+
+private:
+    static void onRequestRead(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
+    static void onDisconnected(SoupSocket* socket, gpointer connection);
+    static gboolean onHangUps(gint fd, GIOCondition condition, gpointer self);
+
+    Connection* accepted(SoupClientContext* client);
+    void watchHangUp(const Connection* connection);
+    void handleHangUp(Connection* connection, quint32 events);
+    Connection* leastUseful(Connection* newest) const;
+    void closeDoomed();
+    void closeOverdue();
+    void reviveListeners();
+    void scheduleSweep(int milliseconds);
+
+    SoupServer* m_server;
+    ServerLimits m_limits;
+    int m_maximumConnections;
+    SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
+    gulong m_requestReadId;
+    int m_epollFd;
+    guint m_epollSource = 0;
+    int m_timer = 0;
+    int m_timerMilliseconds = 0;
+    quint64 m_acceptCount = 0;
+    quint64 m_acceptCountAtSweep = 0;
+    bool m_waitingAtSweep = false;
+    std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
+    std::vector<std::unique_ptr<Connection>> m_gone; ///< Kept until the next sweep: callbacks may still hold them.
+    std::vector<Connection*> m_doomed;
+};

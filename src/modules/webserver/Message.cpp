@@ -1,0 +1,314 @@
+#include "Message.h"
+
+#include "WebserverLog.h"
+
+namespace {
+
+GInetAddress* remoteInetAddress(SoupClientContext* client)
+{
+    GSocketAddress* address = client ? soup_client_context_get_remote_address(client) : nullptr;
+    if (!address || !G_IS_INET_SOCKET_ADDRESS(address))
+        return nullptr;
+    return g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(address));
+}
+
+QString uriToString(SoupMessage* message)
+{
+    SoupURI* uri = soup_message_get_uri(message);
+    if (!uri)
+        return {};
+    char* text = soup_uri_to_string(uri, FALSE);
+    const QString result = QString::fromUtf8(text);
+    g_free(text);
+    return result;
+}
+
+// The library takes an answer without a body for one that ends with the connection, and closes it.
+void keepAliveAfterNoContent(SoupMessage* message, gpointer)
+{
+    soup_message_headers_set_encoding(message->response_headers, SOUP_ENCODING_CONTENT_LENGTH);
+}
+
+void deleteByteArray(gpointer array)
+{
+    delete static_cast<QByteArray*>(array);
+}
+
+} // namespace
+
+Message::Message(const MessageData& data, QObject* parent)
+    : QObject(parent), m_data(data), m_fullUri(uriToString(data.message))
+{
+    dbglog_trace(webserverLog(), "Message for '" << m_fullUri << "' from " << sender());
+    soup_message_body_set_accumulate(m_data.message->response_body, FALSE);
+    if (!soup_message_headers_get_one(m_data.message->response_headers, "X-Robots-Tag"))
+        soup_message_headers_append(m_data.message->response_headers, "X-Robots-Tag", "noindex");
+    connectGlibSignals();
+}
+
+Message::Message(const Message& other)
+    : QObject(nullptr), m_data(other.m_data), m_valid(other.m_valid), m_finished(other.m_finished),
+      m_fullUri(other.m_fullUri), m_url(other.m_url)
+{
+    if (m_valid)
+        connectGlibSignals();
+}
+
+Message::~Message()
+{
+    disconnectGlibSignals();
+}
+
+int Message::status() const
+{
+    return m_valid ? static_cast<int>(m_data.message->status_code) : 0;
+}
+
+void Message::setStatus(int code, const QString& reason)
+{
+    if (!m_valid)
+        return;
+    if (code < 200 || code > 599) {
+        dbglog_error(webserverLog(), "setStatus: " << code << " is no final status, answering 500");
+        code = SOUP_STATUS_INTERNAL_SERVER_ERROR;
+    }
+    if (code == SOUP_STATUS_NO_CONTENT)
+        g_signal_connect(m_data.message, "wrote-headers", G_CALLBACK(keepAliveAfterNoContent), nullptr);
+    if (reason.isEmpty()) {
+        dbglog_debug(webserverLog(), "setStatus: setting status " << code);
+        soup_message_set_status(m_data.message, static_cast<guint>(code));
+    } else {
+        dbglog_debug(webserverLog(), "setStatus: setting status with reason msg " << code << reason);
+        soup_message_set_status_full(m_data.message, static_cast<guint>(code), reason.toUtf8().constData());
+    }
+}
+
+bool Message::setHeader(const QByteArray& name, const QByteArray& value)
+{
+    if (value.contains('\r') || value.contains('\n') || value.contains('\0'))
+        return false;
+    if (m_valid)
+        soup_message_headers_replace(m_data.message->response_headers, name.constData(), value.constData());
+    return true;
+}
+
+bool Message::setHeader(const QString& name, const QString& value)
+{
+    return setHeader(name.toUtf8(), value.toUtf8());
+}
+
+void Message::setContentType(const QString& contentType)
+{
+    setHeader(QByteArrayLiteral("Content-Type"), contentType.toUtf8());
+}
+
+void Message::setContentLength(qint64 bytes)
+{
+    if (m_valid)
+        soup_message_headers_set_content_length(m_data.message->response_headers, bytes);
+}
+
+bool Message::setNoCache()
+{
+    const bool cacheControl =
+        setHeader(QByteArrayLiteral("Cache-Control"), QByteArrayLiteral("no-cache, no-store, must-revalidate"));
+    const bool pragma = setHeader(QByteArrayLiteral("Pragma"), QByteArrayLiteral("no-cache"));
+    const bool expires = setHeader(QByteArrayLiteral("Expires"), QByteArrayLiteral("0"));
+    return cacheControl && pragma && expires;
+}
+
+void Message::setEncoding(Encoding encoding)
+{
+    if (!m_valid)
+        return;
+    SoupEncoding soupEncoding = SOUP_ENCODING_CONTENT_LENGTH;
+    if (encoding == Streamed) {
+        const SoupHTTPVersion version = soup_message_get_http_version(m_data.message);
+        if (version == SOUP_HTTP_1_1)
+            soupEncoding = SOUP_ENCODING_CHUNKED;
+        else if (version == SOUP_HTTP_1_0)
+            soupEncoding = SOUP_ENCODING_EOF;
+    }
+    soup_message_headers_set_encoding(m_data.message->response_headers, soupEncoding);
+}
+
+void Message::responseBodyAdd(const char* data, qint64 length)
+{
+    if (!m_valid)
+        return;
+    if (length > 0)
+        soup_message_body_append(m_data.message->response_body, SOUP_MEMORY_COPY, data, static_cast<gsize>(length));
+    unpause();
+}
+
+void Message::responseBodyAdd(const QByteArray& data)
+{
+    if (!m_valid)
+        return;
+    dbglog_debug(webserverLog(), "data.size: " << data.size() << ' ' << data.left(20) << "...");
+    if (!data.isEmpty()) {
+        auto* owner = new QByteArray(data);
+        SoupBuffer* buffer =
+            soup_buffer_new_with_owner(owner->constData(), static_cast<gsize>(owner->size()), owner, deleteByteArray);
+        soup_message_body_append_buffer(m_data.message->response_body, buffer);
+        soup_buffer_free(buffer);
+    }
+    unpause();
+}
+
+void Message::setResponseBody(const QByteArray& body, const QString& contentType)
+{
+    setContentType(contentType);
+    responseBodyAdd(body);
+}
+
+void Message::setResponseBody(const QString& body, const QString& contentType)
+{
+    setResponseBody(body.toUtf8(), contentType);
+}
+
+void Message::responseBodyComplete()
+{
+    if (!m_valid)
+        return;
+    soup_message_body_complete(m_data.message->response_body);
+    unpause();
+}
+
+void Message::pause()
+{
+    if (m_valid)
+        soup_server_pause_message(m_data.server, m_data.message);
+}
+
+void Message::unpause()
+{
+    if (m_valid)
+        soup_server_unpause_message(m_data.server, m_data.message);
+}
+
+void Message::setAccumulate(bool accumulate)
+{
+    if (m_valid)
+        soup_message_body_set_accumulate(m_data.message->request_body, accumulate);
+}
+
+QByteArray Message::requestBody() const
+{
+    if (!m_valid)
+        return {};
+    SoupMessageBody* body = m_data.message->request_body;
+    if (!body->data) {
+        if (!soup_message_body_get_accumulate(body))
+            return {};
+        soup_buffer_free(soup_message_body_flatten(body));
+    }
+    return QByteArray::fromRawData(body->data, static_cast<int>(body->length));
+}
+
+QByteArray Message::requestContentType() const
+{
+    if (!m_valid)
+        return {};
+    // Not the library's parser of this field: it is strict about parameters, and drops the type with them.
+    const char* field = soup_message_headers_get_one(m_data.message->request_headers, "Content-Type");
+    const QByteArray value(field);
+    const int end = value.indexOf(';');
+    return (end < 0 ? value : value.left(end)).trimmed();
+}
+
+bool Message::isMultipart() const
+{
+    return requestContentType() == "multipart/form-data";
+}
+
+QByteArray Message::header(const QString& name) const
+{
+    if (!m_valid)
+        return {};
+    return QByteArray(soup_message_headers_get_list(m_data.message->request_headers, name.toUtf8().constData()));
+}
+
+QString Message::sender() const
+{
+    GInetAddress* address = m_valid ? remoteInetAddress(m_data.client) : nullptr;
+    if (!address)
+        return {};
+    char* text = g_inet_address_to_string(address);
+    const QString result = QString::fromLatin1(text);
+    g_free(text);
+    return result;
+}
+
+bool Message::isFromLocalhost() const
+{
+    GInetAddress* address = m_valid ? remoteInetAddress(m_data.client) : nullptr;
+    return address && g_inet_address_get_is_loopback(address);
+}
+
+bool Message::isHttps() const
+{
+    if (!m_valid)
+        return false;
+    // Schemes are interned by the library, SOUP_URI_SCHEME_HTTPS included.
+    return soup_message_get_uri(m_data.message)->scheme == SOUP_URI_SCHEME_HTTPS;
+}
+
+ZarkUrl Message::url() const
+{
+    if (m_url.isEmpty()) {
+        m_url = ZarkUrl::fromEncoded(m_fullUri.toUtf8());
+        QByteArray query = m_url.encodedQuery();
+        if (query.contains('+'))
+            m_url.setEncodedQuery(query.replace('+', "%20"));
+    }
+    return m_url;
+}
+
+QByteArray Message::getDelimiterFromHeader() const
+{
+    const QByteArray contentType = header(QStringLiteral("Content-type"));
+    const int type = contentType.indexOf("multipart/form-data");
+    if (type < 0)
+        return {};
+    const QByteArray key = QByteArrayLiteral("boundary=");
+    const int boundary = contentType.indexOf(key, type);
+    if (boundary < 0)
+        return {};
+    return "\r\n--" + contentType.mid(boundary + key.size());
+}
+
+void Message::connectGlibSignals()
+{
+    m_gotChunkId = g_signal_connect(m_data.message, "got_chunk", G_CALLBACK(msg_got_chunk_cb), this);
+    m_wroteChunkId = g_signal_connect(m_data.message, "wrote-chunk", G_CALLBACK(msg_wrote_chunk_cb), this);
+    m_finishedId = g_signal_connect(m_data.message, "finished", G_CALLBACK(msg_finished_cb), this);
+}
+
+void Message::disconnectGlibSignals()
+{
+    if (!m_valid)
+        return;
+    g_signal_handler_disconnect(m_data.message, m_gotChunkId);
+    g_signal_handler_disconnect(m_data.message, m_wroteChunkId);
+    g_signal_handler_disconnect(m_data.message, m_finishedId);
+}
+
+void Message::msg_got_chunk_cb(SoupMessage*, SoupBuffer* chunk, gpointer self)
+{
+    Q_EMIT static_cast<Message*>(self)->gotChunk(chunk->data, static_cast<unsigned int>(chunk->length));
+}
+
+void Message::msg_wrote_chunk_cb(SoupMessage*, gpointer self)
+{
+    Q_EMIT static_cast<Message*>(self)->wroteChunk();
+}
+
+void Message::msg_finished_cb(SoupMessage*, gpointer self)
+{
+    auto* message = static_cast<Message*>(self);
+    message->m_finished = true;
+    Q_EMIT message->finished();
+    message->disconnectGlibSignals();
+    message->m_valid = false;
+}

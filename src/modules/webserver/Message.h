@@ -1,0 +1,100 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QString>
+
+#include <libsoup/soup.h>
+
+#include "ZarkUrl.h"
+
+/// What the HTTP library hands to a request callback. Nothing is owned.
+struct MessageData {
+    SoupServer* server = nullptr;
+    SoupMessage* message = nullptr;
+    const char* path = nullptr; ///< As received: not decoded.
+    GHashTable* query = nullptr; ///< Text to text; null without a query.
+    SoupClientContext* client = nullptr;
+};
+
+/// One HTTP exchange, as every part of the web server sees it.
+///
+/// Valid until the library reports the exchange finished (answered, or the client has gone); from then on nothing but
+/// the flags, fullUri() and deletion is allowed, and the functions below that write do nothing. Deletion is always
+/// deferred: nobody deletes a Message directly. On the thread of the server's event loop.
+class Message : public QObject {
+    Q_OBJECT
+public:
+    enum Encoding {
+        PlainContentLength = 0, ///< The whole body is known before the first byte leaves.
+        Streamed = 1, ///< Chunked for HTTP/1.1, ended by closing the connection for HTTP/1.0.
+    };
+
+    Message(const MessageData& data, QObject* parent);
+    /// A second view of the same exchange, with signals of its own.
+    Message(const Message& other);
+    Message& operator=(const Message&) = delete;
+    ~Message() override;
+
+    const MessageData& data() const { return m_data; }
+    bool isValid() const { return m_valid; }
+    bool isFinished() const { return m_finished; }
+
+    // The answer. Every write to the body also resumes a paused exchange; pause() after it holds the answer back.
+    int status() const;
+    /// 200 to 599; anything else becomes 500, since the library would loop on a final 1xx. An empty reason gives the
+    /// standard phrase.
+    void setStatus(int code, const QString& reason);
+    /// Replaces the field. False, and nothing changed, for a value with a line break in it.
+    bool setHeader(const QByteArray& name, const QByteArray& value);
+    bool setHeader(const QString& name, const QString& value);
+    void setContentType(const QString& contentType);
+    void setContentLength(qint64 bytes);
+    bool setNoCache();
+    void setEncoding(Encoding encoding);
+    void responseBodyAdd(const char* data, qint64 length); ///< Copies.
+    void responseBodyAdd(const QByteArray& data); ///< Shares the array until the library has sent it.
+    void setResponseBody(const QByteArray& body, const QString& contentType);
+    void setResponseBody(const QString& body, const QString& contentType);
+    void responseBodyComplete();
+    void pause();
+    void unpause();
+
+    // The request.
+    void setAccumulate(bool accumulate);
+    /// The whole body, valid while the exchange lives; not copied. Empty for a body that is not accumulated.
+    QByteArray requestBody() const;
+    QByteArray requestContentType() const; ///< Without parameters; empty when there is none.
+    bool isMultipart() const; ///< multipart/form-data
+    QByteArray header(const QString& name) const; ///< All fields of that name joined by ", "; empty when there is none.
+    const QString& fullUri() const { return m_fullUri; } ///< Scheme, host, port, path, query: what clients sign.
+    QString sender() const; ///< The client's IP address; empty when it has none.
+    bool isFromLocalhost() const;
+    bool isHttps() const;
+    /// The parsed URI, in whose query "+" reads as a space.
+    ZarkUrl url() const;
+    /// CR LF "--" boundary of a multipart/form-data body, as written in the header; empty without one.
+    QByteArray getDelimiterFromHeader() const;
+
+Q_SIGNALS:
+    void gotChunk(const char* data, unsigned int length);
+    void wroteChunk();
+    void finished();
+
+private:
+    void connectGlibSignals();
+    void disconnectGlibSignals();
+
+    static void msg_got_chunk_cb(SoupMessage* message, SoupBuffer* chunk, gpointer self);
+    static void msg_wrote_chunk_cb(SoupMessage* message, gpointer self);
+    static void msg_finished_cb(SoupMessage* message, gpointer self);
+
+    MessageData m_data;
+    bool m_valid = true;
+    bool m_finished = false;
+    QString m_fullUri;
+    mutable ZarkUrl m_url;
+    gulong m_gotChunkId = 0;
+    gulong m_wroteChunkId = 0;
+    gulong m_finishedId = 0;
+};

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QHash>
+#include <QString>
+#include <QVariant>
+
+#include "Message.h"
+
+/// The exchange as a responder sees it: a Message with the id that its ResponderHandler gave it, the decoded body and
+/// a small table of CGI-style variables (RFC 3875, section 4.1). Both are read on first use and kept.
+class Request : public Message {
+    Q_OBJECT
+public:
+    Request(const MessageData& data, int id) : Message(data, nullptr), m_requestId(id) { }
+
+    int requestId() const { return m_requestId; }
+
+    /// A QVariantHash of texts for application/x-www-form-urlencoded, the JSON value for application/json; invalid for
+    /// an empty or malformed body and for any other type.
+    QVariant postData() const;
+    void parsePostData() const; ///< Reads the body again.
+
+    /// REQUEST_URI, QUERY_STRING, REMOTE_ADDR, REMOTE_PORT.
+    QHash<QString, QString> serverData() const;
+    /// Empty for an unknown key, which is a key of the table from then on.
+    QString serverData(const QString& key) const;
+    void parseServerData() const; ///< Fills the table again.
+
+private:
+    int m_requestId;
+    mutable QVariant m_postData;
+    mutable QHash<QString, QString> m_serverData;
+    mutable bool m_postDataParsed = false;
+    mutable bool m_serverDataParsed = false;
+};

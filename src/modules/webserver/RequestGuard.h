@@ -1,0 +1,60 @@
+#pragma once
+
+#include <QByteArray>
+
+#include <libsoup/soup.h>
+
+class ConnectionLimits;
+struct ServerLimits;
+
+/// What decides on a request's head, counted from its fields.
+struct RequestHead {
+    QByteArray method;
+    QByteArray host; ///< The last one.
+    int hostFields = 0;
+    QByteArray contentLength; ///< The last one.
+    int contentLengthFields = 0;
+    QByteArray transferEncoding; ///< The last one.
+    int transferEncodingFields = 0;
+    int fields = 0;
+};
+
+enum class HeadVerdict {
+    Accept,
+    BadRequest, ///< 400: contradictory or malformed (RFC 9112, sections 3.2 and 6).
+    ContentTooLarge, ///< 413 (RFC 9110, section 15.5.14)
+    FieldsTooLarge, ///< 431 (RFC 6585, section 5)
+};
+
+/// Decides on one head, without looking at anything else.
+HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
+
+/// Stands between the socket and the first handler: sees each head as soon as the library has parsed it, and before the
+/// library acts on it, and defuses what the library would not survive or would get wrong. A well-formed request passes
+/// as it was.
+///
+/// | request                                       | the library alone              | here                      |
+/// | CONNECT                                       | null pointer                   | 400, closed               |
+/// | thousands pipelined on one connection         | recursion, stack overflow      | one at a time, all        |
+/// | several Host, or one that is no host          | the last, pasted into the URI  | 400, closed               |
+/// | several or malformed Content-Length           | the last, or until the end     | 400, closed               |
+/// | Content-Length and Transfer-Encoding          | smuggling                      | 400, closed               |
+/// | chunked                                       | lax about where it ends        | closed after the answer   |
+/// | a body over the limit                         | read into memory               | 413 unread, closed        |
+/// | too many fields                               | each name kept for good        | 431, closed               |
+/// | HTTP/1.0 without Host                         | path neither split nor cleaned | the address asked, as Host |
+class RequestGuard {
+public:
+    /// Neither is owned; both outlive this object.
+    RequestGuard(SoupServer* server, ConnectionLimits* connectionLimits);
+    ~RequestGuard();
+    RequestGuard(const RequestGuard&) = delete;
+    RequestGuard& operator=(const RequestGuard&) = delete;
+
+private:
+    static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
+
+    SoupServer* m_server;
+    ConnectionLimits* m_connectionLimits;
+    gulong m_requestStartedId;
+};

@@ -1,0 +1,198 @@
+#include "Server.h"
+
+#include <sys/socket.h>
+
+#include "ConnectionLimits.h"
+#include "HostFilter.h"
+#include "Message.h"
+#include "RequestGuard.h"
+#include "WebserverLog.h"
+#include "handlers/NotFoundHandler.h"
+
+namespace {
+
+// The library's own backlog of 10 overflows in a burst, and a client whose handshake is lost waits 200 ms.
+constexpr int ListenBacklog = 512;
+constexpr int MaximumPort = 65535;
+
+GTlsCertificate* certificateFromPem(const QString& pem, QString* error)
+{
+    GError* failure = nullptr;
+    GTlsCertificate* certificate = g_tls_certificate_new_from_pem(pem.toUtf8().constData(), -1, &failure);
+    if (failure) {
+        *error = QString::fromUtf8(failure->message);
+        g_error_free(failure);
+    }
+    return certificate;
+}
+
+} // namespace
+
+Server::HandlerData::~HandlerData()
+{
+    delete handler;
+}
+
+Server::Server(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert,
+    const ServerLimits& limits, QObject* parent)
+    : QObject(parent), m_port(port), m_certificatePem(certificatePem), m_keyPem(keyPem), m_useDeviceCert(useDeviceCert)
+{
+    dbglog_scopedFunction(webserverLog());
+    m_soupServer = createSoupServer();
+    if (!m_soupServer)
+        return;
+    m_connectionLimits = std::make_unique<ConnectionLimits>(m_soupServer, limits);
+    m_requestGuard = std::make_unique<RequestGuard>(m_soupServer, m_connectionLimits.get());
+    // "OPTIONS *" names no path, so no path prefix matches it.
+    addHandler(QStringLiteral("*"), new NotFoundHandler(QString(), nullptr));
+}
+
+Server::~Server()
+{
+    dbglog_scopedFunction(webserverLog());
+    if (!ok())
+        return;
+    stop();
+    m_requestGuard.reset();
+    m_connectionLimits.reset();
+    g_object_unref(m_soupServer);
+}
+
+SoupServer* Server::createSoupServer()
+{
+    static const char* httpAliases[] = { "http", nullptr };
+    if (m_certificatePem.isEmpty() || m_keyPem.isEmpty())
+        return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_HTTP_ALIASES, httpAliases, nullptr);
+    m_listenOptions = SOUP_SERVER_LISTEN_HTTPS;
+    if (m_useDeviceCert)
+        return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
+    GTlsCertificate* certificate = certificateFromPem(m_certificatePem + m_keyPem, &m_lastError);
+    if (!certificate) {
+        dbglog_error(webserverLog(), "Load certificate failed: " << m_lastError);
+        return nullptr;
+    }
+    SoupServer* server =
+        soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_TLS_CERTIFICATE, certificate, nullptr);
+    g_object_unref(certificate);
+    return server;
+}
+
+int Server::listeningPort() const
+{
+    if (!m_running)
+        return 0;
+    GSList* uris = soup_server_get_uris(m_soupServer);
+    const int port = uris ? static_cast<int>(soup_uri_get_port(static_cast<SoupURI*>(uris->data))) : 0;
+    g_slist_free_full(uris, [](gpointer uri) { soup_uri_free(static_cast<SoupURI*>(uri)); });
+    return port;
+}
+
+void Server::start()
+{
+    dbglog_scopedFunction(webserverLog());
+    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    if (m_running) {
+        dbglog_info(webserverLog(), "SOUP server is already running");
+        return;
+    }
+    if (isHttps() && m_useDeviceCert && m_deviceCertFile.isEmpty()) {
+        dbglog_info(webserverLog(), "No device-cert ready to start https server");
+        return;
+    }
+    if (m_port < 0 || m_port > MaximumPort)
+        return failed(QStringLiteral("There is no such port"));
+    GError* error = nullptr;
+    m_running = soup_server_listen_all(m_soupServer, static_cast<guint>(m_port), m_listenOptions, &error);
+    if (m_running) {
+        deepenBacklog();
+        m_connectionLimits->start(m_listenOptions);
+        m_lastError.clear();
+        dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
+        return;
+    }
+    failed(QString::fromUtf8(error->message));
+    g_error_free(error);
+}
+
+void Server::failed(const QString& reason)
+{
+    m_lastError = reason;
+    dbglog_error(webserverLog(), "SOUP server failed to start (port " << m_port << "), Error: " << reason);
+}
+
+void Server::deepenBacklog()
+{
+    GSList* listeners = soup_server_get_listeners(m_soupServer);
+    for (const GSList* entry = listeners; entry; entry = entry->next)
+        ::listen(g_socket_get_fd(static_cast<GSocket*>(entry->data)), ListenBacklog);
+    g_slist_free(listeners);
+}
+
+void Server::stop()
+{
+    dbglog_scopedFunction(webserverLog());
+    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    m_connectionLimits->stop();
+    soup_server_disconnect(m_soupServer);
+    m_running = false;
+}
+
+void Server::addHandler(const QString& path, Handler* handler)
+{
+    dbglog_debug(webserverLog(), "addHandler: " << path << ' ' << static_cast<const void*>(handler));
+    soup_server_add_handler(
+        m_soupServer, path.toUtf8().constData(), server_callback, new HandlerData(this, handler), deleteHandlerData);
+}
+
+void Server::addEarlyHandler(const QString& path, Handler* handler)
+{
+    dbglog_debug(webserverLog(), "addEarlyHandler: " << path << ' ' << static_cast<const void*>(handler));
+    soup_server_add_early_handler(
+        m_soupServer, path.toUtf8().constData(), server_callback, new HandlerData(this, handler), deleteHandlerData);
+}
+
+void Server::deleteHandlerData(gpointer handlerData)
+{
+    delete static_cast<HandlerData*>(handlerData);
+}
+
+void Server::pauseMessage(bool pause, Message* message)
+{
+    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    dbglog_debug(webserverLog(), "Pause: " << pause);
+    if (pause)
+        message->pause();
+    else
+        message->unpause();
+}
+
+void Server::server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
+    SoupClientContext* client, gpointer handlerData)
+{
+    dbglog_trace(webserverLog(), "path: " << path);
+    const auto* registration = static_cast<HandlerData*>(handlerData);
+    auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
+    registration->server->dispatch(wrapped, registration->handler);
+    if (wrapped->isFinished()) {
+        dbglog_debug(webserverLog(), "Message already finished, deleting it directly");
+        wrapped->deleteLater();
+        return;
+    }
+    const QMetaObject::Connection connected =
+        connect(wrapped, &Message::finished, wrapped, &QObject::deleteLater, Qt::QueuedConnection);
+    if (!connected)
+        qFatal("connection");
+}
+
+void Server::dispatch(Message* message, Handler* handler)
+{
+    if (!m_language.isEmpty() && !message->header(QStringLiteral("Accept-Language")).isNull())
+        message->setHeader(QByteArrayLiteral("Content-Language"), m_language.toUtf8());
+    const QByteArray host = message->header(QStringLiteral("Host"));
+    if (!isAcceptedHost(host)) {
+        dbglog_error(webserverLog(), "rejecting message: host=" << host);
+        message->setStatus(SOUP_STATUS_FORBIDDEN, QString());
+        return;
+    }
+    handler->handle(message);
+}

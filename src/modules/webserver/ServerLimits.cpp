@@ -1,0 +1,27 @@
+#include "ServerLimits.h"
+
+#include "CMRoot.h"
+#include "ZarkPaths.h"
+
+namespace {
+
+template <class T> void readLimit(const char* name, T* limit)
+{
+    const ZarkValue value(CMRoot()->getValue(ZarkWebserverLimitPath(QString::fromLatin1(name))));
+    if (value.type() == ZarkValueType::I32 && value.i32() > 0)
+        *limit = value.i32();
+}
+
+} // namespace
+
+ServerLimits ServerLimits::fromSettings()
+{
+    ServerLimits limits;
+    readLimit("bodyBytes", &limits.bodyBytes);
+    readLimit("headerCount", &limits.headerCount);
+    readLimit("headerSeconds", &limits.headerSeconds);
+    readLimit("bodySeconds", &limits.bodySeconds);
+    readLimit("idleSeconds", &limits.idleSeconds);
+    readLimit("connections", &limits.connections);
+    return limits;
+}

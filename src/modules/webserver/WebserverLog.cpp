@@ -1,0 +1,7 @@
+#include "WebserverLog.h"
+
+const DbgLogger& webserverLog()
+{
+    static const DbgLogger logger("Webserver");
+    return logger;
+}

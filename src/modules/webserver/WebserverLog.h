@@ -1,0 +1,6 @@
+#pragma once
+
+#include "dbglog.h"
+
+/// The logger "Webserver" of everything in this module.
+const DbgLogger& webserverLog();

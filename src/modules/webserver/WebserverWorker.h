@@ -1,0 +1,58 @@
+#pragma once
+
+#include <QList>
+#include <QSharedPointer>
+
+#include "CMNodesWorker.h"
+#include "CMValueItem.h"
+
+class CMActivateNode;
+class CMSetDataRequest;
+class CMValueNode;
+class EventResponderShared;
+class ResponderConfiguration;
+class ResponderFactory;
+class Server;
+class UserDatabase;
+
+/// The web server as the framework loads it: reads the settings, builds one HTTP and at most one HTTPS server with the
+/// same URL tree, and follows the settings that may change while they run.
+class WebserverWorker : public CMNodesWorker {
+    Q_OBJECT
+public:
+    explicit WebserverWorker(const QVariantHash& arguments);
+    ~WebserverWorker() override;
+
+    const QString& documentRoot() const { return m_documentRoot; }
+    /// Builds a server, registers the URL tree and starts it. One that cannot be built is logged and dropped.
+    void startServer(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert);
+
+    void shutDown() override;
+
+private:
+    void createSharedObjects();
+    void createChangePasswordNode();
+    void createStatusNodes();
+    void startServers();
+    void registerHandlers(Server* server);
+    void publishStatus();
+    ResponderFactory* keep(ResponderFactory* factory);
+
+    void on_changePassword_invoked(const CMSetDataRequest& request);
+    void on_uiLanguage_changed(const ZarkValue& value);
+
+    QString m_documentRoot;
+    QString m_defaultLocation;
+    QList<Server*> m_servers;
+    QList<ResponderFactory*> m_factories; ///< Owned.
+    QStringList m_failures; ///< Servers that could not be built.
+    CMActivateNode* m_changePasswordNode = nullptr;
+    CMValueNode* m_addressesNode = nullptr;
+    CMValueNode* m_errorsNode = nullptr;
+    QSharedPointer<ResponderConfiguration> m_configuration;
+    QSharedPointer<EventResponderShared> m_eventShared;
+    QSharedPointer<UserDatabase> m_userDatabase;
+};
+
+/// The entry point of the module. Makes the worker on the calling thread, whose event loop must run GLib.
+extern "C" Q_DECL_EXPORT CMNodesWorker* worker_create(const QVariantHash& arguments);

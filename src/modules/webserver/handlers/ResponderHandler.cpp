@@ -1,0 +1,86 @@
+#include "ResponderHandler.h"
+
+#include <QBuffer>
+#include <QPointer>
+
+#include "Request.h"
+#include "ServerMessageDevice.h"
+#include "WebserverLog.h"
+#include "responders/Responder.h"
+#include "responders/ResponderFactory.h"
+
+void ResponderHandler::handle(Message* message)
+{
+    dbglog_trace(webserverLog(), "message: " << message->fullUri());
+    // The client may go, and the message with it, before the event loop gets there.
+    QMetaObject::invokeMethod(
+        this,
+        [this, guarded = QPointer<Message>(message)] {
+            if (guarded && guarded->isValid())
+                on_handleRequest(guarded.data());
+        },
+        Qt::QueuedConnection);
+    message->pause();
+}
+
+void ResponderHandler::on_handleRequest(void* message)
+{
+    auto* exchange = static_cast<Message*>(message);
+    dbglog_debug(webserverLog(), "ResponderHandler::handle: " << exchange->fullUri());
+    const int id = ++m_requestCounter;
+    auto* request = new Request(exchange->data(), id);
+    dbglog_debug(webserverLog(), "New request with id " << id);
+    Responder* responder = m_factory->create(*request, documentRoot());
+    responder->setRequestId(id);
+    if (responder->respondWillBlock())
+        qFatal("!blockingResponder");
+
+    auto* input = new QBuffer;
+    input->open(QIODevice::ReadOnly);
+    auto* output = new ServerMessageDevice(request, nullptr);
+    output->open(QIODevice::WriteOnly);
+    responder->setIODevices(input, output);
+    m_responders.insert(id, { responder, request, input, output });
+
+    const bool connected =
+        connect(responder, &Responder::finished, this, qOverload<int>(&ResponderHandler::finalizeRequest))
+        && connect(request, &Message::finished, this, qOverload<>(&ResponderHandler::finalizeRequest));
+    if (!connected)
+        qFatal("connection");
+
+    exchange->pause();
+    dbglog_debug(webserverLog(), "Calling respond for request " << id);
+    responder->respond();
+}
+
+void ResponderHandler::finalizeRequest(int requestId)
+{
+    const auto found = m_responders.constFind(requestId);
+    if (found == m_responders.constEnd()) {
+        dbglog_debug(webserverLog(), "Request " << requestId << " allready finalized");
+        return;
+    }
+    const ResponderInfo info = m_responders.take(requestId);
+    info.input->close();
+    info.output->close();
+    if (info.responder->respondWillBlock()) {
+        auto* buffer = qobject_cast<QBuffer*>(info.output);
+        Q_ASSERT_X(buffer, Q_FUNC_INFO, "buffer");
+        info.request->setResponseBody(buffer->data(), QString());
+    }
+    dbglog_debug(webserverLog(),
+        "Responder finished request " << requestId << ": status: " << info.request->status()
+                                      << " data size: " << info.request->data().message->response_body->length);
+    info.responder->deleteLater();
+    info.request->deleteLater();
+    info.input->deleteLater();
+    info.output->deleteLater();
+}
+
+void ResponderHandler::finalizeRequest()
+{
+    const auto* request = qobject_cast<Request*>(sender());
+    if (!request)
+        qFatal("request");
+    finalizeRequest(request->requestId());
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QTextStream>
+
+class QIODevice;
+class Request;
+
+/// Answers one exchange and lives no longer than its request. Made by a ResponderFactory, run by a ResponderHandler.
+class Responder : public QObject {
+    Q_OBJECT
+public:
+    /// The request is not owned.
+    Responder(Request& request, const QString& documentRoot, QObject* parent);
+
+    /// Does the work, and sees to it that finished() is emitted once, now or later.
+    virtual void respond() = 0;
+    /// Whether respond() waits for something. Nothing that a ResponderHandler runs may.
+    virtual bool respondWillBlock() { return true; }
+    /// For responders that finish later and so need the id.
+    virtual void setRequestId(int id);
+
+    /// `in` holds the request's body, `out` takes the answer's. Not owned.
+    void setIODevices(QIODevice* in, QIODevice* out);
+    void setHeader(const QString& name, const QString& value);
+    const QString& documentRoot() const { return m_documentRoot; }
+    void setDocumentRoot(const QString& documentRoot) { m_documentRoot = documentRoot; }
+    Request& request() const { return m_request; }
+
+Q_SIGNALS:
+    void finished(int requestId);
+
+protected:
+    QTextStream& input() { return m_input; }
+    QTextStream& output() { return m_output; }
+
+private:
+    Request& m_request;
+    QTextStream m_input;
+    QTextStream m_output;
+    QString m_documentRoot;
+};

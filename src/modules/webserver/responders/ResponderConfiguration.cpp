@@ -1,0 +1,55 @@
+#include "ResponderConfiguration.h"
+
+#include <QElapsedTimer>
+#include <QTimer>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+
+#include "Request.h"
+#include "Responder.h"
+#include "WebserverLog.h"
+
+namespace {
+
+constexpr qint32 MinimumStep = 1000;
+constexpr qint32 RandomStep = 3000;
+constexpr qint32 MaximumDelay = 10000;
+
+qint64 monotonicMilliseconds()
+{
+    QElapsedTimer timer;
+    timer.start();
+    return timer.msecsSinceReference();
+}
+
+} // namespace
+
+void ResponderConfiguration::authFailBlock(Responder* responder, int requestId)
+{
+    const qint64 now = monotonicMilliseconds();
+    const qint64 remaining = std::max<qint64>(m_blockedUntil - now, 0);
+    const qint64 delay = remaining + m_nextDelay;
+    dbglog_trace(webserverLog(), "blocking caller for " << delay << "ms");
+    // Writing the body resumed the exchange.
+    responder->request().pause();
+    // Bound to the responder: when the client leaves, both are gone before the time is up.
+    QTimer::singleShot(std::chrono::milliseconds(delay), Qt::PreciseTimer, responder, [responder, requestId] {
+        dbglog_trace(webserverLog(), "done blocking");
+        Q_EMIT responder->finished(requestId);
+    });
+    m_blockedUntil = now + delay;
+    // The delay need not be secret, only spread out.
+    m_nextDelay += MinimumStep + std::rand() % RandomStep;
+    if (m_nextDelay > MaximumDelay - 1)
+        m_nextDelay = MaximumDelay;
+    dbglog_trace(webserverLog(), "blocking in background, next delay " << m_nextDelay << "ms");
+}
+
+void ResponderConfiguration::authFailReset()
+{
+    m_nextDelay = 0;
+    m_blockedUntil = 0;
+    dbglog_trace(webserverLog(), "reset blocking");
+}

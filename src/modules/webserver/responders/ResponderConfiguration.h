@@ -1,0 +1,40 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <memory>
+
+#include "CMValueItem.h"
+#include "ZarkWebserverAuthMode.h"
+
+class Responder;
+
+/// What all responders of the worker share: two settings, and the brake on failed authentications.
+///
+/// A reply to failed credentials is held back: the first after a verified success not at all, each further one 1 to 4
+/// seconds longer than the one before (10 at the most), and all queue behind one another, whoever sent them.
+class ResponderConfiguration {
+public:
+    bool strictRequests() const { return m_strictRequests; }
+    void setStrictRequests(bool strict) { m_strictRequests = strict; }
+    ZarkWebserverAuthMode::Enum authMode() const { return m_authMode; }
+    void setAuthMode(ZarkWebserverAuthMode::Enum mode) { m_authMode = mode; }
+    /// Null unless the device has the analytics feature.
+    const CMValueItem* analyticsEnabled() const { return m_analyticsEnabled.get(); }
+    void watchAnalyticsEnabled(const CMPath& path)
+    {
+        m_analyticsEnabled = std::make_unique<CMValueItem>(nullptr, path);
+    }
+
+    /// Lets the responder finish when its turn has come; until then no byte of its answer, which is set already,
+    /// leaves.
+    void authFailBlock(Responder* responder, int requestId);
+    void authFailReset();
+
+private:
+    bool m_strictRequests = false;
+    ZarkWebserverAuthMode::Enum m_authMode = ZarkWebserverAuthMode::Everything;
+    qint32 m_nextDelay = 0; ///< Milliseconds.
+    qint64 m_blockedUntil = 0; ///< Milliseconds of the monotonic clock.
+    std::unique_ptr<CMValueItem> m_analyticsEnabled;
+};
