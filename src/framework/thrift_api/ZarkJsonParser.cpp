@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <limits>
 
 #include "ZarkJson.h"
 
@@ -248,6 +247,7 @@ bool ZarkJsonParser::setDouble(const char* begin, QVariant& out)
         number = QByteArray::fromRawData(begin, int(m_pos - begin)).toDouble();
         if (std::isinf(number))
             return failAt(begin, "number out of range");
+        number = std::copysign(number, *begin == '-' ? -1.0 : 1.0);
     }
     out = number;
     return true;
