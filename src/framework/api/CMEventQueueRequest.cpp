@@ -1,0 +1,3 @@
+#include "CMEventQueueRequest.h"
+
+CMEventQueueRequest::~CMEventQueueRequest() = default;
