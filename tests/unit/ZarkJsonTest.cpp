@@ -54,6 +54,9 @@ void ZarkJsonTest::textsAreRead_data()
         << QVariant(QString::fromUtf8("\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF4\x8F\xBF\xBF"));
     QTest::newRow("UTF-8 beside escapes")
         << QByteArray("\"\xC3\xBC\\n\xC3\xBC\"") << QVariant(QString::fromUtf8("ü\nü"));
+    QTest::newRow("a byte order mark inside strings stays")
+        << QByteArray("[\"\xEF\xBB\xBF\xEF\xBB\xBFx\",\"\\n\xEF\xBB\xBF\"]")
+        << QVariant(QVariantList{ QString(2, QChar(0xFEFF)) + 'x', QString('\n') + QChar(0xFEFF) });
     QTest::newRow("DEL is no control character of JSON") << QByteArray("\"\x7F\"") << QVariant(QString("\x7F"));
     QTest::newRow("the deepest list") << QByteArray(128, '[') + QByteArray(128, ']') << QVariant();
 }
