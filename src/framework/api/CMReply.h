@@ -49,7 +49,7 @@ private:
     struct State {
         QPointer<QObject> receiver;
         Callback callback;
-        T value {};
+        T value{};
         CMError error;
         bool finished = false;
 
