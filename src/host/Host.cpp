@@ -1,0 +1,201 @@
+#include "Host.h"
+
+#include <QAbstractEventDispatcher>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <sys/stat.h>
+
+#include "CMNodes.h"
+#include "CMRoot.h"
+#include "CMStore.h"
+#include "CMTreeFile.h"
+#include "ServiceNotifier.h"
+#include "SignalWatch.h"
+#include "WorkerStatus.h"
+#include "dbglog.h"
+
+namespace {
+
+constexpr int settleLimitMs = 1000;
+/// Answers on their way out wait for the disk and for sockets; a pause this long means that nothing more comes.
+constexpr int lastAnswersQuietMs = 50;
+
+const DbgLogger& logger()
+{
+    static const DbgLogger hostLogger("zark.host");
+    return hostLogger;
+}
+
+/// Turns the event loop until nothing has happened for `quietMs`, for a second at the most.
+void settle(int quietMs)
+{
+    const QDeadlineTimer limit(settleLimitMs);
+    QElapsedTimer idle;
+    idle.start();
+    while (!limit.hasExpired()) {
+        // Outside exec() Qt leaves deleteLater() alone unless asked.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        if (QCoreApplication::eventDispatcher()->processEvents(QEventLoop::AllEvents))
+            idle.restart();
+        else if (idle.hasExpired(quietMs))
+            return;
+        else
+            QThread::msleep(1);
+    }
+}
+
+/// The state holds secrets: a directory that the host makes is its owner's alone.
+bool makeStateDirectory(const QString& directory, QString* error)
+{
+    const QFileInfo info(QDir::cleanPath(directory));
+    if (info.isDir())
+        return true;
+    QDir().mkpath(info.absolutePath());
+    if (mkdir(QFile::encodeName(info.absoluteFilePath()).constData(), 0700) == 0)
+        return true;
+    *error = QStringLiteral("--state %1: %2").arg(directory, QString::fromLocal8Bit(strerror(errno)));
+    return false;
+}
+
+} // namespace
+
+Host::Host(const HostOptions& options, SignalWatch* signalWatch, ServiceNotifier* notifier)
+    : m_options(options), m_log(options), m_loader(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib")),
+      m_overrides(options.overrides), m_notifier(notifier)
+{
+    connect(signalWatch, &SignalWatch::stopRequested, this, &Host::requestStop);
+    connect(signalWatch, &SignalWatch::reloadRequested, this, &Host::reload);
+}
+
+Host::~Host()
+{
+    stop();
+}
+
+bool Host::start(QString* error)
+{
+    return m_log.apply(error) && openStore(error) && loadTree(error) && loadModules(error) && makeWorkers(error)
+        && applyLastOverrides(error);
+}
+
+bool Host::openStore(QString* error)
+{
+    if (m_options.check)
+        return true;
+    if (!makeStateDirectory(m_options.stateDirectory, error))
+        return false;
+    m_store = std::make_unique<CMStore>();
+    return m_store->open(QDir(m_options.stateDirectory).absoluteFilePath(QStringLiteral("state.db")), error);
+}
+
+bool Host::loadTree(QString* error)
+{
+    m_root = std::make_unique<CMRootWorker>(m_store.get());
+    m_nodes = std::make_unique<CMNodes>(m_root->tree());
+    return CMTreeFile::load(m_options.treeFile, m_nodes.get(), error) && m_overrides.applyFound(m_root->tree(), error);
+}
+
+bool Host::loadModules(QString* error)
+{
+    for (const QString& module : qAsConst(m_options.workers)) {
+        m_creates.push_back(m_loader.load(module, error));
+        if (!m_creates.back())
+            return false;
+    }
+    return true;
+}
+
+bool Host::makeWorkers(QString* error)
+{
+    if (m_options.check)
+        return true;
+    const QVariantHash arguments{ { QStringLiteral("state"), QFileInfo(m_options.stateDirectory).absoluteFilePath() } };
+    for (size_t i = 0; i < m_creates.size(); ++i) {
+        std::unique_ptr<CMNodesWorker> worker(m_creates[i](arguments));
+        if (!worker) {
+            *error = QStringLiteral("module '%1' made no worker").arg(m_options.workers.at(int(i)));
+            return false;
+        }
+        m_workers.push_back(std::move(worker));
+    }
+    return true;
+}
+
+bool Host::applyLastOverrides(QString* error)
+{
+    // A check makes no workers, so that a path that is missing may be one of theirs.
+    if (m_options.check && !m_creates.empty())
+        return true;
+    return m_overrides.applyFound(m_root->tree(), error) && m_overrides.allApplied(error);
+}
+
+Host::ExitStatus Host::run()
+{
+    if (m_options.check)
+        return Success;
+    // Workers that start from queued calls get their turn before they are asked.
+    settle(0);
+    if (!announce())
+        return NoServer;
+    m_notifier->ready();
+    // quit() before exec() would be forgotten.
+    if (!m_isStopRequested)
+        QCoreApplication::exec();
+    m_notifier->stopping();
+    return Success;
+}
+
+bool Host::announce()
+{
+    bool canServe = true;
+    for (const auto& worker : m_workers) {
+        const WorkerStatus status = WorkerStatus::of(worker.get());
+        for (const QString& error : status.errors)
+            dbglog_error(logger(), worker->name() << ": " << error);
+        for (const QString& address : status.addresses)
+            printf("listening on %s\n", qUtf8Printable(address));
+        canServe = canServe && !status.failed();
+    }
+    if (canServe)
+        puts("ready");
+    fflush(stdout);
+    return canServe;
+}
+
+void Host::reload()
+{
+    m_notifier->reloading();
+    QString error;
+    if (!m_log.apply(&error))
+        dbglog_error(logger(), error);
+    for (const auto& worker : m_workers)
+        worker->reload();
+    m_notifier->ready();
+}
+
+void Host::requestStop()
+{
+    m_isStopRequested = true;
+    QCoreApplication::quit();
+}
+
+void Host::stop()
+{
+    for (auto worker = m_workers.rbegin(); worker != m_workers.rend(); ++worker)
+        (*worker)->shutDown();
+    if (!m_workers.empty())
+        settle(lastAnswersQuietMs);
+    while (!m_workers.empty())
+        m_workers.pop_back();
+    m_nodes.reset();
+    m_root.reset();
+    m_store.reset();
+}

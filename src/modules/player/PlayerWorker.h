@@ -1,0 +1,38 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "CMNodesWorker.h"
+#include "Player.h"
+#include "Playlist.h"
+#include "ToneStreams.h"
+
+class CMSetDataRequest;
+
+/// The demo device: a media player under "player:player/…" with volume, play state, a playlist that can be changed, and
+/// an audio stream.
+class PlayerWorker : public CMNodesWorker {
+    Q_OBJECT
+public:
+    explicit PlayerWorker(const QVariantHash& arguments);
+
+    /// False when some path was taken, by the tree file perhaps, and the worker is of no use.
+    bool isComplete() const { return m_player != nullptr; }
+
+private:
+    using Edit = CMError (Playlist::*)(const QVariant&);
+
+    bool makeNodes(); ///< False when a path was taken.
+    bool makeSettings();
+    bool makeControl();
+    bool makeEdit(const QString& name, const QString& title, const QString& description, Edit edit);
+    bool makeAudio();
+    void control(CMSetDataRequest request);
+    void edit(CMSetDataRequest request, Edit edit);
+
+    // Gone before the nodes, which belong to the base class.
+    std::unique_ptr<Playlist> m_playlist;
+    std::unique_ptr<Player> m_player;
+    ToneStreams m_tones;
+};

@@ -1,0 +1,68 @@
+#include "SineWav.h"
+
+#include <QtEndian>
+
+#include <cmath>
+
+namespace {
+
+constexpr quint32 sampleRate = 44100;
+constexpr quint32 bytesPerSample = 2;
+constexpr quint32 durationSeconds = 3600;
+constexpr quint32 dataSize = durationSeconds * sampleRate * bytesPerSample;
+// 441 Hz and not 440: a period is exactly 100 samples and can be repeated.
+constexpr int samplesPerPeriod = 100;
+constexpr double amplitude = 0.25 * 32767;
+
+template <class T> QByteArray littleEndian(T value)
+{
+    QByteArray bytes(sizeof value, Qt::Uninitialized);
+    qToLittleEndian(value, bytes.data());
+    return bytes;
+}
+
+QByteArray makeHeader()
+{
+    const quint16 pcm = 1;
+    const quint16 channels = 1;
+    const QByteArray format = littleEndian(pcm) + littleEndian(channels) + littleEndian(sampleRate)
+        + littleEndian(sampleRate * bytesPerSample) + littleEndian(quint16(bytesPerSample))
+        + littleEndian(quint16(8 * bytesPerSample));
+    const QByteArray chunks = QByteArrayLiteral("WAVEfmt ") + littleEndian(quint32(format.size())) + format
+        + QByteArrayLiteral("data") + littleEndian(dataSize);
+    return QByteArrayLiteral("RIFF") + littleEndian(quint32(chunks.size()) + dataSize) + chunks;
+}
+
+QByteArray makePeriod()
+{
+    QByteArray period;
+    for (int i = 0; i < samplesPerPeriod; ++i)
+        period += littleEndian(qint16(std::lround(amplitude * std::sin(2 * M_PI * i / samplesPerPeriod))));
+    return period;
+}
+
+const QByteArray& header()
+{
+    static const QByteArray bytes = makeHeader();
+    return bytes;
+}
+
+} // namespace
+
+qint64 SineWav::size()
+{
+    return header().size() + qint64(dataSize);
+}
+
+QByteArray SineWav::bytes(qint64 from, int count)
+{
+    static const QByteArray period = makePeriod();
+    const int wanted = int(qMin<qint64>(count, size() - from));
+    QByteArray result = header().mid(int(qMin<qint64>(from, header().size())), wanted);
+    int offset = int((from + result.size() - header().size()) % period.size());
+    while (result.size() < wanted) {
+        result += period.mid(offset, wanted - result.size());
+        offset = 0;
+    }
+    return result;
+}
