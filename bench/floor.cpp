@@ -1,0 +1,139 @@
+// The floor: what the HTTP library alone costs on this event loop, doing what any device must do. A request is paused,
+// answered from a queued event, and sent with Content-Length.
+//
+//     floor --body FILE [--files DIR]      GET and POST /value (any query) answer FILE's bytes as JSON;
+//                                          GET /file/NAME sends DIR/NAME mapped into memory
+//     floor --idle                         an application and a server that does nothing
+//
+// Prints "listening on PORT" (or "idle") when it is ready, and runs until it is stopped.
+
+#include <cstdio>
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QFile>
+#include <libsoup/soup.h>
+#include <sys/socket.h>
+
+namespace {
+
+const int Backlog = 512; ///< The library's 10 loses connections under load, and each costs its client 200 ms.
+
+struct Floor {
+    QByteArray body;
+    QString directory;
+};
+
+/// Runs `answer` from the event loop, as the reply of an asynchronous framework comes.
+template <typename Answer> void answerLater(SoupServer* server, SoupMessage* message, Answer answer)
+{
+    soup_server_pause_message(server, message);
+    g_object_ref(message);
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [server, message, answer] {
+            answer(message);
+            soup_server_unpause_message(server, message);
+            g_object_unref(message);
+        },
+        Qt::QueuedConnection);
+}
+
+void serveValue(SoupServer* server, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void* data)
+{
+    const Floor* floor = static_cast<Floor*>(data);
+    answerLater(server, message, [floor](SoupMessage* reply) {
+        const gsize size = static_cast<gsize>(floor->body.size());
+        soup_message_set_status(reply, SOUP_STATUS_OK);
+        soup_message_set_response(reply, "application/json", SOUP_MEMORY_STATIC, floor->body.constData(), size);
+        soup_message_headers_set_content_length(reply->response_headers, static_cast<goffset>(size));
+    });
+}
+
+void appendFile(SoupMessage* reply, GMappedFile* file)
+{
+    const gsize size = g_mapped_file_get_length(file);
+    soup_message_set_status(reply, SOUP_STATUS_OK);
+    soup_message_headers_set_content_type(reply->response_headers, "application/octet-stream", nullptr);
+    soup_message_headers_set_content_length(reply->response_headers, static_cast<goffset>(size));
+    if (size == 0)
+        return;
+    soup_message_body_set_accumulate(reply->response_body, FALSE);
+    auto* release = reinterpret_cast<GDestroyNotify>(g_mapped_file_unref);
+    SoupBuffer* buffer =
+        soup_buffer_new_with_owner(g_mapped_file_get_contents(file), size, g_mapped_file_ref(file), release);
+    soup_message_body_append_buffer(reply->response_body, buffer);
+    soup_buffer_free(buffer);
+}
+
+void serveFile(SoupServer* server, SoupMessage* message, const char* path, GHashTable*, SoupClientContext*, void* data)
+{
+    const QString name = QString::fromUtf8(path).section(QLatin1Char('/'), 2);
+    const QByteArray fileName = QFile::encodeName(static_cast<Floor*>(data)->directory + QLatin1Char('/') + name);
+    answerLater(server, message, [fileName](SoupMessage* reply) {
+        GMappedFile* file = g_mapped_file_new(fileName.constData(), FALSE, nullptr);
+        if (!file) {
+            soup_message_set_status(reply, SOUP_STATUS_NOT_FOUND);
+            return;
+        }
+        appendFile(reply, file);
+        g_mapped_file_unref(file);
+    });
+}
+
+bool listenOnLoopback(SoupServer* server)
+{
+    GError* error = nullptr;
+    if (!soup_server_listen_local(server, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, &error)) {
+        std::fprintf(stderr, "floor: %s\n", error->message);
+        g_error_free(error);
+        return false;
+    }
+    GSList* listeners = soup_server_get_listeners(server);
+    for (GSList* each = listeners; each; each = each->next)
+        ::listen(g_socket_get_fd(static_cast<GSocket*>(each->data)), Backlog);
+    g_slist_free(listeners);
+    GSList* uris = soup_server_get_uris(server);
+    std::printf("listening on %u\n", soup_uri_get_port(static_cast<SoupURI*>(uris->data)));
+    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(soup_uri_free));
+    return true;
+}
+
+bool readBody(const QString& fileName, QByteArray* body)
+{
+    QFile file(fileName);
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "floor: %s: %s\n", qPrintable(fileName), qPrintable(file.errorString()));
+        return false;
+    }
+    *body = file.readAll();
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication application(argc, argv);
+    QCommandLineParser parser;
+    parser.addOptions({
+        { "body", "What /value answers.", "FILE" },
+        { "files", "What /file/ answers from.", "DIR", "." },
+        { "idle", "No handlers, no listener." },
+    });
+    parser.process(application);
+    SoupServer* server = soup_server_new(nullptr, nullptr);
+    Floor floor{ {}, parser.value("files") };
+    if (parser.isSet("idle")) {
+        std::puts("idle");
+    } else {
+        if (parser.isSet("body") && !readBody(parser.value("body"), &floor.body))
+            return 2;
+        soup_server_add_handler(server, "/value", serveValue, &floor, nullptr);
+        soup_server_add_handler(server, "/file", serveFile, &floor, nullptr);
+        if (!listenOnLoopback(server))
+            return 3;
+    }
+    std::fflush(stdout);
+    return QCoreApplication::exec();
+}
