@@ -13,7 +13,7 @@ public:
 
     static ZarkUrl fromEncoded(const QByteArray& url);
 
-    /// The query as received, percent-encoded, without "?"; null when the URL has none.
+    /// The query, percent-encoded, without "?"; null when the URL has none.
     QByteArray encodedQuery() const;
     void setEncodedQuery(const QByteArray& query);
 

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <atomic>
 #include <ostream>
 #include <sstream>
 #include <string>
@@ -11,13 +12,17 @@
 
 /// A named logger whose threshold is cached, so that a message that is off costs one comparison.
 ///
-/// Create one per library as a function-local static. Loggers live until the process ends; all are refreshed by
-/// configure*(). Any thread may log.
+/// Create one per library as a function-local static. All living loggers are refreshed by configure*().
+/// Before the first configure*() warnings and worse go to standard error. Any thread may log.
 class DbgLogger {
 public:
     explicit DbgLogger(const char* name);
+    ~DbgLogger();
+    DbgLogger(const DbgLogger&) = delete;
+    DbgLogger& operator=(const DbgLogger&) = delete;
 
-    bool isEnabled(log4cplus::LogLevel level) const { return level >= m_threshold; }
+    bool isEnabled(log4cplus::LogLevel level) const { return level >= m_threshold.load(std::memory_order_relaxed); }
+    /// Logs `text` as one line: control characters in it are written as escapes.
     void write(log4cplus::LogLevel level, const std::string& text) const;
 
     /// Sends every logger to standard error at `level` ("trace", "debug", "info", "warn", "error", "fatal", "off"),
@@ -27,17 +32,17 @@ public:
     static bool configureFromFile(const QString& file, QString* error);
 
 private:
-    static void refreshAll();
+    static void refreshAll(); // With the list of loggers locked.
 
     log4cplus::Logger m_logger;
-    log4cplus::LogLevel m_threshold;
+    std::atomic<log4cplus::LogLevel> m_threshold;
 };
 
 /// Logs "Enter " and "Leave " with the function's signature at trace level.
 class DbgScopedFunction {
 public:
-    DbgScopedFunction(const DbgLogger& logger, const char* signature) :
-        m_logger(logger.isEnabled(log4cplus::TRACE_LOG_LEVEL) ? &logger : nullptr), m_signature(signature)
+    DbgScopedFunction(const DbgLogger& logger, const char* signature)
+        : m_logger(logger.isEnabled(log4cplus::TRACE_LOG_LEVEL) ? &logger : nullptr), m_signature(signature)
     {
         if (m_logger)
             m_logger->write(log4cplus::TRACE_LOG_LEVEL, std::string("Enter ") + m_signature);
@@ -55,7 +60,10 @@ private:
     const char* m_signature;
 };
 
-inline std::ostream& operator<<(std::ostream& out, const QString& text) { return out << text.toStdString(); }
+inline std::ostream& operator<<(std::ostream& out, const QString& text)
+{
+    return out << text.toStdString();
+}
 inline std::ostream& operator<<(std::ostream& out, const QByteArray& bytes)
 {
     return out.write(bytes.constData(), bytes.size());

@@ -1,0 +1,249 @@
+#include "ZarkJsonWriter.h"
+
+#include <QDateTime>
+#include <QVarLengthArray>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "TrString.h"
+#include "ZarkRowsRoles.h"
+#include "ZarkValue.h"
+
+namespace {
+
+template <class T> const T& inside(const QVariant& value)
+{
+    return *static_cast<const T*>(value.constData());
+}
+
+/// Collects the UTF-8 form of a text in a small buffer, so that the JSON text grows in few steps.
+class Utf8Buffer {
+public:
+    explicit Utf8Buffer(QByteArray& out) : m_out(out) { }
+    ~Utf8Buffer() { flush(); }
+    Utf8Buffer(const Utf8Buffer&) = delete;
+    Utf8Buffer& operator=(const Utf8Buffer&) = delete;
+
+    void put(char c)
+    {
+        if (m_size == sizeof m_bytes)
+            flush();
+        m_bytes[m_size++] = c;
+    }
+
+    void putEscaped(ushort control)
+    {
+        static const char shortForms[] = "btn\0fr"; // From U+0008 to U+000D; U+000B has none.
+        put('\\');
+        if (control >= 0x08 && control <= 0x0D && control != 0x0B) {
+            put(shortForms[control - 0x08]);
+            return;
+        }
+        for (char c : { 'u', '0', '0', control < 0x10 ? '0' : '1' })
+            put(c);
+        put("0123456789abcdef"[control & 0xF]);
+    }
+
+    void putCodePoint(uint c)
+    {
+        if (c < 0x800) {
+            put(char(0xC0 | c >> 6));
+        } else if (c < 0x10000) {
+            put(char(0xE0 | c >> 12));
+            put(char(0x80 | (c >> 6 & 0x3F)));
+        } else {
+            put(char(0xF0 | c >> 18));
+            put(char(0x80 | (c >> 12 & 0x3F)));
+            put(char(0x80 | (c >> 6 & 0x3F)));
+        }
+        put(char(0x80 | (c & 0x3F)));
+    }
+
+private:
+    void flush()
+    {
+        m_out.append(m_bytes, int(m_size));
+        m_size = 0;
+    }
+
+    QByteArray& m_out;
+    size_t m_size = 0;
+    char m_bytes[256];
+};
+
+/// The code point at `p`, which moves past it; U+FFFD for a lone surrogate, since UTF-8 has no form for it.
+uint nextCodePoint(const QChar*& p, const QChar* end)
+{
+    const QChar c = *p++;
+    if (!c.isSurrogate())
+        return c.unicode();
+    if (c.isHighSurrogate() && p != end && p->isLowSurrogate())
+        return QChar::surrogateToUcs4(c, *p++);
+    return QChar::ReplacementCharacter;
+}
+
+} // namespace
+
+ZarkJsonWriter::ZarkJsonWriter(bool translate) : m_translate(translate)
+{
+    m_json.reserve(256);
+}
+
+void ZarkJsonWriter::write(const QVariant& value)
+{
+    switch (value.userType()) {
+    case QMetaType::UnknownType:
+    case QMetaType::Nullptr:
+        m_json.append("null", 4);
+        break;
+    case QMetaType::Bool:
+        m_json.append(inside<bool>(value) ? "true" : "false");
+        break;
+    case QMetaType::Int:
+        writeInteger(inside<int>(value));
+        break;
+    case QMetaType::UInt:
+        writeInteger(inside<uint>(value));
+        break;
+    case QMetaType::LongLong:
+        writeInteger(inside<qlonglong>(value));
+        break;
+    case QMetaType::ULongLong:
+        writeInteger(inside<qulonglong>(value));
+        break;
+    case QMetaType::Double:
+        writeDouble(inside<double>(value));
+        break;
+    case QMetaType::QString:
+        writeString(inside<QString>(value));
+        break;
+    case QMetaType::QVariantHash:
+        writeHash(inside<QVariantHash>(value));
+        break;
+    case QMetaType::QVariantMap:
+        writeMap(inside<QVariantMap>(value));
+        break;
+    case QMetaType::QVariantList:
+        writeList(inside<QVariantList>(value));
+        break;
+    default:
+        writeOther(value);
+    }
+}
+
+void ZarkJsonWriter::writeOther(const QVariant& value)
+{
+    const int type = value.userType();
+    if (type == qMetaTypeId<ZarkValue>()) {
+        write(inside<ZarkValue>(value).toVariant());
+    } else if (type == qMetaTypeId<TrString>()) {
+        const TrString& text = inside<TrString>(value);
+        writeString(m_translate ? text.toString() : text.source());
+    } else if (type == qMetaTypeId<ZarkRowsRoles>()) {
+        write(inside<ZarkRowsRoles>(value).toVariant());
+    } else if (type == QMetaType::QByteArray) {
+        writeString(QString::fromLatin1(value.toByteArray().toBase64()));
+    } else if (type == QMetaType::QDateTime) {
+        const QDateTime time = value.toDateTime();
+        write(time.isValid() ? QVariant(time.toMSecsSinceEpoch()) : QVariant());
+    } else if (type == QMetaType::Float) {
+        writeDouble(double(inside<float>(value)));
+    } else if (type == QMetaType::QStringList || (type >= QMetaType::User && value.canConvert<QVariantList>())) {
+        writeList(value.toList());
+    } else if (type == QMetaType::Long || type == QMetaType::Short || type == QMetaType::SChar) {
+        writeInteger(value.toLongLong());
+    } else if (type == QMetaType::ULong || type == QMetaType::UShort || type == QMetaType::UChar) {
+        writeInteger(value.toULongLong());
+    } else if (value.canConvert<QString>()) {
+        writeString(value.toString());
+    } else {
+        write(QVariant());
+    }
+}
+
+void ZarkJsonWriter::writeList(const QVariantList& list)
+{
+    m_json.append('[');
+    for (int i = 0; i < list.size(); ++i) {
+        if (i > 0)
+            m_json.append(',');
+        write(list.at(i));
+    }
+    m_json.append(']');
+}
+
+void ZarkJsonWriter::writeHash(const QVariantHash& hash)
+{
+    QVarLengthArray<QVariantHash::const_iterator, 16> members;
+    members.reserve(hash.size());
+    for (auto it = hash.cbegin(); it != hash.cend(); ++it)
+        members.append(it);
+    std::sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.key() < b.key(); });
+    m_json.append('{');
+    for (int i = 0; i < members.size(); ++i) {
+        if (i > 0)
+            m_json.append(',');
+        writeKey(members[i].key());
+        write(members[i].value());
+    }
+    m_json.append('}');
+}
+
+void ZarkJsonWriter::writeMap(const QVariantMap& map)
+{
+    m_json.append('{');
+    for (auto it = map.cbegin(); it != map.cend(); ++it) {
+        if (it != map.cbegin())
+            m_json.append(',');
+        writeKey(it.key());
+        write(it.value());
+    }
+    m_json.append('}');
+}
+
+void ZarkJsonWriter::writeKey(const QString& key)
+{
+    writeString(key);
+    m_json.append(':');
+}
+
+void ZarkJsonWriter::writeString(const QString& text)
+{
+    Utf8Buffer out(m_json);
+    out.put('"');
+    const QChar* p = text.constData();
+    const QChar* const end = p + text.size();
+    while (p != end) {
+        const uint c = nextCodePoint(p, end);
+        if (c < 0x20) {
+            out.putEscaped(ushort(c));
+        } else if (c < 0x80) {
+            if (c == '"' || c == '\\')
+                out.put('\\');
+            out.put(char(c));
+        } else {
+            out.putCodePoint(c);
+        }
+    }
+    out.put('"');
+}
+
+void ZarkJsonWriter::writeDouble(double number)
+{
+    if (!std::isfinite(number)) {
+        m_json.append("null", 4);
+        return;
+    }
+    char digits[32];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    m_json.append(digits, int(end - digits));
+}
+
+template <class T> void ZarkJsonWriter::writeInteger(T number)
+{
+    char digits[24];
+    const char* const end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    m_json.append(digits, int(end - digits));
+}
