@@ -35,10 +35,11 @@ QByteArray unescaped(const QString& text)
     return QByteArray::fromPercentEncoding(text.toLatin1());
 }
 
-/// UTF-8 with U+FEFF kept: fromUtf8() takes one at the start for a byte order mark.
+/// UTF-8 with U+FEFF kept (fromUtf8() takes one at the start for a byte order mark), and NUL.
 QString fromUtf8Exactly(const QByteArray& utf8)
 {
-    return QString::fromUtf8("x" + utf8).mid(1);
+    const QByteArray marked = "x" + utf8;
+    return QString::fromUtf8(marked.constData(), marked.size()).mid(1);
 }
 
 QString decoded(const QString& text)
