@@ -19,6 +19,7 @@ template <class T> struct Answer {
         reply.onFinished(&receiver, [&answer](const T& value, const CMError& error) {
             answer = Answer{ value, error, true };
         });
+        reply = {}; // So that a request that nobody keeps is seen as abandoned.
         (void)QTest::qWaitFor([&answer] { return answer.came; });
         return answer;
     }
