@@ -14,8 +14,6 @@
 #include "CMValueNode.h"
 #include "ZarkJson.h"
 
-Q_DECLARE_METATYPE(ZarkValueType::Enum)
-
 namespace {
 
 CMPath path(const char* text)
