@@ -114,8 +114,8 @@ void CMEventQueue::settleBefore(qint64 received)
         putBack();
     } else if (received != m_answers) {
         m_answers = received;
-        for (auto it = m_paths.begin(); it != m_paths.end(); ++it)
-            touchAll(it.key(), it.value(), m_tree->node(it.key()));
+        for (const ZarkEventSubscribe& subscription : qAsConst(m_subscribtions))
+            touchAll(subscription.path(), m_paths[subscription.path()], m_tree->node(subscription.path()));
     }
     m_held = {};
 }
@@ -127,6 +127,8 @@ void CMEventQueue::putBack()
     const QVector<CMPath> newer = std::exchange(m_touched, {});
     --m_answers;
     for (const auto& [path, changes] : held.changes) {
+        if (changes.isEmpty())
+            continue; // Its row events were unsubscribed meanwhile.
         Subscription& subscription = m_paths[path];
         subscription.changes.roles |= changes.roles;
         CMRowChanges& rows = subscription.changes.rows;

@@ -27,11 +27,14 @@
 /// list.
 /// - Nothing at first: a client subscribes, then reads. Every change after the subscription is told.
 ///
-/// To mirror a list a client subscribes, reads all rows at version R, and from then on takes the events of each answer,
-/// whose version is V: V <= R: nothing new, ignore them. R is the version of its mirror as the answer before this one
-/// left it: apply them in order, then read the rows that were inserted or updated, asking for version V; when that is
-/// outdated, more events wait, and the rows are read after those. Otherwise (a reset, or rows read between two
-/// answers, where the events overlap with what was read): read all rows again.
+/// To mirror a list a client subscribes, reads all rows at some version R, and from then on takes each answer's row
+/// events, whose version is V, by the first of these that applies:
+/// - There is a reset: read all rows again.
+/// - V <= R: the rows were read after these events; ignore them.
+/// - R is the V of the answer before: apply the events in order, then read the rows that were inserted or updated,
+/// asking
+///   for version V. When that is outdated, more events wait; apply those first.
+/// - Otherwise the rows were read between two answers and only some of the events are news: read all rows again.
 ///
 /// **Life of a poll.** poll() hands a request over. It waits until something changes and is answered from the next turn
 /// of the event loop, so that the changes of one turn make one answer; or at its timeout with no events. A second poll
