@@ -26,8 +26,7 @@ public:
     /// to it. CMError::InvalidRange when from < 0, to < from or from is beyond the last row of a list that has rows;
     /// an empty list answers no rows. CMError::OutdatedVersion when `version` is neither 0 nor the list's version.
     virtual void getRows(const CMPath& path, int from, int to, qint64 version, const QStringList& roles,
-        CMReply<ZarkRowsRoles> reply)
-        = 0;
+        CMReply<ZarkRowsRoles> reply) = 0;
     /// Writes a value node's value past its modifiability, as the device itself does.
     virtual void setValue(const CMPath& path, const ZarkValue& value, CMVoidReply reply) = 0;
     /// Writes role `role` of a node as a client does: "value" of a value node, "value" or "activate" of a command node.

@@ -8,8 +8,8 @@
 #include "CMUINode.h"
 
 /// A list of rows. A row is a hash from role name to value; roles that it leaves out are null, its permission is
-/// "default" and its path is the list's with ".row" and the index unless it says otherwise. Rows are either held here or
-/// generated on demand (for lists too long to hold).
+/// "default" and its path is the list's with ".row" and the index unless it says otherwise. Rows are either held here
+/// or generated on demand (for lists too long to hold).
 class CMListNode : public CMUINode {
 public:
     using Row = QVariantHash;
@@ -37,6 +37,8 @@ public:
 
 private:
     CMListNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
+
+    QVariantList rowRoles(int index, const QStringList& roles) const; ///< One value a role, in their order.
 
     QVector<Row> m_rows;
     RowSource m_source;

@@ -4,6 +4,7 @@
 #include <QList>
 #include <QSet>
 #include <QStringList>
+#include <QVector>
 
 #include "CMPath.h"
 #include "ZarkRowEvent.h"
@@ -43,13 +44,23 @@ public:
     void addListener(const CMPath& path, CMNodeListener* listener);
     void removeListener(const CMPath& path, CMNodeListener* listener);
     int listenerCount(const CMPath& path) const;
+    bool isListenedTo(const CMPath& path) const { return m_listeners.contains(path); }
 
     void notifyChanged(CMUINode* node, const QStringList& roles);
     void notifyRows(CMUINode* node, const QList<ZarkRowEvent>& events);
 
 private:
+    /// Calls every listener of the node's path, as long as both the listener and the node are there.
+    template <class Call> void notify(CMUINode* node, Call call);
+    void notifyVanished(const CMPath& path);
+    bool takeImpliedPlace(CMUINode* implied, CMUINode* node);
+    CMUINode* container(const CMPath& path); ///< The node at `path`, made if there is none.
+    /// Puts an implied container where a node with children was.
+    void adoptOrphans(const CMPath& path, CMUINode* parent, int index, const QVector<CMUINode*>& orphans);
+
     CMStore* m_store;
     QHash<CMPath, CMUINode*> m_nodes;
     QMultiHash<CMPath, CMNodeListener*> m_listeners;
     QSet<CMUINode*> m_implied;
+    quint64 m_removals = 0; ///< Grows when a node or a listener goes.
 };

@@ -42,6 +42,9 @@ private:
     bool m_valid = false;
 };
 
-inline uint qHash(const CMPath& path, uint seed = 0) { return qHash(path.toEncoded(), seed); }
+inline uint qHash(const CMPath& path, uint seed = 0)
+{
+    return qHash(path.toEncoded(), seed);
+}
 
 Q_DECLARE_METATYPE(CMPath)

@@ -3,9 +3,9 @@
 #include <QMetaObject>
 #include <QObject>
 #include <QPointer>
-#include <QSharedPointer>
 
 #include <functional>
+#include <memory>
 #include <utility>
 
 #include "CMError.h"
@@ -20,7 +20,7 @@ template <class T> class CMReply {
 public:
     using Callback = std::function<void(const T& value, const CMError& error)>;
 
-    CMReply() : m_state(QSharedPointer<State>::create()) { }
+    CMReply() : m_state(std::make_shared<State>()) { }
 
     void onFinished(QObject* receiver, Callback callback)
     {
@@ -49,7 +49,7 @@ private:
     struct State {
         QPointer<QObject> receiver;
         Callback callback;
-        T value {};
+        T value{};
         CMError error;
         bool finished = false;
 
@@ -79,7 +79,7 @@ private:
         }
     };
 
-    QSharedPointer<State> m_state;
+    std::shared_ptr<State> m_state;
 };
 
 /// The answer to a request that returns nothing.

@@ -8,8 +8,8 @@
 /// One invocation of a command node: its argument, and the reply that ends it. Copies share the reply.
 class CMSetDataRequest {
 public:
-    CMSetDataRequest(const QVariant& json, const ZarkValue& value, CMReply<QVariant> reply) :
-        m_json(json), m_value(value), m_reply(reply)
+    CMSetDataRequest(const QVariant& json, const ZarkValue& value, CMReply<QVariant> reply)
+        : m_json(json), m_value(value), m_reply(reply)
     {
     }
 

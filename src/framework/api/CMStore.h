@@ -5,6 +5,7 @@
 #include <QString>
 #include <QThread>
 
+#include <deque>
 #include <memory>
 
 #include "CMPath.h"
@@ -35,8 +36,17 @@ public:
 
 private:
     class Writer;
+    /// A write whose result is not known yet.
+    struct Pending {
+        CMPath path;
+        ZarkValue value;
+        CMVoidReply reply;
+    };
+
+    void deliver(); ///< Answers the writes whose results have come.
 
     QHash<CMPath, ZarkValue> m_values;
+    std::deque<Pending> m_pending; ///< In the order in which the writer answers.
     QThread m_thread;
-    Writer* m_writer = nullptr;
+    std::unique_ptr<Writer> m_writer;
 };

@@ -20,8 +20,8 @@ public:
     QString nodeType() const override;
 
 private:
-    CMStreamNode(CMNodeTree* tree, const CMPath& path, const QString& mimeType) :
-        CMUINode(tree, path), m_mimeType(mimeType)
+    CMStreamNode(CMNodeTree* tree, const CMPath& path, const QString& mimeType)
+        : CMUINode(tree, path), m_mimeType(mimeType)
     {
     }
 

@@ -10,6 +10,7 @@
 #include "CMReply.h"
 #include "TrString.h"
 #include "ZarkPermission.h"
+#include "ZarkRowEvent.h"
 #include "ZarkRowsRoles.h"
 #include "ZarkValue.h"
 
@@ -74,6 +75,10 @@ protected:
     void bumpRows(const QList<ZarkRowEvent>& events); ///< New rows version, timestamp, listeners.
     /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
     bool ownRoles(const QStringList& roles, QVariantHash* values) const;
+    /// Checks a getRows() request against a list of `count` rows, cuts `to` to the last row and fills everything of the
+    /// answer but the rows. The error says what is wrong with the request.
+    CMError beginRows(
+        int count, int from, qint64 version, const QStringList& roles, int* to, ZarkRowsRoles* answer) const;
 
 private:
     friend class CMNodeTree;

@@ -23,8 +23,10 @@ Q_SIGNALS:
 private:
     void nodeChanged(CMUINode* node, const QStringList& roles) override;
     void nodeAppeared(CMUINode* node) override;
+    void refreshLater(); ///< Several changes in a row are told as one.
     void refresh();
 
     CMPath m_path;
     ZarkValue m_value;
+    bool m_waiting = false; ///< A refresh() is queued.
 };

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <functional>
+#include <memory>
+
 #include "CMUINode.h"
 
 /// A node that holds one value of a fixed type, within the bounds of edit(). A persistent one takes its value from the
@@ -32,10 +35,17 @@ private:
     CMValueNode(CMNodeTree* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence);
 
     CMError check(const ZarkValue& value) const; ///< Type, range, step, options, validator.
-    void apply(const ZarkValue& value);
+    void apply(const ZarkValue& value); ///< Into memory, and tells the listeners.
+    /// Applies a written value, runs the change hook, and returns what the node holds then.
+    ZarkValue accept(const ZarkValue& value);
+
+    /// How a write ended, and what the node holds then.
+    using Written = std::function<void(const CMError& error, const ZarkValue& held)>;
+    void write(const ZarkValue& value, const Written& written);
 
     ZarkValue m_value;
     Persistence m_persistence;
     std::function<CMError(const ZarkValue&)> m_validator;
     std::function<void(const ZarkValue&)> m_changeHook;
+    std::shared_ptr<bool> m_alive; ///< Made with the first write that waits for the store.
 };

@@ -6,8 +6,8 @@
 #include "ZarkList.h"
 #include "ZarkRowEvent.h"
 
-/// What a client wants to hear of. JSON: {"path": "player:player/volume", "type": "item"}; type "item" (the roles of the
-/// node, the default) or "rows" (its row events too).
+/// What a client wants to hear of. JSON: {"path": "player:player/volume", "type": "item"}; type "item" (the roles of
+/// the node, the default) or "rows" (its row events too).
 class ZarkEventSubscribe {
 public:
     ZarkEventSubscribe() = default;
@@ -23,7 +23,7 @@ public:
 
 private:
     CMPath m_path;
-    QString m_type;
+    QString m_type = QStringLiteral("item");
 };
 
 /// What happened to one node since the last poll. JSON: {"path": "...", "roles": {"value": {...}}} and, for a "rows"

@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
-#include <limits>
 
 #include "ZarkJson.h"
 
@@ -37,6 +36,28 @@ QVariant integerValue(const char* begin, const char* end)
     if (*begin != '-' && std::from_chars(begin, end, positive).ec == std::errc())
         return positive;
     return {};
+}
+
+/// Appends UTF-8 that is known to be valid. QString::fromUtf8() would swallow a U+FEFF at the beginning.
+void appendUtf8(const char* p, const char* end, QString& out)
+{
+    const int oldSize = out.size();
+    out.resize(oldSize + int(end - p)); // UTF-16 never has more units than UTF-8 has bytes.
+    QChar* unit = out.data() + oldSize;
+    while (p != end) {
+        const uint lead = uchar(*p++);
+        const int more = lead < 0x80 ? 0 : lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
+        uint c = more == 0 ? lead : lead & (0x3Fu >> more);
+        for (int i = 0; i < more; ++i)
+            c = c << 6 | (uchar(*p++) & 0x3F);
+        if (QChar::requiresSurrogates(c)) {
+            *unit++ = QChar(QChar::highSurrogate(c));
+            *unit++ = QChar(QChar::lowSurrogate(c));
+        } else {
+            *unit++ = QChar(c);
+        }
+    }
+    out.truncate(int(unit - out.constData()));
 }
 
 } // namespace
@@ -248,6 +269,7 @@ bool ZarkJsonParser::setDouble(const char* begin, QVariant& out)
         number = QByteArray::fromRawData(begin, int(m_pos - begin)).toDouble();
         if (std::isinf(number))
             return failAt(begin, "number out of range");
+        number = std::copysign(number, *begin == '-' ? -1.0 : 1.0);
     }
     out = number;
     return true;
@@ -292,8 +314,10 @@ bool ZarkJsonParser::parseString(QString& out)
         return false;
     if (*m_pos == '\\')
         return parseEscapes(begin, out);
-    const int size = int(m_pos - begin);
-    out = isAscii ? QString::fromLatin1(begin, size) : QString::fromUtf8(begin, size);
+    if (isAscii)
+        out = QString::fromLatin1(begin, int(m_pos - begin));
+    else
+        appendUtf8(begin, m_pos, out);
     ++m_pos;
     return true;
 }
@@ -302,7 +326,7 @@ bool ZarkJsonParser::parseEscapes(const char* begin, QString& out)
 {
     bool isAscii = true;
     for (;;) {
-        out += QString::fromUtf8(begin, int(m_pos - begin));
+        appendUtf8(begin, m_pos, out);
         if (*m_pos++ == '"')
             return true;
         if (!parseEscape(out))

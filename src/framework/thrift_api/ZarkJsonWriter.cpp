@@ -137,7 +137,7 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
 {
     const int type = value.userType();
     if (type == qMetaTypeId<ZarkValue>()) {
-        write(inside<ZarkValue>(value).toVariant());
+        writeValue(inside<ZarkValue>(value));
     } else if (type == qMetaTypeId<TrString>()) {
         const TrString& text = inside<TrString>(value);
         writeString(m_translate ? text.toString() : text.source());
@@ -161,6 +161,20 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
     } else {
         write(QVariant());
     }
+}
+
+/// As write(value.toVariant()), without making the hash: nearly every reply of the server carries one.
+void ZarkJsonWriter::writeValue(const ZarkValue& value)
+{
+    if (!value.isValid()) {
+        m_json.append("null", 4);
+        return;
+    }
+    m_json.append("{\"type\":\"");
+    m_json.append(ZarkValueType::toString(value.type()).toLatin1());
+    m_json.append("\",\"value\":");
+    write(value.plain());
+    m_json.append('}');
 }
 
 void ZarkJsonWriter::writeList(const QVariantList& list)

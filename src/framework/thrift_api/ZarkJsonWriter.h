@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QVariant>
 
+class ZarkValue;
+
 /// Appends values to one JSON text; the inside of ZarkJson::serialize(). Use once.
 class ZarkJsonWriter {
 public:
@@ -14,6 +16,7 @@ public:
 
 private:
     void writeOther(const QVariant& value);
+    void writeValue(const ZarkValue& value);
     void writeList(const QVariantList& list);
     void writeHash(const QVariantHash& hash);
     void writeMap(const QVariantMap& map);

@@ -53,7 +53,9 @@ public:
 
     /// Reads JSON as a value of `type`: either {"type": ..., "value": ...} of exactly that type, or the plain value
     /// inside (42 for an i32). Nothing is converted that would lose or invent something: "42" is no i32, 4.5 and
-    /// 2147483648 are none either; 42 is a double. On failure invalid, with a sentence in `error` (may be null).
+    /// 2147483648 are none either; 42 is a double. The structured types also take "writes" or 1 (authentication mode)
+    /// and a bare list (users); keys that they do not have are refused, except "@line", which is dropped.
+    /// On failure invalid, with a sentence for the client in `error` (may be null).
     static ZarkValue fromJson(const QVariant& json, ZarkValueType::Enum type, QString* error);
     /// Reads a command line's or a setting's text as a value of `type` ("true", "42", "writes", JSON for the rest).
     static ZarkValue fromText(const QString& text, ZarkValueType::Enum type, QString* error);

@@ -71,6 +71,7 @@ void initializeOnce()
 {
     static const bool done = [] {
         log4cplus::initialize();
+        log4cplus::setThreadPoolSize(1); // For asynchronous appenders only; the least that the library takes.
         logToStandardError(log4cplus::WARN_LOG_LEVEL, false);
         return true;
     }();

@@ -1,0 +1,7 @@
+#include "ApiLogger.h"
+
+const DbgLogger& apiLogger()
+{
+    static const DbgLogger logger("zark.api");
+    return logger;
+}

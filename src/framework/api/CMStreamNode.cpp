@@ -1,0 +1,14 @@
+#include "CMStreamNode.h"
+
+#include "CMNodes.h"
+
+CMStreamNode* CMStreamNode::create(CMNodes* nodes, const CMPath& path, const QString& mimeType)
+{
+    auto* const node = new CMStreamNode(nodes->tree(), path, mimeType);
+    return enter(nodes, node) ? node : nullptr;
+}
+
+QString CMStreamNode::nodeType() const
+{
+    return QStringLiteral("stream");
+}
