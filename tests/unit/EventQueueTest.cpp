@@ -184,13 +184,15 @@ private Q_SLOTS:
                                                        << "volume: value=1|";
         QTest::newRow("missing though confirmed") << "v1 count confirm v2 miss"
                                                   << "volume: value=1|volume: value=2";
+        QTest::newRow("counted, and no more") << "v1 count confirm poll"
+                                              << "volume: value=1|";
+        QTest::newRow("counted, and never settled") << "v1 count poll"
+                                                    << "volume: value=1|volume: value=1";
         QTest::newRow("missing twice") << "v1 count miss miss count"
                                        << "volume: value=1|volume: value=1|volume: value=1|";
-        QTest::newRow("an unknown count")
-            << "v1 +late count wild count"
-            << "volume: value=1, values: i1, late: all "
-               "type=value value=7|list: all type=list value= *, late: all type=value value=7, "
-               "volume: all type=value value=1, values: all type=container value= *|";
+        QTest::newRow("an unknown count") << "v1 count wild count"
+                                          << "volume: value=1|volume: all type=value value=1, late: all type= value=, "
+                                             "list: all type=list value= *, values: all type=container value= *|";
     }
     void tellsWhatChanged()
     {
