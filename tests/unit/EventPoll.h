@@ -5,6 +5,8 @@
 #include <memory>
 
 #include "CMEventQueue.h"
+#include "CMRoot.h"
+#include "CMUINode.h"
 
 /// What became of one poll, from the client's side.
 struct Answer {
@@ -22,6 +24,11 @@ public:
         m_answer->done = true;
         ++m_answer->calls;
         m_answer->events = events;
+    }
+    bool mayRead(const CMPath& path) const override
+    {
+        const CMUINode* node = CMRoot()->tree()->node(path);
+        return !node || node->permission() != ZarkPermission::Internal;
     }
     bool settles() const override { return m_settles; }
 

@@ -75,7 +75,7 @@ private:
     }
 
     /// A change as the table writes it: "v3" sets the volume, "ta" its title, "i0" to "m0>2" change the list's rows,
-    /// "+late", "-late", "+list" and "-list" make and destroy nodes.
+    /// "+late", "-late", "+list" and "-list" make and destroy nodes, "hide" and "show" change the volume's permission.
     void change(const QString& word)
     {
         const QString argument = word.mid(1);
@@ -86,6 +86,8 @@ private:
             m_list = CMListNode::create(m_nodes.get(), ListPath);
         else if (word.startsWith(QLatin1Char('-')))
             m_nodes->destroy(m_root->tree()->node(word == QLatin1String("-late") ? LatePath : ListPath));
+        else if (word == QLatin1String("hide") || word == QLatin1String("show"))
+            m_volume->setPermission(word == QLatin1String("hide") ? ZarkPermission::Internal : ZarkPermission::Default);
         else if (word.startsWith(QLatin1Char('v')))
             QVERIFY(m_volume->setMeasured(ZarkValue::fromI32(index)));
         else if (word.startsWith(QLatin1Char('t')))
@@ -142,6 +144,9 @@ private Q_SLOTS:
         QTest::newRow("a list is another one") << "i0 -list +list i0 poll"
                                                << "list: all type=list value= *";
 
+        QTest::newRow("what may not be read waits") << "hide v1 i0 poll v2 poll show poll"
+                                                    << "list: i0||volume: value=2";
+
         QTest::newRow("rows in order") << "i3 r1 m2>4 u3 poll"
                                        << "list: i3 r1 m2>4 u3";
         QTest::newRow("rows updated often") << "u1 u2 u1 u2 poll u1 poll"
@@ -178,6 +183,8 @@ private Q_SLOTS:
 
         QTest::newRow("counted") << "v1 count count"
                                  << "volume: value=1|";
+        QTest::newRow("counted, with nothing to be read") << "hide v1 count count i0 count"
+                                                          << "||list: i0";
         QTest::newRow("counted as missing") << "v1 count miss"
                                             << "volume: value=1|volume: value=1";
         QTest::newRow("counted though it seemed lost") << "v1 count lose count"
@@ -248,6 +255,7 @@ private Q_SLOTS:
         QCOMPARE(abandoned.answer.use_count(), 1L); // The request is gone.
         QCOMPARE(textOf(poll(queue, 300).answer->events), QStringLiteral("volume: value=3"));
 
+        m_volume->setPermission(ZarkPermission::Internal);
         QElapsedTimer timer;
         timer.start();
         const Poll timed = poll(queue, 1);
