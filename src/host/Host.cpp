@@ -174,7 +174,9 @@ void Host::reload()
 {
     m_notifier->reloading();
     QString error;
-    if (!m_log.apply(&error))
+    if (m_log.apply(&error))
+        dbglog_info(logger(), "read the log configuration again");
+    else
         dbglog_error(logger(), error);
     for (const auto& worker : m_workers)
         worker->reload();
