@@ -1,5 +1,7 @@
 #include "ByteRange.h"
 
+#include <QList>
+
 #include <algorithm>
 
 namespace {
@@ -10,6 +12,15 @@ constexpr int MaximumRanges = 32; ///< Merging them costs the library the square
 bool isDigit(char c)
 {
     return c >= '0' && c <= '9';
+}
+
+// The library also takes "5" for "5-" and "+5" for "5", which mean nothing (RFC 9110, section 14.1.1).
+bool isWellFormed(const QByteArray& field)
+{
+    const QList<QByteArray> ranges = field.mid(field.indexOf('=') + 1).split(',');
+    return !field.contains('+') && std::all_of(ranges.begin(), ranges.end(), [](const QByteArray& range) {
+        return range.trimmed().isEmpty() || range.contains('-');
+    });
 }
 
 QByteArray bounded(const QByteArray& digits)
@@ -84,6 +95,8 @@ RangeRequest readRange(SoupMessageHeaders* requestHeaders, qint64 length)
     request.count = field.count(',') + 1;
     if (request.count > MaximumRanges)
         return request;
+    if (!isWellFormed(field))
+        return {};
     const QByteArray boundedField = withBoundedNumbers(field);
     if (boundedField != field)
         soup_message_headers_replace(requestHeaders, "Range", boundedField.constData());
