@@ -37,7 +37,9 @@ qint64 residentKilobytes(qint64 pid)
 
 int openDescriptors(qint64 pid)
 {
-    return QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
+    return QDir(QStringLiteral("/proc/%1/fd").arg(pid))
+        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+        .size();
 }
 
 } // namespace
@@ -48,7 +50,7 @@ class GuardTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        m_device = std::make_unique<Device>(QStringList { "settings:webserver/limits/headerSeconds=1",
+        m_device = std::make_unique<Device>(QStringList{ "settings:webserver/limits/headerSeconds=1",
             "settings:webserver/limits/bodySeconds=2", "settings:webserver/limits/idleSeconds=2",
             "settings:webserver/limits/connections=60", "settings:webserver/limits/bodyBytes=4096" });
         QVERIFY(m_device->isRunning());
@@ -68,12 +70,13 @@ private Q_SLOTS:
         QTest::newRow("well-formed") << get + "Host: x\r\n\r\n" << 200 << false;
         QTest::newRow("absolute form") << "GET http://x" + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 200 << false;
         QTest::newRow("HTTP/1.0 without Host, with a query") << "GET " + Counter + " HTTP/1.0\r\n\r\n" << 200 << true;
-        QTest::newRow("a range on what is no file") << get + "Host: x\r\nRange: bytes=0-9999999\r\n\r\n" << 200 << false;
+        QTest::newRow("a range on what is no file") << get + "Host: x\r\nRange: bytes=0-9999999\r\n\r\n"
+                                                    << 200 << false;
         QTest::newRow("CONNECT with a broken authority") << QByteArray("CONNECT [ HTTP/1.1\r\n\r\n") << 400 << true;
         QTest::newRow("CONNECT with a broken port") << QByteArray("CONNECT h:x HTTP/1.1\r\n\r\n") << 400 << true;
         QTest::newRow("CONNECT") << QByteArray("CONNECT h:80 HTTP/1.1\r\nHost: h\r\n\r\n") << 400 << true;
         QTest::newRow("two Host") << get + "Host: x\r\nHost: y\r\n\r\n" << 400 << true;
-        QTest::newRow("no Host") << get + "\r\n" << 400 << false;
+        QTest::newRow("no Host") << get + "\r\n" << 400 << true;
         QTest::newRow("Host with a query") << get + "Host: evil?x=\r\n\r\n" << 400 << true;
         QTest::newRow("Host with a fragment") << get + "Host: evil#\r\n\r\n" << 400 << true;
         QTest::newRow("Host with a user") << get + "Host: user:pw@evil\r\n\r\n" << 400 << true;
@@ -89,11 +92,12 @@ private Q_SLOTS:
         QTest::newRow("unknown coding") << post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" << 400 << true;
         QTest::newRow("chunks") << post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n" << 400 << true;
         QTest::newRow("body over the limit, not sent") << post + "Content-Length: 4097\r\n\r\n" << 413 << true;
-        QTest::newRow("body over the limit, announced") << post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n"
-                                                        << 413 << true;
+        QTest::newRow("body over the limit, announced")
+            << post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n"
+            << 413 << true;
         QTest::newRow("chunks over the limit")
-            << post + "Transfer-Encoding: chunked\r\n\r\n2000\r\n" + QByteArray(8192, ' ') + "\r\n0\r\n\r\n" << 413
-            << true;
+            << post + "Transfer-Encoding: chunked\r\n\r\n2000\r\n" + QByteArray(8192, ' ') + "\r\n0\r\n\r\n"
+            << 413 << true;
         QTest::newRow("chunks without end over the limit")
             << post + "Transfer-Encoding: chunked\r\n\r\n20000\r\n" + QByteArray(131072, ' ') << 0 << true;
         QTest::newRow("100 fields") << get + "Host: x\r\n" + fieldLines(99) + "\r\n" << 200 << false;
@@ -101,7 +105,7 @@ private Q_SLOTS:
         QTest::newRow("fields without end") << get + "Host: x\r\nX: " + QByteArray(200000, 'x') << 0 << true;
         QTest::newRow("no method") << QByteArray(" / HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << true;
         QTest::newRow("long method") << QByteArray(300, 'M') + " / HTTP/1.1\r\nHost: x\r\n\r\n" << 400 << true;
-        QTest::newRow("HTTP/3.0") << QByteArray("GET / HTTP/3.0\r\nHost: x\r\n\r\n") << 505 << false;
+        QTest::newRow("HTTP/3.0") << QByteArray("GET / HTTP/3.0\r\nHost: x\r\n\r\n") << 505 << true;
         QTest::newRow("foreign scheme") << QByteArray("GET ftp://x/ HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << false;
         QTest::newRow("OPTIONS *") << QByteArray("OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n") << 404 << false;
         QTest::newRow("HEAD on the API") << "HEAD " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 405 << false;
@@ -125,8 +129,8 @@ private Q_SLOTS:
     void nothingAfterChunksIsTakenForARequest()
     {
         HttpConnection connection(m_device->port());
-        connection.send("POST /api/getData HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nGET " + Counter
-            + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        connection.send("POST /api/getData HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nGET "
+            + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
         QVERIFY(connection.readReply().status >= 400);
         QCOMPARE(connection.readReply(1000).status, 0);
     }
@@ -164,7 +168,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("atMostMs");
         QTest::newRow("says nothing") << QByteArray() << 900 << 1800;
         QTest::newRow("half a head") << QByteArray("GET / HTTP/1.1\r\nHo") << 900 << 1800;
-        QTest::newRow("half a body") << QByteArray("POST /api/getData HTTP/1.1\r\nHost: x\r\nContent-Length: 90\r\n\r\n{")
+        QTest::newRow("half a body") << QByteArray(
+            "POST /api/getData HTTP/1.1\r\nHost: x\r\nContent-Length: 90\r\n\r\n{")
                                      << 1900 << 2800;
         QTest::newRow("idle after an answer") << "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 1900 << 2800;
     }
@@ -199,9 +204,10 @@ private Q_SLOTS:
 
     void clientsThatLeaveAtAnyStageLeaveNothingBehind()
     {
-        const QByteArray request = "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
-                                   "Content-Length: 75\r\n\r\n"
-                                   R"({"path":"demo:volatile/counter","role":"value","value":{"type":"i32","value":5}})";
+        const QByteArray request =
+            "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+            "Content-Length: 75\r\n\r\n"
+            R"({"path":"demo:volatile/counter","role":"value","value":{"type":"i32","value":5}})";
         const int before = openDescriptors(m_device->pid());
         qint64 resident = 0;
         for (int round = 0; round < 20; ++round) {
@@ -214,7 +220,7 @@ private Q_SLOTS:
             if (round == 4)
                 resident = residentKilobytes(m_device->pid());
         }
-        QTRY_COMPARE_WITH_TIMEOUT(openDescriptors(m_device->pid()), before, 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(m_device->pid()) <= before, 5000);
         QVERIFY(residentKilobytes(m_device->pid()) - resident < 4096);
     }
 
@@ -232,7 +238,7 @@ private Q_SLOTS:
     void aListenerSurvivesRunningOutOfDescriptors()
     {
         Device device({ "settings:webserver/limits/connections=2000" });
-        const rlimit few { rlim_t(openDescriptors(device.pid()) + 10), 4096 };
+        const rlimit few{ rlim_t(openDescriptors(device.pid()) + 10), 4096 };
         QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_NOFILE, &few, nullptr), 0);
         std::vector<std::unique_ptr<HttpConnection>> connections;
         for (int i = 0; i < 30; ++i)
