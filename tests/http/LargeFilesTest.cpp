@@ -148,7 +148,8 @@ void LargeFilesTest::filesThatChangeCutTheirReaders()
         const Received received = readBody(*connection, 2 * size);
         QCOMPARE(received.bytes == size, complete);
         QVERIFY(received.onlyFilling);
-        QVERIFY(complete || newSize == 0 || received.bytes >= newSize);
+        // Less the packet that was being filled.
+        QVERIFY2(complete || received.bytes >= newSize - MiB, QByteArray::number(received.bytes));
     }
     const HttpReply after = m_device->request("HEAD", "/changing");
     QCOMPARE(after.status, newSize == -1 ? 404 : 200);
