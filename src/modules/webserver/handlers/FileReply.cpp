@@ -105,13 +105,8 @@ FileReply::Outcome FileReply::serveMapping(const QDateTime& lastModified, const 
         return serveMapped(*entry, mapping);
     if (mapping->length() > ReadAtOnceBytes)
         return serveLater(lastModified, mapping);
-    const ETagCacheEntry entry{ mapping->length(), lastModified,
-        StaticHandler::calculateETag(m_file, mapping->data(), mapping->length()),
-        StaticHandler::getMimeType(m_file, mapping->data(), mapping->length()) };
-    if (mapping->isDamaged())
-        return serveChanged();
-    ETagCache::instance().insert(path, entry);
-    return serveMapped(entry, mapping);
+    const ETagCacheEntry entry = StaticHandler::getCacheEntry(m_file, lastModified, mapping->file());
+    return mapping->isDamaged() ? serveChanged() : serveMapped(entry, mapping);
 }
 
 FileReply::Outcome FileReply::serveLater(const QDateTime& lastModified, const Mapping& mapping)
