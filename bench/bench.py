@@ -21,6 +21,7 @@ from typing import Optional
 
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
 from servers import PASSWORD, USER, Device, Floor, IdleFloor
+from static_files import file_row
 
 SECONDS = 3
 
@@ -125,6 +126,11 @@ def get_rows(bench, name):
     return against_floor(bench, name, Exchange(GET_ROWS), None)
 
 
+def static_file(size, target, **options):
+    row = file_row(size, target, **options)
+    return lambda bench, name: row(bench, name, SECONDS, at_least)
+
+
 def latency_p99(bench, name):
     ours, floor = latencies(bench)
     note = f"the floor: {floor.p99 / floor.p50:.2f}"
@@ -169,6 +175,10 @@ ROWS = [
     ("setData volatile", set_data_volatile),
     ("setData persistent", set_data_persistent),
     ("getRows 100 rows", get_rows),
+    ("static 1 KiB", static_file(1024, 0.85)),
+    ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
+    ("static 64 KiB", static_file(64 * 1024, 0.95)),
+    ("static 10 MiB", static_file(10 * 1024 * 1024, 1.00, connections=8)),
     ("latency p99 / median", latency_p99),
     ("latency max / 200 ms step", latency_max),
 ]
