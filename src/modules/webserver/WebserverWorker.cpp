@@ -15,6 +15,7 @@
 #include "handlers/NotFoundHandler.h"
 #include "handlers/ResponderHandler.h"
 #include "responders/ApiResponder.h"
+#include "responders/EventResponder.h"
 #include "responders/EventResponderShared.h"
 #include "responders/ResponderConfiguration.h"
 #include "responders/ResponderFactory.h"
@@ -137,6 +138,10 @@ void WebserverWorker::registerHandlers(Server* server)
     server->addHandler(QStringLiteral("/api/"),
         new ResponderHandler(
             keep(makeDefaultResponderFactory<ApiResponder>(m_userDatabase, m_configuration)), root, nullptr));
+    server->addHandler(QStringLiteral("/api/event/"),
+        new ResponderHandler(
+            keep(makeDefaultResponderFactory<EventResponder>(m_eventShared, m_userDatabase, m_configuration)), root,
+            nullptr));
 }
 
 ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)
