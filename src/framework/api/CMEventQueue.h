@@ -69,6 +69,8 @@ public:
     /// Returns the token for confirm() and restore(), never 0.
     quint64 poll(CMEventQueueRequest* request, int timeout, qint64 received = NotCounted);
 
+    /// Whether the answer to that poll told something and has not been settled.
+    bool isHeld(quint64 token) const;
     /// The answer to that poll arrived. No effect for a token that is settled already or whose answer had no events.
     void confirm(quint64 token);
     /// The answer to that poll did not arrive; the next poll gets its changes. For a poll that still waits: its client
@@ -128,7 +130,6 @@ private:
     ZarkList<ZarkEvent> takeEvents();
     ZarkEvent event(const CMPath& path, const Changes& changes) const;
 
-    bool isHeld(quint64 token) const;
     void settleBefore(qint64 received);
     void putBack();
 
