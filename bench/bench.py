@@ -20,10 +20,12 @@ from pathlib import Path
 from typing import Optional
 
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
+from polls import WaitingPolls, events_in
 from servers import PASSWORD, USER, Device, Floor, IdleFloor
 from static_files import file_row
 
 SECONDS = 3
+POLLS = 1000
 
 GET_VALUE = "/api/getData?path=player:player/volume&roles=title,value"
 GET_ROWS = "/api/getRows?path=demo:lists/large&roles=title,value&from=0&to=99"
@@ -162,6 +164,45 @@ def start_to_first_answer(bench, name):
     return at_most(name, ours, 150.0, "ms", ours / 150.0, 1.0, f"the first start, on no state: {first:.0f} ms")
 
 
+def polls_latency(bench, name):
+    """From one write to the answers of all polls that wait for it; the middle of several rounds."""
+    with fresh_device(bench) as device, WaitingPolls(device, POLLS) as polls:
+        rounds = [polls.round_trip() for _ in range(7)]
+    p50, p99 = (statistics.median(times[len(times) * part // 100] for times in rounds) for part in (50, 99))
+    return at_most(name, p99, 50.0, "ms", p99 / 50.0, 1.0, f"p50: {p50:.1f} ms")
+
+
+def polls_memory(bench, name):
+    """Queue and connection included; what the device keeps after its first clients is not."""
+    with fresh_device(bench) as device:
+        with WaitingPolls(device, 20) as polls:
+            polls.round_trip()
+            before = device.resident_kib()
+            with WaitingPolls(device, POLLS - 20):
+                ours = (device.resident_kib() - before) / (POLLS - 20)
+    return at_most(name, ours, 24.0, "KiB", ours / 24.0, 1.0)
+
+
+def polls_idle(bench, name):
+    seconds = 10
+    with fresh_device(bench) as device, WaitingPolls(device, POLLS):
+        time.sleep(1)
+        before = device.cpu_seconds()
+        time.sleep(seconds)
+        with_polls = (device.cpu_seconds() - before) / seconds * 100
+    return at_most(name, with_polls, 1.0, "% of a core", with_polls, 1.0)
+
+
+def events_rate(bench, name):
+    """Write, answer, poll again: one event a time, as nothing coalesces."""
+    with fresh_device(bench) as device:
+        before = device.cpu_seconds()
+        count = events_in(device, SECONDS)
+        cost = (device.cpu_seconds() - before) / count * 1e6
+    rate = count / SECONDS
+    return at_least(name, rate, rate, "events/s", 1.0, None, f"{cost:.0f} us CPU for write, poll and answer")
+
+
 def fresh_device(bench):
     """A newly started device, whose state the rows that start one share."""
     return Device(bench.build, bench.scratch / "fresh")
@@ -181,6 +222,10 @@ ROWS = [
     ("static 10 MiB", static_file(10 * 1024 * 1024, 1.00, connections=8)),
     ("latency p99 / median", latency_p99),
     ("latency max / 200 ms step", latency_max),
+    ("1,000 polls, one change, p99", polls_latency),
+    ("memory a waiting poll", polls_memory),
+    ("1,000 waiting polls, idle", polls_idle),
+    ("events through one queue", events_rate),
 ]
 
 

@@ -241,7 +241,7 @@ private Q_SLOTS:
         QJsonObject page = m_device->get(target + "&from=0&to=99").json().object();
         const int count = page.value("rowsCount").toInt();
         QVERIFY(count >= 500);
-        const QByteArray version = "&version=" + QByteArray::number(page.value("rowsVersion").toInt());
+        const QByteArray version = "&version=" + QByteArray::number(qint64(page.value("rowsVersion").toDouble()));
         QStringList titles;
         for (int from = 0; from < count; from += 100) {
             page = m_device

@@ -33,17 +33,15 @@ public:
 
     void receive(const ZarkEvent& event, const CMListNode* list)
     {
-        const bool reset = event.rowsEvents().first().type() == ZarkRowEventType::Reset;
-        if (reset || (event.rowsVersion() > m_version && !m_isOfAnswer)) {
-            read(list);
-        } else if (event.rowsVersion() > m_version) {
-            for (const ZarkRowEvent& change : event.rowsEvents())
+        if (event.rowsEvents().first().type() == ZarkRowEventType::Reset)
+            return read(list);
+        for (const ZarkRowEvent& change : event.rowsEvents()) {
+            if (change.version() > m_version)
                 apply(change);
-            ++m_answersApplied;
-            m_version = event.rowsVersion();
-            readUnread(list);
         }
-        m_isOfAnswer = m_version == event.rowsVersion();
+        ++m_answersApplied;
+        m_version = qMax(m_version, event.rowsVersion());
+        readUnread(list);
     }
 
     void readUnread(const CMListNode* list)
@@ -74,7 +72,6 @@ private:
 
     QVariantList m_rows; // Invalid: known to be there, not read.
     qint64 m_version = 0;
-    bool m_isOfAnswer = false;
     int m_answersApplied = 0;
 };
 
@@ -170,6 +167,8 @@ private Q_SLOTS:
             const int fate = random.bounded(6);
             if (racing && fate > 2)
                 changeRows(random, ++content); // After the answer was sent and before the client reads the rows.
+            if (racing && fate > 4)
+                mirror.read(m_list); // At once, between two answers: what it has yet to receive happened in part.
             if (fate > 1) {
                 receive(first);
                 queue->confirm(first.token);

@@ -152,7 +152,7 @@ private Q_SLOTS:
         QTest::newRow("rows updated often") << "u1 u2 u1 u2 poll u1 poll"
                                             << "list: u1 u2|list: u1";
         QTest::newRow("a new row updated") << "i4 u4 poll"
-                                           << "list: i4";
+                                           << "list: i4 u4";
         QTest::newRow("a row with another index before") << "u4 i2 u4 r0 u4 m4>2 u4 poll"
                                                          << "list: u4 i2 u4 r0 u4 m4>2 u4";
         QTest::newRow("as many rows as fit") << many + "poll"

@@ -332,7 +332,11 @@ ZarkEvent CMEventQueue::event(const CMPath& path, const Changes& changes) const
     ZarkEvent event(path);
     event.setRoles(roles);
     if (node && !changes.rows.isEmpty()) {
-        event.setRowsEvents(changes.rows.events());
+        ZarkList<ZarkRowEvent> rows = changes.rows.events();
+        // Whoever reads the list now has all that the reset stands for.
+        if (changes.rows.isReset())
+            rows.first().setVersion(node->rowsVersion());
+        event.setRowsEvents(rows);
         event.setRowsVersion(node->rowsVersion());
     }
     return event;

@@ -28,12 +28,11 @@
 /// - Nothing of a path that the request may not read. Its changes wait until one may; they answer no poll.
 ///
 /// To mirror a list a client subscribes, reads all rows at some version R, and from then on takes each answer's row
-/// events, whose version is V, by the first of these that applies:
+/// events:
 /// - There is a reset: read all rows again.
-/// - V <= R: the rows were read after these events; ignore them.
-/// - R is the V of the answer before: apply the events in order, then read the rows that they inserted or updated,
-///   asking for version V. When that is outdated, more events wait; apply those first.
-/// - Otherwise the rows were read between two answers and only some of the events are news: read all rows again.
+/// - Otherwise apply those whose own version is greater than R, in order (the others had happened when the rows were
+///   read); R becomes the version after all of them, if that is greater. Then read the rows that were inserted or
+///   updated, asking for version R. When that is outdated, more events wait: apply those first, or read all rows again.
 ///
 /// **Life of a poll.** poll() hands a request over. It waits until something changes and is answered from the next turn
 /// of the event loop, so that the changes of one turn make one answer; or at its timeout with no events. A second poll
@@ -70,6 +69,8 @@ public:
     /// Returns the token for confirm() and restore(), never 0.
     quint64 poll(CMEventQueueRequest* request, int timeout, qint64 received = NotCounted);
 
+    /// Whether the answer to that poll told something and has not been settled.
+    bool isHeld(quint64 token) const;
     /// The answer to that poll arrived. No effect for a token that is settled already or whose answer had no events.
     void confirm(quint64 token);
     /// The answer to that poll did not arrive; the next poll gets its changes. For a poll that still waits: its client
@@ -129,7 +130,6 @@ private:
     ZarkList<ZarkEvent> takeEvents();
     ZarkEvent event(const CMPath& path, const Changes& changes) const;
 
-    bool isHeld(quint64 token) const;
     void settleBefore(qint64 received);
     void putBack();
 

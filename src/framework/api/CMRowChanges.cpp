@@ -21,7 +21,7 @@ ZarkList<ZarkRowEvent> CMRowChanges::events() const
 
 void CMRowChanges::append(const ZarkRowEvent& event)
 {
-    if (isReset() || isToldAlready(event))
+    if (isReset() || mergeUpdate(event))
         return;
     if (event.type() == ZarkRowEventType::Reset || m_events.count() == Maximum)
         reset();
@@ -44,20 +44,18 @@ void CMRowChanges::reset()
     m_events = { ZarkRowEvent(ZarkRowEventType::Reset, 0) };
 }
 
-bool CMRowChanges::isToldAlready(const ZarkRowEvent& update) const
+bool CMRowChanges::mergeUpdate(const ZarkRowEvent& update)
 {
     if (update.type() != ZarkRowEventType::Updated)
         return false;
     const int oldest = qMax(0, m_events.count() - LookBack);
     for (int i = m_events.count() - 1; i >= oldest; --i) {
-        const ZarkRowEvent& event = m_events.at(i);
-        const bool insertion = event.type() == ZarkRowEventType::Inserted;
-        if (!insertion && event.type() != ZarkRowEventType::Updated)
+        if (m_events.at(i).type() != ZarkRowEventType::Updated)
             return false; // Before it, the row had another index.
-        if (event.index() == update.index())
+        if (m_events.at(i).index() == update.index()) {
+            m_events[i].setVersion(update.version());
             return true;
-        if (insertion)
-            return false;
+        }
     }
     return false;
 }

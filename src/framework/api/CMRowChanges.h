@@ -16,8 +16,8 @@ public:
     int count() const { return m_events.count(); }
     ZarkList<ZarkRowEvent> events() const;
 
-    /// Adds the newest event. An update of a row that the latest events already insert or update says nothing new and
-    /// is dropped: the client reads that row after all of them.
+    /// Adds the newest event. An update of a row that one of the latest events updates already says nothing new: only
+    /// that event's version becomes the newer one, so that whoever read the row in between reads it again.
     void append(const ZarkRowEvent& event);
     /// Puts events back in front of these, which followed them.
     void prepend(const CMRowChanges& older);
@@ -25,7 +25,7 @@ public:
     void clear() { m_events = {}; }
 
 private:
-    bool isToldAlready(const ZarkRowEvent& update) const;
+    bool mergeUpdate(const ZarkRowEvent& update);
 
     QVector<ZarkRowEvent> m_events;
 };

@@ -2,11 +2,28 @@
 
 #include <QDateTime>
 
+#include <chrono>
+
 #include "ApiLogger.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 
-CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path), m_title(path.name())
+namespace {
+
+qint64 nextRowsVersion()
+{
+    using namespace std::chrono;
+    static qint64 last = 0;
+    // Fewer than a million changes a second, or the versions of a restart would meet those from before it.
+    const qint64 now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+    last = qMax(last + 1, now);
+    return last;
+}
+
+} // namespace
+
+CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path)
+    : m_tree(tree), m_path(path), m_title(path.name()), m_rowsVersion(nextRowsVersion())
 {
     touch();
 }
@@ -178,9 +195,11 @@ void CMUINode::touch()
     m_timestamp = QDateTime::currentMSecsSinceEpoch();
 }
 
-void CMUINode::bumpRows(const QList<ZarkRowEvent>& events)
+void CMUINode::bumpRows(QList<ZarkRowEvent> events)
 {
-    ++m_rowsVersion;
+    m_rowsVersion = nextRowsVersion();
+    for (ZarkRowEvent& event : events)
+        event.setVersion(m_rowsVersion);
     touch();
     if (m_tree)
         m_tree->notifyRows(this, events);

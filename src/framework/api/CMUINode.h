@@ -64,6 +64,8 @@ public:
     bool isWatched() const;
 
     const QVector<CMUINode*>& children() const { return m_children; }
+    /// Grows with every change of the rows and is below 2^53. No list had it before: neither another node that was at
+    /// this path nor, as it follows the clock, this one before the process was started again.
     qint64 rowsVersion() const { return m_rowsVersion; }
 
 protected:
@@ -72,7 +74,8 @@ protected:
     static bool enter(CMNodes* nodes, CMUINode* node);
     void changed(const QStringList& roles);
     void touch(); ///< Sets the timestamp to now.
-    void bumpRows(const QList<ZarkRowEvent>& events); ///< New rows version, timestamp, listeners.
+    /// New rows version, which the events get too, timestamp, listeners.
+    void bumpRows(QList<ZarkRowEvent> events);
     /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
     bool ownRoles(const QStringList& roles, QVariantHash* values) const;
     /// Checks a getRows() request against a list of `count` rows, cuts `to` to the last row and fills everything of the
@@ -92,7 +95,7 @@ private:
     std::function<void()> m_demandHook;
     QVector<CMUINode*> m_children;
     qint64 m_timestamp = 0;
-    qint64 m_rowsVersion = 1;
+    qint64 m_rowsVersion;
     ZarkPermission::Enum m_permission = ZarkPermission::Default;
     bool m_modifiable = false;
 };

@@ -46,6 +46,10 @@ QVariant ZarkEvent::toVariant() const
     if (m_rowsVersion != 0) {
         hash.insert(QStringLiteral("rowsEvents"), m_rowsEvents.toVariant());
         hash.insert(QStringLiteral("rowsVersion"), m_rowsVersion);
+        QVariantList versions;
+        for (const ZarkRowEvent& event : m_rowsEvents)
+            versions.append(event.version());
+        hash.insert(QStringLiteral("rowsVersions"), versions);
     }
     return hash;
 }

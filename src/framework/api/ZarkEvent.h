@@ -27,7 +27,8 @@ private:
 };
 
 /// What happened to one node since the last poll. JSON: {"path": "...", "roles": {"value": {...}}} and, for a "rows"
-/// subscription of a list whose rows changed, "rowsEvents": [...] and "rowsVersion": V.
+/// subscription of a list whose rows changed, "rowsEvents": [...], "rowsVersions": [...], the version that the rows had
+/// after each of these events, and "rowsVersion": V, the version that they have after all of them.
 class ZarkEvent {
 public:
     ZarkEvent() = default;

@@ -13,7 +13,8 @@ struct ZarkRowEventType {
     };
 };
 
-/// One change of a list's rows. JSON: {"type": 1, "index": 4}, and "toIndex" for a move.
+/// One change of a list's rows. JSON: {"type": 1, "index": 4}, and "toIndex" for a move. The version stands beside the
+/// events (ZarkEvent), not in each of them.
 class ZarkRowEvent {
 public:
     ZarkRowEvent() = default;
@@ -28,6 +29,9 @@ public:
     int index() const { return m_index; }
     void setIndex(int index) { m_index = index; }
     int toIndex() const { return m_toIndex; } ///< -1 unless the type is Moved.
+    /// That the rows have after this change; 0 when nobody said. No part of what two events are compared by.
+    qint64 version() const { return m_version; }
+    void setVersion(qint64 version) { m_version = version; }
     QVariant toVariant() const;
 
     bool operator==(const ZarkRowEvent& other) const
@@ -39,4 +43,5 @@ private:
     ZarkRowEventType::Enum m_type = ZarkRowEventType::Reset;
     int m_index = 0;
     int m_toIndex = -1;
+    qint64 m_version = 0;
 };

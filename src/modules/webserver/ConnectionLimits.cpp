@@ -120,9 +120,11 @@ ConnectionLimits::Connection* ConnectionLimits::accepted(SoupClientContext* clie
     Connection* connection = record.get();
     connection->limits = this;
     connection->client = client;
+    connection->number = m_acceptCount;
     connection->socket = socketOf(client);
     connection->gsocket = soup_client_context_get_gsocket(client);
     m_connections.emplace(client, std::move(record));
+    m_numbered.emplace(connection->number, connection);
     g_signal_connect(connection->socket, "disconnected", G_CALLBACK(onDisconnected), connection);
     if (connection->gsocket) {
         setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits.idleSeconds);
@@ -149,14 +151,15 @@ ConnectionLimits::Connection* ConnectionLimits::leastUseful(Connection* newest) 
     return oldest;
 }
 
-// One epoll set for all connections: a watch each on the main loop would double the work of every turn.
+// One epoll set for all connections: a watch each on the main loop would double the work of every turn. A socket that
+// somebody has duplicated stays in the set after it was closed.
 void ConnectionLimits::watchHangUp(const Connection* connection)
 {
     if (m_epollFd < 0)
         return;
     epoll_event event{};
     event.events = EPOLLRDHUP | EPOLLET;
-    event.data.ptr = connection->client;
+    event.data.u64 = connection->number;
     epoll_ctl(m_epollFd, EPOLL_CTL_ADD, g_socket_get_fd(connection->gsocket), &event);
 }
 
@@ -167,9 +170,9 @@ gboolean ConnectionLimits::onHangUps(gint fd, GIOCondition, gpointer self)
     const int count = epoll_wait(fd, events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
         const auto& event = events.at(static_cast<size_t>(i));
-        const auto found = limits->m_connections.find(static_cast<SoupClientContext*>(event.data.ptr));
-        if (found != limits->m_connections.end())
-            limits->handleHangUp(found->second.get(), event.events);
+        const auto found = limits->m_numbered.find(event.data.u64);
+        if (found != limits->m_numbered.end())
+            limits->handleHangUp(found->second, event.events);
     }
     return G_SOURCE_CONTINUE;
 }
@@ -212,6 +215,7 @@ void ConnectionLimits::onDisconnected(SoupSocket* socket, gpointer data)
     const auto found = limits->m_connections.find(connection->client);
     if (found == limits->m_connections.end())
         return;
+    limits->m_numbered.erase(connection->number);
     limits->m_gone.push_back(std::move(found->second));
     limits->m_connections.erase(found);
 }

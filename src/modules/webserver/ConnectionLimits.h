@@ -24,6 +24,7 @@ public:
     struct Connection {
         ConnectionLimits* limits;
         SoupClientContext* client; ///< The key of the table; not owned.
+        quint64 number; ///< Never used again, unlike the pointers.
         SoupSocket* socket; ///< Not owned.
         GSocket* gsocket; ///< Not owned.
         State state = ReadingHead;
@@ -82,6 +83,7 @@ private:
     quint64 m_acceptCountAtSweep = 0;
     bool m_waitingAtSweep = false;
     std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
+    std::unordered_map<quint64, Connection*> m_numbered; ///< The same.
     std::vector<std::unique_ptr<Connection>> m_gone; ///< Kept until the next sweep: callbacks may still hold them.
     std::vector<Connection*> m_doomed;
 };

@@ -16,6 +16,7 @@
 #include "handlers/ResponderHandler.h"
 #include "handlers/StaticHandler.h"
 #include "responders/ApiResponder.h"
+#include "responders/EventResponder.h"
 #include "responders/EventResponderShared.h"
 #include "responders/FileResponder.h"
 #include "responders/ResponderConfiguration.h"
@@ -139,6 +140,10 @@ void WebserverWorker::registerHandlers(Server* server)
     server->addHandler(QStringLiteral("/api/"),
         new ResponderHandler(
             keep(makeDefaultResponderFactory<ApiResponder>(m_userDatabase, m_configuration)), root, nullptr));
+    server->addHandler(QStringLiteral("/api/event/"),
+        new ResponderHandler(
+            keep(makeDefaultResponderFactory<EventResponder>(m_eventShared, m_userDatabase, m_configuration)), root,
+            nullptr));
     server->addHandler(QStringLiteral("/file/stream/"),
         new ResponderHandler(keep(makeDefaultResponderFactory<FileResponder>()), root, nullptr));
 

@@ -1,0 +1,20 @@
+#include "CMEventQueueHttpRequest.h"
+
+#include "EventResponderShared.h"
+#include "EventRewriting.h"
+
+void CMEventQueueHttpRequest::done(const QUuid& queueId, const ZarkList<ZarkEvent>& events)
+{
+    if (!m_responder)
+        return;
+    ZarkList<ZarkEvent> told = events;
+    if (m_responder->shared()->isLegacyQueue(queueId.toString(QUuid::WithoutBraces)))
+        addLegacyPaths(&told);
+    splitMoves(&told);
+    m_responder->queueRequestDone(told);
+}
+
+bool CMEventQueueHttpRequest::mayRead(const CMPath& path) const
+{
+    return m_responder && m_responder->mayReadNow(path);
+}

@@ -1,0 +1,397 @@
+#include <QDir>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+#include <QTest>
+#include <QThread>
+
+#include <atomic>
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include "EventClient.h"
+
+namespace {
+
+const QByteArray Playlist = "player:player/playlist";
+
+/// One client's connection, opened anew when it was cut off.
+class Session {
+public:
+    explicit Session(int port) : m_port(port) { }
+
+    HttpConnection& connection()
+    {
+        if (!m_connection)
+            m_connection = std::make_unique<HttpConnection>(m_port);
+        return *m_connection;
+    }
+    void send(const QByteArray& target, bool keepAlive = true)
+    {
+        connection().send(httpRequest("GET", target, { "Host: x", keepAlive ? "X: x" : "Connection: close" }));
+    }
+    QJsonDocument get(const QByteArray& target)
+    {
+        send(target);
+        return connection().readReply().json();
+    }
+    void cut() { m_connection.reset(); }
+
+private:
+    int m_port;
+    std::unique_ptr<HttpConnection> m_connection;
+};
+
+/// A copy of the playlist's titles, kept as CMEventQueue tells. Invalid rows are known to be there and not read yet.
+class ListMirror {
+public:
+    explicit ListMirror(int port) : m_reader(port) { }
+
+    void readAll()
+    {
+        const QJsonObject reply = rows(0, 100000, 0);
+        m_rows = reply.value("rows").toArray().toVariantList();
+        m_version = reply.value("rowsVersion").toDouble();
+    }
+
+    void receive(const QJsonArray& events)
+    {
+        for (const QJsonValue event : events) {
+            const QJsonArray changes = event.toObject().value("rowsEvents").toArray();
+            const QJsonArray versions = event.toObject().value("rowsVersions").toArray();
+            for (int i = 0; i < changes.size(); ++i) {
+                if (versions.at(i).toDouble() > m_version)
+                    apply(changes.at(i).toObject());
+            }
+            m_version = qMax(m_version, event.toObject().value("rowsVersion").toDouble());
+        }
+    }
+
+    void apply(const QJsonObject& change)
+    {
+        const int index = change.value("index").toInt();
+        ++m_applied;
+        switch (change.value("type").toInt()) {
+        case 0:
+            ++m_resets;
+            return readAll();
+        case 1:
+            return m_rows.insert(index, QVariant());
+        case 2:
+            return m_rows.removeAt(index);
+        default:
+            m_rows[index] = QVariant();
+        }
+    }
+
+    bool readUnread()
+    {
+        for (int i = 0; i < m_rows.size(); ++i) {
+            if (m_rows.at(i).isValid())
+                continue;
+            const QJsonArray row = rows(i, i, qint64(m_version)).value("rows").toArray();
+            if (row.isEmpty())
+                return false; // Outdated: there are more events.
+            m_rows[i] = row.at(0).toVariant();
+        }
+        return true;
+    }
+
+    const QVariantList& titles() const { return m_rows; }
+    int applied() const { return m_applied; }
+    int resets() const { return m_resets; }
+
+private:
+    QJsonObject rows(int from, int to, qint64 version)
+    {
+        return m_reader
+            .get("/api/getRows?roles=title&path=" + Playlist + "&from=" + QByteArray::number(from)
+                + "&to=" + QByteArray::number(to) + "&version=" + QByteArray::number(version))
+            .object();
+    }
+
+    Session m_reader;
+    QVariantList m_rows;
+    double m_version = 0; // Below 2^53.
+    int m_applied = 0;
+    int m_resets = 0;
+};
+
+/// Changes the playlist at random until told to stop.
+class Changer : public QThread {
+public:
+    Changer(int port, int perSecond) : m_port(port), m_perSecond(perSecond) { }
+    ~Changer() override { finish(); }
+    void finish()
+    {
+        m_stop = true;
+        wait();
+    }
+    int count() const { return m_count; }
+
+protected:
+    void run() override
+    {
+        HttpConnection connection(m_port);
+        QRandomGenerator random(7);
+        QElapsedTimer timer;
+        timer.start();
+        for (int rows = 500; !m_stop;) {
+            if (m_count > timer.elapsed() * m_perSecond / 1000)
+                msleep(1);
+            const int kind = rows > 520 ? 1 : rows < 480 ? 0 : random.bounded(3);
+            const int index = random.bounded(400);
+            const QByteArray text = QByteArray::number(index);
+            const char* const commands[] = { "Insert", "Remove", "Move" };
+            const QByteArray more = kind == 0 ? ",\"title\":\"T" + QByteArray::number(m_count) + '"'
+                : kind == 2                   ? ",\"toIndex\":" + QByteArray::number(random.bounded(400))
+                                              : QByteArray();
+            const QByteArray body = QByteArray("{\"path\":\"player:player/playlist") + commands[kind]
+                + "\",\"role\":\"activate\",\"value\":{\"index\":" + text + more + "}}";
+            connection.send(httpRequest("POST", "/api/setData", { "Host: x", "Content-Type: application/json" }, body));
+            if (connection.readReply().status != 200)
+                return;
+            rows += kind == 0 ? 1 : kind == 1 ? -1 : 0;
+            ++m_count;
+        }
+    }
+
+private:
+    int m_port;
+    int m_perSecond;
+    std::atomic<bool> m_stop{ false };
+    std::atomic<int> m_count{ 0 };
+};
+
+int openFiles(qint64 pid)
+{
+    return QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::Files | QDir::System).size();
+}
+
+} // namespace
+
+class EventDeliveryTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_device.isRunning()); }
+
+    void anAnswerThatWasNotReadIsKept_data()
+    {
+        QTest::addColumn<bool>("keepAlive");
+        QTest::addColumn<bool>("reset");
+        QTest::addColumn<int>("leaves"); // 0: before the change, 1: long before, 2: with the answer in its system.
+        for (const bool keepAlive : { true, false })
+            for (const bool reset : { false, true })
+                for (const int leaves : { 0, 1, 2 })
+                    QTest::addRow("%s, %s %s", keepAlive ? "keep-alive" : "close", reset ? "reset" : "closed",
+                        leaves == 0       ? "just before the change"
+                            : leaves == 1 ? "before"
+                                          : "unread")
+                        << keepAlive << reset << leaves;
+    }
+
+    void anAnswerThatWasNotReadIsKept()
+    {
+        QFETCH(bool, keepAlive);
+        QFETCH(bool, reset);
+        QFETCH(int, leaves);
+        const QByteArray queue = m_client.subscribeItem(Counter);
+        Session leaver(m_device.port());
+        leaver.send(EventClient::pollTarget(queue, 30), keepAlive);
+        QVERIFY(!leaver.connection().hasData(100));
+        if (leaves == 2) {
+            QVERIFY(m_client.setCounter(++m_value));
+            QVERIFY(leaver.connection().hasData(1000));
+        }
+        if (reset)
+            leaver.connection().reset();
+        leaver.cut();
+        if (leaves == 1)
+            QTest::qWait(900);
+        if (leaves != 2)
+            QVERIFY(m_client.setCounter(++m_value));
+        QCOMPARE(counterIn(m_client.poll(queue, 2)), m_value);
+        QCOMPARE(m_client.poll(queue), QJsonArray());
+    }
+
+    void anAnswerThatWasReadIsNotToldAgain_data()
+    {
+        QTest::addColumn<bool>("keepAlive");
+        QTest::addColumn<bool>("samePoller");
+        QTest::newRow("same connection") << true << true;
+        QTest::newRow("another connection, the first open") << true << false;
+        QTest::newRow("another connection, the first closed") << false << false;
+    }
+
+    void anAnswerThatWasReadIsNotToldAgain()
+    {
+        QFETCH(bool, keepAlive);
+        QFETCH(bool, samePoller);
+        const QByteArray queue = m_client.subscribeItem(Counter);
+        Session first(m_device.port());
+        Session second(m_device.port());
+        for (int i = 0; i < 100; ++i) {
+            QVERIFY(m_client.setCounter(++m_value));
+            first.send(EventClient::pollTarget(queue, 30), keepAlive);
+            QCOMPARE(counterIn(first.connection().readReply().json().array()), m_value);
+            if (!keepAlive) {
+                QVERIFY(first.connection().isClosedWithin(1000));
+                first.cut();
+            }
+            Session& next = samePoller ? first : second;
+            QCOMPARE(next.get(EventClient::pollTarget(queue, 0)).array(), QJsonArray());
+        }
+    }
+
+    // Whatever the connection says, the count decides.
+    void aCountOfAnswersDecides()
+    {
+        const QByteArray queue = m_client.subscribeItem(Counter);
+        QVERIFY(m_client.setCounter(++m_value));
+        for (const int received : { 0, 0, 0 })
+            QCOMPARE(counterIn(m_client.poll(queue, 0, "&received=" + QByteArray::number(received))), m_value);
+        QCOMPARE(m_client.poll(queue, 0, "&received=1"), QJsonArray());
+        const HttpReply reply =
+            m_device.postJson("/api/event/pollQueue", "{\"queueId\":\"" + queue + "\",\"timeout\":0,\"received\":7}");
+        QCOMPARE(counterIn(reply.json().array()), m_value); // No such answer: everything is told.
+    }
+
+    void aClientThatLeavesIsNoticedWithinASecond_data()
+    {
+        QTest::addColumn<bool>("reset");
+        QTest::newRow("closed") << false;
+        QTest::newRow("reset") << true;
+    }
+
+    void aClientThatLeavesIsNoticedWithinASecond()
+    {
+        QFETCH(bool, reset);
+        QTest::qWait(3500); // What earlier tests left open.
+        const int before = openFiles(m_device.pid());
+        std::vector<std::unique_ptr<HttpConnection>> pollers;
+        for (int i = 0; i < 50; ++i) {
+            pollers.push_back(std::make_unique<HttpConnection>(m_device.port()));
+            EventClient::startPoll(pollers.back().get(), m_client.subscribeItem(Counter));
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(openFiles(m_device.pid()) >= before + 50, 1000);
+        for (const auto& poller : pollers)
+            reset ? poller->reset() : poller->close();
+        QElapsedTimer timer;
+        timer.start();
+        while (openFiles(m_device.pid()) > before && timer.elapsed() < 5000)
+            QThread::msleep(10);
+        QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void aListIsMirroredWhilePollsAreCutOff_data()
+    {
+        QTest::addColumn<bool>("counts");
+        QTest::addColumn<bool>("keepAlive");
+        QTest::newRow("plain client") << false << true;
+        QTest::newRow("plain client, a connection for each poll") << false << false;
+        QTest::newRow("counting client") << true << true;
+    }
+
+    void aListIsMirroredWhilePollsAreCutOff()
+    {
+        QFETCH(bool, counts);
+        QFETCH(bool, keepAlive);
+        const QByteArray queue = m_client.subscribe("[{\"path\":\"" + Playlist + "\",\"type\":\"rows\"}]");
+        Changer changer(m_device.port(), 1000);
+        changer.start();
+        ListMirror mirror(m_device.port());
+        mirror.readAll();
+        Session poller(m_device.port());
+        QRandomGenerator random(counts ? 3 : 4);
+        int received = 0;
+        int cuts = 0;
+        const auto target = [&](int timeout) {
+            return EventClient::pollTarget(queue, timeout)
+                + (counts ? "&received=" + QByteArray::number(received) : QByteArray());
+        };
+        const auto receive = [&] {
+            const QJsonArray events = poller.connection().readReply().json().array();
+            mirror.receive(events);
+            received += events.isEmpty() ? 0 : 1;
+            if (!keepAlive)
+                poller.cut();
+            return events;
+        };
+        QElapsedTimer timer;
+        timer.start();
+        while (timer.elapsed() < 4000) {
+            poller.send(target(10), keepAlive);
+            if (random.bounded(3) == 0) {
+                QThread::usleep(ulong(random.bounded(4000)));
+                if (random.bounded(2) == 0)
+                    poller.connection().reset();
+                poller.cut();
+                ++cuts;
+                continue;
+            }
+            receive(); // Empty when the server sees a poll that was cut off later than this one.
+            if (random.bounded(20) == 0)
+                mirror.readAll();
+        }
+        changer.finish();
+        do {
+            poller.send(target(0), keepAlive);
+        } while (!receive().isEmpty());
+        QVERIFY(mirror.readUnread());
+        ListMirror truth(m_device.port());
+        truth.readAll();
+        qInfo("%d changes, %d polls cut off, %d row events applied, %d resets", changer.count(), cuts, mirror.applied(),
+            mirror.resets());
+        QVERIFY(changer.count() > 200 && cuts > 50);
+        QCOMPARE(mirror.titles(), truth.titles());
+    }
+
+    void aThousandPollsSeeOneChange()
+    {
+        Device device; // With the default limits.
+        const EventClient client(&device);
+        std::vector<std::unique_ptr<HttpConnection>> pollers;
+        for (int i = 0; i < 1000; ++i) {
+            const QByteArray queue = client.subscribeItem(Counter);
+            QVERIFY(!queue.isEmpty());
+            pollers.push_back(std::make_unique<HttpConnection>(device.port()));
+            EventClient::startPoll(pollers.back().get(), queue, 60);
+        }
+        const HttpReply refused = device.postJson("/api/event/modifyQueue", "{}");
+        QCOMPARE(refused.status, 400);
+        QCOMPARE(refused.body, QByteArray("Unable to subscribe or unsubscribe paths!"));
+        QVERIFY(client.setCounter(++m_value));
+        for (const auto& poller : pollers)
+            QCOMPARE(counterIn(poller->readReply().json().array()), m_value);
+    }
+
+    void aShutdownAnswersEveryPoll()
+    {
+        Device device;
+        const EventClient client(&device);
+        std::vector<std::unique_ptr<HttpConnection>> pollers;
+        for (int i = 0; i < 300; ++i) {
+            pollers.push_back(std::make_unique<HttpConnection>(device.port()));
+            EventClient::startPoll(pollers.back().get(), client.subscribeItem(Counter));
+        }
+        QVERIFY(!pollers.back()->hasData(100));
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(device.stop(SIGTERM), 0);
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
+        for (const auto& poller : pollers) {
+            const HttpReply reply = poller->readReply(100);
+            QCOMPARE(reply.status, 200);
+            QCOMPARE(reply.body, QByteArray("[]"));
+        }
+    }
+
+private:
+    Device m_device;
+    EventClient m_client{ &m_device };
+    int m_value = 0;
+};
+
+QTEST_GUILESS_MAIN(EventDeliveryTest)
+#include "EventDeliveryTest.moc"
