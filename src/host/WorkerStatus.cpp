@@ -1,5 +1,6 @@
 #include "WorkerStatus.h"
 
+#include "CMNodeTree.h"
 #include "CMNodesWorker.h"
 #include "CMValueNode.h"
 

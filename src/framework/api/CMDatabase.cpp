@@ -112,10 +112,12 @@ bool setAside(const QString& file, QString* error)
     return true;
 }
 
-/// A database whose journal holds something has pages of its own: SQLite would silently drop both.
-bool wasEmptied(const QString& file)
+/// Cut off before the end of its first page, which SQLite would take for a new database and drop the journal too.
+bool isCutOff(const QString& file)
 {
-    return QFileInfo(file).size() == 0 && QFileInfo(journal(file)).size() > 0;
+    constexpr qint64 SmallestPage = 512;
+    const qint64 size = QFileInfo(file).size();
+    return size > 0 ? size < SmallestPage : QFileInfo(journal(file)).size() > 0;
 }
 
 } // namespace
@@ -170,8 +172,8 @@ bool CMDatabase::open(const QString& file, QString* error)
 
 CMDatabase::Opening CMDatabase::openFile(const QString& file, QString* error)
 {
-    if (wasEmptied(file)) {
-        *error = QStringLiteral("the file is empty");
+    if (isCutOff(file)) {
+        *error = QStringLiteral("the file is cut off");
         return Opening::Damaged;
     }
     if (!makeOwned(file, error))

@@ -1,5 +1,7 @@
 #include "CMPath.h"
 
+#include <QTextCodec>
+
 namespace {
 
 bool isUnreserved(uint c)
@@ -35,10 +37,12 @@ QByteArray unescaped(const QString& text)
     return QByteArray::fromPercentEncoding(text.toLatin1());
 }
 
-/// UTF-8 with U+FEFF kept: fromUtf8() takes one at the start for a byte order mark.
+/// UTF-8 with NUL and U+FEFF kept, where fromUtf8() ends or sees a byte order mark.
 QString fromUtf8Exactly(const QByteArray& utf8)
 {
-    return QString::fromUtf8("x" + utf8).mid(1);
+    static const QTextCodec* const codec = QTextCodec::codecForName("UTF-8");
+    QTextCodec::ConverterState state(QTextCodec::IgnoreHeader);
+    return codec->toUnicode(utf8.constData(), utf8.size(), &state);
 }
 
 QString decoded(const QString& text)

@@ -51,11 +51,11 @@ bool PlayerWorker::makeNodes()
     CMUINode* container = describe(CMUINode::create(nodes(), playerPath()), QStringLiteral("Player"),
         QStringLiteral("A media player that plays a playlist in silence."), QStringLiteral("player"));
     return container && makeSettings() && makeControl()
-        && makeEdit(QStringLiteral("playlistInsert"), QStringLiteral("Insert a track"),
+        && makeChange(QStringLiteral("playlistInsert"), QStringLiteral("Insert a track"),
             QStringLiteral("{\"index\": 0, \"title\": \"...\"}"), &Playlist::insert)
-        && makeEdit(QStringLiteral("playlistRemove"), QStringLiteral("Remove a track"),
+        && makeChange(QStringLiteral("playlistRemove"), QStringLiteral("Remove a track"),
             QStringLiteral("{\"index\": 0}"), &Playlist::remove)
-        && makeEdit(QStringLiteral("playlistMove"), QStringLiteral("Move a track"),
+        && makeChange(QStringLiteral("playlistMove"), QStringLiteral("Move a track"),
             QStringLiteral("{\"index\": 0, \"toIndex\": 4}; toIndex counts after the removal."), &Playlist::move)
         && makeAudio();
 }
@@ -96,12 +96,12 @@ bool PlayerWorker::makeControl()
     return true;
 }
 
-bool PlayerWorker::makeEdit(const QString& name, const QString& title, const QString& description, Edit edit_)
+bool PlayerWorker::makeChange(const QString& name, const QString& title, const QString& description, Change change)
 {
     CMActivateNode* node =
         describe(CMActivateNode::create(nodes(), playerPath().child(name)), title, description, QStringLiteral("list"));
     if (node)
-        node->doSetInvoke([this, edit_](const CMSetDataRequest& request) { edit(request, edit_); });
+        node->doSetInvoke([this, change](const CMSetDataRequest& request) { changePlaylist(request, change); });
     return node != nullptr;
 }
 
@@ -124,9 +124,9 @@ void PlayerWorker::control(CMSetDataRequest request)
         request.fail(error);
 }
 
-void PlayerWorker::edit(CMSetDataRequest request, Edit edit)
+void PlayerWorker::changePlaylist(CMSetDataRequest request, Change change)
 {
-    const CMError error = (m_playlist.get()->*edit)(request.json());
+    const CMError error = (m_playlist.get()->*change)(request.json());
     if (!error.isEmpty()) {
         request.fail(error);
         return;

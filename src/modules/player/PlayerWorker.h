@@ -21,15 +21,15 @@ public:
     bool isComplete() const { return m_player != nullptr; }
 
 private:
-    using Edit = CMError (Playlist::*)(const QVariant&);
+    using Change = CMError (Playlist::*)(const QVariant&);
 
     bool makeNodes(); ///< False when a path was taken.
     bool makeSettings();
     bool makeControl();
-    bool makeEdit(const QString& name, const QString& title, const QString& description, Edit edit);
+    bool makeChange(const QString& name, const QString& title, const QString& description, Change change);
     bool makeAudio();
     void control(CMSetDataRequest request);
-    void edit(CMSetDataRequest request, Edit edit);
+    void changePlaylist(CMSetDataRequest request, Change change);
 
     // Gone before the nodes, which belong to the base class.
     std::unique_ptr<Playlist> m_playlist;

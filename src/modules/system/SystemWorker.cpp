@@ -1,0 +1,25 @@
+#include "SystemWorker.h"
+
+#include "NetworkNode.h"
+#include "SystemLog.h"
+#include "SystemNodes.h"
+
+const DbgLogger& systemLog()
+{
+    static const DbgLogger logger("system");
+    return logger;
+}
+
+SystemWorker::SystemWorker(const QVariantHash& arguments, QObject* parent)
+    : CMNodesWorker(QStringLiteral("system"), arguments, parent), m_systemNodes(std::make_unique<SystemNodes>(nodes())),
+      m_networkNode(std::make_unique<NetworkNode>(
+          nodes(), NetworkTable::Classifier(arguments.value(QStringLiteral("accessPoints")).toStringList())))
+{
+}
+
+SystemWorker::~SystemWorker() = default;
+
+extern "C" Q_DECL_EXPORT CMNodesWorker* worker_create(const QVariantHash& arguments)
+{
+    return new SystemWorker(arguments);
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+
+#include "CMNodesWorker.h"
+
+class NetworkNode;
+class SystemNodes;
+
+/// The worker "system": real data of this machine as nodes.
+///
+/// Arguments: "accessPoints" (a list of texts), names of interfaces that are soft access points besides those named
+/// "ap..." or "uap...".
+class SystemWorker : public CMNodesWorker {
+    Q_OBJECT
+public:
+    explicit SystemWorker(const QVariantHash& arguments, QObject* parent = nullptr);
+    ~SystemWorker() override;
+
+private:
+    // Gone before the nodes that they write to.
+    std::unique_ptr<SystemNodes> m_systemNodes;
+    std::unique_ptr<NetworkNode> m_networkNode;
+};

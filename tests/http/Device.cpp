@@ -1,0 +1,109 @@
+#include "Device.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+
+#include <csignal>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+constexpr int StartMilliseconds = 20000; // Under sanitizers, on a busy machine.
+}
+
+Device::Device(const QStringList& settings, const QStringList& arguments) : m_port(freePort())
+{
+    m_arguments << "--tree" << DEMO_TREE << "--state" << m_state.path();
+    for (const char* module : { "system", "player", "webserver" })
+        m_arguments << "--worker" << module;
+    m_arguments << "--set" << QStringLiteral("settings:webserver/port=%1").arg(m_port);
+    // Off unless a test asks for it: most need no certificate.
+    if (settings.filter("settings:webserver/httpsPort=").isEmpty())
+        m_arguments << "--set" << "settings:webserver/httpsPort=0";
+    for (const QString& setting : settings)
+        m_arguments << "--set" << setting;
+    m_arguments << arguments;
+    start();
+}
+
+Device::~Device()
+{
+    if (m_process.state() == QProcess::Running)
+        stop(SIGTERM);
+}
+
+bool Device::start()
+{
+    m_ready = false;
+    m_process.start(QString::fromLocal8Bit(ZARK_HOST), m_arguments);
+    QByteArray output;
+    while (!m_ready && m_process.waitForReadyRead(StartMilliseconds)) {
+        output += m_process.readAllStandardOutput();
+        m_ready = output.contains("ready\n");
+    }
+    if (!m_ready)
+        qWarning("The device did not start: %s %s", output.constData(), log().constData());
+    return m_ready;
+}
+
+int Device::stop(int signal)
+{
+    ::kill(static_cast<pid_t>(pid()), signal);
+    m_process.waitForFinished(StartMilliseconds);
+    m_ready = false;
+    // What the sanitizers say at the end belongs in the test's output.
+    if (log().contains("ERROR: "))
+        qWarning("%s", log().constData());
+    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+}
+
+QByteArray Device::log()
+{
+    m_log += m_process.readAllStandardError();
+    return m_log;
+}
+
+QByteArray Device::baseUrl() const { return "http://127.0.0.1:" + QByteArray::number(m_port); }
+
+HttpReply Device::request(
+    const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers, const QByteArray& body) const
+{
+    HttpConnection connection(m_port);
+    QList<QByteArray> fields { "Host: 127.0.0.1:" + QByteArray::number(m_port), "Connection: close" };
+    connection.send(httpRequest(method, target, fields + headers, body));
+    return connection.readReply(30000, method == "HEAD");
+}
+
+HttpReply Device::get(const QByteArray& target, const QList<QByteArray>& headers) const
+{
+    return request("GET", target, headers);
+}
+
+HttpReply Device::postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers) const
+{
+    return request("POST", target, QList<QByteArray> { "Content-Type: application/json" } + headers, json);
+}
+
+QByteArray Device::value(const QByteArray& path) const
+{
+    const HttpReply reply = get("/api/getData?roles=value&path=" + path);
+    if (reply.status != 200)
+        return {};
+    const QJsonValue inner = reply.json().array().at(0).toObject().value("value");
+    const QByteArray list = QJsonDocument(QJsonArray { inner }).toJson(QJsonDocument::Compact);
+    return list.mid(1, list.size() - 2);
+}
+
+int Device::freePort()
+{
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    bind(fd, reinterpret_cast<const sockaddr*>(&address), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    ::close(fd);
+    return ntohs(address.sin_port);
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QProcess>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include "HttpConnection.h"
+
+/// A running demo device: the real zark-host with the modules system, player and webserver, its state in a temporary
+/// directory, on a free port.
+class Device {
+public:
+    /// `settings`: PATH=VALUE for --set; `arguments`: as they are. Starts at once; isRunning() tells whether it became
+    /// ready.
+    explicit Device(const QStringList& settings = {}, const QStringList& arguments = {});
+    /// Stops it with SIGTERM and waits.
+    ~Device();
+
+    bool isRunning() const { return m_process.state() == QProcess::Running && m_ready; }
+    int port() const { return m_port; }
+    qint64 pid() const { return m_process.processId(); }
+    QString stateDirectory() const { return m_state.path(); }
+    QByteArray baseUrl() const; ///< "http://127.0.0.1:PORT"
+
+    bool start(); ///< With the same state and port. True when ready.
+    int stop(int signal); ///< Sends the signal and waits; the exit status, or -1 when a signal ended it.
+    QByteArray log(); ///< Standard error so far.
+
+    /// One request on a connection of its own, with Host and "Connection: close".
+    HttpReply request(const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers = {},
+        const QByteArray& body = {}) const;
+    HttpReply get(const QByteArray& target, const QList<QByteArray>& headers = {}) const;
+    HttpReply postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers = {}) const;
+    /// A value by getData, as JSON text; null when that fails.
+    QByteArray value(const QByteArray& path) const;
+
+    static int freePort();
+
+private:
+    QTemporaryDir m_state;
+    QProcess m_process;
+    QStringList m_arguments;
+    QByteArray m_log;
+    int m_port;
+    bool m_ready = false;
+};

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QByteArray>
+#include <QJsonDocument>
+#include <QList>
+#include <QPair>
+#include <QString>
+
+/// One answer, as it came over the wire.
+struct HttpReply {
+    int status = 0; ///< 0: none came.
+    QList<QPair<QByteArray, QByteArray>> headers;
+    QByteArray body;
+
+    QByteArray header(const QByteArray& name) const; ///< Null when absent; names without regard to case.
+    QJsonDocument json() const { return QJsonDocument::fromJson(body); }
+    QByteArray errorMessage() const; ///< {"error": {"message"}}
+};
+
+/// A blocking connection that sends bytes as they are, so that malformed requests are possible.
+class HttpConnection {
+public:
+    /// To 127.0.0.1 unless `address` says otherwise (IPv4).
+    explicit HttpConnection(int port, const QByteArray& address = "127.0.0.1");
+    ~HttpConnection();
+    HttpConnection(const HttpConnection&) = delete;
+    HttpConnection& operator=(const HttpConnection&) = delete;
+
+    bool isConnected() const { return m_fd >= 0; }
+    int descriptor() const { return m_fd; }
+    bool send(const QByteArray& bytes);
+    /// Reads one answer, by Content-Length, chunks or the end of the connection; status 0 after `timeoutMs` or when the
+    /// server closes first. `headRequest`: the answer has no body.
+    HttpReply readReply(int timeoutMs = 10000, bool headRequest = false);
+    /// True when the server closes within `timeoutMs` (what it sends meanwhile is dropped).
+    bool isClosedWithin(int timeoutMs);
+    bool hasData(int timeoutMs); ///< Something has arrived that was not read.
+    void shutDownSending();
+    void reset(); ///< Closes with RST.
+    void close();
+
+private:
+    bool fill(int timeoutMs);
+
+    int m_fd = -1;
+    QByteArray m_buffer;
+};
+
+/// A request head and body; Host, Content-Length and the rest as given in `headers` ("Name: value").
+QByteArray httpRequest(
+    const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers, const QByteArray& body = {});

@@ -1,0 +1,74 @@
+#include "Signer.h"
+
+#include <QDateTime>
+
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+
+#include <memory>
+
+namespace {
+
+const unsigned char* bytes(const QByteArray& array) { return reinterpret_cast<const unsigned char*>(array.constData()); }
+unsigned char* bytes(QByteArray& array) { return reinterpret_cast<unsigned char*>(array.data()); }
+
+QByteArray random(int size)
+{
+    QByteArray result(size, 0);
+    RAND_bytes(bytes(result), size);
+    return result;
+}
+
+} // namespace
+
+Signer::Signer(const QByteArray& user, const QByteArray& password, const QByteArray& scheme) :
+    m_user(user),
+    m_password(password),
+    m_scheme(scheme),
+    m_salt(random(16).toBase64()),
+    m_timestamp(QDateTime::currentMSecsSinceEpoch())
+{
+}
+
+QByteArray Signer::key() const
+{
+    const QByteArray text = QByteArray::fromBase64(m_salt) + m_password;
+    QByteArray digest(32, 0);
+    EVP_Digest(text.constData(), static_cast<size_t>(text.size()), bytes(digest), nullptr, EVP_sha256(), nullptr);
+    return digest;
+}
+
+QByteArray Signer::authorization(const QByteArray& data) const
+{
+    const QByteArray stamp = QByteArray::number(m_timestamp);
+    const QByteArray text = m_user + '.' + m_salt + '.' + stamp + '.' + data;
+    QByteArray mac(32, 0);
+    const QByteArray secret = key();
+    HMAC(EVP_sha256(), secret.constData(), secret.size(), bytes(text), static_cast<size_t>(text.size()), bytes(mac),
+        nullptr);
+    return "Authorization: " + m_scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + stamp + '.' + mac.toBase64();
+}
+
+QByteArray Signer::forGet(const QByteArray& fullUri) const { return authorization(fullUri); }
+
+QByteArray Signer::forPost(const QByteArray& fullUri, const QByteArray& body) const
+{
+    return authorization(fullUri + '.' + body);
+}
+
+QByteArray Signer::encrypt(const QByteArray& json) const
+{
+    const QByteArray iv = random(16);
+    const QByteArray secret = key();
+    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(
+        EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
+    EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, bytes(secret), bytes(iv));
+    QByteArray cipherText(json.size() + 16, 0);
+    int length = 0;
+    int last = 0;
+    EVP_EncryptUpdate(context.get(), bytes(cipherText), &length, bytes(json), json.size());
+    EVP_EncryptFinal_ex(context.get(), bytes(cipherText) + length, &last);
+    cipherText.truncate(length + last);
+    return (iv + cipherText).toBase64();
+}

@@ -1,0 +1,118 @@
+#include <QFile>
+#include <QProcess>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslSocket>
+#include <QTcpServer>
+#include <QTemporaryDir>
+#include <QtTest>
+
+#include "HttpClient.h"
+
+namespace {
+
+/// Answers every request over TLS with "secret".
+class TlsServer : public QTcpServer {
+public:
+    TlsServer(const QSslCertificate& certificate, const QSslKey& key, QSsl::SslProtocol protocol)
+        : m_certificate(certificate), m_key(key), m_protocol(protocol)
+    {
+        listen(QHostAddress::LocalHost);
+    }
+    bool asked = false;
+
+private:
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* socket = new QSslSocket(this);
+        socket->setSocketDescriptor(descriptor);
+        socket->setLocalCertificate(m_certificate);
+        socket->setPrivateKey(m_key);
+        socket->setProtocol(m_protocol);
+        connect(socket, &QSslSocket::readyRead, this, [this, socket] {
+            asked = true;
+            socket->readAll();
+            socket->write("HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nsecret");
+            socket->disconnectFromHost();
+        });
+        socket->startServerEncryption();
+    }
+
+    QSslCertificate m_certificate;
+    QSslKey m_key;
+    QSsl::SslProtocol m_protocol;
+};
+
+} // namespace
+
+class HttpsClientTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void certificateMustBeTheNames_data();
+    void certificateMustBeTheNames();
+
+private:
+    QSslCertificate m_certificate;
+    QSslKey m_key;
+};
+
+void HttpsClientTest::initTestCase()
+{
+    QTemporaryDir directory;
+    const QString certificate = directory.filePath(QStringLiteral("cert.pem"));
+    const QString key = directory.filePath(QStringLiteral("key.pem"));
+    QCOMPARE(QProcess::execute(QStringLiteral("openssl"),
+                 { "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
+                     "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out",
+                     certificate }),
+        0);
+    QFile file(key);
+    QVERIFY(file.open(QIODevice::ReadOnly));
+    m_key = QSslKey(&file, QSsl::Ec);
+    m_certificate = QSslCertificate::fromPath(certificate).value(0);
+    QVERIFY(!m_key.isNull() && !m_certificate.isNull());
+}
+
+void HttpsClientTest::certificateMustBeTheNames_data()
+{
+    QTest::addColumn<QString>("host");
+    QTest::addColumn<bool>("trusted");
+    QTest::addColumn<int>("protocol");
+    QTest::addColumn<int>("status");
+    const int broken = HttpClientResult::Unreachable;
+    QTest::newRow("trusted and the name's") << "localhost" << true << int(QSsl::TlsV1_2OrLater) << 200;
+    QTest::newRow("TLS 1.2") << "localhost" << true << int(QSsl::TlsV1_2) << 200;
+    QTest::newRow("of another name") << "127.0.0.1" << true << int(QSsl::TlsV1_2OrLater) << broken;
+    QTest::newRow("not trusted") << "localhost" << false << int(QSsl::TlsV1_2OrLater) << broken;
+    QTest::newRow("TLS 1.1") << "localhost" << true << int(QSsl::TlsV1_1) << broken;
+}
+
+void HttpsClientTest::certificateMustBeTheNames()
+{
+    QFETCH(QString, host);
+    QFETCH(bool, trusted);
+    QFETCH(int, protocol);
+    QFETCH(int, status);
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setCaCertificates(trusted ? QList<QSslCertificate>{ m_certificate } : QList<QSslCertificate>());
+    QSslConfiguration::setDefaultConfiguration(configuration);
+    TlsServer server(m_certificate, m_key, QSsl::SslProtocol(protocol));
+
+    HttpClientResult result;
+    bool called = false;
+    HttpClient::get(ZarkUrl(QStringLiteral("https://%1:%2/").arg(host).arg(server.serverPort())), {},
+        [&](const HttpClientResult& answer) {
+            called = true;
+            result = answer;
+        });
+    QTRY_VERIFY(called);
+    QCOMPARE(result.status, status);
+    QCOMPARE(result.body, QByteArray(status == 200 ? "secret" : ""));
+    QCOMPARE(server.asked, status == 200); // Nothing is asked of a server that is not the one.
+}
+
+QTEST_GUILESS_MAIN(HttpsClientTest)
+#include "HttpsClientTest.moc"
