@@ -154,6 +154,8 @@ void SystemNetworkTest::interfacesAreToldApart()
     for (const QVariant& variant : aps)
         accessPoints.append(describe(ZarkNetworkInterface(variant)));
     QCOMPARE(accessPoints, QStringList({ "ap0 192.0.2.3/32", "guests 192.0.2.6/32", "uap0 192.0.2.7/32" }));
+    QVERIFY(ip(QStringLiteral("addr flush dev e0\n")));
+    QTRY_COMPARE(wired(), QStringLiteral("e1 192.0.2.5/32 192.0.2.2/32")); // Named by what can be reached.
     QVERIFY(ip(QStringLiteral("link del w0\nlink del uap0\nlink del ap0\n")));
 }
 

@@ -93,7 +93,7 @@ bool NetworkTable::precedes(const Address& left, const Address& right)
     return memcmp(&l, &r, sizeof l) < 0;
 }
 
-/// One or several interfaces as one: the first one's name, everybody's addresses.
+/// One or several interfaces as one: everybody's addresses, and the name of the first that has any.
 QVariantHash NetworkTable::toVariant(const QVector<Interface>& interfaces)
 {
     QVariantList addresses;
@@ -101,7 +101,11 @@ QVariantHash NetworkTable::toVariant(const QVector<Interface>& interfaces)
         for (const Address& address : interface.addresses)
             addresses.append(ZarkNetworkAddress(address.ip.toString(), address.prefixLength).toVariant());
     }
-    const QString name = interfaces.isEmpty() ? QString() : interfaces.first().name;
+    auto named = std::find_if(interfaces.begin(), interfaces.end(),
+        [](const Interface& interface) { return !interface.addresses.isEmpty(); });
+    if (named == interfaces.end())
+        named = interfaces.begin();
+    const QString name = named == interfaces.end() ? QString() : named->name;
     return { { QStringLiteral("name"), name }, { QStringLiteral("addresses"), addresses } };
 }
 

@@ -27,6 +27,6 @@ struct SystemSample {
     qint64 nowMs = 0; ///< Since the epoch.
     QString hostName;
 
-    /// Some 50 microseconds of reading; any thread.
+    /// Reads a few files of /proc; any thread.
     static SystemSample take();
 };
