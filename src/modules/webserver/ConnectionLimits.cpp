@@ -102,6 +102,12 @@ void ConnectionLimits::scheduleSweep(int milliseconds)
     m_timerMilliseconds = milliseconds;
 }
 
+bool ConnectionLimits::isAnswering() const
+{
+    return std::any_of(m_connections.cbegin(), m_connections.cend(),
+        [](const auto& entry) { return entry.second->state != ReadingHead; });
+}
+
 ConnectionLimits::Connection* ConnectionLimits::requestStarted(SoupClientContext* client)
 {
     const auto found = m_connections.find(client);

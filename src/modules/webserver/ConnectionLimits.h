@@ -45,6 +45,9 @@ public:
     void start(SoupServerListenOptions options);
     void stop();
 
+    /// Some client has sent a request, or is sending its body, and has no full answer yet.
+    bool isAnswering() const;
+
     /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
     /// event loop has turned.
     Connection* requestStarted(SoupClientContext* client);
