@@ -152,6 +152,7 @@ Host::ExitStatus Host::run()
     if (!announce())
         return NoServer;
     m_notifier->ready();
+    m_isReady = true;
     // quit() before exec() would be forgotten.
     if (!m_isStopRequested)
         QCoreApplication::exec();
@@ -194,9 +195,14 @@ bool Host::announce()
 
 void Host::reload()
 {
+    // Before, everything is about to be read; afterwards, nothing is worth it, and "ready" would be untrue.
+    if (!m_isReady || m_isStopRequested)
+        return;
     m_notifier->reloading();
     QString error;
-    if (!m_log.apply(&error))
+    if (m_log.apply(&error))
+        dbglog_info(logger(), "read the log configuration again");
+    else
         dbglog_error(logger(), error);
     if (m_authority.isUsed() && !m_authority.apply(m_root->tree(), &error))
         dbglog_error(logger(), error);

@@ -58,6 +58,7 @@ private:
     DevelopmentAuthority m_authority;
     ServiceNotifier* m_notifier;
     std::vector<CMWorkerCreate> m_creates; ///< In the order of the options' workers.
+    bool m_isReady = false;
     bool m_isStopRequested = false;
 
     // Each stands on those before it.

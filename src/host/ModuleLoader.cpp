@@ -25,8 +25,8 @@ CMWorkerCreate ModuleLoader::load(const QString& module, QString* error) const
     void* symbol = library ? dlsym(library, "worker_create") : nullptr;
     if (!symbol) {
         const char* reason = dlerror();
-        *error = QStringLiteral("module '%1': %2: %3")
-                     .arg(module, file, reason ? QString::fromLocal8Bit(reason) : QStringLiteral("no worker_create"));
+        // The reason names the file.
+        *error = QStringLiteral("module '%1': %2").arg(module, reason ? QString::fromLocal8Bit(reason) : file);
         return nullptr;
     }
     return reinterpret_cast<CMWorkerCreate>(symbol);

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -28,7 +29,7 @@ ServiceNotifier::ServiceNotifier() : m_socket(takeEnvironment("NOTIFY_SOCKET"))
     const bool isOurs = watchdogPid.isEmpty() || watchdogPid.toLongLong() == QCoreApplication::applicationPid();
     if (watchdogMicroseconds > 0 && isOurs && !m_socket.isEmpty())
         m_watchdog.setInterval(std::chrono::milliseconds(qMax<qint64>(1, watchdogMicroseconds / 2000)));
-    QObject::connect(&m_watchdog, &QTimer::timeout, &m_watchdog, [this] { send("WATCHDOG=1"); });
+    QObject::connect(&m_watchdog, &QTimer::timeout, &m_watchdog, [this] { send("WATCHDOG=1", MSG_DONTWAIT); });
 }
 
 void ServiceNotifier::ready()
@@ -47,10 +48,11 @@ void ServiceNotifier::reloading()
 
 void ServiceNotifier::stopping()
 {
+    m_watchdog.stop();
     send("STOPPING=1");
 }
 
-void ServiceNotifier::send(const QByteArray& state) const
+void ServiceNotifier::send(const QByteArray& state, int flags) const
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
@@ -64,6 +66,10 @@ void ServiceNotifier::send(const QByteArray& state) const
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return;
-    sendto(fd, state.constData(), size_t(state.size()), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), length);
+    // A manager that reads nothing must not hold up the device.
+    const timeval patience = { 0, 200000 };
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    sendto(fd, state.constData(), size_t(state.size()), MSG_NOSIGNAL | flags, reinterpret_cast<sockaddr*>(&address),
+        length);
     close(fd);
 }

@@ -13,10 +13,10 @@ public:
 
     void ready();
     void reloading(); ///< Followed by ready() when done.
-    void stopping();
+    void stopping(); ///< No watchdog looks after a service that stops.
 
 private:
-    void send(const QByteArray& state) const;
+    void send(const QByteArray& state, int flags = 0) const;
 
     QByteArray m_socket; ///< Empty: nobody listens.
     QTimer m_watchdog;

@@ -23,7 +23,7 @@ struct Row {
 };
 
 // A wrong signature is 401 everywhere but on an old GET setData, which carries none.
-const std::array<Row, 16> Table { {
+const std::array<Row, 16> Table{ {
     { "open", GetData, { 200, 200, 200, 200 }, { 200, 200, 200, 200 } },
     { "open", GetRows, { 200, 200, 200, 200 }, { 200, 200, 200, 200 } },
     { "open", SetData, { 200, 200, 200, 200 }, { 200, 200, 200, 200 } },
@@ -42,9 +42,9 @@ const std::array<Row, 16> Table { {
     { "internal", OldSetData, { 404, 404, 404, 404 }, { 404, 404, 404, 404 } },
 } };
 
-const std::array<const char*, 4> Modes { "off", "writes", "writesAndEvents", "everything" };
-const std::array<const char*, 3> Credentials { "none", "good", "wrong" };
-const std::array<const char*, 4> Kinds { "getData", "getRows", "setData", "old setData" };
+const std::array<const char*, 4> Modes{ "off", "writes", "writesAndEvents", "everything" };
+const std::array<const char*, 3> Credentials{ "none", "good", "wrong" };
+const std::array<const char*, 4> Kinds{ "getData", "getRows", "setData", "old setData" };
 
 QByteArray targetOf(Kind kind, const QByteArray& permission, int value)
 {
@@ -62,7 +62,10 @@ QByteArray targetOf(Kind kind, const QByteArray& permission, int value)
     return {};
 }
 
-QByteArray messageFor(int status) { return status == 404 ? "Node is internal" : status == 401 ? "Forbidden" : ""; }
+QByteArray messageFor(int status)
+{
+    return status == 404 ? "Node is internal" : status == 401 ? "Forbidden" : "";
+}
 
 } // namespace
 
@@ -181,8 +184,8 @@ private Q_SLOTS:
         QTest::newRow("empty user, empty password") << Signer("", "").forGet(uri) << 401;
         QTest::newRow("other letter case of the user") << Signer("Admin", "pässword").forGet(uri) << 401;
         QTest::newRow("signature of another URI") << Signer("admin", "pässword").forGet(uri + "x") << 401;
-        QTest::newRow("timestamp of 2^63") << QByteArray("Authorization: HMAC_SHA256 YWRtaW4=.AA==.9223372036854775808.AA==")
-                                           << 401;
+        QTest::newRow("timestamp of 2^63")
+            << QByteArray("Authorization: HMAC_SHA256 YWRtaW4=.AA==.9223372036854775808.AA==") << 401;
         QTest::newRow("garbage") << QByteArray("Authorization: \x80\xff..... . .") << 401;
     }
 
@@ -216,11 +219,11 @@ private Q_SLOTS:
         Device& target = device(1);
         const Signer signer("admin", "pässword", "HMAC_SHA256_AES256");
         const QByteArray secret = '"' + signer.encrypt(json) + '"';
-        const QByteArray body
-            = wholeBody ? secret : R"({"path":"demo:permissions/protected","role":"value","value":)" + secret + '}';
+        const QByteArray body =
+            wholeBody ? secret : R"({"path":"demo:permissions/protected","role":"value","value":)" + secret + '}';
         const QByteArray before = target.value("demo:permissions/protected");
-        const HttpReply reply = target.postJson(
-            "/api/setData", body, { signer.forPost(target.baseUrl() + "/api/setData", body) });
+        const HttpReply reply =
+            target.postJson("/api/setData", body, { signer.forPost(target.baseUrl() + "/api/setData", body) });
         QCOMPARE(reply.status, stored.isNull() ? 400 : 200);
         QCOMPARE(target.value("demo:permissions/protected"), stored.isNull() ? before : stored);
     }
@@ -230,8 +233,8 @@ private:
     {
         auto& entry = m_devices[mode];
         if (!entry)
-            entry = std::make_unique<Device>(
-                QStringList { QString::fromUtf8(Users), QStringLiteral("settings:webserver/authMode=") + Modes[size_t(mode)] });
+            entry = std::make_unique<Device>(QStringList{
+                QString::fromUtf8(Users), QStringLiteral("settings:webserver/authMode=") + Modes[size_t(mode)] });
         return *entry;
     }
 
@@ -245,7 +248,7 @@ private:
         const QByteArray body = post ? QByteArray("{\"path\":\"demo:permissions/") + row.permission
                 + "\",\"role\":\"value\",\"value\":" + QByteArray::number(value) + '}'
                                      : QByteArray();
-        QList<QByteArray> headers { "Host: " + host, "Content-Type: application/json" };
+        QList<QByteArray> headers{ "Host: " + host, "Content-Type: application/json" };
         if (credentials != 0)
             headers.append(post ? signer.forPost(uri, body) : signer.forGet(uri));
         HttpConnection connection(target.port(), remote ? RemoteAddress : "127.0.0.1");

@@ -20,7 +20,8 @@ Device::Device(const QStringList& settings, const QStringList& arguments) : m_po
     m_arguments << "--set" << QStringLiteral("settings:webserver/port=%1").arg(m_port);
     // Off unless a test asks for it: most need no certificate.
     if (settings.filter("settings:webserver/httpsPort=").isEmpty())
-        m_arguments << "--set" << "settings:webserver/httpsPort=0";
+        m_arguments << "--set"
+                    << "settings:webserver/httpsPort=0";
     for (const QString& setting : settings)
         m_arguments << "--set" << setting;
     m_arguments << arguments;
@@ -58,19 +59,28 @@ int Device::stop(int signal)
     return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
 }
 
+int Device::exitStatus()
+{
+    m_process.waitForFinished(StartMilliseconds);
+    return m_process.exitCode();
+}
+
 QByteArray Device::log()
 {
     m_log += m_process.readAllStandardError();
     return m_log;
 }
 
-QByteArray Device::baseUrl() const { return "http://127.0.0.1:" + QByteArray::number(m_port); }
+QByteArray Device::baseUrl() const
+{
+    return "http://127.0.0.1:" + QByteArray::number(m_port);
+}
 
 HttpReply Device::request(
     const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers, const QByteArray& body) const
 {
     HttpConnection connection(m_port);
-    QList<QByteArray> fields { "Host: 127.0.0.1:" + QByteArray::number(m_port), "Connection: close" };
+    QList<QByteArray> fields{ "Host: 127.0.0.1:" + QByteArray::number(m_port), "Connection: close" };
     connection.send(httpRequest(method, target, fields + headers, body));
     return connection.readReply(30000, method == "HEAD");
 }
@@ -82,7 +92,7 @@ HttpReply Device::get(const QByteArray& target, const QList<QByteArray>& headers
 
 HttpReply Device::postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers) const
 {
-    return request("POST", target, QList<QByteArray> { "Content-Type: application/json" } + headers, json);
+    return request("POST", target, QList<QByteArray>{ "Content-Type: application/json" } + headers, json);
 }
 
 QByteArray Device::value(const QByteArray& path) const
@@ -91,14 +101,14 @@ QByteArray Device::value(const QByteArray& path) const
     if (reply.status != 200)
         return {};
     const QJsonValue inner = reply.json().array().at(0).toObject().value("value");
-    const QByteArray list = QJsonDocument(QJsonArray { inner }).toJson(QJsonDocument::Compact);
+    const QByteArray list = QJsonDocument(QJsonArray{ inner }).toJson(QJsonDocument::Compact);
     return list.mid(1, list.size() - 2);
 }
 
 int Device::freePort()
 {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address {};
+    sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;

@@ -24,6 +24,7 @@ public:
 
     bool start(); ///< With the same state and port. True when ready.
     int stop(int signal); ///< Sends the signal and waits; the exit status, or -1 when a signal ended it.
+    int exitStatus(); ///< Of a device that ended by itself.
     QByteArray log(); ///< Standard error so far.
 
     /// One request on a connection of its own, with Host and "Connection: close".

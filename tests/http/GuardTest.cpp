@@ -1,0 +1,257 @@
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTest>
+
+#include <memory>
+#include <vector>
+
+#include <csignal>
+#include <sys/resource.h>
+#include <thread>
+
+#include "Device.h"
+
+namespace {
+
+const QByteArray Counter = "/api/getData?path=demo:volatile/counter&roles=value";
+
+QByteArray fieldLines(int count)
+{
+    QByteArray lines;
+    for (int i = 0; i < count; ++i)
+        lines += "X-Field-" + QByteArray::number(i) + ": 1\r\n";
+    return lines;
+}
+
+qint64 residentKilobytes(qint64 pid)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = status.readAll();
+    const int at = text.indexOf("VmRSS:");
+    return text.mid(at + 6, text.indexOf("kB", at) - at - 6).trimmed().toLongLong();
+}
+
+int openDescriptors(qint64 pid)
+{
+    return QDir(QStringLiteral("/proc/%1/fd").arg(pid))
+        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+        .size();
+}
+
+} // namespace
+
+class GuardTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_device = std::make_unique<Device>(QStringList{ "settings:webserver/limits/headerSeconds=1",
+            "settings:webserver/limits/bodySeconds=2", "settings:webserver/limits/idleSeconds=2",
+            "settings:webserver/limits/connections=60", "settings:webserver/limits/bodyBytes=4096" });
+        QVERIFY(m_device->isRunning());
+    }
+
+    void cleanup() { QCOMPARE(m_device->get(Counter).status, 200); }
+
+    void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
+
+    void heads_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<int>("status"); // 0: closed without an answer.
+        QTest::addColumn<bool>("closed");
+        const QByteArray get = "GET " + Counter + " HTTP/1.1\r\n";
+        const QByteArray post = "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n";
+        QTest::newRow("well-formed") << get + "Host: x\r\n\r\n" << 200 << false;
+        QTest::newRow("absolute form") << "GET http://x" + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 200 << false;
+        QTest::newRow("HTTP/1.0 without Host, with a query") << "GET " + Counter + " HTTP/1.0\r\n\r\n" << 200 << true;
+        QTest::newRow("a range on what is no file") << get + "Host: x\r\nRange: bytes=0-9999999\r\n\r\n"
+                                                    << 200 << false;
+        QTest::newRow("CONNECT with a broken authority") << QByteArray("CONNECT [ HTTP/1.1\r\n\r\n") << 400 << true;
+        QTest::newRow("CONNECT with a broken port") << QByteArray("CONNECT h:x HTTP/1.1\r\n\r\n") << 400 << true;
+        QTest::newRow("CONNECT") << QByteArray("CONNECT h:80 HTTP/1.1\r\nHost: h\r\n\r\n") << 400 << true;
+        QTest::newRow("two Host") << get + "Host: x\r\nHost: y\r\n\r\n" << 400 << true;
+        QTest::newRow("no Host") << get + "\r\n" << 400 << true;
+        QTest::newRow("Host with a query") << get + "Host: evil?x=\r\n\r\n" << 400 << true;
+        QTest::newRow("Host with a fragment") << get + "Host: evil#\r\n\r\n" << 400 << true;
+        QTest::newRow("Host with a user") << get + "Host: user:pw@evil\r\n\r\n" << 400 << true;
+        QTest::newRow("Host with markup") << get + "Host: <script>\r\n\r\n" << 400 << true;
+        QTest::newRow("foreign Host") << get + "Host: example.com\r\n\r\n" << 403 << false;
+        QTest::newRow("two lengths") << post + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}}" << 400 << true;
+        QTest::newRow("negative length") << post + "Content-Length: -5\r\n\r\n" << 400 << true;
+        QTest::newRow("length with a sign") << post + "Content-Length: +2\r\n\r\n{}" << 400 << true;
+        QTest::newRow("overflowing length") << post + "Content-Length: 99999999999999999999\r\n\r\n" << 400 << true;
+        QTest::newRow("length list") << post + "Content-Length: 2, 2\r\n\r\n{}" << 400 << true;
+        QTest::newRow("length and chunks") << post + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"
+                                           << 400 << true;
+        QTest::newRow("unknown coding") << post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" << 400 << true;
+        QTest::newRow("chunks") << post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n" << 400 << true;
+        QTest::newRow("body over the limit, not sent") << post + "Content-Length: 4097\r\n\r\n" << 413 << true;
+        QTest::newRow("body over the limit, announced")
+            << post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n"
+            << 413 << true;
+        QTest::newRow("chunks over the limit")
+            << post + "Transfer-Encoding: chunked\r\n\r\n2000\r\n" + QByteArray(8192, ' ') + "\r\n0\r\n\r\n"
+            << 413 << true;
+        QTest::newRow("chunks without end over the limit")
+            << post + "Transfer-Encoding: chunked\r\n\r\n20000\r\n" + QByteArray(131072, ' ') << 0 << true;
+        QTest::newRow("100 fields") << get + "Host: x\r\n" + fieldLines(99) + "\r\n" << 200 << false;
+        QTest::newRow("101 fields") << get + "Host: x\r\n" + fieldLines(100) + "\r\n" << 431 << true;
+        QTest::newRow("fields without end") << get + "Host: x\r\nX: " + QByteArray(200000, 'x') << 0 << true;
+        QTest::newRow("no method") << QByteArray(" / HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << true;
+        QTest::newRow("long method") << QByteArray(300, 'M') + " / HTTP/1.1\r\nHost: x\r\n\r\n" << 400 << true;
+        QTest::newRow("HTTP/3.0") << QByteArray("GET / HTTP/3.0\r\nHost: x\r\n\r\n") << 505 << true;
+        QTest::newRow("foreign scheme") << QByteArray("GET ftp://x/ HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << false;
+        QTest::newRow("OPTIONS *") << QByteArray("OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n") << 404 << false;
+        QTest::newRow("HEAD on the API") << "HEAD " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 405 << false;
+        QTest::newRow("not HTTP") << QByteArray("\x16\x03\x01\x02 TLS?\r\n\r\n") << 400 << true;
+    }
+
+    void heads()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(int, status);
+        QFETCH(bool, closed);
+        HttpConnection connection(m_device->port());
+        connection.send(bytes);
+        const HttpReply reply = connection.readReply(5000, bytes.startsWith("HEAD"));
+        QCOMPARE(reply.status, status);
+        if (status != 0)
+            QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
+        QCOMPARE(connection.isClosedWithin(closed ? 1000 : 200), closed);
+    }
+
+    void nothingAfterChunksIsTakenForARequest()
+    {
+        HttpConnection connection(m_device->port());
+        connection.send("POST /api/getData HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nGET "
+            + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        QVERIFY(connection.readReply().status >= 400);
+        QCOMPARE(connection.readReply(1000).status, 0);
+    }
+
+    void pipelinedRequestsAreAllAnswered_data()
+    {
+        QTest::addColumn<QByteArray>("target");
+        QTest::addColumn<int>("status");
+        QTest::newRow("answered at once") << QByteArray("/nothing/here") << 404;
+        QTest::newRow("by no handler") << QByteArray("*") << 404;
+        QTest::newRow("from the event loop") << Counter << 200;
+    }
+
+    void pipelinedRequestsAreAllAnswered()
+    {
+        QFETCH(QByteArray, target);
+        QFETCH(int, status);
+        constexpr int Count = 60000;
+        HttpConnection connection(m_device->port());
+        const QByteArray request = "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n";
+        std::thread sender([&connection, &request] { connection.send(request.repeated(Count)); });
+        int answered = 0;
+        while (answered < Count && connection.readReply().status == status)
+            ++answered;
+        if (answered < Count)
+            connection.shutDownSending();
+        sender.join();
+        QCOMPARE(answered, Count);
+    }
+
+    void silentAndDrippingClientsAreCut_data()
+    {
+        QTest::addColumn<QByteArray>("first");
+        QTest::addColumn<int>("atLeastMs");
+        QTest::addColumn<int>("atMostMs");
+        QTest::newRow("says nothing") << QByteArray() << 900 << 1800;
+        QTest::newRow("half a head") << QByteArray("GET / HTTP/1.1\r\nHo") << 900 << 1800;
+        QTest::newRow("half a body") << QByteArray(
+            "POST /api/getData HTTP/1.1\r\nHost: x\r\nContent-Length: 90\r\n\r\n{")
+                                     << 1900 << 2800;
+        QTest::newRow("idle after an answer") << "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 1900 << 2800;
+    }
+
+    void silentAndDrippingClientsAreCut()
+    {
+        QFETCH(QByteArray, first);
+        QFETCH(int, atLeastMs);
+        QFETCH(int, atMostMs);
+        QElapsedTimer timer;
+        timer.start();
+        HttpConnection connection(m_device->port());
+        connection.send(first);
+        bool closed = false;
+        while (!closed && timer.elapsed() < atMostMs) {
+            closed = connection.isClosedWithin(100);
+            if (!first.isEmpty() && !first.endsWith("\n"))
+                connection.send(" "); // Each byte would start a plain time-out again.
+        }
+        QVERIFY(closed);
+        QVERIFY2(timer.elapsed() >= atLeastMs, qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void aHalfClosedClientIsAnswered()
+    {
+        HttpConnection connection(m_device->port());
+        connection.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        connection.shutDownSending();
+        QCOMPARE(connection.readReply().status, 200);
+        QVERIFY(connection.isClosedWithin(1000));
+    }
+
+    void clientsThatLeaveAtAnyStageLeaveNothingBehind()
+    {
+        const QByteArray request =
+            "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n"
+            "Content-Length: 75\r\n\r\n"
+            R"({"path":"demo:volatile/counter","role":"value","value":{"type":"i32","value":5}})";
+        const int before = openDescriptors(m_device->pid());
+        qint64 resident = 0;
+        for (int round = 0; round < 20; ++round) {
+            for (int stage = 0; stage <= request.size(); stage += 3) {
+                HttpConnection connection(m_device->port());
+                connection.send(request.left(stage));
+                if (stage % 2)
+                    connection.reset();
+            }
+            if (round == 4)
+                resident = residentKilobytes(m_device->pid());
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(m_device->pid()) <= before, 5000);
+        QVERIFY(residentKilobytes(m_device->pid()) - resident < 4096);
+    }
+
+    void connectionsOverTheCapCostTheIdleOnes()
+    {
+        std::vector<std::unique_ptr<HttpConnection>> idle;
+        for (int i = 0; i < 80; ++i)
+            idle.push_back(std::make_unique<HttpConnection>(m_device->port()));
+        HttpConnection late(m_device->port());
+        late.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
+        QCOMPARE(late.readReply().status, 200);
+        QVERIFY(idle.front()->isClosedWithin(500));
+    }
+
+    void aListenerSurvivesRunningOutOfDescriptors()
+    {
+        Device device({ "settings:webserver/limits/connections=2000" });
+        const rlimit few{ rlim_t(openDescriptors(device.pid()) + 10), 4096 };
+        QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_NOFILE, &few, nullptr), 0);
+        std::vector<std::unique_ptr<HttpConnection>> connections;
+        for (int i = 0; i < 30; ++i)
+            connections.push_back(std::make_unique<HttpConnection>(device.port()));
+        QTest::qWait(300);
+        connections.clear();
+        QTRY_COMPARE_WITH_TIMEOUT(device.get(Counter).status, 200, 8000);
+    }
+
+private:
+    std::unique_ptr<Device> m_device;
+};
+
+QTEST_GUILESS_MAIN(GuardTest)
+
+#include "GuardTest.moc"

@@ -27,7 +27,7 @@ QByteArray HttpReply::errorMessage() const
 
 HttpConnection::HttpConnection(int port, const QByteArray& address)
 {
-    sockaddr_in target {};
+    sockaddr_in target{};
     target.sin_family = AF_INET;
     target.sin_port = htons(static_cast<uint16_t>(port));
     inet_pton(AF_INET, address.constData(), &target.sin_addr);
@@ -36,7 +36,10 @@ HttpConnection::HttpConnection(int port, const QByteArray& address)
         close();
 }
 
-HttpConnection::~HttpConnection() { close(); }
+HttpConnection::~HttpConnection()
+{
+    close();
+}
 
 void HttpConnection::close()
 {
@@ -47,19 +50,22 @@ void HttpConnection::close()
 
 void HttpConnection::reset()
 {
-    const linger now { 1, 0 };
+    const linger now{ 1, 0 };
     setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     close();
 }
 
-void HttpConnection::shutDownSending() { shutdown(m_fd, SHUT_WR); }
+void HttpConnection::shutDownSending()
+{
+    shutdown(m_fd, SHUT_WR);
+}
 
 bool HttpConnection::send(const QByteArray& bytes)
 {
     int sent = 0;
     while (sent < bytes.size()) {
-        const auto count
-            = ::send(m_fd, bytes.constData() + sent, static_cast<size_t>(bytes.size() - sent), MSG_NOSIGNAL);
+        const auto count =
+            ::send(m_fd, bytes.constData() + sent, static_cast<size_t>(bytes.size() - sent), MSG_NOSIGNAL);
         if (count <= 0)
             return false;
         sent += static_cast<int>(count);
@@ -69,13 +75,13 @@ bool HttpConnection::send(const QByteArray& bytes)
 
 bool HttpConnection::hasData(int timeoutMs)
 {
-    pollfd request { m_fd, POLLIN, 0 };
+    pollfd request{ m_fd, POLLIN, 0 };
     return !m_buffer.isEmpty() || poll(&request, 1, timeoutMs) == 1;
 }
 
 bool HttpConnection::fill(int timeoutMs)
 {
-    pollfd request { m_fd, POLLIN, 0 };
+    pollfd request{ m_fd, POLLIN, 0 };
     if (m_fd < 0 || poll(&request, 1, timeoutMs) != 1)
         return false;
     char block[65536];
@@ -91,7 +97,7 @@ bool HttpConnection::isClosedWithin(int timeoutMs)
     QElapsedTimer timer;
     timer.start();
     while (timer.elapsed() < timeoutMs) {
-        pollfd request { m_fd, POLLIN, 0 };
+        pollfd request{ m_fd, POLLIN, 0 };
         if (poll(&request, 1, timeoutMs - static_cast<int>(timer.elapsed())) != 1)
             return false;
         char block[65536];

@@ -36,8 +36,9 @@ bool enterNetworkNamespace()
         std::perror("unshare");
         return false;
     }
-    const int status = std::system("ip link set lo up && ip link add zark0 type veth peer name zark1 && ip link set zark0 up"
-                                   " && ip address add 192.0.2.1/24 dev zark0");
+    const int status =
+        std::system("ip link set lo up && ip link add zark0 type veth peer name zark1 && ip link set zark0 up"
+                    " && ip address add 192.0.2.1/24 dev zark0");
     if (status != 0)
         std::fprintf(stderr, "ip (package iproute2) failed\n");
     return status == 0;

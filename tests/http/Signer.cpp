@@ -10,8 +10,14 @@
 
 namespace {
 
-const unsigned char* bytes(const QByteArray& array) { return reinterpret_cast<const unsigned char*>(array.constData()); }
-unsigned char* bytes(QByteArray& array) { return reinterpret_cast<unsigned char*>(array.data()); }
+const unsigned char* bytes(const QByteArray& array)
+{
+    return reinterpret_cast<const unsigned char*>(array.constData());
+}
+unsigned char* bytes(QByteArray& array)
+{
+    return reinterpret_cast<unsigned char*>(array.data());
+}
 
 QByteArray random(int size)
 {
@@ -22,12 +28,9 @@ QByteArray random(int size)
 
 } // namespace
 
-Signer::Signer(const QByteArray& user, const QByteArray& password, const QByteArray& scheme) :
-    m_user(user),
-    m_password(password),
-    m_scheme(scheme),
-    m_salt(random(16).toBase64()),
-    m_timestamp(QDateTime::currentMSecsSinceEpoch())
+Signer::Signer(const QByteArray& user, const QByteArray& password, const QByteArray& scheme)
+    : m_user(user), m_password(password), m_scheme(scheme), m_salt(random(16).toBase64()),
+      m_timestamp(QDateTime::currentMSecsSinceEpoch())
 {
 }
 
@@ -50,7 +53,10 @@ QByteArray Signer::authorization(const QByteArray& data) const
     return "Authorization: " + m_scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + stamp + '.' + mac.toBase64();
 }
 
-QByteArray Signer::forGet(const QByteArray& fullUri) const { return authorization(fullUri); }
+QByteArray Signer::forGet(const QByteArray& fullUri) const
+{
+    return authorization(fullUri);
+}
 
 QByteArray Signer::forPost(const QByteArray& fullUri, const QByteArray& body) const
 {

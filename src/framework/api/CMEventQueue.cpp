@@ -60,8 +60,9 @@ quint64 CMEventQueue::poll(CMEventQueueRequest* request, int timeout, qint64 rec
     if (earlier)
         earlier->done(m_id, {});
 
-    if (!m_touched.isEmpty() || m_timeoutMs == 0 || m_closed)
-        answer();
+    const ZarkList<ZarkEvent> events = takeEvents();
+    if (!events.isEmpty() || m_timeoutMs == 0 || m_closed)
+        answer(events);
     else
         startTimer();
     return token;
@@ -100,7 +101,7 @@ void CMEventQueue::close()
 {
     m_closed = true;
     if (m_waiting)
-        answer();
+        answer(takeEvents());
 }
 
 // What a poll says of the answer before it.
@@ -114,8 +115,8 @@ void CMEventQueue::settleBefore(qint64 received)
         putBack();
     } else if (received != m_answers) {
         m_answers = received;
-        for (auto it = m_paths.begin(); it != m_paths.end(); ++it)
-            touchAll(it.key(), it.value(), m_tree->node(it.key()));
+        for (const ZarkEventSubscribe& subscription : qAsConst(m_subscribtions))
+            touchAll(subscription.path(), m_paths[subscription.path()], m_tree->node(subscription.path()));
     }
     m_held = {};
 }
@@ -127,6 +128,8 @@ void CMEventQueue::putBack()
     const QVector<CMPath> newer = std::exchange(m_touched, {});
     --m_answers;
     for (const auto& [path, changes] : held.changes) {
+        if (changes.isEmpty())
+            continue; // Its row events were unsubscribed meanwhile.
         Subscription& subscription = m_paths[path];
         subscription.changes.roles |= changes.roles;
         CMRowChanges& rows = subscription.changes.rows;
@@ -278,14 +281,14 @@ void CMEventQueue::answerChanges()
 {
     m_answersSoon = false;
     // In between, the poll may have been answered or given up, and another one may wait.
-    if (m_waiting && !m_touched.isEmpty())
-        answer();
+    const ZarkList<ZarkEvent> events = m_waiting ? takeEvents() : ZarkList<ZarkEvent>();
+    if (!events.isEmpty())
+        answer(events);
 }
 
-void CMEventQueue::answer()
+void CMEventQueue::answer(const ZarkList<ZarkEvent>& events)
 {
     const std::unique_ptr<CMEventQueueRequest> request = std::move(m_waiting);
-    const ZarkList<ZarkEvent> events = takeEvents();
     if (!events.isEmpty()) {
         ++m_answers;
         m_held.token = request->token();
@@ -301,13 +304,17 @@ void CMEventQueue::answer()
 ZarkList<ZarkEvent> CMEventQueue::takeEvents()
 {
     ZarkList<ZarkEvent> events;
-    for (const CMPath& path : qAsConst(m_touched)) {
+    const QVector<CMPath> paths = std::exchange(m_touched, {});
+    for (const CMPath& path : paths) {
+        if (!m_waiting->mayRead(path)) {
+            m_touched.append(path);
+            continue;
+        }
         const Changes changes = std::exchange(m_paths[path].changes, {});
+        m_rowEvents -= changes.rows.count();
         events.append(event(path, changes));
         m_held.changes.append({ path, changes });
     }
-    m_touched.clear();
-    m_rowEvents = 0;
     return events;
 }
 
@@ -345,7 +352,7 @@ void CMEventQueue::timerEvent(QTimerEvent* event)
         return QObject::timerEvent(event);
     m_timer.stop();
     if (m_waiting)
-        answer();
+        answer(takeEvents());
     else
         Q_EMIT expired();
 }

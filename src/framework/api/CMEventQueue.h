@@ -23,33 +23,34 @@
 ///   container's rows are its children; nothing below them is told.
 /// - A path that gets a node: all roles, and for "rows" a reset. A path that loses its node: all roles, each null; the
 ///   role `type` is null then and only then. There are no row events of a node that is gone.
-/// - More than CMRowChanges::Maximum row events of a list, or MaximumRowEvents of the queue, become one reset of a
-/// list.
+/// - More than CMRowChanges::Maximum row events of a list, or MaximumRowEvents of a queue, make one reset of a list.
 /// - Nothing at first: a client subscribes, then reads. Every change after the subscription is told.
+/// - Nothing of a path that the request may not read. Its changes wait until one may; they answer no poll.
 ///
-/// To mirror a list a client subscribes, reads all rows at version R, and from then on takes the events of each answer,
-/// whose version is V: V <= R: nothing new, ignore them. R is the version of its mirror as the answer before this one
-/// left it: apply them in order, then read the rows that were inserted or updated, asking for version V; when that is
-/// outdated, more events wait, and the rows are read after those. Otherwise (a reset, or rows read between two
-/// answers, where the events overlap with what was read): read all rows again.
+/// To mirror a list a client subscribes, reads all rows at some version R, and from then on takes each answer's row
+/// events, whose version is V, by the first of these that applies:
+/// - There is a reset: read all rows again.
+/// - V <= R: the rows were read after these events; ignore them.
+/// - R is the V of the answer before: apply the events in order, then read the rows that they inserted or updated,
+///   asking for version V. When that is outdated, more events wait; apply those first.
+/// - Otherwise the rows were read between two answers and only some of the events are news: read all rows again.
 ///
 /// **Life of a poll.** poll() hands a request over. It waits until something changes and is answered from the next turn
 /// of the event loop, so that the changes of one turn make one answer; or at its timeout with no events. A second poll
-/// answers the first at once with no events. The changes of an answer are then *held*, until it is known to have
-/// arrived:
+/// answers the first at once with no events. What an answer told is *held* until it is known to have arrived:
 ///
-/// | the request       | held until              | then                                                          |
-/// | does not settle   | done() returns          | forgotten                                                     |
-/// | settles           | confirm()               | forgotten                                                     |
-/// |                   | restore(), or a poll    | put back in front of newer changes                            |
-/// | counts its answers| its next poll           | forgotten if `received` counts the answer, else put back       |
+/// | the request        | held until           | then                                                     |
+/// | ------------------ | -------------------- | -------------------------------------------------------- |
+/// | does not settle    | done() returns       | forgotten                                                |
+/// | settles            | confirm()            | forgotten                                                |
+/// |                    | restore(), or a poll | put back in front of newer changes                       |
+/// | counts its answers | the next poll        | forgotten if that one counts this answer, else put back  |
 ///
 /// A poll that comes while an answer is unsettled tells that it was cut off: whoever has read an answer to its end asks
 /// after it was sent. No sender can know that the last bytes were read, though, so a client that must miss nothing and
 /// hear nothing twice, whatever happens to its connection, counts the answers with at least one event that it received
-/// and sends that count with each poll. What a count says goes before confirm() and restore(). A count that fits
-/// neither the last answer nor the one before it makes the queue tell everything: all roles of each path, a reset of
-/// each list.
+/// and sends that count with each poll. What a count says goes before confirm() and restore(). A count that is neither
+/// the queue's nor one less makes the queue tell everything: all roles of each path, a reset of each list.
 class CMEventQueue : public QObject, private CMNodeListener {
     Q_OBJECT
 public:
@@ -123,7 +124,8 @@ private:
 
     void answerSoon();
     void answerChanges();
-    void answer();
+    void answer(const ZarkList<ZarkEvent>& events);
+    /// What the waiting request may read, held from now on.
     ZarkList<ZarkEvent> takeEvents();
     ZarkEvent event(const CMPath& path, const Changes& changes) const;
 

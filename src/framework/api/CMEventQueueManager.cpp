@@ -2,18 +2,12 @@
 
 #include <algorithm>
 
+#include "ApiLogger.h"
 #include "CMNodeTree.h"
 #include "CMRoot.h"
 #include "CMUINode.h"
-#include "dbglog.h"
 
 namespace {
-
-const DbgLogger& logger()
-{
-    static const DbgLogger instance("zark.api.events");
-    return instance;
-}
 
 /// `list` without `unsubscribe`, then with `subscribe`, each once.
 ZarkList<ZarkEventSubscribe> changedList(const ZarkList<ZarkEventSubscribe>& list,
@@ -58,7 +52,7 @@ CMEventQueue* CMEventQueueManager::modifyQueue(
     if (m_shutDown || !CMRoot() || (!queue && !isNew) || !isAcceptable(subscribe) || !isAcceptable(unsubscribe))
         return nullptr;
     if (isNew && m_queues.count() >= MaximumQueues) {
-        dbglog_warn(logger(), "No more than " << MaximumQueues << " event queues: a new one is refused");
+        dbglog_warn(apiLogger(), "No more than " << MaximumQueues << " event queues: a new one is refused");
         return nullptr;
     }
 
@@ -110,7 +104,7 @@ bool CMEventQueueManager::isWithinLimits(
         all += queue->subscribtions().count();
     if (changed.count() <= CMEventQueue::MaximumSubscribtions && all <= MaximumSubscribtions)
         return true;
-    dbglog_warn(logger(),
+    dbglog_warn(apiLogger(),
         "Subscriptions are refused: " << changed.count() << " of one event queue, " << all << " of all queues");
     return false;
 }
@@ -127,6 +121,6 @@ void CMEventQueueManager::remove(CMEventQueue* queue)
 {
     m_queues.remove(queue->id());
     queue->deleteLater();
-    dbglog_debug(logger(), "Event queue expired: " << queue->textId());
+    dbglog_debug(apiLogger(), "Event queue expired: " << queue->textId());
     Q_EMIT expired(queue->textId());
 }

@@ -15,9 +15,12 @@ public:
     CMEventQueueRequest& operator=(const CMEventQueueRequest&) = delete;
 
     /// The answer, once, on the event loop's thread and never from inside a change of a node; from inside poll() when
-    /// events wait already. The values were read just now, so a caller that hides nodes from this client judges each
-    /// event's path here. May call confirm() and restore(), but neither poll() nor anything that ends the queue.
+    /// events wait already. May call confirm() and restore(), but neither poll() nor anything that ends the queue.
     virtual void done(const QUuid& queueId, const ZarkList<ZarkEvent>& events) = 0;
+
+    /// Whether this client may see the node at `path` as it is now. Asked just before the answer, whose values are read
+    /// then. Changes that it may not see stay in the queue.
+    virtual bool mayRead(const CMPath& path) const;
 
     /// True when the asker will tell with confirm() or restore() whether the answer arrived. Otherwise it counts as
     /// arrived when done() returns.

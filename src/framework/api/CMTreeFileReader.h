@@ -37,5 +37,6 @@ private:
     bool failed() const { return !m_error.isEmpty(); }
 
     CMNodes* m_nodes;
+    QSet<CMPath> m_paths; ///< Declared so far.
     ZarkError m_error;
 };

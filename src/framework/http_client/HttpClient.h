@@ -62,7 +62,8 @@ public:
     /// A running fetch; cancel() ends it without a further callback. Copyable; harmless after the end.
     class Handle {
     public:
-        std::function<void()> cancel = [] {};
+        std::function<void()> cancel = [] {
+        };
     };
 
     /// Calls `callback` exactly once, later, from the event loop, unless the handle is cancelled before.

@@ -17,8 +17,8 @@ struct ZarkRowEventType {
 class ZarkRowEvent {
 public:
     ZarkRowEvent() = default;
-    ZarkRowEvent(ZarkRowEventType::Enum type, int index, int toIndex = -1) :
-        m_type(type), m_index(index), m_toIndex(toIndex)
+    ZarkRowEvent(ZarkRowEventType::Enum type, int index, int toIndex = -1)
+        : m_type(type), m_index(index), m_toIndex(toIndex)
     {
     }
     explicit ZarkRowEvent(const QVariant& hash);

@@ -25,7 +25,7 @@ struct Options {
     qint64 count = -1; ///< Events to wait for; -1: no end.
     QString newPasswordFile; ///< Empty: standard input.
 
-    /// `arguments` begins with the program's name. Nothing when they are wrong, with a sentence in `error`, and when help
-    /// was asked for: `help` is true then, and `error` holds it.
+    /// `arguments` begins with the program's name. Nothing when they are wrong, with a sentence in `error`, and when
+    /// help was asked for: `help` is true then, and `error` holds it.
     static std::optional<Options> parse(const QStringList& arguments, QString* error, bool* help);
 };

@@ -35,7 +35,7 @@ std::optional<QString> firstLine(QFile* file)
 std::optional<QString> passwordFrom(const QString& fileName)
 {
     QFile file(fileName);
-    const std::optional<QString> password = firstLine(&file);
+    std::optional<QString> password = firstLine(&file);
     if (!password)
         complain(fileName + QLatin1String(": ") + file.errorString());
     return password;
@@ -54,7 +54,7 @@ std::optional<QString> typedPassword()
     }
     QFile input;
     input.open(stdin, QIODevice::ReadOnly);
-    const std::optional<QString> password = firstLine(&input);
+    std::optional<QString> password = firstLine(&input);
     if (terminal) {
         tcsetattr(STDIN_FILENO, TCSAFLUSH, &seen);
         std::fputc('\n', stderr);

@@ -1,0 +1,240 @@
+"""The benchmarks: the device against the bare libraries, side by side in one run.
+
+    bench.py --build build/release --output build/bench.json [ROW...]
+
+A row is one function below, entered in ROWS. Where it compares processor time, the ratio is the floor's time for one
+request divided by the device's: 1 means that the device costs what the library alone costs. Prints a table and writes
+a list of {"name", "ours", "reference", "unit", "ratio", "target", "holds"}. Fails when a row could not be measured;
+a missed target shows as "holds": false.
+"""
+
+import argparse
+import json
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Optional
+
+from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
+from servers import PASSWORD, USER, Device, Floor, IdleFloor
+
+SECONDS = 3
+
+GET_VALUE = "/api/getData?path=player:player/volume&roles=title,value"
+GET_ROWS = "/api/getRows?path=demo:lists/large&roles=title,value&from=0&to=99"
+
+
+@dataclass
+class Bench:
+    """What the rows share: the build tree, a scratch directory on the build's file system, and a running device."""
+
+    build: Path
+    scratch: Path
+    device: Device
+
+
+@dataclass
+class Row:
+    """One line of the table. Without a target, `target` is empty and `holds` None: the row only reports."""
+
+    name: str
+    ours: float
+    reference: float
+    unit: str
+    ratio: float
+    target: str
+    holds: Optional[bool]
+    note: str = ""
+
+
+def at_least(name, ours, reference, unit, ratio, target, note=""):
+    if target is None:
+        return Row(name, ours, reference, unit, ratio, "", None, note)
+    return Row(name, ours, reference, unit, ratio, f">= {target:.2f}", ratio >= target, note)
+
+
+def at_most(name, ours, reference, unit, ratio, target, note=""):
+    return Row(name, ours, reference, unit, ratio, f"<= {target:.2f}", ratio <= target, note)
+
+
+def against_floor(bench, name, exchange, target):
+    """Processor time for one request, the device's and that of a floor which answers the same bytes."""
+    body = ask_once(bench.device, exchange)
+    query = exchange.target.partition("?")[2]
+    with Floor(bench.build, bench.scratch, body) as floor:
+        sides = [(bench.device, exchange), (floor, exchange.at("/value" + (query and "?" + query)))]
+        ours, reference = run_alternately(sides, SECONDS)
+    ratio = reference.cpu_microseconds / ours.cpu_microseconds
+    note = f"{ours.rate:,.0f} against {reference.rate:,.0f} requests/s"
+    return at_least(name, ours.cpu_microseconds, reference.cpu_microseconds, "us CPU/request", ratio, target, note)
+
+
+def write_exchange(path):
+    """Another value each time: a device may leave out writes that change nothing."""
+    return post_json("/api/setData", {"path": path, "role": "value", "value": {"type": "i32", "value": COUNTER}})
+
+
+def latencies(bench):
+    """Several short runs of the device and of the floor in turn. What else the machine does only adds to a latency, and
+    not to every run: the middle of the runs speaks for the server."""
+    exchange = Exchange(GET_VALUE)
+    with Floor(bench.build, bench.scratch, ask_once(bench.device, exchange)) as floor:
+        return run_alternately([(bench.device, exchange), (floor, exchange.at("/value"))], 1, rounds=5)
+
+
+# ---- The rows
+
+
+def get_data_unsigned(bench, name):
+    return against_floor(bench, name, Exchange(GET_VALUE), 0.75)
+
+
+def get_data_signed(bench, name):
+    return against_floor(bench, name, signed(Exchange(GET_VALUE), bench.device.port, USER, PASSWORD), 0.65)
+
+
+def set_data_volatile(bench, name):
+    return against_floor(bench, name, write_exchange("demo:volatile/counter"), 0.60)
+
+
+def set_data_persistent(bench, name):
+    """Durable writes in a second; the reference is SQLite alone on the same disk, one write a transaction."""
+    exchange = write_exchange("demo:values/i32")
+    ask_once(bench.device, exchange)
+    loads, commits = [], []
+    for _ in range(2):
+        loads.append(run_load(bench.device, exchange, SECONDS))
+        commits.append(sqlite_commits(bench))
+    ours, reference = total(loads).rate, statistics.mean(commits)
+    return at_least(name, ours, reference, "writes/s", ours / reference, 0.5)
+
+
+def sqlite_commits(bench):
+    command = [bench.build / "bin/sqlite_floor", bench.scratch / "floor.db", str(SECONDS)]
+    result = subprocess.run(command, capture_output=True, text=True)
+    if result.returncode != 0:
+        raise BenchError(result.stderr.strip())
+    return float(result.stdout)
+
+
+def get_rows(bench, name):
+    return against_floor(bench, name, Exchange(GET_ROWS), None)
+
+
+def latency_p99(bench, name):
+    ours, floor = latencies(bench)
+    note = f"the floor: {floor.p99 / floor.p50:.2f}"
+    return at_most(name, ours.p99, ours.p50, "ms", ours.p99 / ours.p50, 3.0, note)
+
+
+def latency_max(bench, name):
+    """A packet lost to a full accept queue is sent again after 200 ms: no answer may show that step."""
+    ours, floor = latencies(bench)
+    return at_most(name, ours.max, 200.0, "ms", ours.max / 200.0, 1.0, f"the floor: {floor.max:.1f} ms")
+
+
+def resident_memory(bench, name):
+    with fresh_device(bench) as device, IdleFloor(bench.build) as idle:
+        time.sleep(1)  # What the start left to do in the background.
+        ours, reference = device.resident_kib(), idle.resident_kib()
+    return at_most(name, ours, reference, "KiB", ours / reference, 1.5)
+
+
+def start_to_first_answer(bench, name):
+    """On a state that an earlier start has set up, as a device starts on every day but its first."""
+    with fresh_device(bench) as device:
+        first = device.start_seconds * 1000
+    times = []
+    for _ in range(5):
+        with fresh_device(bench) as device:
+            times.append(device.start_seconds * 1000)
+    ours = statistics.median(times)
+    return at_most(name, ours, 150.0, "ms", ours / 150.0, 1.0, f"the first start, on no state: {first:.0f} ms")
+
+
+def fresh_device(bench):
+    """A newly started device, whose state the rows that start one share."""
+    return Device(bench.build, bench.scratch / "fresh")
+
+
+ROWS = [
+    ("start to first answer", start_to_first_answer),
+    ("resident memory", resident_memory),
+    ("getData unsigned", get_data_unsigned),
+    ("getData signed", get_data_signed),
+    ("setData volatile", set_data_volatile),
+    ("setData persistent", set_data_persistent),
+    ("getRows 100 rows", get_rows),
+    ("latency p99 / median", latency_p99),
+    ("latency max / 200 ms step", latency_max),
+]
+
+
+# ---- The run
+
+
+def measure(bench, chosen):
+    """The rows, and the names of those that could not be measured."""
+    rows, failed = [], []
+    for name, function in chosen:
+        print(f"measuring {name}", file=sys.stderr, flush=True)
+        try:
+            rows.append(function(bench, name))
+        except (BenchError, OSError, subprocess.TimeoutExpired) as error:
+            print(f"bench: {name}: {error}", file=sys.stderr)
+            failed.append(name)
+    return rows, failed
+
+
+def print_table(rows):
+    width = max((len(row.name) for row in rows), default=0)
+    print(f"{'':{width}}  {'ours':>11}  {'reference':>11}  {'unit':<15}  {'ratio':>5}  {'target':<8}")
+    for row in rows:
+        verdict = {True: "holds", False: "MISSED", None: ""}[row.holds]
+        print(
+            f"{row.name:{width}}  {row.ours:>11,.1f}  {row.reference:>11,.1f}  {row.unit:<15}  {row.ratio:>5.2f}"
+            f"  {row.target:<8}{verdict:<7} {row.note}".rstrip()
+        )
+
+
+def write_json(rows, path):
+    fields = ("name", "ours", "reference", "unit", "ratio", "target", "holds")
+    entries = [{field: getattr(row, field) for field in fields} for row in rows]
+    path.write_text(json.dumps(entries, indent=2) + "\n")
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description="Benchmarks of the device against the bare libraries.")
+    parser.add_argument("--build", type=Path, required=True, help="a release build tree")
+    parser.add_argument("--output", type=Path, required=True, help="the JSON file to write")
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows whose name contains this text; all by default")
+    arguments = parser.parse_args()
+    arguments.chosen = [
+        row for row in ROWS if not arguments.rows or any(text.lower() in row[0].lower() for text in arguments.rows)
+    ]
+    if not arguments.chosen:
+        parser.error("no such row; there are: " + ", ".join(name for name, _ in ROWS))
+    return arguments
+
+
+def main():
+    arguments = parse_arguments()
+    # Beside the build and not in /tmp, which may be memory: durable writes have to reach a disk.
+    with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.output.parent) as directory:
+        scratch = Path(directory)
+        try:
+            with Device(arguments.build, scratch / "state") as device:
+                rows, failed = measure(Bench(arguments.build, scratch, device), arguments.chosen)
+        except (BenchError, OSError, subprocess.TimeoutExpired) as error:
+            sys.exit(f"bench: {error}")
+    print_table(rows)
+    write_json(rows, arguments.output)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,146 @@
+"""The processes that the benchmarks measure, each on loopback with its own temporary state."""
+
+import http.client
+import os
+import socket
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+from load import BenchError
+
+ROOT = Path(__file__).resolve().parent.parent
+TICKS = os.sysconf("SC_CLK_TCK")
+START_SECONDS = 10
+
+USER = "admin"
+PASSWORD = "bench-secret"
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Process:
+    """A child process, stopped at the end of its `with` block."""
+
+    def __init__(self, command, **options):
+        self.command = [str(part) for part in command]
+        self.options = options
+        self.port = 0
+
+    def __enter__(self):
+        try:
+            self.process = subprocess.Popen(self.command, **self.options)
+        except OSError as error:
+            raise BenchError(str(error)) from error
+        try:
+            self.wait_until_ready()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        try:
+            self.process.wait(5)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait()
+        if self.process.stdout:
+            self.process.stdout.close()
+
+    def wait_until_ready(self):
+        """Returns when the process can be asked; a BenchError when it ended or never comes so far."""
+
+    def url(self, target):
+        return f"http://127.0.0.1:{self.port}{target}"
+
+    def cpu_seconds(self):
+        """User and system time of all threads so far."""
+        stat = Path(f"/proc/{self.process.pid}/stat").read_text()
+        fields = stat[stat.rindex(")") + 2 :].split()
+        return (int(fields[11]) + int(fields[12])) / TICKS
+
+    def resident_kib(self):
+        status = Path(f"/proc/{self.process.pid}/status").read_text()
+        return int(next(line for line in status.splitlines() if line.startswith("VmRSS:")).split()[1])
+
+
+class Floor(Process):
+    """The bare library: /value answers `body`, /file/NAME a file of `files`."""
+
+    def __init__(self, build, scratch, body=b"", files=None):
+        answer = tempfile.NamedTemporaryFile(dir=scratch, delete=False)
+        with answer:
+            answer.write(body)
+        command = [build / "bin/floor", "--body", answer.name, "--files", files or scratch]
+        super().__init__(command, stdout=subprocess.PIPE, text=True)
+
+    def wait_until_ready(self):
+        line = self.process.stdout.readline()
+        if not line.startswith("listening on "):
+            raise BenchError("the floor does not start")
+        self.port = int(line.split()[-1])
+
+
+class IdleFloor(Process):
+    """An empty process that has the libraries loaded and an event loop running."""
+
+    def __init__(self, build):
+        super().__init__([build / "bin/floor", "--idle"], stdout=subprocess.PIPE, text=True)
+
+    def wait_until_ready(self):
+        if self.process.stdout.readline() != "idle\n":
+            raise BenchError("the idle floor does not start")
+
+
+class Device(Process):
+    """The demo device. `state` may hold the state of an earlier run; what it logs goes to <state>.log."""
+
+    def __init__(self, build, state, settings=()):
+        self.port = free_port()
+        values = {
+            "settings:webserver/port": self.port,
+            "settings:webserver/httpsPort": free_port(),
+            "settings:webserver/users": f'[{{"name":"{USER}","password":"{PASSWORD}"}}]',
+            **dict(settings),
+        }
+        command = [build / "bin/zark-host", "--tree", ROOT / "share/demo/tree.json", "--state", state]
+        for worker in ("system", "player", "webserver"):
+            command += ["--worker", worker]
+        for path, value in values.items():
+            command += ["--set", f"{path}={value}"]
+        self.log = Path(f"{state}.log")
+        port = self.port
+        super().__init__(command, stdin=subprocess.DEVNULL)
+        self.port = port
+
+    def __enter__(self):
+        with self.log.open("ab") as log:
+            self.options.update(stdout=log, stderr=log)
+            self.started = time.monotonic()
+            return super().__enter__()
+
+    def wait_until_ready(self):
+        """Asks until the first answer comes; start_seconds is how long that took."""
+        while not self.answers():
+            if self.process.poll() is not None or time.monotonic() - self.started > START_SECONDS:
+                tail = self.log.read_text(errors="replace").splitlines()[-5:]
+                raise BenchError("the device does not start:\n  " + "\n  ".join(tail))
+            time.sleep(0.001)
+        self.start_seconds = time.monotonic() - self.started
+
+    def answers(self):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=START_SECONDS)
+        try:
+            connection.request("GET", "/api/getData?path=player:player/volume&roles=value")
+            return connection.getresponse().status == 200
+        except (OSError, http.client.HTTPException):
+            return False
+        finally:
+            connection.close()

@@ -1,0 +1,389 @@
+#include <QElapsedTimer>
+#include <QSignalSpy>
+#include <QtTest>
+
+#include "CMEventQueueManager.h"
+#include "CMListNode.h"
+#include "CMNodes.h"
+#include "CMRoot.h"
+#include "CMValueNode.h"
+#include "EventPoll.h"
+
+namespace {
+
+const CMPath VolumePath = CMPath::fromEncoded(QStringLiteral("test:values/volume"));
+const CMPath LatePath = CMPath::fromEncoded(QStringLiteral("test:values/late"));
+const CMPath ListPath = CMPath::fromEncoded(QStringLiteral("test:list"));
+const CMPath ValuesPath = CMPath::fromEncoded(QStringLiteral("test:values"));
+
+CMListNode::Row row(int content)
+{
+    return { { ZarkRoles::Title(), content } };
+}
+
+/// Row events as text: "i3" inserted, "r3" removed, "u3" updated, "m3>5" moved, "*" reset.
+QString textOf(const ZarkList<ZarkRowEvent>& events)
+{
+    QStringList texts;
+    for (const ZarkRowEvent& event : events) {
+        QString text = QStringLiteral("*irum").at(event.type());
+        if (event.type() != ZarkRowEventType::Reset)
+            text += QString::number(event.index());
+        if (event.type() == ZarkRowEventType::Moved)
+            text += QStringLiteral(">%1").arg(event.toIndex());
+        texts.append(text);
+    }
+    return texts.join(QLatin1Char(' '));
+}
+
+/// Events as text: "volume: value=3", "late: all type=null", "list: i0". Timestamps are left out.
+QString textOf(const ZarkList<ZarkEvent>& events)
+{
+    QStringList texts;
+    for (const ZarkEvent& event : events) {
+        const QVariantHash roles = event.roles();
+        QStringList words{ event.path().name() + QLatin1Char(':') };
+        if (roles.count() == CMAllRoles().count())
+            words += { QStringLiteral("all type=") + roles.value(ZarkRoles::Type()).toString() };
+        if (roles.contains(ZarkRoles::Title()) && roles.count() < CMAllRoles().count())
+            words += QStringLiteral("title=") + roles.value(ZarkRoles::Title()).value<TrString>().source();
+        if (roles.contains(ZarkRoles::Value()))
+            words += QStringLiteral("value=") + ZarkValue(roles.value(ZarkRoles::Value())).plain().toString();
+        if (!event.rowsEvents().isEmpty())
+            words += textOf(event.rowsEvents());
+        texts += words.join(QLatin1Char(' '));
+    }
+    return texts.join(QStringLiteral(", "));
+}
+
+} // namespace
+
+class EventQueueTest : public QObject {
+    Q_OBJECT
+
+private:
+    std::unique_ptr<CMRootWorker> m_root;
+    std::unique_ptr<CMNodes> m_nodes;
+    std::unique_ptr<CMEventQueueManager> m_manager;
+    CMValueNode* m_volume = nullptr;
+    CMListNode* m_list = nullptr;
+
+    CMEventQueue* modify(
+        const QString& id, ZarkList<ZarkEventSubscribe> subscribe, ZarkList<ZarkEventSubscribe> unsubscribe = {})
+    {
+        return m_manager->modifyQueue(id, subscribe, unsubscribe);
+    }
+
+    /// A change as the table writes it: "v3" sets the volume, "ta" its title, "i0" to "m0>2" change the list's rows,
+    /// "+late", "-late", "+list" and "-list" make and destroy nodes, "hide" and "show" change the volume's permission.
+    void change(const QString& word)
+    {
+        const QString argument = word.mid(1);
+        const int index = argument.section(QLatin1Char('>'), 0, 0).toInt();
+        if (word == QLatin1String("+late"))
+            CMValueNode::create(m_nodes.get(), LatePath, ZarkValue::fromI32(7));
+        else if (word == QLatin1String("+list"))
+            m_list = CMListNode::create(m_nodes.get(), ListPath);
+        else if (word.startsWith(QLatin1Char('-')))
+            m_nodes->destroy(m_root->tree()->node(word == QLatin1String("-late") ? LatePath : ListPath));
+        else if (word == QLatin1String("hide") || word == QLatin1String("show"))
+            m_volume->setPermission(word == QLatin1String("hide") ? ZarkPermission::Internal : ZarkPermission::Default);
+        else if (word.startsWith(QLatin1Char('v')))
+            QVERIFY(m_volume->setMeasured(ZarkValue::fromI32(index)));
+        else if (word.startsWith(QLatin1Char('t')))
+            m_volume->setTitle(TrString(argument));
+        else if (word.startsWith(QLatin1Char('i')))
+            QVERIFY(m_list->insertRow(index, row(1)));
+        else if (word.startsWith(QLatin1Char('r')))
+            QVERIFY(m_list->removeRow(index));
+        else if (word.startsWith(QLatin1Char('u')))
+            QVERIFY(m_list->updateRow(index, row(2)));
+        else
+            QVERIFY(m_list->moveRow(index, argument.section(QLatin1Char('>'), 1).toInt()));
+    }
+
+private Q_SLOTS:
+    void init()
+    {
+        m_root = std::make_unique<CMRootWorker>();
+        m_nodes = std::make_unique<CMNodes>(m_root->tree());
+        m_manager = std::make_unique<CMEventQueueManager>();
+        m_volume = CMValueNode::create(m_nodes.get(), VolumePath, ZarkValue::fromI32(0));
+        m_list = CMListNode::create(m_nodes.get(), ListPath);
+    }
+    void cleanup()
+    {
+        m_manager.reset();
+        QCOMPARE(m_root->tree()->listenerCount(VolumePath) + m_root->tree()->listenerCount(ListPath), 0);
+        m_nodes.reset();
+        m_root.reset();
+    }
+
+    void tellsWhatChanged_data()
+    {
+        QTest::addColumn<QString>("script");
+        QTest::addColumn<QString>("answers");
+        const QString many = QStringLiteral("i0 ").repeated(CMRowChanges::Maximum);
+        QTest::newRow("the newest value") << "v1 v2 v3 poll poll"
+                                          << "volume: value=3|";
+        QTest::newRow("the same value") << "v0 poll"
+                                        << "";
+        QTest::newRow("each role once") << "ta v1 tb poll"
+                                        << "volume: title=b value=1";
+        QTest::newRow("first changed first") << "i1 v1 i1 poll"
+                                             << "list: i1 i1, volume: value=1";
+        QTest::newRow("a node appears") << "+late poll"
+                                        << "values: i1, late: all type=value value=7";
+        QTest::newRow("a node vanishes")
+            << "+late poll -late poll"
+            << "values: i1, late: all type=value value=7|values: r1, late: all type= value=";
+        QTest::newRow("a node comes and goes") << "+late -late poll"
+                                               << "values: i1 r1, late: all type= value=";
+        QTest::newRow("a list vanishes") << "i0 -list poll"
+                                         << "list: all type= value=";
+        QTest::newRow("a list is another one") << "i0 -list +list i0 poll"
+                                               << "list: all type=list value= *";
+
+        QTest::newRow("what may not be read waits") << "hide v1 i0 poll v2 poll show poll"
+                                                    << "list: i0||volume: value=2";
+
+        QTest::newRow("rows in order") << "i3 r1 m2>4 u3 poll"
+                                       << "list: i3 r1 m2>4 u3";
+        QTest::newRow("rows updated often") << "u1 u2 u1 u2 poll u1 poll"
+                                            << "list: u1 u2|list: u1";
+        QTest::newRow("a new row updated") << "i4 u4 poll"
+                                           << "list: i4";
+        QTest::newRow("a row with another index before") << "u4 i2 u4 r0 u4 m4>2 u4 poll"
+                                                         << "list: u4 i2 u4 r0 u4 m4>2 u4";
+        QTest::newRow("as many rows as fit") << many + "poll"
+                                             << "list: " + many.trimmed();
+        QTest::newRow("too many rows") << many + "r0 u3 poll u1 poll"
+                                       << "list: *|list: u1";
+
+        QTest::newRow("confirmed") << "v1 settle confirm poll"
+                                   << "volume: value=1|";
+        QTest::newRow("lost") << "v1 settle lose poll poll"
+                              << "volume: value=1|volume: value=1|";
+        QTest::newRow("lost, and the newest value") << "v1 settle lose v2 poll"
+                                                    << "volume: value=1|volume: value=2";
+        QTest::newRow("lost twice") << "v1 settle lose settle lose poll"
+                                    << "volume: value=1|volume: value=1|volume: value=1";
+        QTest::newRow("never settled") << "v1 settle v2 settle confirm poll"
+                                       << "volume: value=1|volume: value=2|";
+        QTest::newRow("settled too late") << "v1 settle v2 settle lose-earlier confirm poll"
+                                          << "volume: value=1|volume: value=2|";
+        QTest::newRow("confirmed, then lost") << "v1 settle confirm lose poll"
+                                              << "volume: value=1|";
+        QTest::newRow("lost rows go first") << "i0 settle u0 v1 lose i3 poll"
+                                            << "list: i0|list: i0 u0 i3, volume: value=1";
+        QTest::newRow("lost rows are too many") << "r0 settle " + many + "lose poll"
+                                                << "list: r0|list: *";
+        QTest::newRow("a lost reset") << many + "i0 settle u1 lose i0 poll"
+                                      << "list: *|list: *";
+
+        QTest::newRow("counted") << "v1 count count"
+                                 << "volume: value=1|";
+        QTest::newRow("counted, with nothing to be read") << "hide v1 count count i0 count"
+                                                          << "||list: i0";
+        QTest::newRow("counted as missing") << "v1 count miss"
+                                            << "volume: value=1|volume: value=1";
+        QTest::newRow("counted though it seemed lost") << "v1 count lose count"
+                                                       << "volume: value=1|";
+        QTest::newRow("missing though confirmed") << "v1 count confirm v2 miss"
+                                                  << "volume: value=1|volume: value=2";
+        QTest::newRow("counted, and no more") << "v1 count confirm poll"
+                                              << "volume: value=1|";
+        QTest::newRow("counted, and never settled") << "v1 count poll"
+                                                    << "volume: value=1|volume: value=1";
+        QTest::newRow("missing twice") << "v1 count miss miss count"
+                                       << "volume: value=1|volume: value=1|volume: value=1|";
+        QTest::newRow("an unknown count") << "v1 count wild count"
+                                          << "volume: value=1|volume: all type=value value=1, late: all type= value=, "
+                                             "list: all type=list value= *, values: all type=container value= *|";
+    }
+    void tellsWhatChanged()
+    {
+        QFETCH(QString, script);
+        m_list->setRows(QVector<CMListNode::Row>(5, row(0)));
+        CMEventQueue* queue = modify({},
+            { subscription(VolumePath), subscription(LatePath), subscription(ListPath, "rows"),
+                subscription(ValuesPath, "rows") });
+        QVERIFY(queue);
+        qint64 received = 0;
+        QVector<quint64> tokens;
+        QStringList answers;
+        const QStringList words = script.split(QLatin1Char(' '));
+        for (const QString& word : words) {
+            if (word == QLatin1String("confirm"))
+                queue->confirm(tokens.last());
+            else if (word.startsWith(QLatin1String("lose")))
+                queue->restore(word == QLatin1String("lose") ? tokens.last() : tokens.first());
+            else if (!QStringLiteral("poll settle count miss wild").split(QLatin1Char(' ')).contains(word))
+                change(word);
+            else {
+                received += word == QLatin1String("miss") ? -1 : word == QLatin1String("wild") ? 5 : 0;
+                const bool plain = word == QLatin1String("poll") || word == QLatin1String("settle");
+                const Poll asked = poll(queue, 0, word == QLatin1String("poll") ? AtOnce : Settles,
+                    plain ? CMEventQueue::NotCounted : received);
+                QVERIFY(asked.answer->done);
+                tokens.append(asked.token);
+                received += asked.answer->events.isEmpty() ? 0 : 1;
+                answers.append(textOf(asked.answer->events));
+            }
+        }
+        QTEST(answers.join(QLatin1Char('|')), "answers");
+    }
+
+    void answersAWaitingPoll()
+    {
+        CMEventQueue* queue = modify({}, { subscription(VolumePath) });
+        const Poll earlier = poll(queue, 300);
+        const Poll later = poll(queue, 300);
+        QVERIFY(earlier.answer->done && earlier.answer->events.isEmpty());
+        change(QStringLiteral("v1"));
+        change(QStringLiteral("v2"));
+        QVERIFY(!later.answer->done); // Not from inside the change.
+        QCoreApplication::processEvents();
+        QCOMPARE(textOf(later.answer->events), QStringLiteral("volume: value=2"));
+        QCOMPARE(earlier.answer->calls + later.answer->calls, 2);
+
+        const Poll abandoned = poll(queue, 300);
+        change(QStringLiteral("v3"));
+        queue->restore(abandoned.token);
+        QCoreApplication::processEvents();
+        QVERIFY(!abandoned.answer->done);
+        QCOMPARE(abandoned.answer.use_count(), 1L); // The request is gone.
+        QCOMPARE(textOf(poll(queue, 300).answer->events), QStringLiteral("volume: value=3"));
+
+        m_volume->setPermission(ZarkPermission::Internal);
+        QElapsedTimer timer;
+        timer.start();
+        const Poll timed = poll(queue, 1);
+        QTRY_VERIFY(timed.answer->done);
+        QVERIFY2(timer.elapsed() >= 990 && timer.elapsed() < 1500, qPrintable(QString::number(timer.elapsed())));
+        QVERIFY(timed.answer->events.isEmpty());
+    }
+
+    void expires()
+    {
+        m_manager->setExpiry(200);
+        QSignalSpy expired(m_manager.get(), &CMEventQueueManager::expired);
+        const QString idle = modify({}, {})->textId();
+        CMEventQueue* polled = modify({}, { subscription(VolumePath) });
+        const Poll waiting = poll(polled, 1);
+        QCOMPARE(
+            m_manager->getQueue(idle)->id(), m_manager->getQueue(QLatin1Char('{') + idle + QLatin1Char('}'))->id());
+        QTRY_COMPARE(expired.count(), 1);
+        QCOMPARE(expired.first().first().toString(), idle);
+        QVERIFY(!m_manager->getQueue(idle));
+        QVERIFY(!modify(idle, {}));
+        QTRY_VERIFY(waiting.answer->done);
+        QCOMPARE(expired.count(), 1); // A waiting poll keeps its queue.
+        QTRY_COMPARE(expired.count(), 2);
+        QCOMPARE(m_root->tree()->listenerCount(VolumePath), 0);
+    }
+
+    void shutsDown()
+    {
+        CMEventQueue* queue = modify({}, { subscription(VolumePath) });
+        const Poll waiting = poll(queue, 300);
+        m_manager->shutDown();
+        QVERIFY(waiting.answer->done && waiting.answer->events.isEmpty());
+        QVERIFY(poll(queue, 300).answer->done);
+        QVERIFY(!modify({}, {}));
+    }
+
+    void refuses_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("type");
+        QTest::addColumn<int>("count");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("a path with no node") << "other:x"
+                                             << "item" << 1 << true;
+        QTest::newRow("the old form") << "/player/volume"
+                                      << "rows" << 1 << true;
+        QTest::newRow("no path") << ""
+                                 << "item" << 1 << false;
+        QTest::newRow("an invalid path") << "test:a b"
+                                         << "item" << 1 << false;
+        QTest::newRow("another type") << "test:list"
+                                      << "row" << 1 << false;
+        QTest::newRow("a long path") << "test:" + QString(1019, QLatin1Char('a')) << "item" << 1 << true;
+        QTest::newRow("a path too long") << "test:" + QString(1020, QLatin1Char('a')) << "item" << 1 << false;
+        QTest::newRow("as many as a queue holds") << "test:"
+                                                  << "item" << 997 << true;
+        QTest::newRow("more than a queue holds") << "test:"
+                                                 << "item" << 998 << false;
+    }
+    void refuses()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, type);
+        QFETCH(int, count);
+        QFETCH(bool, accepted);
+        CMEventQueue* queue = modify({}, { subscription(VolumePath), subscription(ListPath) });
+        ZarkList<ZarkEventSubscribe> list{ subscription(LatePath) };
+        for (int i = 0; i < count; ++i) {
+            const CMPath one = CMPath::fromEncoded(count == 1 ? path : path + QString::number(i));
+            list.append(subscription(one, type.toLatin1().constData()));
+            list.append(list.last()); // Twice is once.
+        }
+        const int before = queue->subscribtions().count();
+        ZarkList<ZarkEventSubscribe> none;
+        CMEventQueue* const modified = m_manager->modifyQueue(queue->textId(), list, none);
+        QCOMPARE(modified, accepted ? queue : nullptr);
+        QCOMPARE(queue->subscribtions().count(), accepted ? before + 1 + count : before);
+        QCOMPARE(m_root->tree()->listenerCount(LatePath), accepted ? 1 : 0);
+        // The second list is checked as well.
+        QCOMPARE(modify(queue->textId(), {}, { list.last() }) != nullptr, accepted || count > 1);
+    }
+
+    void forgetsWhatIsUnsubscribed()
+    {
+        CMEventQueue* queue =
+            modify({}, { subscription(ListPath), subscription(ListPath, "rows"), subscription(VolumePath) });
+        const QString id = queue->textId();
+        change(QStringLiteral("i0"));
+        change(QStringLiteral("v1"));
+        const Poll lost = poll(queue, 0, Settles);
+        change(QStringLiteral("i0"));
+        modify(id, {}, { subscription(ListPath, "rows"), subscription(LatePath), subscription(VolumePath) });
+        modify(id, { subscription(ListPath, "rows") }, {});
+        queue->restore(lost.token);
+        QVERIFY(poll(queue, 0).answer->events.isEmpty());
+        change(QStringLiteral("v2"));
+        change(QStringLiteral("u0"));
+        // What is in both lists stays, with what waits.
+        modify(id, { subscription(ListPath, "rows") }, { subscription(ListPath, "rows") });
+        QCOMPARE(textOf(poll(queue, 0).answer->events), QStringLiteral("list: u0"));
+    }
+
+    void limitsQueues()
+    {
+        ZarkList<ZarkEventSubscribe> many;
+        for (int i = 0; i < CMEventQueue::MaximumSubscribtions; ++i)
+            many.append(subscription(ListPath.child(QString::number(i))));
+        const int full = CMEventQueueManager::MaximumSubscribtions / many.count();
+        for (int i = 0; i < full; ++i)
+            QVERIFY(modify({}, many));
+        QVERIFY(!modify({}, { subscription(VolumePath) }));
+        for (int i = full; i < CMEventQueueManager::MaximumQueues; ++i)
+            QVERIFY(modify({}, {}));
+        QVERIFY(!modify({}, {}));
+    }
+
+    void judgesPermissions()
+    {
+        const QSet<ZarkPermission::Enum> open{ ZarkPermission::Open };
+        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath) }, open));
+        m_volume->setPermission(ZarkPermission::Open);
+        QVERIFY(m_manager->checkPermissions({ subscription(VolumePath) }, open));
+        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath), subscription(ListPath) }, open));
+        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath), subscription(LatePath) }, open));
+        QVERIFY(m_manager->checkPermissions({}, open));
+    }
+};
+
+QTEST_GUILESS_MAIN(EventQueueTest)
+#include "EventQueueTest.moc"
