@@ -43,6 +43,7 @@ public:
     const ServerLimits& limits() const { return m_limits; }
 
     void start(SoupServerListenOptions options);
+    /// To be called before the library disconnects everybody.
     void stop();
 
     /// Some client has sent a request, or is sending its body, and has no full answer yet.
@@ -67,10 +68,14 @@ private:
     void watchHangUp(const Connection* connection);
     void handleHangUp(Connection* connection, quint32 events);
     Connection* leastUseful(Connection* newest) const;
+    bool mayBeShakingHands(const Connection& connection) const;
+    void close(Connection* connection);
     void closeDoomed();
     void closeOverdue();
+    void closeSlowHandshakes();
     void reviveListeners();
     void scheduleSweep(int milliseconds);
+    void stopSweep();
 
     SoupServer* m_server;
     ServerLimits m_limits;
