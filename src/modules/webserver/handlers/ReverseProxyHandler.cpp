@@ -22,16 +22,11 @@ void answerNotFound(Message* message, const QByteArray& text)
     message->setResponseBody(text, MimeTypes::Text::plain());
 }
 
-QString withoutRoot(const QString& host)
-{
-    return host.endsWith(QLatin1Char('.')) ? host.chopped(1) : host;
-}
-
 bool isAllowedHost(const QString& host)
 {
     const CMPath path = CMPath::fromEncoded(QStringLiteral("settings:webserver/proxyAllowedHosts"));
     const QStringList allowed = ZarkValue(CMRoot()->getValue(path)).stringList();
-    return allowed.isEmpty() || allowed.contains(withoutRoot(host), Qt::CaseInsensitive);
+    return allowed.isEmpty() || allowed.contains(host, Qt::CaseInsensitive);
 }
 
 /// The IPv4 address inside an IPv6 one: mapped (::ffff:a.b.c.d), compatible (::a.b.c.d), translated (64:ff9b::a.b.c.d,
