@@ -19,8 +19,10 @@
 #include "handlers/NotFoundHandler.h"
 #include "handlers/ResponderHandler.h"
 #include "handlers/ReverseProxyHandler.h"
+#include "handlers/StaticHandler.h"
 #include "responders/ApiResponder.h"
 #include "responders/EventResponderShared.h"
+#include "responders/FileResponder.h"
 #include "responders/ResponderConfiguration.h"
 #include "responders/ResponderFactory.h"
 
@@ -219,7 +221,13 @@ void WebserverWorker::registerHandlers(Server* server)
     server->addHandler(QStringLiteral("/api/"),
         new ResponderHandler(
             keep(makeDefaultResponderFactory<ApiResponder>(m_userDatabase, m_configuration)), root, nullptr));
+    server->addHandler(QStringLiteral("/file/stream/"),
+        new ResponderHandler(keep(makeDefaultResponderFactory<FileResponder>()), root, nullptr));
+
+    auto* files = new MatchHandler(root, nullptr);
     server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr));
+    files->addHandler(new StaticHandler(root, m_defaultLocation, QString(), nullptr));
+    server->addHandler(QStringLiteral("/"), files);
 }
 
 ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)
