@@ -1,6 +1,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
+#include <QProcess>
 #include <QTest>
 
 #include <csignal>
@@ -9,6 +10,7 @@
 
 #include "Device.h"
 #include "Tls.h"
+#include "Upstream.h"
 
 Q_DECLARE_METATYPE(TestCertificate)
 
@@ -25,6 +27,13 @@ QStringList httpsSettings(int port, const TestCertificate& pair)
 {
     return { QStringLiteral("settings:webserver/httpsPort=%1").arg(port), "settings:webserver/httpsUseDeviceCert=false",
         "settings:webserver/httpsCert=" + pair.certificate, "settings:webserver/httpsPrivateKey=" + pair.key };
+}
+
+QByteArray setCertificate(const QByteArray& pem)
+{
+    const QJsonObject value{ { "type", "string" }, { "value", QString(pem) } };
+    return QJsonDocument({ { "path", "settings:webserver/httpsCert" }, { "role", "value" }, { "value", value } })
+        .toJson();
 }
 
 QByteArray contentOf(const QString& name)
@@ -149,12 +158,29 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, value);
         QFETCH(bool, accepted);
-        const QJsonObject body{ { "path", "settings:webserver/httpsCert" }, { "role", "value" },
-            { "value", QJsonObject{ { "type", "string" }, { "value", QString(value) } } } };
-        const HttpReply reply = m_device->postJson("/api/setData", QJsonDocument(body).toJson());
+        const HttpReply reply = m_device->postJson("/api/setData", setCertificate(value));
         QCOMPARE(reply.status == 200, accepted);
         QVERIFY(accepted || !reply.errorMessage().isEmpty());
         QCOMPARE(servedCertificate(m_port), m_pair.certificate);
+    }
+
+    void aNewCertificateWaitsForTheAnswersUnderWay()
+    {
+        const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
+        Upstream upstream({ { "/slow", { answer, 1, false, 1000 } } });
+        const int port = Device::freePort();
+        Device device(httpsSettings(port, m_pair));
+        QProcess curl;
+        const QByteArray slow = "http://127.0.0.1:" + QByteArray::number(upstream.port()) + "/slow";
+        curl.start("curl", { "-sk", url(port, "/proxy/" + slow.toBase64()) });
+        QTRY_VERIFY(!upstream.lastRequest().empty());
+
+        const TestCertificate renewed = makeCertificate(m_pair.key);
+        QCOMPARE(device.postJson("/api/setData", setCertificate(renewed.certificate)).status, 200);
+        QVERIFY(curl.waitForFinished());
+        QCOMPARE(curl.readAll(), QByteArray("hello"));
+        QTRY_COMPARE_WITH_TIMEOUT(servedCertificate(port), renewed.certificate, 5000);
+        QCOMPARE(device.stop(SIGTERM), 0);
     }
 
     void aServerThatCannotBeMadeLeavesTheOtherRunning_data()

@@ -28,15 +28,26 @@ ToolResult runTool(const QString& program, const QStringList& arguments, const Q
     return { process.exitCode(), process.readAll() };
 }
 
-TestCertificate makeCertificate()
+TestCertificate makeCertificate(const QByteArray& key)
 {
     const QTemporaryDir directory;
     const QString certificate = directory.filePath("certificate.pem");
-    const QString key = directory.filePath("key.pem");
-    runTool("openssl",
-        { "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", key, "-out", certificate, "-subj", "/CN=test",
-            "-days", "2", "-addext", "subjectAltName=IP:127.0.0.1" });
-    return { contentOf(certificate), contentOf(key) };
+    const QString keyFile = directory.filePath("key.pem");
+    QStringList arguments{ "req", "-x509", "-nodes", "-out", certificate, "-subj", "/CN=test", "-days", "2", "-addext",
+        "subjectAltName=IP:127.0.0.1" };
+    if (key.isEmpty()) {
+        arguments << "-newkey"
+                  << "rsa:2048"
+                  << "-keyout" << keyFile;
+    } else {
+        QFile file(keyFile);
+        file.open(QIODevice::WriteOnly);
+        file.write(key);
+        file.close();
+        arguments << "-key" << keyFile;
+    }
+    runTool("openssl", arguments);
+    return { contentOf(certificate), contentOf(keyFile) };
 }
 
 QByteArray handshake(int port, const QStringList& arguments, const QByteArray& input)

@@ -13,12 +13,12 @@ struct ToolResult {
 /// Runs a program with `input` as its standard input.
 ToolResult runTool(const QString& program, const QStringList& arguments, const QByteArray& input = {});
 
-/// A self-signed certificate for 127.0.0.1 and its key, both PEM. Each call makes another.
+/// A self-signed certificate for 127.0.0.1 and its key, both PEM. Each call makes another; with a key, for that one.
 struct TestCertificate {
     QByteArray certificate;
     QByteArray key;
 };
-TestCertificate makeCertificate();
+TestCertificate makeCertificate(const QByteArray& key = {});
 
 /// What `openssl s_client` says of 127.0.0.1:`port`, its certificate included.
 QByteArray handshake(int port, const QStringList& arguments = {}, const QByteArray& input = {});

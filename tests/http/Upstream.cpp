@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 Upstream::Upstream(std::map<std::string, Answer> script)
@@ -51,6 +52,7 @@ void Upstream::answer(int fd)
     }
     const size_t from = head.find(' ') + 1;
     const Answer& answer = m_script[head.substr(from, head.find(' ', from) - from)];
+    std::this_thread::sleep_for(std::chrono::milliseconds(answer.delayMs));
     bool open = send(fd, answer.bytes);
     const std::string filler(64 * 1024, answer.bytes.empty() ? ' ' : answer.bytes.back());
     for (long long left = answer.repeats - 1; open && left > 0; left -= static_cast<long long>(filler.size()))

@@ -15,6 +15,7 @@ public:
         std::string bytes;
         long long repeats = 1; ///< The last byte so many times.
         bool hang = false; ///< Waits for the client to leave instead of closing.
+        int delayMs = 0; ///< Before the first byte.
     };
 
     explicit Upstream(std::map<std::string, Answer> script);
