@@ -210,9 +210,10 @@ private Q_SLOTS:
         QVERIFY(device.isRunning());
         QCOMPARE(device.get(Value).status, 200);
         QVERIFY(!HttpConnection(port).isConnected());
+        QCOMPARE(device.stop(SIGTERM), 0);
         const QByteArray log = device.log();
         QVERIFY2(log.contains(line), log.constData());
-        QVERIFY(log.contains("FATAL Webserver: Failed to create server on port: " + QByteArray::number(port)));
+        QCOMPARE(log.count("FATAL Webserver: Failed to create server on port: " + QByteArray::number(port)), 1);
     }
 
     void theDeviceCertificateIsTrustedThroughTheAuthority()

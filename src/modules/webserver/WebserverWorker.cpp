@@ -157,8 +157,14 @@ void WebserverWorker::watchSettings()
     QTimer::singleShot(later ? FirstAnswersMilliseconds : 0, this, &WebserverWorker::watchNetworkInfo);
 
     HttpsSettings::guardNodes();
-    for (const CMPath& path : { ZarkWebserverHttpsCertPath(), ZarkWebserverHttpsPrivateKeyPath() })
-        connect(new CMValueItem(this, path), &CMValueItem::changed, this, [this] { followHttpsSettings(false); });
+    for (const CMPath& path : { ZarkWebserverHttpsCertPath(), ZarkWebserverHttpsPrivateKeyPath() }) {
+        connect(new CMValueItem(this, path), &CMValueItem::changed, this,
+            [this](const ZarkValue&, const ZarkValue& previous) {
+                // The first is what startServers() has read.
+                if (previous.isValid())
+                    followHttpsSettings(false);
+            });
+    }
     connect(&m_renewal, &QTimer::timeout, this, &WebserverWorker::reload);
     m_renewal.start(std::chrono::hours(RenewalHours));
 }
@@ -198,9 +204,10 @@ void WebserverWorker::startServer(int port, const QString& certificatePem, const
     dbglog_scopedFunction(webserverLog());
     dbglog_info(webserverLog(), "Port: " << port << " document root: " << m_documentRoot);
     auto* server = new Server(port, certificatePem, keyPem, useDeviceCert, ServerLimits::fromSettings(), this);
+    m_failures.remove(port);
     if (!server->ok()) {
         dbglog_fatal(webserverLog(), "Failed to create server on port: " << port);
-        m_failures.append(QStringLiteral("port %1: %2").arg(port).arg(server->lastError()));
+        m_failures.insert(port, QStringLiteral("port %1: %2").arg(port).arg(server->lastError()));
         delete server;
     } else {
         registerHandlers(server);
@@ -240,7 +247,7 @@ ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)
 void WebserverWorker::publishStatus()
 {
     QStringList addresses;
-    QStringList errors = m_failures;
+    QStringList errors = m_failures.values();
     QStringList pending;
     for (const Server* server : qAsConst(m_servers)) {
         const QString port = QStringLiteral("port %1: ").arg(server->port());

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QList>
+#include <QMap>
 #include <QSet>
 #include <QSharedPointer>
 #include <QTimer>
@@ -54,7 +55,7 @@ private:
     QString m_defaultLocation;
     QList<Server*> m_servers;
     QList<ResponderFactory*> m_factories; ///< Owned.
-    QStringList m_failures; ///< Servers that could not be built.
+    QMap<int, QString> m_failures; ///< Servers that could not be built, by port.
     CMActivateNode* m_changePasswordNode = nullptr;
     CMValueNode* m_addressesNode = nullptr;
     CMValueNode* m_errorsNode = nullptr;
