@@ -1,5 +1,7 @@
 #include "Message.h"
 
+#include <QMetaMethod>
+
 #include "WebserverLog.h"
 
 namespace {
@@ -278,10 +280,20 @@ QByteArray Message::getDelimiterFromHeader() const
     return "\r\n--" + contentType.mid(boundary + key.size());
 }
 
+void Message::connectNotify(const QMetaMethod& signal)
+{
+    static const QMetaMethod gotChunkSignal = QMetaMethod::fromSignal(&Message::gotChunk);
+    static const QMetaMethod wroteChunkSignal = QMetaMethod::fromSignal(&Message::wroteChunk);
+    if (!m_valid)
+        return;
+    if (signal == gotChunkSignal && !m_gotChunkId)
+        m_gotChunkId = g_signal_connect(m_data.message, "got_chunk", G_CALLBACK(msg_got_chunk_cb), this);
+    else if (signal == wroteChunkSignal && !m_wroteChunkId)
+        m_wroteChunkId = g_signal_connect(m_data.message, "wrote-chunk", G_CALLBACK(msg_wrote_chunk_cb), this);
+}
+
 void Message::connectGlibSignals()
 {
-    m_gotChunkId = g_signal_connect(m_data.message, "got_chunk", G_CALLBACK(msg_got_chunk_cb), this);
-    m_wroteChunkId = g_signal_connect(m_data.message, "wrote-chunk", G_CALLBACK(msg_wrote_chunk_cb), this);
     m_finishedId = g_signal_connect(m_data.message, "finished", G_CALLBACK(msg_finished_cb), this);
 }
 
@@ -289,9 +301,10 @@ void Message::disconnectGlibSignals()
 {
     if (!m_valid)
         return;
-    g_signal_handler_disconnect(m_data.message, m_gotChunkId);
-    g_signal_handler_disconnect(m_data.message, m_wroteChunkId);
-    g_signal_handler_disconnect(m_data.message, m_finishedId);
+    for (const gulong id : { m_gotChunkId, m_wroteChunkId, m_finishedId }) {
+        if (id)
+            g_signal_handler_disconnect(m_data.message, id);
+    }
 }
 
 void Message::msg_got_chunk_cb(SoupMessage*, SoupBuffer* chunk, gpointer self)

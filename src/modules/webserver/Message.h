@@ -81,6 +81,11 @@ Q_SIGNALS:
     void wroteChunk();
     void finished();
 
+protected:
+    /// The library's chunk signals are connected with the first listener: most exchanges have none, and a connection
+    /// costs as much as a header field.
+    void connectNotify(const QMetaMethod& signal) override;
+
 private:
     void connectGlibSignals();
     void disconnectGlibSignals();
@@ -94,7 +99,7 @@ private:
     bool m_finished = false;
     QString m_fullUri;
     mutable ZarkUrl m_url;
-    gulong m_gotChunkId = 0;
-    gulong m_wroteChunkId = 0;
+    gulong m_gotChunkId = 0; ///< 0: not connected.
+    gulong m_wroteChunkId = 0; ///< 0: not connected.
     gulong m_finishedId = 0;
 };

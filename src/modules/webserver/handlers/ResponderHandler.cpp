@@ -71,10 +71,11 @@ void ResponderHandler::finalizeRequest(int requestId)
     dbglog_debug(webserverLog(),
         "Responder finished request " << requestId << ": status: " << info.request->status()
                                       << " data size: " << info.request->data().message->response_body->length);
-    info.responder->deleteLater();
+    // All four go together with the request, the responder first (its factory saw to that): each deleteLater() of its
+    // own would wake the event loop once more.
+    info.input->setParent(info.request);
+    info.output->setParent(info.request);
     info.request->deleteLater();
-    info.input->deleteLater();
-    info.output->deleteLater();
 }
 
 void ResponderHandler::finalizeRequest()
