@@ -28,14 +28,13 @@ QString lastFault()
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
-bool isOthersReplaceable(const QString& directory)
+/// Without the sticky bit, whoever may write to a directory may also replace what others have in it.
+bool isReplaceableByOthers(const QString& directory)
 {
     struct stat status = {};
     if (::stat(QFile::encodeName(directory).constData(), &status) != 0)
         return true;
-    const bool shared = status.st_mode & (S_IWGRP | S_IWOTH);
-    const bool foreign = status.st_uid != 0 && status.st_uid != ::geteuid();
-    return foreign || (shared && !(status.st_mode & S_ISVTX));
+    return (status.st_mode & (S_IWGRP | S_IWOTH)) && !(status.st_mode & S_ISVTX);
 }
 
 bool isPrivate(int fd)
@@ -49,7 +48,7 @@ bool isPrivate(int fd)
 
 bool PrivateFile::create(const QByteArray& content, QString* error) const
 {
-    if (isOthersReplaceable(QFileInfo(m_path).path()))
+    if (isReplaceableByOthers(QFileInfo(m_path).path()))
         return fail(error, m_path, QStringLiteral("the directory lets others replace the file"));
     const QByteArray name = QFile::encodeName(m_path);
     // Removes a link and not what it points to; fails on a directory and, in a sticky one, on a file of others.
