@@ -110,7 +110,7 @@ class Device(Process):
             "settings:webserver/users": f'[{{"name":"{USER}","password":"{PASSWORD}"}}]',
             **dict(settings),
         }
-        command = [build / "bin/zark-host", "--tree", ROOT / "share/demo/tree.json", "--state", state]
+        command = [build / "bin/zark-host", "--tree", ROOT / "share/demo/tree.json", "--state", state, "--log-level", "error"]
         for worker in ("system", "player", "webserver"):
             command += ["--worker", worker]
         for path, value in values.items():

@@ -20,8 +20,7 @@ CMWorkerCreate ModuleLoader::load(const QString& module, QString* error) const
         *error = QStringLiteral("module '%1': no such file: %2").arg(module, file);
         return nullptr;
     }
-    // RTLD_NOW: a symbol that is missing shows here and not in the middle of a request.
-    void* library = dlopen(QFile::encodeName(file).constData(), RTLD_NOW);
+    void* library = dlopen(QFile::encodeName(file).constData(), RTLD_LAZY);
     void* symbol = library ? dlsym(library, "worker_create") : nullptr;
     if (!symbol) {
         const char* reason = dlerror();

@@ -67,10 +67,14 @@ public:
     QByteArray requestContentType() const; ///< Without parameters; empty when there is none.
     bool isMultipart() const; ///< multipart/form-data
     QByteArray header(const QString& name) const; ///< All fields of that name joined by ", "; empty when there is none.
-    const QString& fullUri() const { return m_fullUri; } ///< Scheme, host, port, path, query: what clients sign.
+    /// Scheme, host, port, path, query: what clients sign. Rendered on first use; empty when that comes after the end.
+    const QString& fullUri() const;
     QString sender() const; ///< The client's IP address; empty when it has none.
     bool isFromLocalhost() const;
     bool isHttps() const;
+    QByteArray path() const { return m_data.path; } ///< Of the URI, not decoded; dot segments are resolved.
+    /// The parameters of the URI's query, "+" read as a space; without parsing the rest of the URI.
+    const ZarkUrlQuery& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
     /// CR LF "--" boundary of a multipart/form-data body, as written in the header; empty without one.
@@ -80,6 +84,11 @@ Q_SIGNALS:
     void gotChunk(const char* data, unsigned int length);
     void wroteChunk();
     void finished();
+
+protected:
+    /// The library's chunk signals are connected with the first listener: most exchanges have none, and a connection
+    /// costs as much as a header field.
+    void connectNotify(const QMetaMethod& signal) override;
 
 private:
     void connectGlibSignals();
@@ -92,9 +101,11 @@ private:
     MessageData m_data;
     bool m_valid = true;
     bool m_finished = false;
-    QString m_fullUri;
+    mutable QString m_fullUri;
     mutable ZarkUrl m_url;
-    gulong m_gotChunkId = 0;
-    gulong m_wroteChunkId = 0;
+    mutable ZarkUrlQuery m_query;
+    mutable bool m_querySplit = false;
+    gulong m_gotChunkId = 0; ///< 0: not connected.
+    gulong m_wroteChunkId = 0; ///< 0: not connected.
     gulong m_finishedId = 0;
 };

@@ -186,9 +186,11 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
 
 void Server::dispatch(Message* message, Handler* handler)
 {
-    if (!m_language.isEmpty() && !message->header(QStringLiteral("Accept-Language")).isNull())
+    SoupMessageHeaders* fields = message->data().message->request_headers;
+    if (!m_language.isEmpty() && soup_message_headers_get_one(fields, "Accept-Language"))
         message->setHeader(QByteArrayLiteral("Content-Language"), m_language.toUtf8());
-    const QByteArray host = message->header(QStringLiteral("Host"));
+    const char* field = soup_message_headers_get_one(fields, "Host");
+    const QByteArray host = QByteArray::fromRawData(field, field ? static_cast<int>(qstrlen(field)) : 0);
     if (!isAcceptedHost(host)) {
         dbglog_error(webserverLog(), "rejecting message: host=" << host);
         message->setStatus(SOUP_STATUS_FORBIDDEN, QString());

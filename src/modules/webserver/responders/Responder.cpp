@@ -11,8 +11,24 @@ void Responder::setRequestId(int) { }
 
 void Responder::setIODevices(QIODevice* in, QIODevice* out)
 {
-    m_input.setDevice(in);
-    m_output.setDevice(out);
+    m_inputDevice = in;
+    m_outputDevice = out;
+    m_input.reset();
+    m_output.reset();
+}
+
+QTextStream& Responder::input()
+{
+    if (!m_input)
+        m_input = std::make_unique<QTextStream>(m_inputDevice);
+    return *m_input;
+}
+
+QTextStream& Responder::output()
+{
+    if (!m_output)
+        m_output = std::make_unique<QTextStream>(m_outputDevice);
+    return *m_output;
 }
 
 void Responder::setHeader(const QString& name, const QString& value)

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QTextStream>
 
+#include <memory>
+
 class QIODevice;
 class Request;
 
@@ -32,12 +34,17 @@ Q_SIGNALS:
     void finished(int requestId);
 
 protected:
-    QTextStream& input() { return m_input; }
-    QTextStream& output() { return m_output; }
+    QIODevice* inputDevice() const { return m_inputDevice; }
+    QIODevice* outputDevice() const { return m_outputDevice; }
+    // Made when first asked for: a text stream costs more than a small answer.
+    QTextStream& input();
+    QTextStream& output();
 
 private:
     Request& m_request;
-    QTextStream m_input;
-    QTextStream m_output;
+    QIODevice* m_inputDevice = nullptr;
+    QIODevice* m_outputDevice = nullptr;
+    std::unique_ptr<QTextStream> m_input;
+    std::unique_ptr<QTextStream> m_output;
     QString m_documentRoot;
 };
