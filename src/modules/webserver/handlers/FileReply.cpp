@@ -240,7 +240,7 @@ FileReply::Outcome FileReply::failed(const QString& reason)
 
 FileReply::Outcome FileReply::redirect(const QString& appended)
 {
-    QUrl url = m_message->url();
+    ZarkUrl url = m_message->url();
     url.setPath(url.path(QUrl::FullyEncoded) + appended, QUrl::TolerantMode);
     m_message->setStatus(SOUP_STATUS_MOVED_PERMANENTLY, QString());
     m_message->setHeader(QByteArrayLiteral("Location"), url.toEncoded());

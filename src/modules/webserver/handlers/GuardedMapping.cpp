@@ -22,7 +22,7 @@ constexpr int NoSocket = -1;
 struct GuardedMapping::Slot {
     std::atomic<quintptr> begin{ 0 }; ///< 0: the slot is free.
     std::atomic<quintptr> end{ 0 }; ///< Behind the last page.
-    std::array<std::atomic<int>, 64> sockets; ///< NoSocket where there is none.
+    std::array<std::atomic<int>, 64> sockets{}; ///< NoSocket where there is none.
     std::atomic<bool> damaged{ false };
     Slot* next = nullptr;
 

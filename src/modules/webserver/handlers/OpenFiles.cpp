@@ -35,7 +35,7 @@ const OpenFiles::File* OpenFiles::find(const QByteArray& name)
     const auto found = m_entries.constFind(name);
     if (found == m_entries.constEnd())
         return nullptr;
-    struct stat status;
+    struct stat status = {};
     const bool isCurrent = g_get_monotonic_time() - found->since < Lifetime && stat(name.constData(), &status) == 0
         && isSame(status, found->status) && !found->file.mapping->isDamaged() && found->file.mapping->canBeSent();
     return isCurrent ? &found->file : nullptr;

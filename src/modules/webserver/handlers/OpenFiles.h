@@ -33,8 +33,8 @@ public:
 private:
     struct Entry {
         File file;
-        struct stat status;
-        qint64 since; ///< In microseconds of the monotonic clock.
+        struct stat status = {};
+        qint64 since = 0; ///< In microseconds of the monotonic clock.
     };
 
     OpenFiles() = default;
