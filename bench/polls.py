@@ -21,8 +21,10 @@ def poll_request(queue):
     return head.encode()
 
 
-def change_counter(device, value):
-    ask_once(device, post_json("/api/setData", {"path": COUNTER_PATH, "role": "value", "value": value}))
+def write_request(value):
+    body = json.dumps({"path": COUNTER_PATH, "role": "value", "value": value})
+    head = "POST /api/setData HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+    return f"{head}Content-Length: {len(body)}\r\n\r\n{body}".encode()
 
 
 class WaitingPolls:
@@ -57,8 +59,14 @@ class WaitingPolls:
         """Milliseconds from the start of one write to each of the answers that tell of it, shortest first. All ask
         again afterwards."""
         self.value += 1
-        started = time.monotonic()
-        change_counter(self.device, self.value)
+        with socket.create_connection(("127.0.0.1", self.device.port)) as writer:
+            started = time.monotonic()
+            writer.sendall(write_request(self.value))
+            times = self.wait(started)
+        self.ask()
+        return sorted(times)
+
+    def wait(self, started):
         times, bodies = [], {}
         while len(times) < len(self.clients):
             ready = self.selector.select(5)
@@ -72,8 +80,7 @@ class WaitingPolls:
                     times.append((now - started) * 1000)
         if not all(f'"value":{self.value}}}'.encode() in text for text in bodies.values()):
             raise BenchError("a poll was answered with something else")
-        self.ask()
-        return sorted(times)
+        return times
 
 
 def events_in(device, seconds):
@@ -87,11 +94,7 @@ def events_in(device, seconds):
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             poller.sendall(request)
-            body = json.dumps({"path": COUNTER_PATH, "role": "value", "value": 1000 + count})
-            writer.sendall(
-                f"POST /api/setData HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
-                f"Content-Length: {len(body)}\r\n\r\n{body}".encode()
-            )
+            writer.sendall(write_request(1000 + count))
             text = b""
             while not text.endswith(b"]"):
                 text += poller.recv(65536)

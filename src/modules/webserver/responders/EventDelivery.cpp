@@ -1,7 +1,6 @@
 #include "EventDelivery.h"
 
 #include <fcntl.h>
-#include <glib-unix.h>
 #include <linux/sockios.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -50,8 +49,6 @@ EventDelivery::~EventDelivery()
 {
     if (m_message)
         g_signal_handlers_disconnect_by_data(m_message, this);
-    if (m_source)
-        g_source_remove(m_source);
     if (m_fd >= 0)
         ::close(m_fd);
 }
@@ -74,7 +71,7 @@ void EventDelivery::onFinished(SoupMessage* message, gpointer self)
     if (!delivery->m_queue->isHeld(delivery->m_token))
         return delivery->settleAs(false);
     delivery->m_closedByServer = !soup_message_is_keepalive(message);
-    delivery->watchSocket();
+    delivery->keepSocket();
 }
 
 int EventDelivery::clientSocket() const
@@ -83,29 +80,19 @@ int EventDelivery::clientSocket() const
     return socket ? g_socket_get_fd(socket) : -1;
 }
 
-void EventDelivery::watchSocket()
+void EventDelivery::keepSocket()
 {
     // A duplicate, as the library may close its own before anything is known.
     m_fd = fcntl(clientSocket(), F_DUPFD_CLOEXEC, 0);
     if (m_fd < 0)
         return settleAs(false);
     m_sentAt = g_get_monotonic_time();
-    // Before the library looks, which would take the error away, and before the next request is handled.
-    m_source = g_unix_fd_add_full(G_PRIORITY_HIGH, m_fd, G_IO_IN, onSocket, this, nullptr);
     startTimer(DoubtMilliseconds);
     if (m_closedByServer) {
         // While there is a duplicate, the library's close() does not end the connection.
         QMetaObject::invokeMethod(
             this, [this] { ::shutdown(m_fd, SHUT_WR); }, Qt::QueuedConnection);
     }
-}
-
-gboolean EventDelivery::onSocket(gint, GIOCondition, gpointer self)
-{
-    auto* delivery = static_cast<EventDelivery*>(self);
-    delivery->m_source = 0;
-    delivery->settleAs(delivery->isRefused());
-    return G_SOURCE_REMOVE;
 }
 
 void EventDelivery::timerEvent(QTimerEvent*)
@@ -120,7 +107,8 @@ void EventDelivery::settle()
 
 bool EventDelivery::isRefused() const
 {
-    // A connection that both sides have ended hangs up without anything being wrong.
+    // Both sides have ended a connection that the server closed: that it hangs up says nothing, but its error is still
+    // there. The error of another one the library may have taken away, but only a refusal ends that at once.
     return has(m_fd, m_closedByServer ? POLLERR : POLLERR | POLLHUP);
 }
 
