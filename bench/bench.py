@@ -23,6 +23,7 @@ from typing import Optional
 
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
 from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, make_certificate
+from static_files import file_row
 
 SECONDS = 3
 
@@ -153,7 +154,7 @@ def https_file(bench, name):
 
 
 def https_handshakes(bench, name):
-    """New connections in a second, TLS 1.3 and 1.2, one request each, one client at a time."""
+    """New TLS 1.3 connections in a second, one request on each, from one client after another."""
     with secure(bench) as (device, tls), Floor(bench.build, bench.scratch, b"{}", tls=tls) as floor:
         ours, reference = [], []
         for _ in range(2):
@@ -182,6 +183,11 @@ def secure(bench):
     root = {"settings:webserver/documentRoot": bench.scratch}
     with SecureDevice(bench.build, bench.scratch / "secure", tls, root) as device:
         yield device, tls
+
+
+def static_file(size, target, **options):
+    row = file_row(size, target, **options)
+    return lambda bench, name: row(bench, name, SECONDS, at_least)
 
 
 def latency_p99(bench, name):
@@ -231,6 +237,10 @@ ROWS = [
     ("HTTPS getData unsigned", https_get_data),
     ("HTTPS file 64 KiB", https_file),
     ("HTTPS handshakes", https_handshakes),
+    ("static 1 KiB", static_file(1024, 0.85)),
+    ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
+    ("static 64 KiB", static_file(64 * 1024, 0.95)),
+    ("static 10 MiB", static_file(10 * 1024 * 1024, 1.00, connections=8)),
     ("latency p99 / median", latency_p99),
     ("latency max / 200 ms step", latency_max),
 ]

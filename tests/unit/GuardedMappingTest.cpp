@@ -95,7 +95,7 @@ void GuardedMappingTest::cutsItsReaderFirst()
     int sockets[2];
     QCOMPARE(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
     const auto mapping = map();
-    mapping->setReader(sockets[0]);
+    const GuardedMapping::Sending sending(mapping, sockets[0]);
     truncate(path("file").constData(), 0);
     // What user-space encryption does: read the file, then write what it made of it.
     const char byte = mapping->data()[Size - 1];

@@ -9,6 +9,7 @@
 #include "LocalFile.h"
 #include "Message.h"
 #include "MimeTypes.h"
+#include "OpenFiles.h"
 #include "StaticHandler.h"
 #include "WebserverLog.h"
 
@@ -23,9 +24,9 @@ bool matches(const char* list, const QString& etag)
     return strcmp(list, "*") == 0 || strstr(list, etag.toLatin1().constData());
 }
 
-void releaseMapping(gpointer mapping)
+void release(gpointer sending)
 {
-    delete static_cast<std::shared_ptr<GuardedMapping>*>(mapping);
+    delete static_cast<GuardedMapping::Sending*>(sending);
 }
 
 } // namespace
@@ -49,7 +50,11 @@ FileReply::Outcome FileReply::serveFile(const QFileInfo& file, const QString& ro
     m_file = file;
     m_contentType = contentType;
     m_message->setEncoding(Message::PlainContentLength);
-    const LocalFile local(QFile::encodeName(file.filePath()));
+    const QByteArray name = QFile::encodeName(file.filePath());
+    const OpenFiles::File* open = OpenFiles::instance().find(name);
+    if (open && open->canonicalPath.startsWith(m_rootPath))
+        return serveMapping(open->lastModified, Mapping(open->mapping));
+    const LocalFile local(name);
     if (local.kind() == LocalFile::Missing || !QFile::decodeName(local.canonicalPath()).startsWith(m_rootPath))
         return notFound(local);
     if (!local.isReadable())
@@ -89,19 +94,19 @@ FileReply::Outcome FileReply::serveRegular(const LocalFile& local)
         g_error_free(error);
         return failed(reason);
     }
-    const QDateTime lastModified = local.lastModified();
+    OpenFiles::instance().insert(QFile::encodeName(m_file.filePath()), local, mapping);
+    return serveMapping(local.lastModified(), mapping);
+}
+
+FileReply::Outcome FileReply::serveMapping(const QDateTime& lastModified, const Mapping& mapping)
+{
     const QString path = m_file.absoluteFilePath();
     if (const ETagCacheEntry* entry = ETagCache::instance().find(path, mapping->length(), lastModified))
         return serveMapped(*entry, mapping);
     if (mapping->length() > ReadAtOnceBytes)
         return serveLater(lastModified, mapping);
-    const ETagCacheEntry entry{ mapping->length(), lastModified,
-        StaticHandler::calculateETag(m_file, mapping->data(), mapping->length()),
-        StaticHandler::getMimeType(m_file, mapping->data(), mapping->length()) };
-    if (mapping->isDamaged())
-        return serveChanged();
-    ETagCache::instance().insert(path, entry);
-    return serveMapped(entry, mapping);
+    const ETagCacheEntry entry = StaticHandler::getCacheEntry(m_file, lastModified, mapping->file());
+    return mapping->isDamaged() ? serveChanged() : serveMapped(entry, mapping);
 }
 
 FileReply::Outcome FileReply::serveLater(const QDateTime& lastModified, const Mapping& mapping)
@@ -203,9 +208,9 @@ FileReply::Outcome FileReply::serveWithoutRange()
 void FileReply::appendBody(const Mapping& mapping, qint64 offset, qint64 length)
 {
     GSocket* socket = soup_client_context_get_gsocket(m_message->data().client);
-    mapping->setReader(socket ? g_socket_get_fd(socket) : -1);
-    SoupBuffer* buffer = soup_buffer_new_with_owner(
-        mapping->data() + offset, static_cast<gsize>(length), new Mapping(mapping), releaseMapping);
+    auto* sending = new GuardedMapping::Sending(mapping, socket ? g_socket_get_fd(socket) : -1);
+    SoupBuffer* buffer =
+        soup_buffer_new_with_owner(mapping->data() + offset, static_cast<gsize>(length), sending, release);
     soup_message_body_append_buffer(m_message->data().message->response_body, buffer);
     soup_buffer_free(buffer);
 }

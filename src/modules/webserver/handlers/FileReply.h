@@ -34,6 +34,7 @@ private:
     Outcome serveFile(const QFileInfo& file, const QString& rootRedirect, const QString& contentType);
     Outcome serveDirectory(const QFileInfo& directory, const LocalFile& local, const QString& rootRedirect);
     Outcome serveRegular(const LocalFile& local);
+    Outcome serveMapping(const QDateTime& lastModified, const Mapping& mapping);
     Outcome serveLater(const QDateTime& lastModified, const Mapping& mapping);
     Outcome serveChanged();
     Outcome serveMapped(const ETagCacheEntry& entry, const Mapping& mapping);

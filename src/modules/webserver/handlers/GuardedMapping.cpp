@@ -1,5 +1,7 @@
 #include "GuardedMapping.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <csignal>
 #include <mutex>
@@ -9,14 +11,28 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+namespace {
+
+constexpr int NoSocket = -1;
+
+} // namespace
+
 /// What the signal handler knows of one mapping. Written before the mapping is read, and never freed, so that the
 /// handler needs no lock.
 struct GuardedMapping::Slot {
     std::atomic<quintptr> begin{ 0 }; ///< 0: the slot is free.
     std::atomic<quintptr> end{ 0 }; ///< Behind the last page.
-    std::atomic<int> reader{ -1 };
+    std::array<std::atomic<int>, 64> sockets; ///< NoSocket where there is none.
     std::atomic<bool> damaged{ false };
     Slot* next = nullptr;
+
+    Slot() { std::fill(sockets.begin(), sockets.end(), NoSocket); }
+    /// The first entry with this value; null when there is none.
+    std::atomic<int>* entry(int socket)
+    {
+        const auto found = std::find(sockets.begin(), sockets.end(), socket);
+        return found == sockets.end() ? nullptr : &*found;
+    }
 };
 
 class GuardedMapping::Registry {
@@ -66,7 +82,6 @@ GuardedMapping::Slot* GuardedMapping::Registry::take(const void* begin, gsize le
         m_free.pop_back();
     }
     const auto address = reinterpret_cast<quintptr>(begin);
-    slot->reader = -1;
     slot->damaged = false;
     slot->end = (address + length + m_pageMask) & ~m_pageMask;
     slot->begin = address;
@@ -98,9 +113,11 @@ void GuardedMapping::onBusError(int signal, siginfo_t* info, void* context)
     const auto address = reinterpret_cast<quintptr>(info->si_addr);
     Slot* slot = info->si_code > 0 ? registry.find(address) : nullptr; // Not one that kill() sent.
     if (slot) {
-        const int reader = slot->reader;
-        if (reader >= 0)
-            shutdown(reader, SHUT_RDWR);
+        for (const std::atomic<int>& socket : slot->sockets) {
+            const int descriptor = socket;
+            if (descriptor != NoSocket)
+                shutdown(descriptor, SHUT_RDWR);
+        }
         slot->damaged = true;
         const quintptr page = address & ~registry.pageMask();
         const void* zeros = mmap(reinterpret_cast<void*>(page), slot->end - page, PROT_READ,
@@ -145,8 +162,20 @@ bool GuardedMapping::isDamaged() const
     return m_slot && m_slot->damaged;
 }
 
-void GuardedMapping::setReader(int socket)
+bool GuardedMapping::canBeSent() const
 {
-    if (m_slot)
-        m_slot->reader = socket;
+    return !m_slot || m_slot->entry(NoSocket);
+}
+
+GuardedMapping::Sending::Sending(const std::shared_ptr<GuardedMapping>& mapping, int socket)
+    : m_mapping(mapping), m_entry(mapping->m_slot ? mapping->m_slot->entry(NoSocket) : nullptr)
+{
+    if (m_entry)
+        *m_entry = socket;
+}
+
+GuardedMapping::Sending::~Sending()
+{
+    if (m_entry)
+        *m_entry = NoSocket;
 }

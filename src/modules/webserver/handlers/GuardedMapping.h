@@ -11,7 +11,7 @@
 ///
 /// Reading a mapping beyond the end of a file that has become shorter raises SIGBUS. A process-wide handler, installed
 /// with the first mapping, puts zeros in the place of the rest of a mapping made here, marks it as damaged, and shuts
-/// down the socket that it is being sent to, so that no zero is taken for the file's content. A SIGBUS of any other
+/// down the sockets that it is being sent to, so that no zero is taken for the file's content. A SIGBUS of any other
 /// origin goes to the handler that was there before. (The kernel itself, reading for send(), raises no signal: the
 /// call fails.) May be released on any thread.
 class GuardedMapping {
@@ -28,8 +28,21 @@ public:
 
     /// Whether something was read that is not the file's content.
     bool isDamaged() const;
-    /// Names the socket to be shut down with the first read that finds no file, before that read returns.
-    void setReader(int socket);
+    /// Whether there is room for another Sending.
+    bool canBeSent() const;
+
+    /// While one lives, its socket is shut down with the first read that finds no file, before that read returns.
+    class Sending {
+    public:
+        Sending(const std::shared_ptr<GuardedMapping>& mapping, int socket);
+        ~Sending();
+        Sending(const Sending&) = delete;
+        Sending& operator=(const Sending&) = delete;
+
+    private:
+        std::shared_ptr<GuardedMapping> m_mapping;
+        std::atomic<int>* m_entry;
+    };
 
 private:
     struct Slot;

@@ -26,6 +26,7 @@ public:
     bool isReadable() const { return m_readable; }
     const QByteArray& canonicalPath() const { return m_canonicalPath; } ///< Empty when it is Missing.
     QDateTime lastModified() const; ///< In milliseconds, UTC.
+    const struct stat& status() const { return m_status; } ///< Of what is open.
     int descriptor() const { return m_descriptor; } ///< Of a Regular file; -1 when it could not be opened.
     int error() const { return m_error; } ///< Why it could not: an errno.
 

@@ -94,14 +94,20 @@ void StaticHandler::serveFile(const QFileInfo& file, const QString& rootPath, co
 
 StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(const QFileInfo& file, GMappedFile* mapping)
 {
+    return getCacheEntry(file, file.lastModified(), mapping);
+}
+
+StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(
+    const QFileInfo& file, const QDateTime& lastModified, GMappedFile* mapping)
+{
     dbglog_scopedFunction(webserverLog());
     ETagCache& cache = ETagCache::instance();
     const QString path = file.absoluteFilePath();
     const size_t length = g_mapped_file_get_length(mapping);
-    if (const ETagCacheEntry* entry = cache.find(path, length, file.lastModified()))
+    if (const ETagCacheEntry* entry = cache.find(path, length, lastModified))
         return *entry;
     const char* data = g_mapped_file_get_contents(mapping);
-    const ETagCacheEntry entry{ length, file.lastModified(), calculateETag(file, data, length),
+    const ETagCacheEntry entry{ length, lastModified, calculateETag(file, data, length),
         getMimeType(file, data, length) };
     cache.insert(path, entry);
     return entry;
