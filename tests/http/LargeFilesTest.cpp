@@ -46,7 +46,7 @@ bool waitFor(const HttpConnection& connection)
 QByteArray readHead(const HttpConnection& connection)
 {
     QByteArray head;
-    char byte;
+    char byte = 0;
     while (!head.endsWith("\r\n\r\n") && waitFor(connection) && recv(connection.descriptor(), &byte, 1, 0) == 1)
         head += byte;
     return head;

@@ -26,7 +26,7 @@ void makeSocket(const QByteArray& path)
     address.sun_family = AF_UNIX;
     qstrncpy(address.sun_path, path.constData(), sizeof address.sun_path);
     const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    (void)bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     close(fd);
 }
 

@@ -101,7 +101,7 @@ void GuardedMappingTest::cutsItsReaderFirst()
     const char byte = mapping->data()[Size - 1];
     QCOMPARE(byte, '\0');
     QCOMPARE(send(sockets[0], &byte, 1, MSG_NOSIGNAL), -1);
-    char received;
+    char received = 0;
     QCOMPARE(recv(sockets[1], &received, 1, 0), 0);
     close(sockets[0]);
     close(sockets[1]);
@@ -111,6 +111,8 @@ void GuardedMappingTest::readersOnManyThreadsSurvive()
 {
     std::vector<std::shared_ptr<GuardedMapping>> mappings;
     std::vector<std::thread> threads;
+    mappings.reserve(8);
+    threads.reserve(16);
     for (int i = 0; i < 8; ++i)
         mappings.push_back(map());
     truncate(path("file").constData(), 0);
