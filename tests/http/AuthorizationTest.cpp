@@ -198,6 +198,25 @@ private Q_SLOTS:
         release(device(1));
     }
 
+    // Any other answer would tell a right password from a wrong one without the brake.
+    void aWrongSignatureIsRefusedBeforeTheBodyIsJudged_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::newRow("a value that no key opens") << QByteArray(R"({"value":"AAAA"})");
+        QTest::newRow("a whole body that no key opens") << QByteArray(R"("AAAA")");
+    }
+
+    void aWrongSignatureIsRefusedBeforeTheBodyIsJudged()
+    {
+        QFETCH(QByteArray, body);
+        Device& target = device(1);
+        const Signer signer("admin", "wrong", "HMAC_SHA256_AES256");
+        const HttpReply reply =
+            target.postJson("/api/setData", body, { signer.forPost(target.baseUrl() + "/api/setData", body) });
+        QCOMPARE(reply.status, 401);
+        release(target);
+    }
+
     void encryptedValues_data()
     {
         QTest::addColumn<QByteArray>("json");

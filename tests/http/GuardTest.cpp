@@ -75,6 +75,8 @@ private Q_SLOTS:
         QTest::newRow("CONNECT with a broken authority") << QByteArray("CONNECT [ HTTP/1.1\r\n\r\n") << 400 << true;
         QTest::newRow("CONNECT with a broken port") << QByteArray("CONNECT h:x HTTP/1.1\r\n\r\n") << 400 << true;
         QTest::newRow("CONNECT") << QByteArray("CONNECT h:80 HTTP/1.1\r\nHost: h\r\n\r\n") << 400 << true;
+        QTest::newRow("CONNECT with too many fields") << "CONNECT [ HTTP/1.1\r\nHost: x\r\n" + fieldLines(100) + "\r\n"
+                                                      << 400 << true;
         QTest::newRow("two Host") << get + "Host: x\r\nHost: y\r\n\r\n" << 400 << true;
         QTest::newRow("no Host") << get + "\r\n" << 400 << true;
         QTest::newRow("Host with a query") << get + "Host: evil?x=\r\n\r\n" << 400 << true;
@@ -90,6 +92,9 @@ private Q_SLOTS:
         QTest::newRow("length and chunks") << post + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"
                                            << 400 << true;
         QTest::newRow("unknown coding") << post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" << 400 << true;
+        QTest::newRow("two codings") << post
+                + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"
+                                     << 400 << true;
         QTest::newRow("chunks") << post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n" << 400 << true;
         QTest::newRow("body over the limit, not sent") << post + "Content-Length: 4097\r\n\r\n" << 413 << true;
         QTest::newRow("body over the limit, announced")
@@ -107,6 +112,9 @@ private Q_SLOTS:
         QTest::newRow("long method") << QByteArray(300, 'M') + " / HTTP/1.1\r\nHost: x\r\n\r\n" << 400 << true;
         QTest::newRow("HTTP/3.0") << QByteArray("GET / HTTP/3.0\r\nHost: x\r\n\r\n") << 505 << true;
         QTest::newRow("foreign scheme") << QByteArray("GET ftp://x/ HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << false;
+        QTest::newRow("foreign scheme, with a body that is not waited for")
+            << QByteArray("POST ftp://x/ HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n")
+            << 400 << true;
         QTest::newRow("OPTIONS *") << QByteArray("OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n") << 404 << false;
         QTest::newRow("HEAD on the API") << "HEAD " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 405 << false;
         QTest::newRow("not HTTP") << QByteArray("\x16\x03\x01\x02 TLS?\r\n\r\n") << 400 << true;
