@@ -138,6 +138,12 @@ private Q_SLOTS:
         get("a path that is none", "getData?path=%00%ff//::&roles=title", 500, "…");
         get("no such role", "getData?" + volume + "&roles=title,color", 500, "…");
         get("an empty role", "getData?" + volume + "&roles=title,,value", 500, "…");
+        get("getData of a hundred roles", "getData?" + volume + "&roles=title" + QByteArray(",title").repeated(99), 400,
+            "too many roles!");
+        post("getRows of a thousand roles", "getRows", json,
+            R"({"path":"demo:lists/large","from":0,"to":9999,"roles":["title")" + QByteArray(",\"title\"").repeated(999)
+                + "]}",
+            400, "too many roles!");
         get("setData by GET without role", "setData?" + volume + "&value=1", 400, "missing path or role or value!");
         get("setData by GET of no JSON", "setData?" + volume + "&role=value&value=.1", 400,
             "Unable to parse value: line 1, column 1…");

@@ -167,17 +167,21 @@ ConnectionLimits::Connection* ConnectionLimits::accepted(SoupClientContext* clie
     return connection;
 }
 
-// The one that has been idle longest; the newest when every other is at work.
+// The one that has been idle longest; when all others are at work, the one that has been at it longest, so that held
+// answers never lock everybody else out.
 ConnectionLimits::Connection* ConnectionLimits::leastUseful(Connection* newest) const
 {
-    Connection* oldest = newest;
+    Connection* chosen = newest;
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
-        const bool idle = connection != newest && connection->state == ReadingHead;
-        if (idle && (oldest == newest || connection->since < oldest->since))
-            oldest = connection;
+        if (connection == newest || connection->doomed)
+            continue;
+        const bool idle = connection->state == ReadingHead;
+        const bool chosenIdle = chosen->state == ReadingHead && chosen != newest;
+        if (chosen == newest || (idle && !chosenIdle) || (idle == chosenIdle && connection->since < chosen->since))
+            chosen = connection;
     }
-    return oldest;
+    return chosen;
 }
 
 // One epoll set for all connections: a watch each on the main loop would double the work of every turn. A socket that
@@ -249,9 +253,16 @@ void ConnectionLimits::onDisconnected(SoupSocket* socket, gpointer data)
     limits->m_connections.erase(found);
 }
 
+void ConnectionLimits::doom(Connection* connection)
+{
+    if (!connection->doomed)
+        m_doomed.push_back(connection);
+    connection->doomed = true;
+}
+
 void ConnectionLimits::closeSoon(Connection* connection)
 {
-    m_doomed.push_back(connection);
+    doom(connection);
     QMetaObject::invokeMethod(
         this, [this] { closeDoomed(); }, Qt::QueuedConnection);
 }
@@ -304,7 +315,7 @@ void ConnectionLimits::closeOverdue()
         const bool abandoned = connection->state == Answering && connection->halfClosedSince != 0
             && now - std::max(connection->halfClosedSince, connection->since) >= HalfClosedGrace;
         if (overdue || abandoned)
-            m_doomed.push_back(connection);
+            doom(connection);
     }
 }
 
@@ -326,7 +337,7 @@ void ConnectionLimits::closeSlowHandshakes()
     const auto spared = slow.end() - MaximumSlowHandshakes;
     std::nth_element(slow.begin(), spared, slow.end(),
         [](const auto* left, const auto* right) { return left->since < right->since; });
-    m_doomed.insert(m_doomed.end(), slow.begin(), spared);
+    std::for_each(slow.begin(), spared, [this](Connection* connection) { doom(connection); });
 }
 
 // The library stops accepting for good when accept() fails once. A listener with a client waiting at two sweeps, and

@@ -32,6 +32,7 @@ public:
         gint64 deadline = 0; ///< 0: none.
         gint64 halfClosedSince = 0; ///< When the peer's FIN was seen; 0: not yet.
         bool answeredBefore = false;
+        bool doomed = false; ///< Will be closed; the library may take a moment to notice.
         bool gone = false;
     };
 
@@ -71,6 +72,7 @@ private:
     Connection* leastUseful(Connection* newest) const;
     bool mayBeShakingHands(const Connection& connection) const;
     void close(Connection* connection);
+    void doom(Connection* connection);
     void closeDoomed();
     void closeOverdue();
     void closeSlowHandshakes();

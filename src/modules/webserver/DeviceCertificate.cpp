@@ -46,6 +46,7 @@ DeviceCertificate::DeviceCertificate(const QString& authorityPem, const QString&
 
 std::unique_ptr<PrivateFileLock> DeviceCertificate::lock() const
 {
+    dbglog_scopedFunction(webserverLog());
     auto lock =
         std::make_unique<PrivateFileLock>(m_directory + QStringLiteral("/soup-dev.lock"), LockTimeoutMilliseconds);
     if (!lock->isLocked())
@@ -55,6 +56,7 @@ std::unique_ptr<PrivateFileLock> DeviceCertificate::lock() const
 
 bool DeviceCertificate::renew(const QSet<QString>& addresses, QString* error)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!provideKey(error))
         return false;
     // In a directory of their own: the tool writes the authority's serial number next to its certificate.
@@ -101,6 +103,7 @@ QString DeviceCertificate::subject(const QString& authorityFile) const
 
 QString DeviceCertificate::subjectFrom(const QByteArray& answer)
 {
+    dbglog_scopedFunction(webserverLog());
     static const QRegularExpression commonName(QStringLiteral("/CN=[^/]+"));
     const QByteArray key = QByteArrayLiteral("subject=");
     if (!answer.startsWith(key))
@@ -142,6 +145,7 @@ bool DeviceCertificate::sign(const QString& authorityFile, const QString& extens
 
 QByteArray DeviceCertificate::extensions(const QSet<QString>& addresses)
 {
+    dbglog_scopedFunction(webserverLog());
     QStringList names;
     for (const QString& address : addresses) {
         // A zone is this machine's affair, and no part of an address in a certificate.

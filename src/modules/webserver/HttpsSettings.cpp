@@ -6,6 +6,7 @@
 #include "CMRoot.h"
 #include "CMValueNode.h"
 #include "CertificatePair.h"
+#include "WebserverLog.h"
 #include "ZarkPaths.h"
 
 namespace {
@@ -30,6 +31,7 @@ void guard(const CMPath& path, const std::function<QString(const QString&)>& fau
 
 HttpsSettings HttpsSettings::read()
 {
+    dbglog_scopedFunction(webserverLog());
     HttpsSettings settings;
     settings.certificatePem = setting(ZarkWebserverHttpsCertPath()).string();
     settings.keyPem = setting(ZarkWebserverHttpsPrivateKeyPath()).string();
@@ -40,6 +42,7 @@ HttpsSettings HttpsSettings::read()
 
 void HttpsSettings::guardNodes()
 {
+    dbglog_scopedFunction(webserverLog());
     guard(ZarkWebserverHttpsCertPath(),
         [](const QString& certificate) { return certificatePairFault(certificate, read().keyPem); });
     guard(ZarkWebserverHttpsPrivateKeyPath(),
@@ -48,6 +51,7 @@ void HttpsSettings::guardNodes()
 
 void HttpsSettings::restrictTls()
 {
+    dbglog_scopedFunction(webserverLog());
     static const char name[] = "G_TLS_GNUTLS_PRIORITY";
     if (!qEnvironmentVariableIsSet(name))
         qputenv(name,

@@ -62,11 +62,13 @@ Message::~Message()
 
 int Message::status() const
 {
+    dbglog_scopedFunction(webserverLog());
     return m_valid ? static_cast<int>(m_data.message->status_code) : 0;
 }
 
 void Message::setStatus(int code, const QString& reason)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return;
     if (code < 200 || code > 599) {
@@ -86,6 +88,7 @@ void Message::setStatus(int code, const QString& reason)
 
 bool Message::setHeader(const QByteArray& name, const QByteArray& value)
 {
+    dbglog_scopedFunction(webserverLog());
     if (value.contains('\r') || value.contains('\n') || value.contains('\0'))
         return false;
     if (m_valid)
@@ -95,22 +98,26 @@ bool Message::setHeader(const QByteArray& name, const QByteArray& value)
 
 bool Message::setHeader(const QString& name, const QString& value)
 {
+    dbglog_scopedFunction(webserverLog());
     return setHeader(name.toUtf8(), value.toUtf8());
 }
 
 void Message::setContentType(const QString& contentType)
 {
+    dbglog_scopedFunction(webserverLog());
     setHeader(QByteArrayLiteral("Content-Type"), contentType.toUtf8());
 }
 
 void Message::setContentLength(qint64 bytes)
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_valid)
         soup_message_headers_set_content_length(m_data.message->response_headers, bytes);
 }
 
 bool Message::setNoCache()
 {
+    dbglog_scopedFunction(webserverLog());
     const bool cacheControl =
         setHeader(QByteArrayLiteral("Cache-Control"), QByteArrayLiteral("no-cache, no-store, must-revalidate"));
     const bool pragma = setHeader(QByteArrayLiteral("Pragma"), QByteArrayLiteral("no-cache"));
@@ -120,6 +127,7 @@ bool Message::setNoCache()
 
 void Message::setEncoding(Encoding encoding)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return;
     SoupEncoding soupEncoding = SOUP_ENCODING_CONTENT_LENGTH;
@@ -135,6 +143,7 @@ void Message::setEncoding(Encoding encoding)
 
 void Message::responseBodyAdd(const char* data, qint64 length)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return;
     if (length > 0)
@@ -144,9 +153,10 @@ void Message::responseBodyAdd(const char* data, qint64 length)
 
 void Message::responseBodyAdd(const QByteArray& data)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return;
-    dbglog_debug(webserverLog(), "data.size: " << data.size() << ' ' << data.left(20) << "...");
+    dbglog_debug(webserverLog(), "data.size: " << data.size() << data.left(20) << "...");
     if (!data.isEmpty()) {
         auto* owner = new QByteArray(data);
         SoupBuffer* buffer =
@@ -159,17 +169,20 @@ void Message::responseBodyAdd(const QByteArray& data)
 
 void Message::setResponseBody(const QByteArray& body, const QString& contentType)
 {
+    dbglog_scopedFunction(webserverLog());
     setContentType(contentType);
     responseBodyAdd(body);
 }
 
 void Message::setResponseBody(const QString& body, const QString& contentType)
 {
+    dbglog_scopedFunction(webserverLog());
     setResponseBody(body.toUtf8(), contentType);
 }
 
 void Message::responseBodyComplete()
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return;
     soup_message_body_complete(m_data.message->response_body);
@@ -178,24 +191,28 @@ void Message::responseBodyComplete()
 
 void Message::pause()
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_valid)
         soup_server_pause_message(m_data.server, m_data.message);
 }
 
 void Message::unpause()
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_valid)
         soup_server_unpause_message(m_data.server, m_data.message);
 }
 
 void Message::setAccumulate(bool accumulate)
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_valid)
         soup_message_body_set_accumulate(m_data.message->request_body, accumulate);
 }
 
 QByteArray Message::requestBody() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return {};
     SoupMessageBody* body = m_data.message->request_body;
@@ -209,6 +226,7 @@ QByteArray Message::requestBody() const
 
 QByteArray Message::requestContentType() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return {};
     // Not the library's parser of this field: it is strict about parameters, and drops the type with them.
@@ -220,11 +238,13 @@ QByteArray Message::requestContentType() const
 
 bool Message::isMultipart() const
 {
+    dbglog_scopedFunction(webserverLog());
     return requestContentType() == "multipart/form-data";
 }
 
 QByteArray Message::header(const QString& name) const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return {};
     return QByteArray(soup_message_headers_get_list(m_data.message->request_headers, name.toUtf8().constData()));
@@ -232,6 +252,7 @@ QByteArray Message::header(const QString& name) const
 
 QString Message::sender() const
 {
+    dbglog_scopedFunction(webserverLog());
     GInetAddress* address = m_valid ? remoteInetAddress(m_data.client) : nullptr;
     if (!address)
         return {};
@@ -243,12 +264,14 @@ QString Message::sender() const
 
 bool Message::isFromLocalhost() const
 {
+    dbglog_scopedFunction(webserverLog());
     GInetAddress* address = m_valid ? remoteInetAddress(m_data.client) : nullptr;
     return address && g_inet_address_get_is_loopback(address);
 }
 
 bool Message::isHttps() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return false;
     // Schemes are interned by the library, SOUP_URI_SCHEME_HTTPS included.
@@ -257,6 +280,7 @@ bool Message::isHttps() const
 
 const QString& Message::fullUri() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_fullUri.isNull() && m_valid)
         m_fullUri = uriToString(m_data.message);
     return m_fullUri;
@@ -264,6 +288,7 @@ const QString& Message::fullUri() const
 
 const ZarkUrlQuery& Message::query() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_querySplit && m_valid) {
         QByteArray query(soup_uri_get_query(soup_message_get_uri(m_data.message)));
         m_query = ZarkUrlQuery(query.replace('+', ' '));
@@ -274,6 +299,7 @@ const ZarkUrlQuery& Message::query() const
 
 ZarkUrl Message::url() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_url.isEmpty()) {
         m_url = ZarkUrl::fromEncoded(fullUri().toUtf8());
         QByteArray query = m_url.encodedQuery();
@@ -285,6 +311,7 @@ ZarkUrl Message::url() const
 
 QByteArray Message::getDelimiterFromHeader() const
 {
+    dbglog_scopedFunction(webserverLog());
     const QByteArray contentType = header(QStringLiteral("Content-type"));
     const int type = contentType.indexOf("multipart/form-data");
     if (type < 0)

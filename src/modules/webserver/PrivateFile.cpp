@@ -1,5 +1,7 @@
 #include "PrivateFile.h"
 
+#include "WebserverLog.h"
+
 #include <QDeadlineTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -48,6 +50,7 @@ bool isPrivate(int fd)
 
 bool PrivateFile::create(const QByteArray& content, QString* error) const
 {
+    dbglog_scopedFunction(webserverLog());
     if (isReplaceableByOthers(QFileInfo(m_path).path()))
         return fail(error, m_path, QStringLiteral("the directory lets others replace the file"));
     const QByteArray name = QFile::encodeName(m_path);
@@ -66,6 +69,7 @@ bool PrivateFile::create(const QByteArray& content, QString* error) const
 
 bool PrivateFile::read(QByteArray* content, QString* error) const
 {
+    dbglog_scopedFunction(webserverLog());
     const int fd = ::open(QFile::encodeName(m_path).constData(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return fail(error, m_path, lastFault());

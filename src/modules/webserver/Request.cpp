@@ -22,10 +22,17 @@ QVariant parseForm(const QByteArray& body)
     return fields;
 }
 
+void logMalformed(const QByteArray& contentType, const ZarkError& error)
+{
+    dbglog_error(webserverLog(), "Error on parsing json data during post request. type: " << contentType);
+    dbglog_info(webserverLog(), "The request body is no JSON: " << error.toString());
+}
+
 } // namespace
 
 QVariant Request::postData() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_postDataParsed)
         parsePostData();
     return m_postData;
@@ -33,6 +40,7 @@ QVariant Request::postData() const
 
 void Request::parsePostData() const
 {
+    dbglog_scopedFunction(webserverLog());
     const QByteArray contentType = requestContentType();
     dbglog_debug(webserverLog(), "Content type " << contentType);
     m_postDataParsed = true;
@@ -49,8 +57,7 @@ void Request::parsePostData() const
         if (error.isEmpty())
             m_postData = value;
         else
-            dbglog_error(webserverLog(),
-                "Error on parsing json data during post request. type: " << contentType << ": " << error.toString());
+            logMalformed(contentType, error);
     } else {
         dbglog_error(webserverLog(), "Unsuported content type: " << contentType);
     }
@@ -58,6 +65,7 @@ void Request::parsePostData() const
 
 QHash<QString, QString> Request::serverData() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_serverDataParsed)
         parseServerData();
     return m_serverData;
@@ -65,6 +73,7 @@ QHash<QString, QString> Request::serverData() const
 
 QString Request::serverData(const QString& key) const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_serverDataParsed)
         parseServerData();
     return m_serverData[key];
@@ -72,6 +81,7 @@ QString Request::serverData(const QString& key) const
 
 void Request::parseServerData() const
 {
+    dbglog_scopedFunction(webserverLog());
     m_serverData.clear();
     m_serverDataParsed = true;
     const ZarkUrl requestUrl = url();

@@ -119,9 +119,31 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
     }
 }
 
-void onGotChunkedBody(SoupMessage* message, gpointer)
+void closeAfterAnswer(SoupMessage* message, gpointer)
 {
     soup_message_headers_replace(message->response_headers, "Connection", "close");
+}
+
+// The library answers some faults at this point without reading the body, which would then pass for a request.
+void onGotHeadersOfBody(SoupMessage* message, gpointer)
+{
+    if (message->status_code != 0)
+        closeAfterAnswer(message, nullptr);
+}
+
+// Whether the method comes with a body as a rule: without a length that the library understood, as in
+// "Content-Length : 5", what follows may be that body.
+bool expectsBody(const RequestHead& head)
+{
+    return head.method == "POST" || head.method == "PUT" || head.method == "PATCH";
+}
+
+void watchBody(SoupMessage* message, const RequestHead& head)
+{
+    if (head.contentLengthFields || head.transferEncodingFields)
+        g_signal_connect(message, "got-headers", G_CALLBACK(onGotHeadersOfBody), nullptr);
+    else if (expectsBody(head))
+        g_signal_connect(message, "got-body", G_CALLBACK(closeAfterAnswer), nullptr);
 }
 
 void deleteChunkedBody(gpointer data, GClosure*)
@@ -134,7 +156,7 @@ void watchChunkedBody(SoupMessage* message, Connection* connection)
 {
     g_signal_connect_data(message, "got-chunk", G_CALLBACK(onGotChunk), new ChunkedBody{ connection },
         deleteChunkedBody, static_cast<GConnectFlags>(0));
-    g_signal_connect(message, "got-body", G_CALLBACK(onGotChunkedBody), nullptr);
+    g_signal_connect(message, "got-body", G_CALLBACK(closeAfterAnswer), nullptr);
 }
 
 // Without a Host field the library would take the request target for the path, query and all, uncleaned.
@@ -194,6 +216,7 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
         dbglog_warn(webserverLog(), "Refusing a request with " << head.fields << " header fields");
         return refuseUnread(message, 431);
     }
+    watchBody(message, head);
     if (isChunked(head))
         watchChunkedBody(message, connection);
     if (head.hostFields == 0 && soup_message_get_http_version(message) == SOUP_HTTP_1_0)
@@ -204,10 +227,11 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
 
 HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
 {
-    if (head.fields > limits.headerCount)
-        return HeadVerdict::FieldsTooLarge;
+    // The method first: a refusal that reads on would let the library act on CONNECT.
     if (head.method.isEmpty() || head.method.size() > MaximumMethodLength || head.method == "CONNECT")
         return HeadVerdict::BadRequest;
+    if (head.fields > limits.headerCount)
+        return HeadVerdict::FieldsTooLarge;
     if (head.hostFields > 1 || !isHost(head.host))
         return HeadVerdict::BadRequest;
     if (head.contentLengthFields > 1 || head.transferEncodingFields > 1

@@ -40,6 +40,8 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
 /// | several or malformed Content-Length           | the last, or until the end     | 400, closed               |
 /// | Content-Length and Transfer-Encoding          | smuggling                      | 400, closed               |
 /// | chunked                                       | lax about where it ends        | closed after the answer   |
+/// | refused before its body was read              | the body passes for a request  | closed after the answer   |
+/// | POST, PUT, PATCH without a length             | the same                       | closed after the answer   |
 /// | a body over the limit                         | read into memory               | 413 unread, closed        |
 /// | too many fields                               | each name kept for good        | 431, closed               |
 /// | HTTP/1.0 without Host                         | path neither split nor cleaned | the address asked, as Host |

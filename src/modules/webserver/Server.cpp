@@ -117,6 +117,7 @@ bool Server::loadFailed(const QString& reason)
 
 int Server::listeningPort() const
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_running)
         return 0;
     GSList* uris = soup_server_get_uris(m_soupServer);
@@ -128,7 +129,8 @@ int Server::listeningPort() const
 void Server::start()
 {
     dbglog_scopedFunction(webserverLog());
-    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    if (!m_soupServer)
+        qFatal("m_soupServer");
     if (m_running) {
         dbglog_info(webserverLog(), "SOUP server is already running");
         return;
@@ -170,7 +172,8 @@ void Server::deepenBacklog()
 void Server::stop()
 {
     dbglog_scopedFunction(webserverLog());
-    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    if (!m_soupServer)
+        qFatal("m_soupServer");
     m_connectionLimits->stop();
     soup_server_disconnect(m_soupServer);
     m_running = false;
@@ -258,6 +261,7 @@ void Server::restartWhenIdle()
 
 void Server::addHandler(const QString& path, Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "addHandler: " << path << ' ' << static_cast<const void*>(handler));
     soup_server_add_handler(
         m_soupServer, path.toUtf8().constData(), server_callback, new HandlerData(this, handler), deleteHandlerData);
@@ -265,6 +269,7 @@ void Server::addHandler(const QString& path, Handler* handler)
 
 void Server::addEarlyHandler(const QString& path, Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "addEarlyHandler: " << path << ' ' << static_cast<const void*>(handler));
     soup_server_add_early_handler(
         m_soupServer, path.toUtf8().constData(), server_callback, new HandlerData(this, handler), deleteHandlerData);
@@ -277,7 +282,9 @@ void Server::deleteHandlerData(gpointer handlerData)
 
 void Server::pauseMessage(bool pause, Message* message)
 {
-    Q_ASSERT_X(m_soupServer, Q_FUNC_INFO, "m_soupServer");
+    dbglog_scopedFunction(webserverLog());
+    if (!m_soupServer)
+        qFatal("m_soupServer");
     dbglog_debug(webserverLog(), "Pause: " << pause);
     if (pause)
         message->pause();

@@ -1,6 +1,7 @@
 #include "ServerLimits.h"
 
 #include "CMRoot.h"
+#include "WebserverLog.h"
 #include "ZarkPaths.h"
 
 namespace {
@@ -16,6 +17,7 @@ template <class T> void readLimit(const char* name, T* limit)
 
 ServerLimits ServerLimits::fromSettings()
 {
+    dbglog_scopedFunction(webserverLog());
     ServerLimits limits;
     readLimit("bodyBytes", &limits.bodyBytes);
     readLimit("headerCount", &limits.headerCount);

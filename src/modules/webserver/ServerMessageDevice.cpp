@@ -32,6 +32,7 @@ bool ServerMessageDevice::open(OpenMode mode)
 
 qint64 ServerMessageDevice::bytesToWrite() const
 {
+    dbglog_scopedFunction(webserverLog());
     qint32 sum = 0;
     for (const qint64 size : m_pendingChunks)
         sum += static_cast<qint32>(size);

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "CMRoot.h"
+#include "WebserverLog.h"
 #include "ZarkPaths.h"
 
 namespace {
@@ -27,11 +28,13 @@ UserDatabase::UserDatabase()
 
 bool UserDatabase::isEmptyPassword() const
 {
+    dbglog_scopedFunction(webserverLog());
     return m_users.size() == 1 && m_users.first().password().isEmpty();
 }
 
 ZarkWebserverUser UserDatabase::user(const QString& name) const
 {
+    dbglog_scopedFunction(webserverLog());
     const auto found = std::find_if(
         m_users.cbegin(), m_users.cend(), [&name](const ZarkWebserverUser& user) { return user.name() == name; });
     return found == m_users.cend() ? ZarkWebserverUser() : *found;
@@ -39,6 +42,7 @@ ZarkWebserverUser UserDatabase::user(const QString& name) const
 
 bool UserDatabase::changePassword(const QString& name, const QString& oldPassword, const QString& newPassword)
 {
+    dbglog_scopedFunction(webserverLog());
     const auto found = std::find_if(
         m_users.begin(), m_users.end(), [&name](const ZarkWebserverUser& user) { return user.name() == name; });
     if (found == m_users.end() || found->password() != oldPassword)

@@ -10,6 +10,7 @@
 
 #include "GuardedMapping.h"
 #include "StaticHandler.h"
+#include "WebserverLog.h"
 
 namespace {
 
@@ -29,6 +30,7 @@ struct CacheEntryBuilder::Job {
 
 CacheEntryBuilder& CacheEntryBuilder::instance()
 {
+    dbglog_scopedFunction(webserverLog());
     static CacheEntryBuilder builder;
     return builder;
 }
@@ -48,6 +50,7 @@ CacheEntryBuilder::~CacheEntryBuilder()
 void CacheEntryBuilder::build(const QFileInfo& file, const QDateTime& lastModified,
     const std::shared_ptr<GuardedMapping>& mapping, const Built& built)
 {
+    dbglog_scopedFunction(webserverLog());
     const auto same = std::find_if(m_jobs.begin(), m_jobs.end(), [&](const auto& job) {
         return job->entry.size == mapping->length() && job->entry.lastModified == lastModified
             && job->file.absoluteFilePath() == file.absoluteFilePath();

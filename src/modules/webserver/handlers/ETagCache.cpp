@@ -4,12 +4,14 @@
 
 ETagCache& ETagCache::instance()
 {
+    dbglog_scopedFunction(webserverLog());
     static ETagCache cache;
     return cache;
 }
 
 const ETagCacheEntry* ETagCache::find(const QString& path, quint64 size, const QDateTime& lastModified)
 {
+    dbglog_scopedFunction(webserverLog());
     const ETagCacheEntry* entry = m_entries.object(path);
     if (!entry) {
         dbglog_debug(webserverLog(), "StaticHandler::getCacheEntry: not found cache entry for " << path);
@@ -25,6 +27,7 @@ const ETagCacheEntry* ETagCache::find(const QString& path, quint64 size, const Q
 
 void ETagCache::insert(const QString& path, const ETagCacheEntry& entry)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(),
         "StaticHandler::getCacheEntry: creating new cache entry for "
             << path << " autodetected content-type: " << entry.contentType);

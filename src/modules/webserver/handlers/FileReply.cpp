@@ -33,6 +33,7 @@ void release(gpointer sending)
 
 void FileReply::serve(const QFileInfo& file, const QString& rootRedirect, const QString& contentType)
 {
+    dbglog_scopedFunction(webserverLog());
     if (serveFile(file, rootRedirect, contentType) == Answered)
         finish();
 }

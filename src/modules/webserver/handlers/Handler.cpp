@@ -8,6 +8,7 @@
 
 void Handler::handle(Message* message)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "Handler: request: '" << message->fullUri() << "'");
     message->setStatus(SOUP_STATUS_NOT_FOUND, QString());
     message->setResponseBody(

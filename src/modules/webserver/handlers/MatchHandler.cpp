@@ -12,6 +12,7 @@ bool MatchHandler::MessagePredicate::operator()(const Message*) const
 
 bool RegExpMessagePredicate::operator()(const Message* message) const
 {
+    dbglog_scopedFunction(webserverLog());
     return m_expression.exactMatch(message->url().path(QUrl::FullyDecoded));
 }
 
@@ -23,6 +24,7 @@ MatchHandler::~MatchHandler()
 
 void MatchHandler::addHandler(MessagePredicate* predicate, Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(),
         "MatchHandler::addHandler: adding handler " << static_cast<const void*>(handler) << " for RequestPredicate");
     append(predicate, handler);
@@ -30,6 +32,7 @@ void MatchHandler::addHandler(MessagePredicate* predicate, Handler* handler)
 
 void MatchHandler::addHandler(const QRegExp& expression, Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(),
         "MatchHandler::addHandler: adding handler " << static_cast<const void*>(handler) << " for regexp match "
                                                     << expression.pattern());
@@ -38,6 +41,7 @@ void MatchHandler::addHandler(const QRegExp& expression, Handler* handler)
 
 void MatchHandler::addHandler(const QString& wildcard, Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(),
         "MatchHandler::addHandler: adding handler " << static_cast<const void*>(handler) << " for wildcard match "
                                                     << wildcard);
@@ -46,6 +50,7 @@ void MatchHandler::addHandler(const QString& wildcard, Handler* handler)
 
 void MatchHandler::addHandler(Handler* handler)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(
         webserverLog(), "MatchHandler::addHandler: adding default handler " << static_cast<const void*>(handler));
     append(new MessagePredicate, handler);
@@ -59,6 +64,7 @@ void MatchHandler::append(MessagePredicate* predicate, Handler* handler)
 
 void MatchHandler::handle(Message* message)
 {
+    dbglog_scopedFunction(webserverLog());
     // A copy: a handler may add others while it runs.
     const auto handlers = m_handlers;
     const auto found = std::find_if(

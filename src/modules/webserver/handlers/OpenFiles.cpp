@@ -4,6 +4,7 @@
 
 #include "GuardedMapping.h"
 #include "LocalFile.h"
+#include "WebserverLog.h"
 
 namespace {
 
@@ -26,12 +27,14 @@ bool isSame(const struct stat& a, const struct stat& b)
 
 OpenFiles& OpenFiles::instance()
 {
+    dbglog_scopedFunction(webserverLog());
     static OpenFiles files;
     return files;
 }
 
 const OpenFiles::File* OpenFiles::find(const QByteArray& name)
 {
+    dbglog_scopedFunction(webserverLog());
     const auto found = m_entries.constFind(name);
     if (found == m_entries.constEnd())
         return nullptr;
@@ -43,6 +46,7 @@ const OpenFiles::File* OpenFiles::find(const QByteArray& name)
 
 void OpenFiles::insert(const QByteArray& name, const LocalFile& local, const std::shared_ptr<GuardedMapping>& mapping)
 {
+    dbglog_scopedFunction(webserverLog());
     if (m_entries.size() >= MaximumFiles && !m_entries.contains(name))
         return;
     if (m_entries.isEmpty()) {

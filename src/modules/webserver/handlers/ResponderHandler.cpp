@@ -12,6 +12,7 @@
 
 void ResponderHandler::handle(Message* message)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_trace(webserverLog(), "message: " << message->fullUri());
     // One event for all that come in one turn of the event loop: each event wakes it by a system call.
     if (m_pending.isEmpty())
@@ -73,7 +74,8 @@ void ResponderHandler::finalizeRequest(int requestId)
     info.output->close();
     if (info.responder->respondWillBlock()) {
         auto* buffer = qobject_cast<QBuffer*>(info.output);
-        Q_ASSERT_X(buffer, Q_FUNC_INFO, "buffer");
+        if (!buffer)
+            qFatal("buffer");
         info.request->setResponseBody(buffer->data(), QString());
     }
     dbglog_debug(webserverLog(),

@@ -55,6 +55,7 @@ QHostAddress unwrapped(const QHostAddress& address)
 
 void ReverseProxyHandler::handle(Message* message)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "ReverseProxyHandler: request: '" << message->fullUri() << "'");
     const QString url = extractOriginalUrl(message->fullUri());
     if (!url.isEmpty())
@@ -65,6 +66,7 @@ void ReverseProxyHandler::handle(Message* message)
 
 QString ReverseProxyHandler::extractOriginalUrl(const QString& uri)
 {
+    dbglog_scopedFunction(webserverLog());
     const int marker = uri.indexOf(Marker);
     if (marker < 0)
         return {};
@@ -73,6 +75,7 @@ QString ReverseProxyHandler::extractOriginalUrl(const QString& uri)
 
 bool ReverseProxyHandler::isFetchableForRemote(const QHostAddress& address)
 {
+    dbglog_scopedFunction(webserverLog());
     const QHostAddress target = unwrapped(address);
     bool isIPv4 = false;
     const quint32 ipv4 = target.toIPv4Address(&isIPv4);

@@ -94,6 +94,7 @@ void StaticHandler::serveFile(const QFileInfo& file, const QString& rootPath, co
 
 StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(const QFileInfo& file, GMappedFile* mapping)
 {
+    dbglog_scopedFunction(webserverLog());
     return getCacheEntry(file, file.lastModified(), mapping);
 }
 

@@ -6,8 +6,12 @@ namespace {
 
 constexpr const char* MissingPathOrRoles = "missing path or roles!";
 constexpr const char* MissingRowsParameters = "missing path, roles, from or to!";
+constexpr const char* TooManyRoles = "too many roles!";
 constexpr const char* InvalidRowsParameters = "invalid from or to or version!";
 constexpr const char* MissingSetParameters = "missing path or role or value!";
+
+// Several times what a node has: without a bound, a small request for a thousand roles of every row takes the memory.
+constexpr int MaximumRoles = 64;
 
 // One look at both kinds of request: a key is there or not, and has a value.
 class QueryParameters {
@@ -72,7 +76,7 @@ template <class Parameters> const char* readGetData(const Parameters& parameters
     if (!parameters.has(QStringLiteral("path")) || !parameters.has(QStringLiteral("roles")))
         return MissingPathOrRoles;
     readCommon(parameters, request);
-    return nullptr;
+    return request->roles.size() > MaximumRoles ? TooManyRoles : nullptr;
 }
 
 template <class Parameters> const char* readGetRows(const Parameters& parameters, ApiGetRows* request)
@@ -84,6 +88,8 @@ template <class Parameters> const char* readGetRows(const Parameters& parameters
         || !parameters.has(to))
         return MissingRowsParameters;
     readCommon(parameters, request);
+    if (request->roles.size() > MaximumRoles)
+        return TooManyRoles;
     const bool rangeValid = toInt(parameters.value(from), &request->from) && toInt(parameters.value(to), &request->to);
     const bool versionValid = !parameters.has(version)
         || toInteger(parameters.value(version), std::numeric_limits<qint64>::min(), std::numeric_limits<qint64>::max(),

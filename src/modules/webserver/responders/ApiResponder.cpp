@@ -45,6 +45,7 @@ ApiResponder::ApiResponder(Request& request, const QString& documentRoot,
 
 void ApiResponder::respond()
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "ApiResponder: request " << m_requestId << ' ' << request().fullUri());
     const QByteArray path = request().path();
     if (path == "/api/getData")
@@ -170,7 +171,13 @@ bool ApiResponder::parseSetDataRequestPost(SetData* parsed)
         return false;
     }
     QVariantHash body;
-    if (!authenticateAndDecryptPostRequest(parsed, &body)) {
+    const bool decrypted = authenticateAndDecryptPostRequest(parsed, &body);
+    // Before anything in the body is judged: any other answer would tell a right password from a wrong one, undelayed.
+    if (parsed->credentials && !parsed->verified) {
+        respondWithError(CMError(AccessName, "Forbidden"), SOUP_STATUS_UNAUTHORIZED, true);
+        return false;
+    }
+    if (!decrypted) {
         respondWithError(CMError(BadRequestName, "unable to decrypt value!"), SOUP_STATUS_BAD_REQUEST, false);
         return false;
     }
@@ -210,7 +217,7 @@ QByteArray ApiResponder::signedPostData() const
 }
 
 // What an encrypting client sends encrypted is either the value alone, or the whole body as one JSON text. Only a
-// verified request is decrypted: the others are refused later, and the key proves nothing for them.
+// verified request is decrypted.
 bool ApiResponder::authenticateAndDecryptPostRequest(SetData* parsed, QVariantHash* body)
 {
     const auto fields = authorization();

@@ -2,9 +2,11 @@
 
 #include "EventResponderShared.h"
 #include "EventRewriting.h"
+#include "WebserverLog.h"
 
 void CMEventQueueHttpRequest::done(const QUuid& queueId, const ZarkList<ZarkEvent>& events)
 {
+    dbglog_scopedFunction(webserverLog());
     if (!m_responder)
         return;
     ZarkList<ZarkEvent> told = events;
@@ -16,5 +18,6 @@ void CMEventQueueHttpRequest::done(const QUuid& queueId, const ZarkList<ZarkEven
 
 bool CMEventQueueHttpRequest::mayRead(const CMPath& path) const
 {
+    dbglog_scopedFunction(webserverLog());
     return m_responder && m_responder->mayReadNow(path);
 }

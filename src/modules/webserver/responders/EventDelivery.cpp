@@ -26,11 +26,13 @@ bool has(int fd, int events)
 
 void EventDelivery::watch(const Message& message, CMEventQueue* queue, quint64 token)
 {
+    dbglog_scopedFunction(webserverLog());
     new EventDelivery(message, queue, token);
 }
 
 void EventDelivery::settleSent(CMEventQueue* queue)
 {
+    dbglog_scopedFunction(webserverLog());
     const auto deliveries = queue->findChildren<EventDelivery*>(QString(), Qt::FindDirectChildrenOnly);
     for (EventDelivery* delivery : deliveries) {
         if (!delivery->m_message)

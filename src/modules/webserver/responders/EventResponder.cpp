@@ -35,6 +35,7 @@ EventResponder::EventResponder(Request& request, const QString& path,
 
 void EventResponder::respond()
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "EventResponder: request " << m_requestId << ' ' << request().fullUri());
     const QString operation = request().url().path().mid(PrefixLength);
     if (operation == QLatin1String("modifyQueue"))
@@ -177,6 +178,7 @@ bool EventResponder::admit(bool modify, const ZarkList<ZarkEventSubscribe>& path
 
 bool EventResponder::mayReadNow(const CMPath& path) const
 {
+    dbglog_scopedFunction(webserverLog());
     ZarkEventSubscribe subscription;
     subscription.setPath(path);
     if (!isAuthorized(m_hasCredentials, m_verified, false, { subscription }))
@@ -192,6 +194,7 @@ bool EventResponder::isMethod(const char* method) const
 
 void EventResponder::queueRequestDone(const ZarkList<ZarkEvent>& events)
 {
+    dbglog_scopedFunction(webserverLog());
     respondWithJson(events.toVariant());
 }
 

@@ -18,6 +18,7 @@ const QHash<QString, QString>& legacyPrefixes()
 
 bool LegacyPathHelper::isLegacy(const CMPath& path)
 {
+    dbglog_scopedFunction(webserverLog());
     const QStringList prefixes = legacyPrefixes().keys();
     return std::any_of(prefixes.begin(), prefixes.end(),
         [&path](const QString& prefix) { return path.toEncoded().startsWith(prefix); });
@@ -25,6 +26,7 @@ bool LegacyPathHelper::isLegacy(const CMPath& path)
 
 bool LegacyPathHelper::wasLegacy(const CMPath& path)
 {
+    dbglog_scopedFunction(webserverLog());
     const QStringList prefixes = legacyPrefixes().values();
     return std::any_of(prefixes.begin(), prefixes.end(),
         [&path](const QString& prefix) { return path.toEncoded().startsWith(prefix); });
@@ -32,6 +34,7 @@ bool LegacyPathHelper::wasLegacy(const CMPath& path)
 
 CMPath LegacyPathHelper::fromLegacy(const CMPath& path)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_trace(webserverLog(), "updating path: " << path.toEncoded());
     QString text = path.toEncoded();
     if (!text.startsWith(QLatin1Char('/')))
@@ -47,6 +50,7 @@ CMPath LegacyPathHelper::fromLegacy(const CMPath& path)
 
 CMPath LegacyPathHelper::toLegacy(const CMPath& path)
 {
+    dbglog_scopedFunction(webserverLog());
     dbglog_trace(webserverLog(), "changing to legacy path: " << path.toEncoded());
     QString text = path.toEncoded();
     const auto& table = legacyPrefixes();

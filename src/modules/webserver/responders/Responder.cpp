@@ -1,6 +1,7 @@
 #include "Responder.h"
 
 #include "Request.h"
+#include "WebserverLog.h"
 
 Responder::Responder(Request& request, const QString& documentRoot, QObject* parent)
     : QObject(parent), m_request(request), m_documentRoot(documentRoot)
@@ -11,6 +12,7 @@ void Responder::setRequestId(int) { }
 
 void Responder::setIODevices(QIODevice* in, QIODevice* out)
 {
+    dbglog_scopedFunction(webserverLog());
     m_inputDevice = in;
     m_outputDevice = out;
     m_input.reset();
@@ -33,5 +35,6 @@ QTextStream& Responder::output()
 
 void Responder::setHeader(const QString& name, const QString& value)
 {
+    dbglog_scopedFunction(webserverLog());
     m_request.setHeader(name, value);
 }

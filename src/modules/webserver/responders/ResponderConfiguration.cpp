@@ -28,6 +28,7 @@ qint64 monotonicMilliseconds()
 
 void ResponderConfiguration::authFailBlock(Responder* responder, int requestId)
 {
+    dbglog_scopedFunction(webserverLog());
     const qint64 now = monotonicMilliseconds();
     const qint64 remaining = std::max<qint64>(m_blockedUntil - now, 0);
     const qint64 delay = remaining + m_nextDelay;
@@ -49,6 +50,7 @@ void ResponderConfiguration::authFailBlock(Responder* responder, int requestId)
 
 void ResponderConfiguration::authFailReset()
 {
+    dbglog_scopedFunction(webserverLog());
     m_nextDelay = 0;
     m_blockedUntil = 0;
     dbglog_trace(webserverLog(), "reset blocking");

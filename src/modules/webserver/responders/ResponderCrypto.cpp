@@ -58,6 +58,7 @@ bool equalBytes(const QByteArray& a, const QByteArray& b)
 
 ResponderCrypto::AuthorizationHeaderFields ResponderCrypto::splitAuthorizationHeader(const QByteArray& header)
 {
+    dbglog_scopedFunction(webserverLog());
     const QList<QByteArray> pieces = header.split(' ');
     const QList<QByteArray> parts = pieces.value(1).split('.');
     AuthorizationHeaderFields fields;
@@ -72,6 +73,7 @@ ResponderCrypto::AuthorizationHeaderFields ResponderCrypto::splitAuthorizationHe
 QSharedPointer<ResponderCrypto> ResponderCrypto::create(
     const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user)
 {
+    dbglog_scopedFunction(webserverLog());
     if (fields.scheme == QLatin1String("hmac_sha256_aes256"))
         return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, true);
     if (fields.scheme == QLatin1String("hmac_sha256"))
