@@ -9,7 +9,9 @@ a missed target shows as "holds": false.
 """
 
 import argparse
+import contextlib
 import json
+import re
 import statistics
 import subprocess
 import sys
@@ -21,12 +23,15 @@ from typing import Optional
 
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
 from polls import WaitingPolls, events_in
-from servers import PASSWORD, USER, Device, Floor, IdleFloor
+from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, make_certificate
+from static_files import file_row
 
 SECONDS = 3
 POLLS = 1000
 
 GET_VALUE = "/api/getData?path=player:player/volume&roles=title,value"
+FILE_64K = "64k.bin"
+FILE_BYTES = 64 * 1024
 GET_ROWS = "/api/getRows?path=demo:lists/large&roles=title,value&from=0&to=99"
 
 
@@ -68,8 +73,16 @@ def against_floor(bench, name, exchange, target):
     body = ask_once(bench.device, exchange)
     query = exchange.target.partition("?")[2]
     with Floor(bench.build, bench.scratch, body) as floor:
-        sides = [(bench.device, exchange), (floor, exchange.at("/value" + (query and "?" + query)))]
-        ours, reference = run_alternately(sides, SECONDS)
+        reference = (floor, exchange.at("/value" + (query and "?" + query)))
+        return side_by_side(name, (bench.device, exchange), reference, target)
+
+
+def side_by_side(name, device, floor, target, size=None):
+    """The same for two (server, exchange) that answer alike; `size` is checked where it is given."""
+    for server, exchange in (device, floor):
+        if size is not None and len(ask_once(server, exchange)) != size:
+            raise BenchError(f"{exchange.target}: not {size} bytes")
+    ours, reference = run_alternately([device, floor], SECONDS)
     ratio = reference.cpu_microseconds / ours.cpu_microseconds
     note = f"{ours.rate:,.0f} against {reference.rate:,.0f} requests/s"
     return at_least(name, ours.cpu_microseconds, reference.cpu_microseconds, "us CPU/request", ratio, target, note)
@@ -125,6 +138,58 @@ def sqlite_commits(bench):
 
 def get_rows(bench, name):
     return against_floor(bench, name, Exchange(GET_ROWS), None)
+
+
+def https_get_data(bench, name):
+    with secure(bench) as (device, tls):
+        exchange = Exchange(GET_VALUE)
+        body = ask_once(device, exchange)
+        with Floor(bench.build, bench.scratch, body, tls=tls) as floor:
+            return side_by_side(name, (device, exchange), (floor, exchange.at("/value")), None)
+
+
+def https_file(bench, name):
+    with secure(bench) as (device, tls), Floor(bench.build, bench.scratch, tls=tls) as floor:
+        return side_by_side(
+            name, (device, Exchange("/" + FILE_64K)), (floor, Exchange("/file/" + FILE_64K)), None, FILE_BYTES
+        )
+
+
+def https_handshakes(bench, name):
+    """New TLS 1.3 connections in a second, one request on each, from one client after another."""
+    with secure(bench) as (device, tls), Floor(bench.build, bench.scratch, b"{}", tls=tls) as floor:
+        ours, reference = [], []
+        for _ in range(2):
+            ours.append(handshakes(device, GET_VALUE))
+            reference.append(handshakes(floor, "/value"))
+    ours, reference = statistics.mean(ours), statistics.mean(reference)
+    return at_least(name, ours, reference, "handshakes/s", ours / reference, None)
+
+
+def handshakes(server, target):
+    """openssl s_time, which asks for one page on each of its connections."""
+    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{server.port}", "-new", "-time", str(SECONDS)]
+    result = subprocess.run([*command, "-www", target], capture_output=True, text=True, timeout=SECONDS + 30)
+    # The last of its lines counts by the clock: "97 connections in 4 real seconds, 59 bytes read per connection".
+    words = re.findall(r"(\d+) connections in (\d+) real seconds", result.stdout)
+    if not words:
+        raise BenchError(f"openssl s_time: {result.stderr.strip() or result.stdout.strip()}")
+    return int(words[-1][0]) / int(words[-1][1])
+
+
+@contextlib.contextmanager
+def secure(bench):
+    """A device that serves HTTPS, and the certificate that a floor beside it uses too."""
+    tls = make_certificate(bench.scratch / "tls.pem")
+    (bench.scratch / FILE_64K).write_bytes(bytes(FILE_BYTES))
+    root = {"settings:webserver/documentRoot": bench.scratch}
+    with SecureDevice(bench.build, bench.scratch / "secure", tls, root) as device:
+        yield device, tls
+
+
+def static_file(size, target, **options):
+    row = file_row(size, target, **options)
+    return lambda bench, name: row(bench, name, SECONDS, at_least)
 
 
 def latency_p99(bench, name):
@@ -210,6 +275,13 @@ ROWS = [
     ("setData volatile", set_data_volatile),
     ("setData persistent", set_data_persistent),
     ("getRows 100 rows", get_rows),
+    ("HTTPS getData unsigned", https_get_data),
+    ("HTTPS file 64 KiB", https_file),
+    ("HTTPS handshakes", https_handshakes),
+    ("static 1 KiB", static_file(1024, 0.85)),
+    ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
+    ("static 64 KiB", static_file(64 * 1024, 0.95)),
+    ("static 10 MiB", static_file(10 * 1024 * 1024, 1.00, connections=8)),
     ("latency p99 / median", latency_p99),
     ("latency max / 200 ms step", latency_max),
     ("1,000 polls, one change, p99", polls_latency),

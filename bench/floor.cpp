@@ -1,8 +1,10 @@
 // The floor: what the HTTP library alone costs on this event loop, doing what any device must do. A request is paused,
 // answered from a queued event, and sent with Content-Length.
 //
-//     floor --body FILE [--files DIR]      GET and POST /value (any query) answer FILE's bytes as JSON;
-//                                          GET /file/NAME sends DIR/NAME mapped into memory
+//     floor --body FILE [--files DIR] [--tls PEM]
+//                                          GET and POST /value (any query) answer FILE's bytes as JSON;
+//                                          GET /file/NAME sends DIR/NAME mapped into memory;
+//                                          over TLS with the certificate and the key in the file PEM
 //     floor --idle                         an application and a server that does nothing
 //
 // Prints "listening on PORT" (or "idle") when it is ready, and runs until it is stopped.
@@ -81,14 +83,25 @@ void serveFile(SoupServer* server, SoupMessage* message, const char* path, GHash
     });
 }
 
-bool listenOnLoopback(SoupServer* server)
+bool fail(GError* error)
+{
+    std::fprintf(stderr, "floor: %s\n", error->message);
+    g_error_free(error);
+    return false;
+}
+
+bool useCertificate(SoupServer* server, const QByteArray& pemFile)
 {
     GError* error = nullptr;
-    if (!soup_server_listen_local(server, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, &error)) {
-        std::fprintf(stderr, "floor: %s\n", error->message);
-        g_error_free(error);
-        return false;
-    }
+    return soup_server_set_ssl_cert_file(server, pemFile.constData(), pemFile.constData(), &error) || fail(error);
+}
+
+bool listenOnLoopback(SoupServer* server, bool secure)
+{
+    GError* error = nullptr;
+    const int options = SOUP_SERVER_LISTEN_IPV4_ONLY | (secure ? SOUP_SERVER_LISTEN_HTTPS : 0);
+    if (!soup_server_listen_local(server, 0, static_cast<SoupServerListenOptions>(options), &error))
+        return fail(error);
     GSList* listeners = soup_server_get_listeners(server);
     for (GSList* each = listeners; each; each = each->next)
         ::listen(g_socket_get_fd(static_cast<GSocket*>(each->data)), Backlog);
@@ -119,6 +132,7 @@ int main(int argc, char** argv)
     parser.addOptions({
         { "body", "What /value answers.", "FILE" },
         { "files", "What /file/ answers from.", "DIR", "." },
+        { "tls", "Certificate and key to serve HTTPS with.", "PEM" },
         { "idle", "No handlers, no listener." },
     });
     parser.process(application);
@@ -131,7 +145,8 @@ int main(int argc, char** argv)
             return 2;
         soup_server_add_handler(server, "/value", serveValue, &floor, nullptr);
         soup_server_add_handler(server, "/file", serveFile, &floor, nullptr);
-        if (!listenOnLoopback(server))
+        const QByteArray pem = QFile::encodeName(parser.value("tls"));
+        if ((!pem.isEmpty() && !useCertificate(server, pem)) || !listenOnLoopback(server, !pem.isEmpty()))
             return 3;
     }
     std::fflush(stdout);

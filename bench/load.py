@@ -82,7 +82,7 @@ def counted(body, number):
 
 def ask_once(server, exchange):
     """The body of one answer. A BenchError unless it is a 200: a benchmark of errors says nothing."""
-    connection = http.client.HTTPConnection("127.0.0.1", server.port, timeout=10)
+    connection = server.connect()
     try:
         connection.request(exchange.method, exchange.target, counted(exchange.body, 0) or None, exchange.headers)
         response = connection.getresponse()

@@ -3,6 +3,7 @@
 import http.client
 import os
 import socket
+import ssl
 import subprocess
 import tempfile
 import time
@@ -13,6 +14,11 @@ from load import BenchError
 ROOT = Path(__file__).resolve().parent.parent
 TICKS = os.sysconf("SC_CLK_TCK")
 START_SECONDS = 10
+
+# The certificates are the benchmarks' own.
+ANYBODY = ssl.create_default_context()
+ANYBODY.check_hostname = False
+ANYBODY.verify_mode = ssl.CERT_NONE
 
 USER = "admin"
 PASSWORD = "bench-secret"
@@ -27,10 +33,18 @@ def free_port():
 class Process:
     """A child process, stopped at the end of its `with` block."""
 
+    scheme = "http"
+
     def __init__(self, command, **options):
         self.command = [str(part) for part in command]
         self.options = options
         self.port = 0
+
+    def connect(self):
+        """A connection of the kind that the process serves at its port."""
+        if self.scheme == "https":
+            return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=START_SECONDS, context=ANYBODY)
+        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=START_SECONDS)
 
     def __enter__(self):
         try:
@@ -58,7 +72,7 @@ class Process:
         """Returns when the process can be asked; a BenchError when it ended or never comes so far."""
 
     def url(self, target):
-        return f"http://127.0.0.1:{self.port}{target}"
+        return f"{self.scheme}://127.0.0.1:{self.port}{target}"
 
     def cpu_seconds(self):
         """User and system time of all threads so far."""
@@ -74,11 +88,14 @@ class Process:
 class Floor(Process):
     """The bare library: /value answers `body`, /file/NAME a file of `files`."""
 
-    def __init__(self, build, scratch, body=b"", files=None):
+    def __init__(self, build, scratch, body=b"", files=None, tls=None):
         answer = tempfile.NamedTemporaryFile(dir=scratch, delete=False)
         with answer:
             answer.write(body)
         command = [build / "bin/floor", "--body", answer.name, "--files", files or scratch]
+        if tls:
+            self.scheme = "https"
+            command += ["--tls", tls]
         super().__init__(command, stdout=subprocess.PIPE, text=True)
 
     def wait_until_ready(self):
@@ -110,7 +127,7 @@ class Device(Process):
             "settings:webserver/users": f'[{{"name":"{USER}","password":"{PASSWORD}"}}]',
             **dict(settings),
         }
-        command = [build / "bin/zark-host", "--tree", ROOT / "share/demo/tree.json", "--state", state]
+        command = [build / "bin/zark-host", "--tree", ROOT / "share/demo/tree.json", "--state", state, "--log-level", "error"]
         for worker in ("system", "player", "webserver"):
             command += ["--worker", worker]
         for path, value in values.items():
@@ -136,7 +153,7 @@ class Device(Process):
         self.start_seconds = time.monotonic() - self.started
 
     def answers(self):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=START_SECONDS)
+        connection = self.connect()
         try:
             connection.request("GET", "/api/getData?path=player:player/volume&roles=value")
             return connection.getresponse().status == 200
@@ -144,3 +161,32 @@ class Device(Process):
             return False
         finally:
             connection.close()
+
+
+class SecureDevice(Device):
+    """The demo device asked over HTTPS, with the certificate and the key in the file `tls`."""
+
+    scheme = "https"
+
+    def __init__(self, build, state, tls, settings=()):
+        pem = Path(tls).read_text()
+        values = {
+            "settings:webserver/httpsUseDeviceCert": "false",
+            "settings:webserver/httpsCert": pem,
+            "settings:webserver/httpsPrivateKey": pem,
+            "settings:webserver/httpsPort": free_port(),
+            **dict(settings),
+        }
+        super().__init__(build, state, values)
+        self.port = values["settings:webserver/httpsPort"]
+
+
+def make_certificate(path):
+    """A file with a new key and a certificate for it, as devices use them: RSA with 2048 bits."""
+    command = ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", path, "-out", f"{path}.crt"]
+    result = subprocess.run([*command, "-subj", "/CN=bench"], capture_output=True, text=True)
+    if result.returncode != 0:
+        raise BenchError(result.stderr.strip())
+    with open(path, "a") as pem:
+        pem.write(Path(f"{path}.crt").read_text())
+    return path

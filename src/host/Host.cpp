@@ -6,7 +6,9 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QThread>
+#include <QTimer>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -25,6 +27,8 @@
 namespace {
 
 constexpr int settleLimitMs = 1000;
+constexpr int pendingLimitMs = 30000;
+constexpr int pendingCheckMs = 10;
 /// Answers on their way out wait for the disk and for sockets; a pause this long means that nothing more comes.
 constexpr int lastAnswersQuietMs = 50;
 
@@ -69,7 +73,7 @@ bool makeStateDirectory(const QString& directory, QString* error)
 
 Host::Host(const HostOptions& options, SignalWatch* signalWatch, ServiceNotifier* notifier)
     : m_options(options), m_log(options), m_loader(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib")),
-      m_overrides(options.overrides), m_notifier(notifier)
+      m_overrides(options.overrides), m_authority(options.stateDirectory), m_notifier(notifier)
 {
     connect(signalWatch, &SignalWatch::stopRequested, this, &Host::requestStop);
     connect(signalWatch, &SignalWatch::reloadRequested, this, &Host::reload);
@@ -100,7 +104,8 @@ bool Host::loadTree(QString* error)
 {
     m_root = std::make_unique<CMRootWorker>(m_store.get());
     m_nodes = std::make_unique<CMNodes>(m_root->tree());
-    return CMTreeFile::load(m_options.treeFile, m_nodes.get(), error) && m_overrides.applyFound(m_root->tree(), error);
+    return CMTreeFile::load(m_options.treeFile, m_nodes.get(), error) && m_overrides.applyFound(m_root->tree(), error)
+        && (m_options.check || m_authority.apply(m_root->tree(), error));
 }
 
 bool Host::loadModules(QString* error)
@@ -143,6 +148,7 @@ Host::ExitStatus Host::run()
         return Success;
     // Workers that start from queued calls get their turn before they are asked.
     settle(0);
+    awaitWorkers();
     if (!announce())
         return NoServer;
     m_notifier->ready();
@@ -152,6 +158,19 @@ Host::ExitStatus Host::run()
         QCoreApplication::exec();
     m_notifier->stopping();
     return Success;
+}
+
+// What a worker needs a moment for, it does on the event loop, beside the requests that it answers already.
+void Host::awaitWorkers()
+{
+    const auto isPending = [](const std::unique_ptr<CMNodesWorker>& worker) {
+        return !WorkerStatus::of(worker.get()).pending.isEmpty();
+    };
+    const QDeadlineTimer limit(pendingLimitMs);
+    QTimer ticker;
+    ticker.start(pendingCheckMs);
+    while (!m_isStopRequested && !limit.hasExpired() && std::any_of(m_workers.cbegin(), m_workers.cend(), isPending))
+        QCoreApplication::eventDispatcher()->processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 bool Host::announce()
@@ -165,6 +184,9 @@ bool Host::announce()
             printf("listening on %s\n", qUtf8Printable(address));
         canServe = canServe && !status.failed();
     }
+    if (canServe && m_authority.isUsed())
+        printf("certificate authority %s, SHA-256 %s\n", qUtf8Printable(m_authority.certificateFile()),
+            qUtf8Printable(m_authority.fingerprint()));
     if (canServe)
         puts("ready");
     fflush(stdout);
@@ -181,6 +203,8 @@ void Host::reload()
     if (m_log.apply(&error))
         dbglog_info(logger(), "read the log configuration again");
     else
+        dbglog_error(logger(), error);
+    if (m_authority.isUsed() && !m_authority.apply(m_root->tree(), &error))
         dbglog_error(logger(), error);
     for (const auto& worker : m_workers)
         worker->reload();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "CMNodesWorker.h"
+#include "DevelopmentAuthority.h"
 #include "HostOptions.h"
 #include "LogSetup.h"
 #include "ModuleLoader.h"
@@ -18,9 +19,9 @@ class SignalWatch;
 
 /// One device: the store, the tree, and the modules' workers on one event loop.
 ///
-/// start() opens the store, makes the root, loads the tree file, applies --set, loads the modules and makes their
-/// workers; run() announces the addresses and turns the event loop until a signal; stop() undoes it all in the opposite
-/// order, so that each piece still finds what it stands on.
+/// start() opens the store, makes the root, loads the tree file, applies --set and the development authority, loads the
+/// modules and makes their workers; run() announces the addresses and turns the event loop until a signal; stop()
+/// undoes it all in the opposite order, so that each piece still finds what it stands on.
 class Host : public QObject {
     Q_OBJECT
 public:
@@ -44,6 +45,7 @@ private:
     bool loadModules(QString* error);
     bool makeWorkers(QString* error);
     bool applyLastOverrides(QString* error);
+    void awaitWorkers();
     bool announce(); ///< False when some worker cannot serve.
     void reload();
     void requestStop();
@@ -53,6 +55,7 @@ private:
     LogSetup m_log;
     ModuleLoader m_loader;
     Overrides m_overrides;
+    DevelopmentAuthority m_authority;
     ServiceNotifier* m_notifier;
     std::vector<CMWorkerCreate> m_creates; ///< In the order of the options' workers.
     bool m_isReady = false;

@@ -23,5 +23,7 @@ WorkerStatus WorkerStatus::of(CMNodesWorker* worker)
     }
     if (const CMValueNode* errors = statusNode(worker, QStringLiteral("errors")))
         status.errors = errors->value().stringList();
+    if (const CMValueNode* pending = statusNode(worker, QStringLiteral("pending")))
+        status.pending = pending->value().stringList();
     return status;
 }

@@ -9,6 +9,7 @@ struct WorkerStatus {
     bool serves = false; ///< The worker has a list of addresses, be it empty.
     QStringList addresses;
     QStringList errors;
+    QStringList pending; ///< What it still waits for, or works on, before it has started.
 
     static WorkerStatus of(CMNodesWorker* worker);
 

@@ -292,19 +292,20 @@ void PlayerTest::startsTheSuccessorOfARemovedTrack()
 
 void PlayerTest::writesAWavHeaderAndASine()
 {
-    const QByteArray head = SineWav::bytes(0, 44);
+    const SineWav wav(3600);
+    const QByteArray head = wav.bytes(0, 44);
     // RIFF <file - 8> WAVE, fmt <16>: PCM, mono, 44100 Hz, 88200 bytes/s, 2 bytes a frame, 16 bits; data <an hour>.
     QCOMPARE(head.toHex(' '),
         QByteArray("52 49 46 46 a4 f8 ec 12 57 41 56 45 66 6d 74 20 10 00 00 00 01 00 01 00 "
                    "44 ac 00 00 88 58 01 00 02 00 10 00 64 61 74 61 80 f8 ec 12"));
-    QCOMPARE(SineWav::size(), qint64(44 + 3600 * 44100 * 2));
-    const QByteArray samples = SineWav::bytes(44, 2 * 44100);
+    QCOMPARE(wav.size(), qint64(44 + 3600 * 44100 * 2));
+    const QByteArray samples = wav.bytes(44, 2 * 44100);
     for (int i = 0; i < 44100; ++i) {
         const int sample = qFromLittleEndian<qint16>(samples.constData() + 2 * i);
         QVERIFY2(std::abs(sample - 8192 * std::sin(2 * M_PI * 441 * i / 44100.0)) < 2, qPrintable(QString::number(i)));
     }
-    QCOMPARE(SineWav::bytes(SineWav::size() - 10, 4096).size(), 10);
-    QCOMPARE(SineWav::bytes(SineWav::size(), 4096).size(), 0);
+    QCOMPARE(wav.bytes(wav.size() - 10, 4096).size(), 10);
+    QCOMPARE(wav.bytes(wav.size(), 4096).size(), 0);
 }
 
 void PlayerTest::fillsThePipeOnlyAsItIsRead_data()
@@ -325,7 +326,7 @@ void PlayerTest::fillsThePipeOnlyAsItIsRead()
     int most = 0;
     const QByteArray bytes = readSlowly(fd, size, piece, &most);
     close(fd);
-    QVERIFY(bytes == SineWav::bytes(0, size));
+    QVERIFY(bytes == SineWav(3600).bytes(0, size));
     QVERIFY2(most > 0 && most <= 16384, qPrintable(QString::number(most)));
 }
 

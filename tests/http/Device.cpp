@@ -1,5 +1,6 @@
 #include "Device.h"
 
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonObject>
 
@@ -25,6 +26,8 @@ Device::Device(const QStringList& settings, const QStringList& arguments) : m_po
     for (const QString& setting : settings)
         m_arguments << "--set" << setting;
     m_arguments << arguments;
+    // A file, and not a pipe: a full pipe would stop the device in the middle of a line.
+    m_process.setStandardErrorFile(logFile(), QIODevice::Append);
     start();
 }
 
@@ -65,10 +68,10 @@ int Device::exitStatus()
     return m_process.exitCode();
 }
 
-QByteArray Device::log()
+QByteArray Device::log() const
 {
-    m_log += m_process.readAllStandardError();
-    return m_log;
+    QFile file(logFile());
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 QByteArray Device::baseUrl() const

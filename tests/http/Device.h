@@ -25,7 +25,7 @@ public:
     bool start(); ///< With the same state and port. True when ready.
     int stop(int signal); ///< Sends the signal and waits; the exit status, or -1 when a signal ended it.
     int exitStatus(); ///< Of a device that ended by itself.
-    QByteArray log(); ///< Standard error so far.
+    QByteArray log() const; ///< Standard error so far.
 
     /// One request on a connection of its own, with Host and "Connection: close".
     HttpReply request(const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers = {},
@@ -38,10 +38,11 @@ public:
     static int freePort();
 
 private:
+    QString logFile() const { return m_state.filePath(QStringLiteral("device.log")); }
+
     QTemporaryDir m_state;
     QProcess m_process;
     QStringList m_arguments;
-    QByteArray m_log;
     int m_port;
     bool m_ready = false;
 };

@@ -25,6 +25,7 @@ void ZarkUrlTest::queryValuesAreDecoded_data()
     QTest::newRow("UTF-8") << QByteArray("?a=%C3%BC%F0%9F%98%80") << QString::fromUtf8("ü😀");
     QTest::newRow("quotes, as JSON has them")
         << QByteArray("?a=%7B%22x%22:%20%22%5C%22y%22%7D") << "{\"x\": \"\\\"y\"}";
+    QTest::newRow("an escape that is none") << QByteArray("?a=%zz%4") << "%zz%4";
     QTest::newRow("the key is encoded") << QByteArray("?%61=1") << "1";
 }
 

@@ -9,9 +9,9 @@
 
 /// A worker that makes nodes. Requests on any path go to the root.
 ///
-/// What a worker wants its host to tell the user it writes to two nodes of its own, both stringList values:
-/// "<name>:status/addresses" (where it can be reached, ready to print) and "<name>:status/errors" (what it failed to
-/// start).
+/// What a worker wants its host to tell the user it writes to nodes of its own, all stringList values:
+/// "<name>:status/addresses" (where it can be reached, ready to print), "<name>:status/errors" (what it failed to
+/// start) and "<name>:status/pending" (what it is still starting: the host waits a while before it says ready).
 class CMNodesWorker : public CMAbstractWorker {
     Q_OBJECT
 public:

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QMetaObject>
 #include <QObject>
 #include <QPointer>
 
@@ -9,6 +8,7 @@
 #include <utility>
 
 #include "CMError.h"
+#include "CMReplyDelivery.h"
 
 /// The answer to an asynchronous request, as the asker and the answerer both hold it (copies share one answer).
 ///
@@ -70,12 +70,10 @@ private:
         {
             if (!receiver)
                 return;
-            QMetaObject::invokeMethod(
-                receiver.data(),
-                [run = std::exchange(callback, {}), answer = std::move(value), failure = std::move(error)] {
+            CMReplyDelivery::post(
+                receiver, [run = std::exchange(callback, {}), answer = std::move(value), failure = std::move(error)] {
                     run(answer, failure);
-                },
-                Qt::QueuedConnection);
+                });
         }
     };
 

@@ -18,18 +18,18 @@ void ZarkUrl::setEncodedQuery(const QByteArray& query)
 
 bool ZarkUrl::hasQueryItem(const QString& key) const
 {
-    return items().hasQueryItem(key);
+    return items().hasItem(key);
 }
 
 QString ZarkUrl::queryItemValue(const QString& key) const
 {
-    return items().queryItemValue(key, QUrl::FullyDecoded);
+    return items().value(key);
 }
 
-const QUrlQuery& ZarkUrl::items() const
+const ZarkUrlQuery& ZarkUrl::items() const
 {
     if (!m_split) {
-        m_items.setQuery(query(QUrl::FullyEncoded));
+        m_items = ZarkUrlQuery(encodedQuery());
         m_split = true;
     }
     return m_items;

@@ -2,7 +2,8 @@
 
 #include <QByteArray>
 #include <QUrl>
-#include <QUrlQuery>
+
+#include "ZarkUrlQuery.h"
 
 /// QUrl with the query as a table of decoded values. The query is split once, on first use.
 class ZarkUrl : public QUrl {
@@ -22,8 +23,8 @@ public:
     QString queryItemValue(const QString& key) const;
 
 private:
-    const QUrlQuery& items() const;
+    const ZarkUrlQuery& items() const;
 
-    mutable QUrlQuery m_items;
+    mutable ZarkUrlQuery m_items;
     mutable bool m_split = false;
 };

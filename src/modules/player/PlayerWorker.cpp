@@ -4,6 +4,7 @@
 #include "CMListNode.h"
 #include "CMStreamNode.h"
 #include "CMValueNode.h"
+#include "DemoFiles.h"
 #include "DemoTracks.h"
 
 namespace {
@@ -44,6 +45,14 @@ PlayerWorker::PlayerWorker(const QVariantHash& arguments) : CMNodesWorker(QStrin
 {
     if (!makeNodes())
         m_player.reset();
+    offerFiles(arguments.value(QStringLiteral("state")).toString());
+}
+
+void PlayerWorker::offerFiles(const QString& stateDirectory)
+{
+    const QString files = stateDirectory + QStringLiteral("/files");
+    if (!stateDirectory.isEmpty() && DemoFiles::write(files))
+        DemoFiles::offer(files);
 }
 
 bool PlayerWorker::makeNodes()

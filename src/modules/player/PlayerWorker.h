@@ -28,6 +28,7 @@ private:
     bool makeControl();
     bool makeChange(const QString& name, const QString& title, const QString& description, Change change);
     bool makeAudio();
+    void offerFiles(const QString& stateDirectory); ///< Without them when there is no place for them.
     void control(CMSetDataRequest request);
     void changePlaylist(CMSetDataRequest request, Change change);
 

@@ -8,8 +8,6 @@ namespace {
 
 constexpr quint32 sampleRate = 44100;
 constexpr quint32 bytesPerSample = 2;
-constexpr quint32 durationSeconds = 3600;
-constexpr quint32 dataSize = durationSeconds * sampleRate * bytesPerSample;
 // 441 Hz and not 440: a period is exactly 100 samples and can be repeated.
 constexpr int samplesPerPeriod = 100;
 constexpr double amplitude = 0.25 * 32767;
@@ -21,7 +19,7 @@ template <class T> QByteArray littleEndian(T value)
     return bytes;
 }
 
-QByteArray makeHeader()
+QByteArray makeHeader(quint32 dataSize)
 {
     const quint16 pcm = 1;
     const quint16 channels = 1;
@@ -41,25 +39,24 @@ QByteArray makePeriod()
     return period;
 }
 
-const QByteArray& header()
-{
-    static const QByteArray bytes = makeHeader();
-    return bytes;
-}
-
 } // namespace
 
-qint64 SineWav::size()
+SineWav::SineWav(int seconds)
+    : m_dataSize(quint32(seconds) * sampleRate * bytesPerSample), m_header(makeHeader(m_dataSize))
 {
-    return header().size() + qint64(dataSize);
 }
 
-QByteArray SineWav::bytes(qint64 from, int count)
+qint64 SineWav::size() const
+{
+    return m_header.size() + qint64(m_dataSize);
+}
+
+QByteArray SineWav::bytes(qint64 from, int count) const
 {
     static const QByteArray period = makePeriod();
     const int wanted = int(qMin<qint64>(count, size() - from));
-    QByteArray result = header().mid(int(qMin<qint64>(from, header().size())), wanted);
-    int offset = int((from + result.size() - header().size()) % period.size());
+    QByteArray result = m_header.mid(int(qMin<qint64>(from, m_header.size())), wanted);
+    int offset = int((from + result.size() - m_header.size()) % period.size());
     while (result.size() < wanted) {
         result += period.mid(offset, wanted - result.size());
         offset = 0;

@@ -2,11 +2,17 @@
 
 #include <QByteArray>
 
-/// A WAV file of an hour of a quiet 441 Hz tone (PCM, 16 bits, mono, 44.1 kHz), as a function of the position: no part
-/// of it is ever held. Stateless; any thread.
+/// A WAV file of a quiet 441 Hz tone (PCM, 16 bits, mono, 44.1 kHz), as a function of the position: no part of it is
+/// ever held but the header. Any thread.
 class SineWav {
 public:
-    static qint64 size(); ///< Bytes of the whole file, header included.
+    explicit SineWav(int seconds);
+
+    qint64 size() const; ///< Bytes of the whole file, header included.
     /// The bytes from `from` on, `count` of them or what is left to the end.
-    static QByteArray bytes(qint64 from, int count);
+    QByteArray bytes(qint64 from, int count) const;
+
+private:
+    quint32 m_dataSize;
+    QByteArray m_header;
 };

@@ -14,6 +14,7 @@ namespace {
 constexpr int maximumReaders = 256;
 constexpr int pipeSize = 8192; // The kernel rounds up to whole pages.
 constexpr int chunkSize = 4096;
+constexpr int toneSeconds = 3600;
 
 class ToneStream : public QObject {
 public:
@@ -31,12 +32,12 @@ public:
 private:
     void write()
     {
-        const QByteArray chunk = SineWav::bytes(m_position, chunkSize);
+        const QByteArray chunk = m_tone.bytes(m_position, chunkSize);
         const ssize_t written = ::write(m_writeEnd, chunk.constData(), size_t(chunk.size()));
         if (written > 0)
             m_position += written;
         const bool isReaderGone = written < 0 && errno != EAGAIN && errno != EINTR;
-        if (!isReaderGone && m_position < SineWav::size())
+        if (!isReaderGone && m_position < m_tone.size())
             return;
         m_notifier.setEnabled(false);
         deleteLater();
@@ -44,6 +45,7 @@ private:
 
     int m_writeEnd;
     QSocketNotifier m_notifier;
+    SineWav m_tone{ toneSeconds };
     qint64 m_position = 0;
 };
 

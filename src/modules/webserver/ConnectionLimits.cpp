@@ -4,8 +4,9 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <linux/tcp.h> // With the byte counts that the C library's tcp_info lacks.
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
@@ -26,6 +27,9 @@ constexpr int IdleSweepMilliseconds = 1000;
 // A client that shuts down its sending side may still want the answer; one whose answer takes longer than this is
 // taken for gone.
 constexpr gint64 HalfClosedGrace = 500 * 1000;
+constexpr gint64 SilentHandshake = 250 * 1000;
+constexpr gint64 SlowHandshake = 1000 * 1000;
+constexpr int MaximumSlowHandshakes = 4;
 constexpr gint64 MicrosecondsPerSecond = 1000 * 1000;
 
 int maximumConnections(int configured)
@@ -43,6 +47,15 @@ SoupSocket* socketOf(SoupClientContext* client)
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     return soup_client_context_get_socket(client);
     G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
+bool hasSentSomething(GSocket* socket)
+{
+    tcp_info info{};
+    socklen_t size = sizeof info;
+    const bool known = getsockopt(g_socket_get_fd(socket), IPPROTO_TCP, TCP_INFO, &info, &size) == 0
+        && size >= offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received;
+    return !known || info.tcpi_bytes_received > 0;
 }
 
 // A peer that lost power, or that never reads, is given up by the kernel.
@@ -87,6 +100,16 @@ void ConnectionLimits::start(SoupServerListenOptions options)
 
 void ConnectionLimits::stop()
 {
+    stopSweep();
+    // The library forgets these, and leaves each to a thread that waits for the client.
+    for (const auto& entry : m_connections) {
+        if (mayBeShakingHands(*entry.second))
+            close(entry.second.get());
+    }
+}
+
+void ConnectionLimits::stopSweep()
+{
     if (m_timer)
         killTimer(m_timer);
     m_timer = 0;
@@ -97,9 +120,15 @@ void ConnectionLimits::scheduleSweep(int milliseconds)
 {
     if (m_timerMilliseconds == milliseconds)
         return;
-    stop();
+    stopSweep();
     m_timer = startTimer(milliseconds, Qt::CoarseTimer);
     m_timerMilliseconds = milliseconds;
+}
+
+bool ConnectionLimits::isAnswering() const
+{
+    return std::any_of(m_connections.cbegin(), m_connections.cend(),
+        [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
 ConnectionLimits::Connection* ConnectionLimits::requestStarted(SoupClientContext* client)
@@ -227,19 +256,38 @@ void ConnectionLimits::closeSoon(Connection* connection)
         this, [this] { closeDoomed(); }, Qt::QueuedConnection);
 }
 
+bool ConnectionLimits::mayBeShakingHands(const Connection& connection) const
+{
+    const bool isTls = m_options & SOUP_SERVER_LISTEN_HTTPS;
+    return isTls && connection.gsocket && connection.state == ReadingHead && !connection.answeredBefore;
+}
+
+void ConnectionLimits::close(Connection* connection)
+{
+    // A TLS handshake runs in a thread that holds the descriptor until the client speaks. Nothing but the end of the
+    // stream ends it, and tells the library, which then disconnects. What a client does not read is no reason to wait
+    // either, and a TLS connection would, for the room to say good-bye.
+    const bool isIdle = connection->state == ReadingHead && connection->answeredBefore;
+    if ((m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket && !isIdle)
+        ::shutdown(g_socket_get_fd(connection->gsocket), SHUT_RDWR);
+    if (!mayBeShakingHands(*connection))
+        soup_socket_disconnect(connection->socket);
+}
+
 void ConnectionLimits::closeDoomed()
 {
     // Closing runs callbacks that may doom others.
     const std::vector<Connection*> doomed = std::exchange(m_doomed, {});
     for (Connection* connection : doomed) {
         if (!connection->gone)
-            soup_socket_disconnect(connection->socket);
+            close(connection);
     }
 }
 
 void ConnectionLimits::timerEvent(QTimerEvent*)
 {
     closeOverdue();
+    closeSlowHandshakes();
     closeDoomed();
     m_gone.clear();
     reviveListeners();
@@ -258,6 +306,27 @@ void ConnectionLimits::closeOverdue()
         if (overdue || abandoned)
             m_doomed.push_back(connection);
     }
+}
+
+// Handshakes share a pool of ten threads: as many silent clients would keep everybody else waiting.
+void ConnectionLimits::closeSlowHandshakes()
+{
+    const gint64 now = g_get_monotonic_time();
+    std::vector<Connection*> slow;
+    for (const auto& entry : m_connections) {
+        Connection* connection = entry.second.get();
+        const gint64 age = now - connection->since;
+        if (!mayBeShakingHands(*connection) || age < SilentHandshake)
+            continue;
+        if (age >= SlowHandshake || !hasSentSomething(connection->gsocket))
+            slow.push_back(connection);
+    }
+    if (slow.size() <= MaximumSlowHandshakes)
+        return;
+    const auto spared = slow.end() - MaximumSlowHandshakes;
+    std::nth_element(slow.begin(), spared, slow.end(),
+        [](const auto* left, const auto* right) { return left->since < right->since; });
+    m_doomed.insert(m_doomed.end(), slow.begin(), spared);
 }
 
 // The library stops accepting for good when accept() fails once. A listener with a client waiting at two sweeps, and

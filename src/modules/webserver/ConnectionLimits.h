@@ -44,7 +44,11 @@ public:
     const ServerLimits& limits() const { return m_limits; }
 
     void start(SoupServerListenOptions options);
+    /// To be called before the library disconnects everybody.
     void stop();
+
+    /// Some client has sent a request, or is sending its body, and has no full answer yet.
+    bool isAnswering() const;
 
     /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
     /// event loop has turned.
@@ -65,10 +69,14 @@ private:
     void watchHangUp(const Connection* connection);
     void handleHangUp(Connection* connection, quint32 events);
     Connection* leastUseful(Connection* newest) const;
+    bool mayBeShakingHands(const Connection& connection) const;
+    void close(Connection* connection);
     void closeDoomed();
     void closeOverdue();
+    void closeSlowHandshakes();
     void reviveListeners();
     void scheduleSweep(int milliseconds);
+    void stopSweep();
 
     SoupServer* m_server;
     ServerLimits m_limits;

@@ -38,10 +38,9 @@ void deleteByteArray(gpointer array)
 
 } // namespace
 
-Message::Message(const MessageData& data, QObject* parent)
-    : QObject(parent), m_data(data), m_fullUri(uriToString(data.message))
+Message::Message(const MessageData& data, QObject* parent) : QObject(parent), m_data(data)
 {
-    dbglog_trace(webserverLog(), "Message for '" << m_fullUri << "' from " << sender());
+    dbglog_trace(webserverLog(), "Message for '" << fullUri() << "' from " << sender());
     soup_message_body_set_accumulate(m_data.message->response_body, FALSE);
     if (!soup_message_headers_get_one(m_data.message->response_headers, "X-Robots-Tag"))
         soup_message_headers_append(m_data.message->response_headers, "X-Robots-Tag", "noindex");
@@ -50,7 +49,7 @@ Message::Message(const MessageData& data, QObject* parent)
 
 Message::Message(const Message& other)
     : QObject(nullptr), m_data(other.m_data), m_valid(other.m_valid), m_finished(other.m_finished),
-      m_fullUri(other.m_fullUri), m_url(other.m_url)
+      m_fullUri(other.fullUri()), m_url(other.m_url)
 {
     if (m_valid)
         connectGlibSignals();
@@ -256,10 +255,27 @@ bool Message::isHttps() const
     return soup_message_get_uri(m_data.message)->scheme == SOUP_URI_SCHEME_HTTPS;
 }
 
+const QString& Message::fullUri() const
+{
+    if (m_fullUri.isNull() && m_valid)
+        m_fullUri = uriToString(m_data.message);
+    return m_fullUri;
+}
+
+const ZarkUrlQuery& Message::query() const
+{
+    if (!m_querySplit && m_valid) {
+        QByteArray query(soup_uri_get_query(soup_message_get_uri(m_data.message)));
+        m_query = ZarkUrlQuery(query.replace('+', ' '));
+        m_querySplit = true;
+    }
+    return m_query;
+}
+
 ZarkUrl Message::url() const
 {
     if (m_url.isEmpty()) {
-        m_url = ZarkUrl::fromEncoded(m_fullUri.toUtf8());
+        m_url = ZarkUrl::fromEncoded(fullUri().toUtf8());
         QByteArray query = m_url.encodedQuery();
         if (query.contains('+'))
             m_url.setEncodedQuery(query.replace('+', "%20"));

@@ -67,10 +67,14 @@ public:
     QByteArray requestContentType() const; ///< Without parameters; empty when there is none.
     bool isMultipart() const; ///< multipart/form-data
     QByteArray header(const QString& name) const; ///< All fields of that name joined by ", "; empty when there is none.
-    const QString& fullUri() const { return m_fullUri; } ///< Scheme, host, port, path, query: what clients sign.
+    /// Scheme, host, port, path, query: what clients sign. Rendered on first use; empty when that comes after the end.
+    const QString& fullUri() const;
     QString sender() const; ///< The client's IP address; empty when it has none.
     bool isFromLocalhost() const;
     bool isHttps() const;
+    QByteArray path() const { return m_data.path; } ///< Of the URI, not decoded; dot segments are resolved.
+    /// The parameters of the URI's query, "+" read as a space; without parsing the rest of the URI.
+    const ZarkUrlQuery& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
     /// Gives the memory back that url() keeps for the next call: an exchange that waits long has no use for it.
@@ -99,8 +103,10 @@ private:
     MessageData m_data;
     bool m_valid = true;
     bool m_finished = false;
-    QString m_fullUri;
+    mutable QString m_fullUri;
     mutable ZarkUrl m_url;
+    mutable ZarkUrlQuery m_query;
+    mutable bool m_querySplit = false;
     gulong m_gotChunkId = 0; ///< 0: not connected.
     gulong m_wroteChunkId = 0; ///< 0: not connected.
     gulong m_finishedId = 0;

@@ -1,7 +1,11 @@
 #include "Server.h"
 
+#include <QFile>
+#include <QTemporaryDir>
+
 #include <sys/socket.h>
 
+#include "CertificatePair.h"
 #include "ConnectionLimits.h"
 #include "HostFilter.h"
 #include "Message.h"
@@ -15,14 +19,34 @@ namespace {
 constexpr int ListenBacklog = 512;
 constexpr int MaximumPort = 65535;
 
-GTlsCertificate* certificateFromPem(const QString& pem, QString* error)
+constexpr int RestartCheckMilliseconds = 20;
+constexpr int RestartLimitMilliseconds = 2000;
+
+bool isTlsAvailable()
+{
+    return g_tls_backend_supports_tls(g_tls_backend_get_default());
+}
+
+QString take(GError* error)
+{
+    const QString message = QString::fromUtf8(error->message);
+    g_error_free(error);
+    return message;
+}
+
+/// Null, with the reason in `error`, when the two cannot serve.
+GTlsCertificate* loadCertificate(const QString& certificatePem, const QString& keyPem, QString* error)
 {
     GError* failure = nullptr;
-    GTlsCertificate* certificate = g_tls_certificate_new_from_pem(pem.toUtf8().constData(), -1, &failure);
+    const QByteArray pem = (certificatePem + keyPem).toUtf8();
+    GTlsCertificate* certificate = g_tls_certificate_new_from_pem(pem.constData(), -1, &failure);
     if (failure) {
-        *error = QString::fromUtf8(failure->message);
-        g_error_free(failure);
+        *error = take(failure);
+        return nullptr;
     }
+    *error = certificatePairFault(certificatePem, keyPem);
+    if (!error->isEmpty())
+        g_clear_object(&certificate);
     return certificate;
 }
 
@@ -35,9 +59,11 @@ Server::HandlerData::~HandlerData()
 
 Server::Server(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert,
     const ServerLimits& limits, QObject* parent)
-    : QObject(parent), m_port(port), m_certificatePem(certificatePem), m_keyPem(keyPem), m_useDeviceCert(useDeviceCert)
+    : QObject(parent), m_port(port), m_certificatePem(certificatePem), m_keyPem(keyPem), m_useDeviceCert(useDeviceCert),
+      m_deviceCertificate(certificatePem + keyPem)
 {
     dbglog_scopedFunction(webserverLog());
+    connect(&m_restartTimer, &QTimer::timeout, this, &Server::restartWhenIdle);
     m_soupServer = createSoupServer();
     if (!m_soupServer)
         return;
@@ -64,17 +90,29 @@ SoupServer* Server::createSoupServer()
     if (m_certificatePem.isEmpty() || m_keyPem.isEmpty())
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_HTTP_ALIASES, httpAliases, nullptr);
     m_listenOptions = SOUP_SERVER_LISTEN_HTTPS;
+    if (!isTlsAvailable()) {
+        m_lastError = QStringLiteral("TLS is not available: the package glib-networking is missing");
+        dbglog_fatal(webserverLog(), m_lastError);
+        return nullptr;
+    }
     if (m_useDeviceCert)
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
-    GTlsCertificate* certificate = certificateFromPem(m_certificatePem + m_keyPem, &m_lastError);
+    GTlsCertificate* certificate = loadCertificate(m_certificatePem, m_keyPem, &m_lastError);
     if (!certificate) {
-        dbglog_error(webserverLog(), "Load certificate failed: " << m_lastError);
+        loadFailed(m_lastError);
         return nullptr;
     }
     SoupServer* server =
         soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_TLS_CERTIFICATE, certificate, nullptr);
     g_object_unref(certificate);
     return server;
+}
+
+bool Server::loadFailed(const QString& reason)
+{
+    m_lastError = reason;
+    dbglog_error(webserverLog(), "Load certificate failed: " << reason);
+    return false;
 }
 
 int Server::listeningPort() const
@@ -95,7 +133,7 @@ void Server::start()
         dbglog_info(webserverLog(), "SOUP server is already running");
         return;
     }
-    if (isHttps() && m_useDeviceCert && m_deviceCertFile.isEmpty()) {
+    if (isHttps() && m_useDeviceCert && m_deviceCertificate.certificateFile().isEmpty()) {
         dbglog_info(webserverLog(), "No device-cert ready to start https server");
         return;
     }
@@ -108,16 +146,17 @@ void Server::start()
         m_connectionLimits->start(m_listenOptions);
         m_lastError.clear();
         dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
+        Q_EMIT stateChanged();
         return;
     }
-    failed(QString::fromUtf8(error->message));
-    g_error_free(error);
+    failed(take(error));
 }
 
 void Server::failed(const QString& reason)
 {
     m_lastError = reason;
     dbglog_error(webserverLog(), "SOUP server failed to start (port " << m_port << "), Error: " << reason);
+    Q_EMIT stateChanged();
 }
 
 void Server::deepenBacklog()
@@ -135,6 +174,86 @@ void Server::stop()
     m_connectionLimits->stop();
     soup_server_disconnect(m_soupServer);
     m_running = false;
+    Q_EMIT stateChanged();
+}
+
+void Server::updateIpAddresses(const QSet<QString>& addresses)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (!isHttps() || !m_useDeviceCert)
+        return;
+    m_addressesKnown = true;
+    m_addresses = addresses;
+    m_restartTimer.stop();
+    if (m_running)
+        stop();
+    if (!addresses.isEmpty())
+        makeDeviceCertificate();
+    Q_EMIT stateChanged();
+}
+
+void Server::makeDeviceCertificate()
+{
+    // Until the library has read the files.
+    const auto lock = m_deviceCertificate.lock();
+    if (!m_deviceCertificate.renew(m_addresses, &m_lastError))
+        return;
+    if (applyCertificateFiles(m_deviceCertificate.certificateFile(), m_deviceCertificate.keyFile()))
+        start();
+}
+
+bool Server::applyCertificateFiles(const QString& certificateFile, const QString& keyFile)
+{
+    GError* error = nullptr;
+    if (soup_server_set_ssl_cert_file(m_soupServer, QFile::encodeName(certificateFile).constData(),
+            QFile::encodeName(keyFile).constData(), &error))
+        return true;
+    m_lastError = QStringLiteral("Apply cert failed: ") + take(error);
+    dbglog_error(webserverLog(), m_lastError);
+    return false;
+}
+
+void Server::setCertificate(const QString& certificatePem, const QString& keyPem, bool renew)
+{
+    dbglog_scopedFunction(webserverLog());
+    const bool same = certificatePem == m_certificatePem && keyPem == m_keyPem;
+    if (!isHttps() || (same && !(renew && m_useDeviceCert)))
+        return;
+    QString error;
+    GTlsCertificate* certificate = loadCertificate(certificatePem, keyPem, &error);
+    if (!certificate) {
+        loadFailed(error);
+        return Q_EMIT stateChanged();
+    }
+    g_object_unref(certificate);
+    m_certificatePem = certificatePem;
+    m_keyPem = keyPem;
+    m_deviceCertificate.setAuthority(certificatePem + keyPem);
+    m_restartDeadline = QDeadlineTimer(RestartLimitMilliseconds);
+    m_restartTimer.start(RestartCheckMilliseconds);
+}
+
+void Server::restartWhenIdle()
+{
+    if (m_connectionLimits->isAnswering() && !m_restartDeadline.hasExpired())
+        return;
+    m_restartTimer.stop();
+    if (m_useDeviceCert) {
+        // Before the first addresses there is nothing to make anew.
+        if (m_addressesKnown)
+            updateIpAddresses(m_addresses);
+        return;
+    }
+    const QTemporaryDir directory; // Mode 0700. The library takes a new certificate from files alone.
+    const PrivateFile certificate(directory.filePath(QStringLiteral("certificate.pem")));
+    const PrivateFile key(directory.filePath(QStringLiteral("key.pem")));
+    if (!certificate.create(m_certificatePem.toUtf8(), &m_lastError) || !key.create(m_keyPem.toUtf8(), &m_lastError)) {
+        loadFailed(m_lastError);
+        return Q_EMIT stateChanged();
+    }
+    stop();
+    if (applyCertificateFiles(certificate.path(), key.path()))
+        start();
 }
 
 void Server::addHandler(const QString& path, Handler* handler)

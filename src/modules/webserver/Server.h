@@ -1,12 +1,16 @@
 #pragma once
 
+#include <QDeadlineTimer>
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <QTimer>
 
 #include <libsoup/soup.h>
 
 #include <memory>
+
+#include "DeviceCertificate.h"
 
 class ConnectionLimits;
 class Handler;
@@ -60,8 +64,23 @@ public:
     void pauseMessage(bool pause, Message* message);
 
     const QString& language() const { return m_language; }
+    /// Makes the device certificate for these addresses and serves it; stopped meanwhile, and after a failure. An empty
+    /// set stops the server. Only for HTTPS on the device certificate. Blocks: several runs of `openssl`.
+    void updateIpAddresses(const QSet<QString>& addresses);
+    /// Serves another certificate, or makes the device certificate anew with this authority, once nobody waits for an
+    /// answer, 2 s from now at the latest. The library binds a certificate to a listener, and gives no listener up
+    /// without its connections: idle ones are cut, and so is an answer that takes longer. What cannot be used leaves
+    /// everything as it is, and is logged. Nothing happens for the certificate in use, except that with `renew` a
+    /// device certificate is made anew.
+    void setCertificate(const QString& certificatePem, const QString& keyPem, bool renew);
+    /// Still waiting for its first updateIpAddresses().
+    bool waitsForAddresses() const { return isHttps() && m_useDeviceCert && !m_addressesKnown; }
+
     /// Announced as Content-Language to clients that send Accept-Language; empty: to none.
     void setLanguage(const QString& language) { m_language = language; }
+
+Q_SIGNALS:
+    void stateChanged(); ///< isRunning() or lastError() may have changed.
 
 private:
     struct HandlerData {
@@ -79,7 +98,11 @@ private:
     static void deleteHandlerData(gpointer handlerData);
 
     SoupServer* createSoupServer();
+    bool loadFailed(const QString& reason);
     void failed(const QString& reason);
+    bool applyCertificateFiles(const QString& certificateFile, const QString& keyFile);
+    void makeDeviceCertificate();
+    void restartWhenIdle();
     void deepenBacklog();
     void dispatch(Message* message, Handler* handler);
 
@@ -88,9 +111,12 @@ private:
     bool m_running = false;
     QString m_certificatePem;
     QString m_keyPem;
-    QString m_deviceCertFile;
-    QString m_deviceKeyFile;
     bool m_useDeviceCert;
+    bool m_addressesKnown = false;
+    QSet<QString> m_addresses; ///< Of the last updateIpAddresses().
+    DeviceCertificate m_deviceCertificate;
+    QTimer m_restartTimer; ///< Runs while a new certificate waits for the answers under way.
+    QDeadlineTimer m_restartDeadline;
     QString m_language;
     QString m_lastError;
     SoupServerListenOptions m_listenOptions = static_cast<SoupServerListenOptions>(0);

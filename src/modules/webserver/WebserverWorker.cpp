@@ -1,28 +1,38 @@
 #include "WebserverWorker.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 
 #include "CMActivateNode.h"
 #include "CMGlobal.h"
 #include "CMRoot.h"
 #include "CMValueNode.h"
+#include "HttpsSettings.h"
 #include "Server.h"
 #include "ServerLimits.h"
 #include "UserDatabase.h"
 #include "WebserverLog.h"
+#include "ZarkJson.h"
 #include "ZarkPaths.h"
 #include "handlers/MatchHandler.h"
 #include "handlers/NotFoundHandler.h"
 #include "handlers/ResponderHandler.h"
+#include "handlers/ReverseProxyHandler.h"
+#include "handlers/StaticHandler.h"
 #include "responders/ApiResponder.h"
 #include "responders/EventResponder.h"
 #include "responders/EventResponderShared.h"
+#include "responders/FileResponder.h"
 #include "responders/ResponderConfiguration.h"
 #include "responders/ResponderFactory.h"
 
 namespace {
 
 constexpr int MinimumPasswordLength = 6;
+constexpr int FirstAnswersMilliseconds = 100;
+// A device certificate lasts a year; the longest time that a timer can measure is just above 24 days.
+constexpr int RenewalHours = 24 * 24;
 
 ZarkValue setting(const CMPath& path)
 {
@@ -35,6 +45,31 @@ QString toText(const QVariantHash& arguments)
     for (auto entry = arguments.cbegin(); entry != arguments.cend(); ++entry)
         pairs.append(QStringLiteral("(%1, %2)").arg(entry.key(), entry.value().toString()));
     return QStringLiteral("QHash(%1)").arg(pairs.join(QString()));
+}
+
+void insertAddresses(const QVariantList& addresses, QSet<QString>* texts)
+{
+    for (const QVariant& address : addresses)
+        texts->insert(ZarkNetworkAddress(address).ip());
+}
+
+QSet<QString> ipAddresses(const ZarkNetworkInfo& info)
+{
+    QSet<QString> texts;
+    insertAddresses(info.wired().addresses(), &texts);
+    insertAddresses(info.wireless().addresses(), &texts);
+    const QVariantList accessPoints = info.softAp().aps();
+    for (const QVariant& accessPoint : accessPoints)
+        insertAddresses(ZarkNetworkInterface(accessPoint).addresses(), &texts);
+    return texts;
+}
+
+// Browsers know no name that is in a device certificate, only addresses.
+QString addressOf(const Server* server)
+{
+    const QString form =
+        server->isHttps() ? QStringLiteral("https://127.0.0.1:%1/") : QStringLiteral("http://localhost:%1/");
+    return form.arg(server->listeningPort());
 }
 
 } // namespace
@@ -51,17 +86,18 @@ WebserverWorker::WebserverWorker(const QVariantHash& arguments) : CMNodesWorker(
     std::srand(static_cast<unsigned int>(g_get_monotonic_time() / 1000));
     m_documentRoot = setting(ZarkWebserverDocumentRootPath()).string();
     m_defaultLocation = setting(ZarkWebserverDefaultLocationPath()).string();
+    HttpsSettings::restrictTls();
     createSharedObjects();
     createChangePasswordNode();
     createStatusNodes();
     startServers();
-
-    auto* language = new CMValueItem(this, ZarkUILanguagePath());
-    connect(language, &CMValueItem::changed, this, &WebserverWorker::on_uiLanguage_changed);
+    watchSettings();
 }
 
 WebserverWorker::~WebserverWorker()
 {
+    for (Server* server : qAsConst(m_servers))
+        server->disconnect(this);
     // Handlers use the factories as long as their server lives.
     qDeleteAll(m_servers);
     qDeleteAll(m_factories);
@@ -96,6 +132,7 @@ void WebserverWorker::createStatusNodes()
     const ZarkValue none = ZarkValue::fromStringList({});
     m_addressesNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "addresses" }), none);
     m_errorsNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "errors" }), none);
+    m_pendingNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "pending" }), none);
 }
 
 void WebserverWorker::startServers()
@@ -104,12 +141,63 @@ void WebserverWorker::startServers()
     if (port > 0)
         startServer(port, QString(), QString(), false);
 
-    const QString certificate = setting(ZarkWebserverHttpsCertPath()).string();
-    const QString key = setting(ZarkWebserverHttpsPrivateKeyPath()).string();
-    const bool useDeviceCert = setting(ZarkWebserverHttpsUseDeviceCertPath()).bool_();
-    const int httpsPort = setting(ZarkWebserverHttpsPortPath()).i32();
-    if (!certificate.isEmpty() && !key.isEmpty() && httpsPort > 0)
-        startServer(httpsPort, certificate, key, useDeviceCert);
+    const HttpsSettings https = HttpsSettings::read();
+    if (https.isWanted())
+        startServer(https.port, https.certificatePem, https.keyPem, https.useDeviceCert);
+}
+
+void WebserverWorker::watchSettings()
+{
+    auto* language = new CMValueItem(this, ZarkUILanguagePath());
+    connect(language, &CMValueItem::changed, this, &WebserverWorker::on_uiLanguage_changed);
+
+    // The first device certificate blocks the event loop while its key is made. Whoever waits for the device to start
+    // gets the first answers over HTTP before.
+    const Server* https = httpsServer();
+    const bool later = https && https->waitsForAddresses();
+    QTimer::singleShot(later ? FirstAnswersMilliseconds : 0, this, &WebserverWorker::watchNetworkInfo);
+
+    HttpsSettings::guardNodes();
+    for (const CMPath& path : { ZarkWebserverHttpsCertPath(), ZarkWebserverHttpsPrivateKeyPath() }) {
+        connect(new CMValueItem(this, path), &CMValueItem::changed, this,
+            [this](const ZarkValue&, const ZarkValue& previous) {
+                // The first is what startServers() has read.
+                if (previous.isValid())
+                    followHttpsSettings(false);
+            });
+    }
+    connect(&m_renewal, &QTimer::timeout, this, &WebserverWorker::reload);
+    m_renewal.start(std::chrono::hours(RenewalHours));
+}
+
+void WebserverWorker::watchNetworkInfo()
+{
+    auto* networkInfo = new CMValueItem(this, ZarkNetworkInfoPath());
+    connect(networkInfo, &CMValueItem::changed, this, &WebserverWorker::on_networkInfo_changed);
+    m_networkInfoExpected = setting(ZarkNetworkInfoPath()).isValid();
+    publishStatus();
+}
+
+Server* WebserverWorker::httpsServer() const
+{
+    const auto found =
+        std::find_if(m_servers.cbegin(), m_servers.cend(), [](const Server* server) { return server->isHttps(); });
+    return found == m_servers.cend() ? nullptr : *found;
+}
+
+// Certificate and key change one after the other: while one is empty, the server keeps what it has.
+void WebserverWorker::followHttpsSettings(bool renewUnchanged)
+{
+    const HttpsSettings https = HttpsSettings::read();
+    Server* server = httpsServer();
+    if (!https.isWanted())
+        return;
+    if (server)
+        return server->setCertificate(https.certificatePem, https.keyPem, renewUnchanged);
+    startServer(https.port, https.certificatePem, https.keyPem, https.useDeviceCert);
+    server = httpsServer();
+    if (server && !m_ipAddresses.isEmpty())
+        server->updateIpAddresses(m_ipAddresses);
 }
 
 void WebserverWorker::startServer(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert)
@@ -117,14 +205,17 @@ void WebserverWorker::startServer(int port, const QString& certificatePem, const
     dbglog_scopedFunction(webserverLog());
     dbglog_info(webserverLog(), "Port: " << port << " document root: " << m_documentRoot);
     auto* server = new Server(port, certificatePem, keyPem, useDeviceCert, ServerLimits::fromSettings(), this);
+    m_failures.remove(port);
     if (!server->ok()) {
         dbglog_fatal(webserverLog(), "Failed to create server on port: " << port);
-        m_failures.append(QStringLiteral("port %1: %2").arg(port).arg(server->lastError()));
+        m_failures.insert(port, QStringLiteral("port %1: %2").arg(port).arg(server->lastError()));
         delete server;
     } else {
         registerHandlers(server);
+        server->setLanguage(setting(ZarkUILanguagePath()).string());
         server->start();
         m_servers.append(server);
+        connect(server, &Server::stateChanged, this, &WebserverWorker::publishStatus);
     }
     publishStatus();
 }
@@ -142,6 +233,13 @@ void WebserverWorker::registerHandlers(Server* server)
         new ResponderHandler(
             keep(makeDefaultResponderFactory<EventResponder>(m_eventShared, m_userDatabase, m_configuration)), root,
             nullptr));
+    server->addHandler(QStringLiteral("/file/stream/"),
+        new ResponderHandler(keep(makeDefaultResponderFactory<FileResponder>()), root, nullptr));
+
+    auto* files = new MatchHandler(root, nullptr);
+    server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr));
+    files->addHandler(new StaticHandler(root, m_defaultLocation, QString(), nullptr));
+    server->addHandler(QStringLiteral("/"), files);
 }
 
 ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)
@@ -154,17 +252,26 @@ ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)
 void WebserverWorker::publishStatus()
 {
     QStringList addresses;
-    QStringList errors = m_failures;
+    QStringList errors = m_failures.values();
+    QStringList pending;
     for (const Server* server : qAsConst(m_servers)) {
+        const QString port = QStringLiteral("port %1: ").arg(server->port());
         if (server->isRunning())
-            addresses.append(QStringLiteral("%1://localhost:%2/")
-                                 .arg(server->isHttps() ? QStringLiteral("https") : QStringLiteral("http"))
-                                 .arg(server->listeningPort()));
+            addresses.append(addressOf(server));
         else if (!server->lastError().isEmpty())
-            errors.append(QStringLiteral("port %1: %2").arg(server->port()).arg(server->lastError()));
+            errors.append(port + server->lastError());
+        else if (server->waitsForAddresses() && m_networkInfoExpected)
+            pending.append(port + QStringLiteral("waiting for the device's addresses"));
     }
     m_addressesNode->setMeasured(ZarkValue::fromStringList(addresses));
     m_errorsNode->setMeasured(ZarkValue::fromStringList(errors));
+    m_pendingNode->setMeasured(ZarkValue::fromStringList(pending));
+}
+
+void WebserverWorker::reload()
+{
+    dbglog_scopedFunction(webserverLog());
+    followHttpsSettings(true);
 }
 
 void WebserverWorker::shutDown()
@@ -177,6 +284,21 @@ void WebserverWorker::on_uiLanguage_changed(const ZarkValue& value)
 {
     for (Server* server : qAsConst(m_servers))
         server->setLanguage(value.string());
+}
+
+void WebserverWorker::on_networkInfo_changed(const ZarkValue& value)
+{
+    dbglog_scopedFunction(webserverLog());
+    dbglog_debug(webserverLog(), ZarkJson::serialize(value.toVariant()));
+    const QSet<QString> addresses = ipAddresses(value.networkInfo());
+    m_networkInfoExpected = false;
+    if (addresses != m_ipAddresses) {
+        dbglog_info(webserverLog(), "Updating IP addr list: " << addresses.values().join(QStringLiteral(", ")));
+        for (Server* server : qAsConst(m_servers))
+            server->updateIpAddresses(addresses);
+        m_ipAddresses = addresses;
+    }
+    publishStatus();
 }
 
 void WebserverWorker::on_changePassword_invoked(const CMSetDataRequest& request)

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <QList>
+#include <QMap>
+#include <QSet>
 #include <QSharedPointer>
+#include <QTimer>
 
 #include "CMNodesWorker.h"
 #include "CMValueItem.h"
@@ -27,6 +30,8 @@ public:
     /// Builds a server, registers the URL tree and starts it. One that cannot be built is logged and dropped.
     void startServer(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert);
 
+    /// Reads the HTTPS certificate's settings again, and makes the device certificate anew.
+    void reload() override;
     void shutDown() override;
 
 private:
@@ -34,21 +39,30 @@ private:
     void createChangePasswordNode();
     void createStatusNodes();
     void startServers();
+    void watchSettings();
+    void watchNetworkInfo();
+    void followHttpsSettings(bool renewUnchanged);
+    Server* httpsServer() const;
     void registerHandlers(Server* server);
     void publishStatus();
     ResponderFactory* keep(ResponderFactory* factory);
 
     void on_changePassword_invoked(const CMSetDataRequest& request);
     void on_uiLanguage_changed(const ZarkValue& value);
+    void on_networkInfo_changed(const ZarkValue& value);
 
     QString m_documentRoot;
     QString m_defaultLocation;
     QList<Server*> m_servers;
     QList<ResponderFactory*> m_factories; ///< Owned.
-    QStringList m_failures; ///< Servers that could not be built.
+    QMap<int, QString> m_failures; ///< Servers that could not be built, by port.
     CMActivateNode* m_changePasswordNode = nullptr;
     CMValueNode* m_addressesNode = nullptr;
     CMValueNode* m_errorsNode = nullptr;
+    CMValueNode* m_pendingNode = nullptr;
+    QSet<QString> m_ipAddresses; ///< The last that the servers were told.
+    bool m_networkInfoExpected = true; ///< Until the network information, or its absence, is known.
+    QTimer m_renewal;
     QSharedPointer<ResponderConfiguration> m_configuration;
     QSharedPointer<EventResponderShared> m_eventShared;
     QSharedPointer<UserDatabase> m_userDatabase;

@@ -1,7 +1,8 @@
 #include "ResponderHandler.h"
 
 #include <QBuffer>
-#include <QPointer>
+
+#include <utility>
 
 #include "Request.h"
 #include "ServerMessageDevice.h"
@@ -12,15 +13,22 @@
 void ResponderHandler::handle(Message* message)
 {
     dbglog_trace(webserverLog(), "message: " << message->fullUri());
-    // The client may go, and the message with it, before the event loop gets there.
-    QMetaObject::invokeMethod(
-        this,
-        [this, guarded = QPointer<Message>(message)] {
-            if (guarded && guarded->isValid())
-                on_handleRequest(guarded.data());
-        },
-        Qt::QueuedConnection);
+    // One event for all that come in one turn of the event loop: each event wakes it by a system call.
+    if (m_pending.isEmpty())
+        QMetaObject::invokeMethod(
+            this, [this] { startPending(); }, Qt::QueuedConnection);
+    m_pending.append(message);
     message->pause();
+}
+
+void ResponderHandler::startPending()
+{
+    const auto pending = std::exchange(m_pending, {});
+    for (const QPointer<Message>& message : pending) {
+        // The client may have gone, and the message with it.
+        if (message && message->isValid())
+            on_handleRequest(message.data());
+    }
 }
 
 void ResponderHandler::on_handleRequest(void* message)

@@ -1,8 +1,11 @@
 #pragma once
 
 #include <QHash>
+#include <QPointer>
+#include <QVector>
 
 #include "Handler.h"
+#include "Message.h"
 
 class QIODevice;
 class Request;
@@ -30,11 +33,13 @@ private:
         QIODevice* output;
     };
 
+    void startPending();
     void on_handleRequest(void* message);
     void finalizeRequest(int requestId);
     void finalizeRequest();
 
     ResponderFactory* m_factory;
     qint32 m_requestCounter = 0;
+    QVector<QPointer<Message>> m_pending; ///< Handed over in this turn of the event loop.
     QHash<int, ResponderInfo> m_responders;
 };

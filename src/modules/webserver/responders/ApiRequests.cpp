@@ -12,14 +12,14 @@ constexpr const char* MissingSetParameters = "missing path or role or value!";
 // One look at both kinds of request: a key is there or not, and has a value.
 class QueryParameters {
 public:
-    explicit QueryParameters(const ZarkUrl& url) : m_url(url) { }
+    explicit QueryParameters(const ZarkUrlQuery& query) : m_query(query) { }
 
-    bool has(const QString& key) const { return m_url.hasQueryItem(key); }
-    QVariant value(const QString& key) const { return m_url.queryItemValue(key); }
-    QStringList list(const QString& key) const { return m_url.queryItemValue(key).split(QLatin1Char(',')); }
+    bool has(const QString& key) const { return m_query.hasItem(key); }
+    QVariant value(const QString& key) const { return m_query.value(key); }
+    QStringList list(const QString& key) const { return m_query.value(key).split(QLatin1Char(',')); }
 
 private:
-    const ZarkUrl& m_url;
+    const ZarkUrlQuery& m_query;
 };
 
 class BodyParameters {
@@ -109,25 +109,25 @@ template <class Parameters> const char* readSetData(const Parameters& parameters
 
 } // namespace
 
-const char* parseGetData(const ZarkUrl& url, ApiGetData* request)
+const char* parseGetData(const ZarkUrlQuery& query, ApiGetData* request)
 {
-    return readGetData(QueryParameters(url), request);
+    return readGetData(QueryParameters(query), request);
 }
 const char* parseGetData(const QVariantHash& body, ApiGetData* request)
 {
     return readGetData(BodyParameters(body), request);
 }
-const char* parseGetRows(const ZarkUrl& url, ApiGetRows* request)
+const char* parseGetRows(const ZarkUrlQuery& query, ApiGetRows* request)
 {
-    return readGetRows(QueryParameters(url), request);
+    return readGetRows(QueryParameters(query), request);
 }
 const char* parseGetRows(const QVariantHash& body, ApiGetRows* request)
 {
     return readGetRows(BodyParameters(body), request);
 }
-const char* parseSetData(const ZarkUrl& url, ApiSetData* request)
+const char* parseSetData(const ZarkUrlQuery& query, ApiSetData* request)
 {
-    return readSetData(QueryParameters(url), request);
+    return readSetData(QueryParameters(query), request);
 }
 const char* parseSetData(const QVariantHash& body, ApiSetData* request)
 {

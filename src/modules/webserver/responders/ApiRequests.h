@@ -3,7 +3,7 @@
 #include <QStringList>
 #include <QVariant>
 
-#include "ZarkUrl.h"
+#include "ZarkUrlQuery.h"
 
 /// What the requests of the data API ask for, read from a query or from a decoded body. The last two flags are filled
 /// by authentication.
@@ -34,10 +34,10 @@ struct ApiSetData {
 
 /// Read the parameters into `request`. Null on success; otherwise the text of the 400 answer, and what `request`
 /// holds is undefined.
-const char* parseGetData(const ZarkUrl& url, ApiGetData* request);
+const char* parseGetData(const ZarkUrlQuery& query, ApiGetData* request);
 const char* parseGetData(const QVariantHash& body, ApiGetData* request);
-const char* parseGetRows(const ZarkUrl& url, ApiGetRows* request);
+const char* parseGetRows(const ZarkUrlQuery& query, ApiGetRows* request);
 const char* parseGetRows(const QVariantHash& body, ApiGetRows* request);
 /// `request->value` is the text as sent, not yet parsed.
-const char* parseSetData(const ZarkUrl& url, ApiSetData* request);
+const char* parseSetData(const ZarkUrlQuery& query, ApiSetData* request);
 const char* parseSetData(const QVariantHash& body, ApiSetData* request);

@@ -46,12 +46,12 @@ ApiResponder::ApiResponder(Request& request, const QString& documentRoot,
 void ApiResponder::respond()
 {
     dbglog_debug(webserverLog(), "ApiResponder: request " << m_requestId << ' ' << request().fullUri());
-    const QString path = request().url().path();
-    if (path == QLatin1String("/api/getData"))
+    const QByteArray path = request().path();
+    if (path == "/api/getData")
         getData();
-    else if (path == QLatin1String("/api/getRows"))
+    else if (path == "/api/getRows")
         getRows();
-    else if (path == QLatin1String("/api/setData"))
+    else if (path == "/api/setData")
         setData();
     else
         respondWithError(CMError(NotFoundName, "Error: wrong method!"), SOUP_STATUS_NOT_FOUND, false);
@@ -113,7 +113,7 @@ bool ApiResponder::parseGetDataRequest(GetData* parsed)
     if (isMethod("POST"))
         return accept(parseGetData(request().postData().toHash(), parsed)) && authenticatePostRequest(parsed);
     if (isMethod("GET"))
-        return accept(parseGetData(request().url(), parsed)) && authenticateGetRequest(parsed);
+        return accept(parseGetData(request().query(), parsed)) && authenticateGetRequest(parsed);
     respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED, false);
     return false;
 }
@@ -123,7 +123,7 @@ bool ApiResponder::parseGetRowsRequest(GetRows* parsed)
     if (isMethod("POST"))
         return accept(parseGetRows(request().postData().toHash(), parsed)) && authenticatePostRequest(parsed);
     if (isMethod("GET"))
-        return accept(parseGetRows(request().url(), parsed)) && authenticateGetRequest(parsed);
+        return accept(parseGetRows(request().query(), parsed)) && authenticateGetRequest(parsed);
     respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED, false);
     return false;
 }
@@ -144,8 +144,9 @@ bool ApiResponder::parseSetDataRequest(SetData* parsed)
 
 bool ApiResponder::parseSetDataRequestGet(SetData* parsed)
 {
-    dbglog_warn(webserverLog(), "Deprecated SetData request over GET: " << request().fullUri());
-    if (!accept(parseSetData(request().url(), parsed)))
+    // Without the query: a value may be a password.
+    dbglog_warn(webserverLog(), "Deprecated SetData request over GET: " << request().url().toString(QUrl::RemoveQuery));
+    if (!accept(parseSetData(request().query(), parsed)))
         return false;
     ZarkError error;
     parsed->value = ZarkJson::parse(parsed->value.toString(), &error);
@@ -176,23 +177,30 @@ bool ApiResponder::parseSetDataRequestPost(SetData* parsed)
     return accept(parseSetData(body, parsed));
 }
 
-void ApiResponder::authenticate(const QByteArray& signedData, bool* credentials, bool* verified)
+ResponderCrypto::AuthorizationHeaderFields ApiResponder::authorization() const
 {
-    const auto fields = ResponderCrypto::splitAuthorizationHeader(request().header(QStringLiteral("Authorization")));
-    *credentials = !fields.scheme.isEmpty();
-    *verified =
-        *credentials && ResponderCrypto::create(fields, m_userDatabase->user(fields.user))->authenticate(signedData);
+    const char* field = soup_message_headers_get_one(request().data().message->request_headers, "Authorization");
+    return field ? ResponderCrypto::splitAuthorizationHeader(field) : ResponderCrypto::AuthorizationHeaderFields();
+}
+
+bool ApiResponder::verify(const ResponderCrypto::AuthorizationHeaderFields& fields, const QByteArray& signedData) const
+{
+    return ResponderCrypto::create(fields, m_userDatabase->user(fields.user))->authenticate(signedData);
 }
 
 template <class T> bool ApiResponder::authenticateGetRequest(T* parsed)
 {
-    authenticate(request().fullUri().toUtf8(), &parsed->credentials, &parsed->verified);
+    const auto fields = authorization();
+    parsed->credentials = !fields.scheme.isEmpty();
+    parsed->verified = parsed->credentials && verify(fields, request().fullUri().toUtf8());
     return true;
 }
 
 template <class T> bool ApiResponder::authenticatePostRequest(T* parsed)
 {
-    authenticate(signedPostData(), &parsed->credentials, &parsed->verified);
+    const auto fields = authorization();
+    parsed->credentials = !fields.scheme.isEmpty();
+    parsed->verified = parsed->credentials && verify(fields, signedPostData());
     return true;
 }
 
@@ -205,7 +213,7 @@ QByteArray ApiResponder::signedPostData() const
 // verified request is decrypted: the others are refused later, and the key proves nothing for them.
 bool ApiResponder::authenticateAndDecryptPostRequest(SetData* parsed, QVariantHash* body)
 {
-    const auto fields = ResponderCrypto::splitAuthorizationHeader(request().header(QStringLiteral("Authorization")));
+    const auto fields = authorization();
     const auto crypto = ResponderCrypto::create(fields, m_userDatabase->user(fields.user));
     parsed->credentials = !fields.scheme.isEmpty();
     parsed->verified = parsed->credentials && crypto->authenticate(signedPostData());

@@ -45,7 +45,8 @@ private:
     bool parseSetDataRequestPost(SetData* request);
     bool accept(const char* fault);
 
-    void authenticate(const QByteArray& signedData, bool* credentials, bool* verified);
+    ResponderCrypto::AuthorizationHeaderFields authorization() const;
+    bool verify(const ResponderCrypto::AuthorizationHeaderFields& fields, const QByteArray& signedData) const;
     template <class T> bool authenticateGetRequest(T* request);
     template <class T> bool authenticatePostRequest(T* request);
     bool authenticateAndDecryptPostRequest(SetData* request, QVariantHash* body);

@@ -1,0 +1,109 @@
+"use strict";
+
+// Reads a handful of nodes once a second and shows them. A node that this device does not have shows as a dash.
+
+const PERIOD = 1000;
+const TIMEOUT = 5000;
+const HISTORY = 60;
+
+const NODES = {
+  name: "system:host/name",
+  load: "system:load/one",
+  cpu: "system:load/cpu",
+  memoryTotal: "system:memory/total",
+  memoryAvailable: "system:memory/available",
+  uptime: "system:uptime/seconds",
+  volume: "player:player/volume",
+  mute: "player:player/mute",
+  state: "player:player/state",
+  position: "player:player/position",
+  track: "player:player/track",
+  files: "settings:webserver/readPathPrefix",
+};
+
+const element = (id) => document.getElementById(id);
+const show = (id, text) => { element(id).textContent = text ?? "–"; };
+const clock = (seconds) => `${Math.floor(seconds / 60)}:${String(Math.floor(seconds % 60)).padStart(2, "0")}`;
+
+async function read(path) {
+  const query = new URLSearchParams({ path, roles: "value" });
+  const reply = await fetch(`/api/getData?${query}`, { cache: "no-store", signal: AbortSignal.timeout(TIMEOUT) });
+  if (!reply.ok) return undefined;
+  const [value] = await reply.json();
+  return value?.value;
+}
+
+async function readAll() {
+  const names = Object.keys(NODES);
+  const values = await Promise.all(names.map((name) => read(NODES[name])));
+  return Object.fromEntries(names.map((name, i) => [name, values[i]]));
+}
+
+function duration(seconds) {
+  const days = Math.floor(seconds / 86400);
+  const hours = Math.floor(seconds / 3600) % 24;
+  const minutes = Math.floor(seconds / 60) % 60;
+  return days ? `${days} d ${hours} h` : hours ? `${hours} h ${minutes} min` : `${minutes} min`;
+}
+
+function showPlayer({ volume, mute, state, position, track }) {
+  show("volume", volume);
+  element("volume-arc").style.strokeDasharray = `${volume ?? 0} 100`;
+  show("mute", mute ? "muted" : "");
+  show("state", state);
+  show("track", track);
+  show("position", position === undefined ? undefined : clock(position / 1000));
+}
+
+const history = [];
+
+function showLoad(load) {
+  show("load", load?.toFixed(2));
+  if (load === undefined) return;
+  history.push(load);
+  if (history.length > HISTORY) history.shift();
+  const top = Math.max(1, ...history);
+  const points = history.map((each, i) => `${HISTORY - history.length + i},${(19 - (18 * each) / top).toFixed(2)}`);
+  element("history").setAttribute("points", points.join(" "));
+}
+
+function showPercent(id, percent) {
+  show(id, percent === undefined ? undefined : `${Math.round(percent)} %`);
+  element(`${id}-meter`).value = percent ?? 0;
+}
+
+function showMachine({ name, load, cpu, memoryTotal, memoryAvailable, uptime }) {
+  show("name", name ?? "Device");
+  document.title = name ?? "Device";
+  showLoad(load);
+  showPercent("cpu", cpu);
+  showPercent("memory", memoryTotal ? 100 - (100 * memoryAvailable) / memoryTotal : undefined);
+  show("uptime", uptime === undefined ? undefined : duration(uptime));
+}
+
+// The tone is among the files that the device offers for reading, when it does.
+function offerTone(files) {
+  const audio = element("tone");
+  if (!files) audio.hidden = true;
+  else if (!audio.src) audio.src = `/file/stream${files.replaceAll("\\", "")}tone.wav`;
+}
+
+function showConnection(state, text) {
+  element("connection").dataset.state = state;
+  show("connection", text);
+}
+
+async function turn() {
+  try {
+    const values = await readAll();
+    showPlayer(values);
+    showMachine(values);
+    offerTone(values.files);
+    showConnection("live", "Live");
+  } catch {
+    showConnection("lost", "No answer from the device");
+  }
+  setTimeout(turn, document.hidden ? 5 * PERIOD : PERIOD);
+}
+
+turn();

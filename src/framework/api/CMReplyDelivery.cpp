@@ -1,0 +1,22 @@
+#include "CMReplyDelivery.h"
+
+#include <utility>
+
+void CMReplyDelivery::post(const QPointer<QObject>& receiver, std::function<void()> callback)
+{
+    static thread_local CMReplyDelivery queue;
+    if (queue.m_deliveries.empty())
+        QMetaObject::invokeMethod(
+            &queue, [] { queue.deliver(); }, Qt::QueuedConnection);
+    queue.m_deliveries.push_back({ receiver, std::move(callback) });
+}
+
+void CMReplyDelivery::deliver()
+{
+    // What these callbacks post belongs to the next turn.
+    const std::vector<Delivery> deliveries = std::exchange(m_deliveries, {});
+    for (const Delivery& delivery : deliveries) {
+        if (delivery.receiver)
+            delivery.callback();
+    }
+}

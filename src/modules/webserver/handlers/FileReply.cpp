@@ -1,0 +1,286 @@
+#include "FileReply.h"
+
+#include <QFile>
+#include <QPointer>
+
+#include "ByteRange.h"
+#include "CacheEntryBuilder.h"
+#include "GuardedMapping.h"
+#include "LocalFile.h"
+#include "Message.h"
+#include "MimeTypes.h"
+#include "OpenFiles.h"
+#include "StaticHandler.h"
+#include "WebserverLog.h"
+
+namespace {
+
+/// Reading this much takes about as long as a few requests do; more is read on another thread.
+constexpr gsize ReadAtOnceBytes = 256 * 1024;
+
+// A search in the text and no parse of entity tags: clients send the tag with quotes or without.
+bool matches(const char* list, const QString& etag)
+{
+    return strcmp(list, "*") == 0 || strstr(list, etag.toLatin1().constData());
+}
+
+void release(gpointer sending)
+{
+    delete static_cast<GuardedMapping::Sending*>(sending);
+}
+
+} // namespace
+
+void FileReply::serve(const QFileInfo& file, const QString& rootRedirect, const QString& contentType)
+{
+    if (serveFile(file, rootRedirect, contentType) == Answered)
+        finish();
+}
+
+void FileReply::finish()
+{
+    if (m_paused)
+        m_message->unpause();
+    if (m_answered)
+        m_answered();
+}
+
+FileReply::Outcome FileReply::serveFile(const QFileInfo& file, const QString& rootRedirect, const QString& contentType)
+{
+    m_file = file;
+    m_contentType = contentType;
+    m_message->setEncoding(Message::PlainContentLength);
+    const QByteArray name = QFile::encodeName(file.filePath());
+    const OpenFiles::File* open = OpenFiles::instance().find(name);
+    if (open && open->canonicalPath.startsWith(m_rootPath))
+        return serveMapping(open->lastModified, Mapping(open->mapping));
+    const LocalFile local(name);
+    if (local.kind() == LocalFile::Missing || !QFile::decodeName(local.canonicalPath()).startsWith(m_rootPath))
+        return notFound(local);
+    if (!local.isReadable())
+        return forbidden();
+    if (local.kind() == LocalFile::Directory)
+        return serveDirectory(file, local, rootRedirect);
+    return serveRegular(local);
+}
+
+FileReply::Outcome FileReply::serveDirectory(
+    const QFileInfo& directory, const LocalFile& local, const QString& rootRedirect)
+{
+    dbglog_info(webserverLog(), "StaticHandler::serveFile: url is dir, serving index file:" << m_message->fullUri());
+    if (!m_message->url().path(QUrl::FullyDecoded).endsWith(QLatin1Char('/'))) {
+        dbglog_debug(webserverLog(),
+            "StaticHandler::serveFile: url " << m_message->fullUri() << " is dir without /, redirecting...");
+        return redirect(QStringLiteral("/"));
+    }
+    if (!rootRedirect.isEmpty() && QFile::decodeName(local.canonicalPath()) == m_rootPath)
+        return redirect(rootRedirect);
+    const QFileInfo index(directory.absoluteFilePath() + QStringLiteral("/index.html"));
+    if (index.exists())
+        return serveFile(index, QString(), QString());
+    return redirect(QStringLiteral("index.fcgi"));
+}
+
+FileReply::Outcome FileReply::serveRegular(const LocalFile& local)
+{
+    if (local.kind() == LocalFile::Special)
+        return failed(QStringLiteral("Not a regular file"));
+    if (local.descriptor() < 0)
+        return failed(QString::fromUtf8(g_strerror(local.error())));
+    GError* error = nullptr;
+    const Mapping mapping = GuardedMapping::map(local.descriptor(), &error);
+    if (!mapping) {
+        const QString reason = QString::fromUtf8(error->message);
+        g_error_free(error);
+        return failed(reason);
+    }
+    OpenFiles::instance().insert(QFile::encodeName(m_file.filePath()), local, mapping);
+    return serveMapping(local.lastModified(), mapping);
+}
+
+FileReply::Outcome FileReply::serveMapping(const QDateTime& lastModified, const Mapping& mapping)
+{
+    const QString path = m_file.absoluteFilePath();
+    if (const ETagCacheEntry* entry = ETagCache::instance().find(path, mapping->length(), lastModified))
+        return serveMapped(*entry, mapping);
+    if (mapping->length() > ReadAtOnceBytes)
+        return serveLater(lastModified, mapping);
+    const ETagCacheEntry entry = StaticHandler::getCacheEntry(m_file, lastModified, mapping->file());
+    return mapping->isDamaged() ? serveChanged() : serveMapped(entry, mapping);
+}
+
+FileReply::Outcome FileReply::serveLater(const QDateTime& lastModified, const Mapping& mapping)
+{
+    m_message->pause();
+    m_paused = true;
+    CacheEntryBuilder::instance().build(m_file, lastModified, mapping,
+        [reply = *this, guarded = QPointer<Message>(m_message), mapping](const ETagCacheEntry* entry) mutable {
+            if (!guarded || !guarded->isValid())
+                return;
+            if ((entry ? reply.serveMapped(*entry, mapping) : reply.serveChanged()) == Answered)
+                reply.finish();
+        });
+    return Waiting;
+}
+
+// Once: a file that changes all the time must not be read for ever.
+FileReply::Outcome FileReply::serveChanged()
+{
+    if (m_changedBefore)
+        return failed(QStringLiteral("The file changed while it was read"));
+    m_changedBefore = true;
+    return serveFile(m_file, QString(), m_contentType);
+}
+
+FileReply::Outcome FileReply::serveMapped(const ETagCacheEntry& entry, const Mapping& mapping)
+{
+    const char* ifNoneMatch = soup_message_headers_get_list(requestHeaders(), "If-None-Match");
+    if (ifNoneMatch && (isMethod("GET") || isMethod("HEAD")) && matches(ifNoneMatch, entry.etag))
+        return empty(SOUP_STATUS_NOT_MODIFIED);
+    const char* ifMatch = soup_message_headers_get_list(requestHeaders(), "If-Match");
+    if (ifMatch && *ifMatch && !matches(ifMatch, entry.etag))
+        return empty(SOUP_STATUS_PRECONDITION_FAILED);
+
+    m_message->setContentType(m_contentType.isEmpty() ? entry.contentType : m_contentType);
+    if (m_message->isHttps())
+        m_message->setHeader(
+            QByteArrayLiteral("Content-Security-Policy"), QByteArrayLiteral("upgrade-insecure-requests"));
+    m_message->setStatus(SOUP_STATUS_OK, QString());
+    if (isMethod("GET"))
+        return serveGet(entry, mapping);
+    if (isMethod("HEAD")) {
+        dbglog_debug(webserverLog(), "Serving HEAD for " << m_message->fullUri());
+        m_message->setHeader(
+            QByteArrayLiteral("Content-Length"), QByteArray::number(static_cast<quint64>(mapping->length())));
+        return Answered;
+    }
+    if (isMethod("POST")) {
+        dbglog_debug(webserverLog(), "Serving POST for " << m_message->fullUri());
+        m_message->data().message->method = SOUP_METHOD_GET;
+        return serveFile(m_file, QString(), QString());
+    }
+    dbglog_debug(
+        webserverLog(), "Unsupported method " << m_message->data().message->method << " for " << m_message->fullUri());
+    m_message->setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, HEAD, POST"));
+    return empty(SOUP_STATUS_METHOD_NOT_ALLOWED);
+}
+
+FileReply::Outcome FileReply::serveGet(const ETagCacheEntry& entry, const Mapping& mapping)
+{
+    dbglog_debug(webserverLog(), "Serving GET for " << m_message->fullUri());
+    const auto length = static_cast<qint64>(mapping->length());
+    ByteRange body{ 0, length - 1 };
+    const RangeRequest request = length > 0 ? readRange(requestHeaders(), length) : RangeRequest();
+    if (request.kind != RangeRequest::Whole) {
+        dbglog_trace(webserverLog(), "got " << request.count << " ranges in the request");
+        const char* ifRange = soup_message_headers_get_list(requestHeaders(), "If-Range");
+        if (ifRange && *ifRange && entry.etag != QLatin1String(ifRange))
+            return serveWithoutRange();
+    }
+    switch (request.kind) {
+    case RangeRequest::Whole:
+        break;
+    case RangeRequest::Several:
+        dbglog_warn(webserverLog(),
+            "Ignoring Range: header with multiple ranges: " << soup_message_headers_get_one(requestHeaders(), "Range"));
+        break;
+    case RangeRequest::Unsatisfiable:
+        return unsatisfiable(length);
+    case RangeRequest::Single:
+        dbglog_trace(webserverLog(), "got range request for " << m_message->fullUri() << " entityLength=" << length);
+        body = request.range;
+        m_message->setStatus(SOUP_STATUS_PARTIAL_CONTENT, QString());
+        soup_message_headers_set_content_range(responseHeaders(), body.first, body.last, length);
+    }
+    m_message->setHeader(QByteArrayLiteral("ETag"), entry.etag.toLatin1());
+    if (body.length() > 0)
+        appendBody(mapping, body.first, body.length());
+    return Answered;
+}
+
+FileReply::Outcome FileReply::serveWithoutRange()
+{
+    soup_message_headers_remove(requestHeaders(), "Range");
+    return serveFile(m_file, QString(), QString());
+}
+
+// A view of the mapping, which lives until the library has sent it.
+void FileReply::appendBody(const Mapping& mapping, qint64 offset, qint64 length)
+{
+    GSocket* socket = soup_client_context_get_gsocket(m_message->data().client);
+    auto* sending = new GuardedMapping::Sending(mapping, socket ? g_socket_get_fd(socket) : -1);
+    SoupBuffer* buffer =
+        soup_buffer_new_with_owner(mapping->data() + offset, static_cast<gsize>(length), sending, release);
+    soup_message_body_append_buffer(m_message->data().message->response_body, buffer);
+    soup_buffer_free(buffer);
+}
+
+FileReply::Outcome FileReply::notFound(const LocalFile& local)
+{
+    dbglog_warn(webserverLog(),
+        "StaticHandler::handle: request for "
+            << (local.canonicalPath().isEmpty() ? "non-existent" : "out-of-document-root")
+            << " file url: " << m_message->fullUri() << " local file: " << m_file.filePath());
+    return text(
+        SOUP_STATUS_NOT_FOUND, QStringLiteral("The requested url '%1' was not found.").arg(m_message->fullUri()));
+}
+
+FileReply::Outcome FileReply::forbidden()
+{
+    dbglog_warn(webserverLog(), "StaticHandler::handle: request for forbidden file:" << m_file.filePath());
+    return text(
+        SOUP_STATUS_FORBIDDEN, QStringLiteral("You don't have permission to access '%1'.").arg(m_message->fullUri()));
+}
+
+FileReply::Outcome FileReply::failed(const QString& reason)
+{
+    dbglog_error(webserverLog(), "StaticHandler::handle: Error openning file: " << m_file.filePath());
+    return text(SOUP_STATUS_INTERNAL_SERVER_ERROR, QStringLiteral("Error opening file: %1").arg(reason));
+}
+
+FileReply::Outcome FileReply::redirect(const QString& appended)
+{
+    ZarkUrl url = m_message->url();
+    url.setPath(url.path(QUrl::FullyEncoded) + appended, QUrl::TolerantMode);
+    m_message->setStatus(SOUP_STATUS_MOVED_PERMANENTLY, QString());
+    m_message->setHeader(QByteArrayLiteral("Location"), url.toEncoded());
+    m_message->setNoCache();
+    return Answered;
+}
+
+// The words of a missing file, on purpose.
+FileReply::Outcome FileReply::unsatisfiable(qint64 length)
+{
+    dbglog_debug(webserverLog(),
+        "Unsatisfiable range: " << soup_message_headers_get_one(requestHeaders(), "Range") << " length: " << length);
+    return text(SOUP_STATUS_REQUESTED_RANGE_NOT_SATISFIABLE,
+        QStringLiteral("The requested url '%1' was not found.").arg(m_message->fullUri()));
+}
+
+FileReply::Outcome FileReply::text(int status, const QString& body)
+{
+    m_message->setStatus(status, QString());
+    m_message->setResponseBody(body, MimeTypes::Text::plain());
+    return Answered;
+}
+
+FileReply::Outcome FileReply::empty(int status)
+{
+    m_message->setStatus(status, QString());
+    return Answered;
+}
+
+SoupMessageHeaders* FileReply::requestHeaders() const
+{
+    return m_message->data().message->request_headers;
+}
+
+SoupMessageHeaders* FileReply::responseHeaders() const
+{
+    return m_message->data().message->response_headers;
+}
+
+bool FileReply::isMethod(const char* method) const
+{
+    return strcmp(m_message->data().message->method, method) == 0;
+}

@@ -1,0 +1,65 @@
+#include "OpenFiles.h"
+
+#include <QFile>
+
+#include "GuardedMapping.h"
+#include "LocalFile.h"
+
+namespace {
+
+constexpr int MaximumFiles = 64;
+constexpr qint64 Lifetime = G_USEC_PER_SEC;
+
+bool isSame(const timespec& a, const timespec& b)
+{
+    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// The change time covers a new name, other permissions and whatever else might forbid the file.
+bool isSame(const struct stat& a, const struct stat& b)
+{
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size && isSame(a.st_mtim, b.st_mtim)
+        && isSame(a.st_ctim, b.st_ctim);
+}
+
+} // namespace
+
+OpenFiles& OpenFiles::instance()
+{
+    static OpenFiles files;
+    return files;
+}
+
+const OpenFiles::File* OpenFiles::find(const QByteArray& name)
+{
+    const auto found = m_entries.constFind(name);
+    if (found == m_entries.constEnd())
+        return nullptr;
+    struct stat status = {};
+    const bool isCurrent = g_get_monotonic_time() - found->since < Lifetime && stat(name.constData(), &status) == 0
+        && isSame(status, found->status) && !found->file.mapping->isDamaged() && found->file.mapping->canBeSent();
+    return isCurrent ? &found->file : nullptr;
+}
+
+void OpenFiles::insert(const QByteArray& name, const LocalFile& local, const std::shared_ptr<GuardedMapping>& mapping)
+{
+    if (m_entries.size() >= MaximumFiles && !m_entries.contains(name))
+        return;
+    if (m_entries.isEmpty()) {
+        const auto drop = [](gpointer files) -> gboolean {
+            return static_cast<OpenFiles*>(files)->dropExpired();
+        };
+        g_timeout_add_seconds(1, drop, this);
+    }
+    m_entries.insert(name,
+        { { QFile::decodeName(local.canonicalPath()), local.lastModified(), mapping }, local.status(),
+            g_get_monotonic_time() });
+}
+
+bool OpenFiles::dropExpired()
+{
+    const qint64 oldest = g_get_monotonic_time() - Lifetime;
+    for (auto entry = m_entries.begin(); entry != m_entries.end();)
+        entry = entry->since < oldest ? m_entries.erase(entry) : std::next(entry);
+    return !m_entries.isEmpty();
+}

@@ -1,0 +1,146 @@
+#include "StaticHandler.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+
+#include <algorithm>
+
+#include <libsoup/soup.h>
+
+#include "CMValueItem.h"
+#include "FileReply.h"
+#include "Message.h"
+#include "MimeTypes.h"
+#include "WebserverLog.h"
+#include "ZarkPaths.h"
+
+namespace {
+
+constexpr size_t HashSliceBytes = 1 << 30; ///< The hash counts with an int.
+
+bool isPlain(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' || c == '.'
+        || c == '-' || c == '_' || c == '~';
+}
+
+// Parsing the URL is worth avoiding: most paths have nothing in them to decode.
+QString decodedPath(const Message* message)
+{
+    const QByteArray path =
+        QByteArray::fromRawData(message->data().path, static_cast<int>(strlen(message->data().path)));
+    if (std::all_of(path.begin(), path.end(), isPlain))
+        return QString::fromLatin1(path);
+    return message->url().path(QUrl::FullyDecoded);
+}
+
+} // namespace
+
+StaticHandler::StaticHandler(
+    const QString& documentRoot, const QString& rootRedirect, const QString& urlPrefix, QObject* parent)
+    : Handler(documentRoot, parent), m_documentRoot(documentRoot),
+      m_rootPath(documentRoot.isEmpty() ? QString() : m_documentRoot.absolutePath()), m_rootRedirect(rootRedirect),
+      m_urlPrefix(urlPrefix), m_webServerEnable(new CMValueItem(this, ZarkWebserverEnableExternalWebAccessPath()))
+{
+    dbglog_scopedFunction(webserverLog());
+    if (documentRoot.isEmpty() || !m_documentRoot.exists())
+        dbglog_warn(
+            webserverLog(), "StaticHandler::StaticHandler: document root (" << documentRoot << ") doesn't exists");
+    if (!connect(m_webServerEnable, &CMValueItem::changed, this, &StaticHandler::on_webServerEnable_changed))
+        qFatal("connection");
+}
+
+void StaticHandler::on_webServerEnable_changed(const ZarkValue& value)
+{
+    m_webServerEnabled = value.bool_();
+    dbglog_info(webserverLog(), "Webserver on http enabled:" << m_webServerEnabled);
+}
+
+bool StaticHandler::canRespond(Message* msg) const
+{
+    dbglog_scopedFunction(webserverLog());
+    return msg->isFromLocalhost() || m_webServerEnabled || msg->isHttps();
+}
+
+void StaticHandler::handle(Message* message)
+{
+    dbglog_scopedFunction(webserverLog());
+    dbglog_debug(webserverLog(), "StaticHandler: request: '" << message->fullUri() << "'");
+    if (!canRespond(message)) {
+        dbglog_info(webserverLog(), "REMOTE URL - DO NOT SERVE");
+        message->setStatus(SOUP_STATUS_FORBIDDEN, QString());
+        return;
+    }
+    QString path = decodedPath(message);
+    if (!m_urlPrefix.isEmpty()) {
+        if (!path.startsWith(m_urlPrefix)) {
+            dbglog_error(webserverLog(), "Url: " << message->fullUri() << " does not start with " << m_urlPrefix);
+            message->setStatus(SOUP_STATUS_INTERNAL_SERVER_ERROR, QString());
+            return;
+        }
+        path.remove(0, m_urlPrefix.size());
+    }
+    // Without a root there is no local name either: the working directory is not meant.
+    const QFileInfo file = m_rootPath.isEmpty() ? QFileInfo() : QFileInfo(m_rootPath + QLatin1Char('/') + path);
+    serveFile(file, m_rootPath, m_rootRedirect, message, QString());
+}
+
+void StaticHandler::serveFile(const QFileInfo& file, const QString& rootPath, const QString& rootRedirect, Message* msg,
+    const QString& contentType, const Answered& answered)
+{
+    dbglog_scopedFunction(webserverLog());
+    FileReply(msg, rootPath, answered).serve(file, rootRedirect, contentType);
+}
+
+StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(const QFileInfo& file, GMappedFile* mapping)
+{
+    return getCacheEntry(file, file.lastModified(), mapping);
+}
+
+StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(
+    const QFileInfo& file, const QDateTime& lastModified, GMappedFile* mapping)
+{
+    dbglog_scopedFunction(webserverLog());
+    ETagCache& cache = ETagCache::instance();
+    const QString path = file.absoluteFilePath();
+    const size_t length = g_mapped_file_get_length(mapping);
+    if (const ETagCacheEntry* entry = cache.find(path, length, lastModified))
+        return *entry;
+    const char* data = g_mapped_file_get_contents(mapping);
+    const ETagCacheEntry entry{ length, lastModified, calculateETag(file, data, length),
+        getMimeType(file, data, length) };
+    cache.insert(path, entry);
+    return entry;
+}
+
+QString StaticHandler::calculateETag(const QFileInfo& file, const char* data, size_t length)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (file.isDir())
+        return {};
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    for (size_t position = 0; position < length; position += HashSliceBytes)
+        hash.addData(data + position, static_cast<int>(std::min(HashSliceBytes, length - position)));
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+QString StaticHandler::getMimeType(const QFileInfo& file, const char* data, size_t length)
+{
+    dbglog_scopedFunction(webserverLog());
+    const QString path = file.absoluteFilePath();
+    gboolean uncertain = FALSE;
+    char* type = g_content_type_guess(
+        QFile::encodeName(path).constData(), reinterpret_cast<const guchar*>(data), length, &uncertain);
+    dbglog_trace(webserverLog(), "getMimeType: contentType: " << type);
+    char* mimeType = g_content_type_get_mime_type(type);
+    const QString guess = QString::fromUtf8(mimeType);
+    g_free(mimeType);
+    g_free(type);
+    if (!uncertain && guess != MimeTypes::Text::plain())
+        return guess;
+    dbglog_trace(webserverLog(),
+        "getMimeType: g_content_type_guess uncertain (" << uncertain << ") trying our extension / mimetype map");
+    const QString result = MimeTypes::URIToMimeType(path, guess);
+    dbglog_trace(webserverLog(), "getMimeType: got " << result);
+    return result;
+}

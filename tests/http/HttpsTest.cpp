@@ -1,0 +1,288 @@
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QProcess>
+#include <QTest>
+
+#include <csignal>
+#include <memory>
+#include <vector>
+
+#include "Device.h"
+#include "Tls.h"
+#include "Upstream.h"
+
+Q_DECLARE_METATYPE(TestCertificate)
+
+namespace {
+
+const QByteArray Value = "/api/getData?path=player:player/volume&roles=value";
+
+QString url(int port, const QByteArray& target)
+{
+    return QStringLiteral("https://127.0.0.1:%1%2").arg(port).arg(QString::fromLatin1(target));
+}
+
+QStringList httpsSettings(int port, const TestCertificate& pair)
+{
+    return { QStringLiteral("settings:webserver/httpsPort=%1").arg(port), "settings:webserver/httpsUseDeviceCert=false",
+        "settings:webserver/httpsCert=" + pair.certificate, "settings:webserver/httpsPrivateKey=" + pair.key };
+}
+
+QByteArray setCertificate(const QByteArray& pem)
+{
+    const QJsonObject value{ { "type", "string" }, { "value", QString(pem) } };
+    return QJsonDocument({ { "path", "settings:webserver/httpsCert" }, { "role", "value" }, { "value", value } })
+        .toJson();
+}
+
+QByteArray contentOf(const QString& name)
+{
+    QFile file(name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void replace(const QString& name, const QByteArray& content)
+{
+    QFile file(name);
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(content);
+}
+
+} // namespace
+
+/// HTTPS with a configured certificate, and with the device certificate under the development authority.
+class HttpsTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_pair = makeCertificate();
+        QVERIFY(!m_pair.key.isEmpty());
+        m_port = Device::freePort();
+        const QStringList limits{ "settings:webserver/limits/headerSeconds=1" };
+        m_device = std::make_unique<Device>(httpsSettings(m_port, m_pair) + limits);
+        QVERIFY(m_device->isRunning());
+    }
+
+    void theConfiguredCertificateIsServedAndTrustedByAddress()
+    {
+        QCOMPARE(servedCertificate(m_port), m_pair.certificate);
+        const QString file = m_device->stateDirectory() + "/trusted.pem";
+        replace(file, m_pair.certificate);
+        const ToolResult fetched = runTool("curl", { "-sS", "--cacert", file, url(m_port, Value) });
+        QCOMPARE(fetched.status, 0);
+        QCOMPARE(fetched.output, m_device->get(Value).body);
+    }
+
+    void handshakes_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<bool>("accepted");
+        const QStringList weak{ "-cipher", "ALL:@SECLEVEL=0" };
+        const QStringList tls12{ "-tls1_2" };
+        QTest::newRow("TLS 1.3") << QStringList{ "-tls1_3" } << true;
+        QTest::newRow("TLS 1.2") << tls12 << true;
+        QTest::newRow("TLS 1.1") << QStringList{ "-tls1_1" } + weak << false;
+        QTest::newRow("TLS 1.0") << QStringList{ "-tls1" } + weak << false;
+        for (const char* suite : { "ECDHE-RSA-AES256-GCM-SHA384", "ECDHE-RSA-CHACHA20-POLY1305" })
+            QTest::newRow(suite) << tls12 + QStringList{ "-cipher", suite } << true;
+        for (const char* suite : { "AES128-GCM-SHA256", "AES256-CCM", "AES128-SHA", "ECDHE-RSA-AES128-SHA",
+                 "ECDHE-RSA-AES256-SHA", "ECDHE-RSA-AES128-SHA256", "ECDHE-RSA-AES256-SHA384", "DHE-RSA-AES256-SHA256",
+                 "ECDHE-RSA-CAMELLIA256-SHA384" })
+            QTest::newRow(suite) << tls12 + QStringList{ "-cipher", QString(suite) + ":@SECLEVEL=0" } << false;
+    }
+
+    void handshakes()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(bool, accepted);
+        const QByteArray said = handshake(m_port, arguments);
+        QVERIFY2(said.contains("CONNECTED"), said.constData());
+        QCOMPARE(said.contains("BEGIN CERTIFICATE"), accepted);
+        QCOMPARE(said.contains("Cipher is (NONE)"), !accepted);
+    }
+
+    void whatIsNoHandshakeIsDropped_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::newRow("silence") << QByteArray();
+        QTest::newRow("plain HTTP") << QByteArray("GET / HTTP/1.1\r\nHost: x\r\n\r\n");
+        QTest::newRow("half a record head") << QByteArray("\x16\x03\x01", 3);
+        QTest::newRow("a record head without its record")
+            << QByteArray("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11);
+        QTest::newRow("a record of the greatest length")
+            << QByteArray("\x16\x03\x01\xff\xff", 5) + QByteArray(4096, 'x');
+    }
+
+    void whatIsNoHandshakeIsDropped()
+    {
+        QFETCH(QByteArray, bytes);
+        HttpConnection connection(m_port);
+        connection.send(bytes);
+        QVERIFY(connection.isClosedWithin(2500));
+        QVERIFY(!servedCertificate(m_port).isEmpty());
+    }
+
+    void aHandshakeThatDripsIsDroppedByTheSameDeadline()
+    {
+        HttpConnection connection(m_port);
+        const QByteArray hello = QByteArray("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03", 11);
+        int sent = 0;
+        while (sent < 30 && !connection.isClosedWithin(100) && connection.send(hello.mid(sent % hello.size(), 1)))
+            ++sent;
+        QVERIFY2(sent < 25, "a byte each 100 ms kept the connection for 2.5 s");
+    }
+
+    void silentHandshakesKeepNobodyWaiting()
+    {
+        std::vector<std::unique_ptr<HttpConnection>> silent;
+        for (int i = 0; i < 200; ++i)
+            silent.push_back(std::make_unique<HttpConnection>(m_port));
+        QVERIFY(!servedCertificate(m_port).isEmpty());
+        QVERIFY(silent.back()->isClosedWithin(3000));
+    }
+
+    void aPairThatDoesNotBelongTogetherIsRefusedWhenSet_data()
+    {
+        QTest::addColumn<QByteArray>("value");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("another certificate") << makeCertificate().certificate << false;
+        QTest::newRow("no PEM") << QByteArray("secret") << false;
+        QTest::newRow("empty") << QByteArray() << true;
+        QTest::newRow("the same again") << m_pair.certificate << true;
+    }
+
+    void aPairThatDoesNotBelongTogetherIsRefusedWhenSet()
+    {
+        QFETCH(QByteArray, value);
+        QFETCH(bool, accepted);
+        const HttpReply reply = m_device->postJson("/api/setData", setCertificate(value));
+        QCOMPARE(reply.status == 200, accepted);
+        QVERIFY(accepted || !reply.errorMessage().isEmpty());
+        QCOMPARE(servedCertificate(m_port), m_pair.certificate);
+    }
+
+    void aNewCertificateWaitsForTheAnswersUnderWay()
+    {
+        const std::string answer = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nhello";
+        Upstream upstream({ { "/slow", { answer, 1, false, 1000 } } });
+        const int port = Device::freePort();
+        Device device(httpsSettings(port, m_pair));
+        QProcess curl;
+        const QByteArray slow = "http://127.0.0.1:" + QByteArray::number(upstream.port()) + "/slow";
+        curl.start("curl", { "-sk", url(port, "/proxy/" + slow.toBase64()) });
+        QTRY_VERIFY(!upstream.lastRequest().empty());
+
+        const TestCertificate renewed = makeCertificate(m_pair.key);
+        QCOMPARE(device.postJson("/api/setData", setCertificate(renewed.certificate)).status, 200);
+        QVERIFY(curl.waitForFinished());
+        QCOMPARE(curl.readAll(), QByteArray("hello"));
+        QTRY_COMPARE_WITH_TIMEOUT(servedCertificate(port), renewed.certificate, 5000);
+        QCOMPARE(device.stop(SIGTERM), 0);
+    }
+
+    void aServerThatCannotBeMadeLeavesTheOtherRunning_data()
+    {
+        QTest::addColumn<TestCertificate>("pair");
+        QTest::addColumn<QByteArray>("modules");
+        QTest::addColumn<QByteArray>("line");
+        const TestCertificate other = makeCertificate();
+        QTest::newRow("a key of another certificate") << TestCertificate{ m_pair.certificate,
+            other.key } << QByteArray() << QByteArray("ERROR Webserver: Load certificate failed: ");
+        QTest::newRow("no certificate") << TestCertificate{ "x", other.key } << QByteArray()
+                                        << QByteArray("ERROR Webserver: Load certificate failed: ");
+        QTest::newRow("no TLS library") << m_pair << QByteArray("/nonexistent")
+                                        << QByteArray("FATAL Webserver: TLS is not available: ");
+    }
+
+    void aServerThatCannotBeMadeLeavesTheOtherRunning()
+    {
+        QFETCH(TestCertificate, pair);
+        QFETCH(QByteArray, modules);
+        QFETCH(QByteArray, line);
+        const int port = Device::freePort();
+        if (!modules.isEmpty())
+            qputenv("GIO_MODULE_DIR", modules);
+        Device device(httpsSettings(port, pair));
+        qunsetenv("GIO_MODULE_DIR");
+        QVERIFY(device.isRunning());
+        QCOMPARE(device.get(Value).status, 200);
+        QVERIFY(!HttpConnection(port).isConnected());
+        QCOMPARE(device.stop(SIGTERM), 0);
+        const QByteArray log = device.log();
+        QVERIFY2(log.contains(line), log.constData());
+        QCOMPARE(log.count("FATAL Webserver: Failed to create server on port: " + QByteArray::number(port)), 1);
+    }
+
+    void theDeviceCertificateIsTrustedThroughTheAuthority()
+    {
+        // A name that somebody has prepared must lead nowhere.
+        const QString victim = m_device->stateDirectory() + "/victim";
+        replace(victim, "untouched");
+        QFile::remove("/tmp/soup-key.pem");
+        QVERIFY(QFile::link(victim, "/tmp/soup-key.pem"));
+        const int port = Device::freePort();
+        Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
+        const QString authority = device.stateDirectory() + "/authority.pem";
+
+        QVERIFY(handshake(port, { "-CAfile", authority, "-verify_ip", "127.0.0.1" }).contains("Verify return code: 0"));
+        const ToolResult fetched = runTool("curl", { "-sS", "--cacert", authority, url(port, Value) });
+        QCOMPARE(fetched.output, device.get(Value).body);
+        QVERIFY(runTool("curl", { "-sS", url(port, Value) }).status != 0);
+
+        const QByteArray subject = certificateText(servedCertificate(port), { "-subject", "-nameopt", "compat" });
+        QVERIFY2(subject.endsWith("/CN=Tidekit-device\n"), subject.constData());
+        QCOMPARE(contentOf(victim), QByteArray("untouched"));
+        QCOMPARE(QFileInfo("/tmp/soup-key.pem").permissions() & 0x77, QFile::Permissions());
+    }
+
+    void theAuthorityStaysAndASignalReadsItAgain()
+    {
+        const int port = Device::freePort();
+        Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
+        const QString file = device.stateDirectory() + "/authority.pem";
+        const QByteArray authority = contentOf(file);
+        QCOMPARE(device.stop(SIGTERM), 0);
+        QVERIFY(device.start());
+        QCOMPARE(contentOf(file), authority);
+        const QByteArray before = servedCertificate(port);
+
+        const TestCertificate other = makeCertificate();
+        replace(file, other.certificate);
+        replace(device.stateDirectory() + "/authority-key.pem", other.key);
+        ::kill(pid_t(device.pid()), SIGHUP);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            handshake(port, { "-CAfile", file, "-verify_ip", "127.0.0.1" }).contains("Verify return code: 0"), 10000);
+        QVERIFY(servedCertificate(port) != before);
+        QCOMPARE(device.get(Value).status, 200);
+    }
+
+    void aLanguageReachesBothServersAtOnce()
+    {
+        const QByteArray english = "settings:ui/language";
+        const auto languageOf = [this] {
+            const QByteArray https =
+                runTool("curl", { "-sSik", "-H", "Accept-Language: xx", url(m_port, Value) }).output;
+            const int from = https.indexOf("Content-Language: ");
+            return m_device->get(Value, { "Accept-Language: xx" }).header("Content-Language") + ' '
+                + (from < 0 ? QByteArray() : https.mid(from + 18, 2));
+        };
+        QCOMPARE(languageOf(), QByteArray("en en"));
+        QCOMPARE(
+            m_device->postJson("/api/setData", R"({"path":")" + english + R"(","role":"value","value":"de"})").status,
+            200);
+        QCOMPARE(languageOf(), QByteArray("de de"));
+        QVERIFY(m_device->get(Value).header("Content-Language").isNull());
+    }
+
+private:
+    TestCertificate m_pair;
+    int m_port = 0;
+    std::unique_ptr<Device> m_device;
+};
+
+QTEST_GUILESS_MAIN(HttpsTest)
+
+#include "HttpsTest.moc"

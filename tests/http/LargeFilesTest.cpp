@@ -1,0 +1,190 @@
+#include <QElapsedTimer>
+#include <QTest>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include <csignal>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Device.h"
+#include "DocumentRoot.h"
+
+namespace {
+
+constexpr qint64 MiB = 1024 * 1024;
+constexpr qint64 GiB = 1024 * MiB;
+constexpr int Readers = 8;
+constexpr char Filling = 'x';
+
+using Connections = std::vector<std::unique_ptr<HttpConnection>>;
+
+struct Received {
+    qint64 bytes = 0;
+    bool onlyFilling = true;
+};
+
+qint64 statusKilobytes(qint64 pid, const char* field)
+{
+    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
+    status.open(QIODevice::ReadOnly);
+    const QByteArray text = status.readAll();
+    const int at = text.indexOf(field) + int(strlen(field));
+    return text.mid(at, text.indexOf("kB", at) - at).trimmed().toLongLong();
+}
+
+bool waitFor(const HttpConnection& connection)
+{
+    pollfd request{ connection.descriptor(), POLLIN, 0 };
+    return poll(&request, 1, 60000) == 1; // Reading a file is slow where all else goes first.
+}
+
+/// Reads a head byte by byte, so that nothing of the body is read with it.
+QByteArray readHead(const HttpConnection& connection)
+{
+    QByteArray head;
+    char byte;
+    while (!head.endsWith("\r\n\r\n") && waitFor(connection) && recv(connection.descriptor(), &byte, 1, 0) == 1)
+        head += byte;
+    return head;
+}
+
+/// Reads to the end of the connection, or `limit` bytes.
+Received readBody(const HttpConnection& connection, qint64 limit)
+{
+    Received received;
+    std::vector<char> block(256 * 1024);
+    while (received.bytes < limit && waitFor(connection)) {
+        const auto count = recv(connection.descriptor(), block.data(), block.size(), 0);
+        if (count <= 0)
+            break;
+        received.bytes += count;
+        received.onlyFilling = received.onlyFilling
+            && std::all_of(block.begin(), block.begin() + count, [](char c) { return c == Filling; });
+    }
+    return received;
+}
+
+} // namespace
+
+class LargeFilesTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        m_device = std::make_unique<Device>(QStringList{ m_root.setting() }, QStringList{ "--log-level", "fatal" });
+        QVERIFY(m_device->isRunning());
+    }
+    void bodiesAreViewsOfTheFile();
+    void filesThatChangeCutTheirReaders_data();
+    void filesThatChangeCutTheirReaders();
+    void readingAFileLeavesRoomForOthers();
+    void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
+
+private:
+    /// Connections that have asked for the file and read the head of the answer.
+    Connections ask(const QByteArray& target) const
+    {
+        Connections connections;
+        for (int i = 0; i < Readers; ++i) {
+            connections.push_back(std::make_unique<HttpConnection>(m_device->port()));
+            connections.back()->send(httpRequest("GET", target, { "Host: localhost", "Connection: close" }));
+        }
+        return connections;
+    }
+
+    DocumentRoot m_root;
+    std::unique_ptr<Device> m_device;
+};
+
+void LargeFilesTest::bodiesAreViewsOfTheFile()
+{
+    m_root.writeSparse("sparse", GiB);
+    QVERIFY(m_device->request("HEAD", "/sparse").status == 200); // It is read here.
+    const qint64 before = statusKilobytes(m_device->pid(), "RssAnon:");
+    const Connections connections = ask("/sparse");
+    for (const auto& connection : connections) {
+        QVERIFY(readHead(*connection).contains("200 OK"));
+        readBody(*connection, MiB);
+    }
+    const qint64 added = statusKilobytes(m_device->pid(), "RssAnon:") - before;
+    QVERIFY2(added < 4 * 1024, QByteArray::number(added) + " KiB");
+    QCOMPARE(m_device->get("/sparse", { "Range: bytes=-1" }).status, 206);
+}
+
+void LargeFilesTest::filesThatChangeCutTheirReaders_data()
+{
+    QTest::addColumn<int>("newSize"); // -1: removed; -2: replaced.
+    QTest::addColumn<bool>("complete");
+    QTest::newRow("emptied") << 0 << false;
+    QTest::newRow("shortened") << int(16 * MiB) << false;
+    QTest::newRow("removed") << -1 << true;
+    QTest::newRow("replaced") << -2 << true;
+}
+
+void LargeFilesTest::filesThatChangeCutTheirReaders()
+{
+    QFETCH(int, newSize);
+    QFETCH(bool, complete);
+    constexpr qint64 size = 24 * MiB;
+    m_root.write("changing", QByteArray(size, Filling));
+    const QByteArray path = m_root.file("changing");
+    const Connections connections = ask("/changing");
+    for (const auto& connection : connections)
+        QVERIFY(readHead(*connection).contains("200 OK"));
+    if (newSize >= 0)
+        QCOMPARE(truncate(path.constData(), newSize), 0);
+    else if (newSize == -1)
+        QCOMPARE(unlink(path.constData()), 0);
+    else {
+        m_root.write("other", "replacement");
+        QCOMPARE(rename(m_root.file("other").constData(), path.constData()), 0);
+    }
+    for (const auto& connection : connections) {
+        const Received received = readBody(*connection, 2 * size);
+        QCOMPARE(received.bytes == size, complete);
+        QVERIFY(received.onlyFilling);
+        // Less the packet that was being filled.
+        QVERIFY2(complete || received.bytes >= newSize - MiB, QByteArray::number(received.bytes));
+    }
+    const HttpReply after = m_device->request("HEAD", "/changing");
+    QCOMPARE(after.status, newSize == -1 ? 404 : 200);
+    if (newSize != -1)
+        QCOMPARE(after.header("Content-Length").toInt(), newSize == -2 ? 11 : newSize);
+}
+
+void LargeFilesTest::readingAFileLeavesRoomForOthers()
+{
+    m_root.writeSparse("unread", GiB / 4);
+    m_root.write("small", "small");
+    const Connections connections = ask("/unread");
+    // Others are answered while it is read; one after the other, the longest time counts.
+    HttpConnection other(m_device->port());
+    qint64 longestMs = 0;
+    int answers = 0;
+    QElapsedTimer total;
+    total.start();
+    for (; !connections.front()->hasData(0); ++answers) {
+        QElapsedTimer timer;
+        timer.start();
+        other.send(httpRequest("GET", "/small", { "Host: localhost" }));
+        QCOMPARE(other.readReply().body, QByteArray("small"));
+        longestMs = std::max(longestMs, timer.elapsed());
+    }
+    const qint64 totalMs = total.elapsed();
+    QVERIFY2(answers > 20, QByteArray::number(answers));
+    QVERIFY2(longestMs < totalMs / 2, QByteArray::number(longestMs) + " of " + QByteArray::number(totalMs));
+    for (const auto& connection : connections)
+        QVERIFY(readHead(*connection).contains("ETag: 1f5039e50bd66b290c56684d8550c6c2"));
+    // A client that leaves while its file is read.
+    m_root.writeSparse("left", 64 * MiB);
+    ask("/left");
+    QCOMPARE(m_device->request("HEAD", "/left").status, 200);
+}
+
+QTEST_GUILESS_MAIN(LargeFilesTest)
+#include "LargeFilesTest.moc"

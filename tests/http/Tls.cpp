@@ -1,0 +1,70 @@
+#include "Tls.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+namespace {
+
+constexpr int ToolMilliseconds = 20000;
+
+QByteArray contentOf(const QString& name)
+{
+    QFile file(name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+} // namespace
+
+ToolResult runTool(const QString& program, const QStringList& arguments, const QByteArray& input)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    process.write(input);
+    process.closeWriteChannel();
+    if (!process.waitForFinished(ToolMilliseconds) || process.exitStatus() != QProcess::NormalExit)
+        return { -1, process.readAll() };
+    return { process.exitCode(), process.readAll() };
+}
+
+TestCertificate makeCertificate(const QByteArray& key)
+{
+    const QTemporaryDir directory;
+    const QString certificate = directory.filePath("certificate.pem");
+    const QString keyFile = directory.filePath("key.pem");
+    QStringList arguments{ "req", "-x509", "-nodes", "-out", certificate, "-subj", "/CN=test", "-days", "2", "-addext",
+        "subjectAltName=IP:127.0.0.1" };
+    if (key.isEmpty()) {
+        arguments << "-newkey"
+                  << "rsa:2048"
+                  << "-keyout" << keyFile;
+    } else {
+        QFile file(keyFile);
+        file.open(QIODevice::WriteOnly);
+        file.write(key);
+        file.close();
+        arguments << "-key" << keyFile;
+    }
+    runTool("openssl", arguments);
+    return { contentOf(certificate), contentOf(keyFile) };
+}
+
+QByteArray handshake(int port, const QStringList& arguments, const QByteArray& input)
+{
+    const QStringList target{ "s_client", "-connect", QStringLiteral("127.0.0.1:%1").arg(port) };
+    return runTool("openssl", target + arguments, input).output;
+}
+
+QByteArray servedCertificate(int port)
+{
+    const QByteArray said = handshake(port);
+    const QByteArray end = "-----END CERTIFICATE-----\n";
+    const int from = said.indexOf("-----BEGIN CERTIFICATE-----");
+    return from < 0 ? QByteArray() : said.mid(from, said.indexOf(end) + end.size() - from);
+}
+
+QByteArray certificateText(const QByteArray& pem, const QStringList& arguments)
+{
+    return runTool("openssl", QStringList{ "x509", "-noout" } + arguments, pem).output;
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+/// What a program said (both outputs) and how it ended; status -1 when it did not end by itself in 20 s.
+struct ToolResult {
+    int status = -1;
+    QByteArray output;
+};
+
+/// Runs a program with `input` as its standard input.
+ToolResult runTool(const QString& program, const QStringList& arguments, const QByteArray& input = {});
+
+/// A self-signed certificate for 127.0.0.1 and its key, both PEM. Each call makes another; with a key, for that one.
+struct TestCertificate {
+    QByteArray certificate;
+    QByteArray key;
+};
+TestCertificate makeCertificate(const QByteArray& key = {});
+
+/// What `openssl s_client` says of 127.0.0.1:`port`, its certificate included.
+QByteArray handshake(int port, const QStringList& arguments = {}, const QByteArray& input = {});
+/// The certificate that is served there, PEM; empty when no handshake succeeds.
+QByteArray servedCertificate(int port);
+/// `openssl x509 -noout` of a certificate, with further arguments.
+QByteArray certificateText(const QByteArray& pem, const QStringList& arguments);
