@@ -320,7 +320,7 @@ private Q_SLOTS:
         };
         QElapsedTimer timer;
         timer.start();
-        while (timer.elapsed() < 4000) {
+        while (timer.elapsed() < 2500) {
             poller.send(target(10), keepAlive);
             if (random.bounded(3) == 0) {
                 QThread::usleep(ulong(random.bounded(4000)));
@@ -364,6 +364,23 @@ private Q_SLOTS:
         QVERIFY(client.setCounter(++m_value));
         for (const auto& poller : pollers)
             QCOMPARE(counterIn(poller->readReply().json().array()), m_value);
+    }
+
+    void zarkctlWatches()
+    {
+        QProcess watch;
+        watch.start(QString::fromLocal8Bit(ZARKCTL),
+            { "--url", QString::fromLatin1(m_device.baseUrl()), "watch", "--count", "2", Counter });
+        // Nobody says when it has subscribed.
+        for (int i = 0; i < 100 && watch.state() != QProcess::NotRunning; ++i) {
+            QVERIFY(m_client.setCounter(++m_value));
+            watch.waitForFinished(50);
+        }
+        QCOMPARE(watch.exitCode(), 0);
+        const QList<QByteArray> lines = watch.readAllStandardOutput().trimmed().split('\n');
+        QCOMPARE(lines.size(), 2);
+        for (const QByteArray& line : lines)
+            QVERIFY2(line.startsWith("{\"path\":\"demo:volatile/counter\",\"roles\":{\"value\":"), line.constData());
     }
 
     void aShutdownAnswersEveryPoll()

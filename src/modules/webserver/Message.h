@@ -77,6 +77,8 @@ public:
     const ZarkUrlQuery& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
+    /// Gives the memory back that url() keeps for the next call: an exchange that waits long has no use for it.
+    void releaseUrl() { m_url = ZarkUrl(); }
     /// CR LF "--" boundary of a multipart/form-data body, as written in the header; empty without one.
     QByteArray getDelimiterFromHeader() const;
 

@@ -1,9 +1,11 @@
 "use strict";
 
-// Reads a handful of nodes once a second and shows them. A node that this device does not have shows as a dash.
+// Follows a handful of nodes through an event queue and shows them. A node that this device does not have shows as a
+// dash. Where events need a signature that this page does not have, it reads the nodes once a second instead.
 
 const PERIOD = 1000;
 const TIMEOUT = 5000;
+const POLL_SECONDS = 25;
 const HISTORY = 60;
 
 const NODES = {
@@ -72,10 +74,9 @@ function showPercent(id, percent) {
   element(`${id}-meter`).value = percent ?? 0;
 }
 
-function showMachine({ name, load, cpu, memoryTotal, memoryAvailable, uptime }) {
+function showMachine({ name, cpu, memoryTotal, memoryAvailable, uptime }) {
   show("name", name ?? "Device");
   document.title = name ?? "Device";
-  showLoad(load);
   showPercent("cpu", cpu);
   showPercent("memory", memoryTotal ? 100 - (100 * memoryAvailable) / memoryTotal : undefined);
   show("uptime", uptime === undefined ? undefined : duration(uptime));
@@ -93,17 +94,55 @@ function showConnection(state, text) {
   show("connection", text);
 }
 
-async function turn() {
-  try {
-    const values = await readAll();
-    showPlayer(values);
-    showMachine(values);
-    offerTone(values.files);
-    showConnection("live", "Live");
-  } catch {
-    showConnection("lost", "No answer from the device");
-  }
-  setTimeout(turn, document.hidden ? 5 * PERIOD : PERIOD);
+function showAll(values, loadChanged) {
+  showPlayer(values);
+  showMachine(values);
+  if (loadChanged) showLoad(values.load);
+  offerTone(values.files);
+  showConnection("live", "Live");
 }
 
-turn();
+const pause = (milliseconds) => new Promise((resolve) => { setTimeout(resolve, milliseconds); });
+
+function post(operation, body, timeout) {
+  return fetch(`/api/event/${operation}`, {
+    method: "POST",
+    headers: { "Content-Type": "application/json" },
+    body: JSON.stringify(body),
+    signal: AbortSignal.timeout(timeout),
+  });
+}
+
+// Subscribes, then reads, so that nothing falls in between. Returns when the device no longer knows the queue.
+async function follow(queueId) {
+  const values = await readAll();
+  showAll(values, true);
+  const names = Object.fromEntries(Object.entries(NODES).map(([name, path]) => [path, name]));
+  // The count of answers lets the device tell again what a broken connection has swallowed.
+  for (let received = 0; ;) {
+    const reply = await post("pollQueue", { queueId, timeout: POLL_SECONDS, received }, POLL_SECONDS * 1000 + TIMEOUT);
+    if (!reply.ok) return;
+    const events = await reply.json();
+    if (events.length) ++received;
+    for (const { path, roles } of events) {
+      if ("value" in roles) values[names[path]] = roles.value?.value;
+    }
+    showAll(values, events.some(({ path }) => path === NODES.load));
+  }
+}
+
+async function run() {
+  for (;;) {
+    try {
+      const subscribe = Object.values(NODES).map((path) => ({ path }));
+      const made = await post("modifyQueue", { subscribe }, TIMEOUT);
+      if (made.ok) await follow(await made.json());
+      else showAll(await readAll(), true);
+    } catch {
+      showConnection("lost", "No answer from the device");
+    }
+    await pause(document.hidden ? 5 * PERIOD : PERIOD);
+  }
+}
+
+run();

@@ -41,7 +41,8 @@ void EventDelivery::settleSent(CMEventQueue* queue)
 }
 
 EventDelivery::EventDelivery(const Message& message, CMEventQueue* queue, quint64 token)
-    : QObject(queue), m_queue(queue), m_token(token), m_message(message.data().message), m_client(message.data().client)
+    : QObject(queue), m_queue(queue), m_token(token), m_message(message.data().message),
+      m_client(message.data().client), m_encrypted(message.isHttps())
 {
     g_signal_connect(m_message, "wrote-headers", G_CALLBACK(onWroteHeaders), this);
     g_signal_connect(m_message, "finished", G_CALLBACK(onFinished), this);
@@ -70,7 +71,7 @@ void EventDelivery::onFinished(SoupMessage* message, gpointer self)
     // The library puts this in place of the status when the connection broke.
     if (message->status_code == SOUP_STATUS_IO_ERROR || delivery->m_leftBeforeBody)
         return delivery->settleAs(true);
-    if (!delivery->m_queue->isHeld(delivery->m_token))
+    if (delivery->m_encrypted || !delivery->m_queue->isHeld(delivery->m_token))
         return delivery->settleAs(false);
     delivery->m_closedByServer = !soup_message_is_keepalive(message);
     delivery->keepSocket();

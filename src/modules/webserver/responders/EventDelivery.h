@@ -16,7 +16,8 @@ class Message;
 /// - the library could not send it;
 /// - the client had closed its side of the connection before the body was sent;
 /// - the client's system refuses it (RST): it does so for bytes that come too late, and for bytes that it took and
-///   that nobody had read when the client closed the connection;
+///   that nobody had read when the client closed the connection. Not with HTTPS, where it does so too when all that is
+///   unread is the end of the encryption;
 /// - it is not acknowledged when the client already asks again on another connection, or after some seconds.
 ///
 /// Otherwise it has arrived. What a client has read from its system and then not looked at, nobody can see; against
@@ -49,6 +50,7 @@ private:
     quint64 m_token;
     SoupMessage* m_message; ///< Null when the exchange is finished; not owned.
     SoupClientContext* m_client; ///< Not owned; lives as long as the exchange.
+    bool m_encrypted;
     bool m_leftBeforeBody = false;
     bool m_closedByServer = false;
     int m_fd = -1; ///< The socket, once the answer is sent.
