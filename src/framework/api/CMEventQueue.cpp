@@ -312,13 +312,13 @@ ZarkList<ZarkEvent> CMEventQueue::takeEvents()
         }
         const Changes changes = std::exchange(m_paths[path].changes, {});
         m_rowEvents -= changes.rows.count();
-        events.append(event(path, changes));
+        events.append(eventOf(path, changes));
         m_held.changes.append({ path, changes });
     }
     return events;
 }
 
-ZarkEvent CMEventQueue::event(const CMPath& path, const Changes& changes) const
+ZarkEvent CMEventQueue::eventOf(const CMPath& path, const Changes& changes) const
 {
     const CMUINode* node = m_tree->node(path);
     QVariantHash roles;

@@ -128,7 +128,7 @@ private:
     void answer(const ZarkList<ZarkEvent>& events);
     /// What the waiting request may read, held from now on.
     ZarkList<ZarkEvent> takeEvents();
-    ZarkEvent event(const CMPath& path, const Changes& changes) const;
+    ZarkEvent eventOf(const CMPath& path, const Changes& changes) const;
 
     void settleBefore(qint64 received);
     void putBack();

@@ -195,15 +195,14 @@ void HttpFetch::fail(HttpClientResult::Failure failure)
     finish(result);
 }
 
-void HttpFetch::finish(const HttpClientResult& result)
+// By value: the parser's own result goes with release().
+void HttpFetch::finish(HttpClientResult result)
 {
     const HttpClient::Callback callback = std::exchange(m_callback, {});
-    // The parser's result goes with release().
-    const HttpClientResult report = result;
     release();
     deleteLater();
     if (callback)
-        callback(report);
+        callback(result);
 }
 
 /// Stops everything at once; what is left is an empty object that waits for its deletion.

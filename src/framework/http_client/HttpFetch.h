@@ -41,7 +41,7 @@ private:
     void dropSocket();
     bool finishIf(HttpResponseParser::State state);
     void fail(HttpClientResult::Failure failure);
-    void finish(const HttpClientResult& result);
+    void finish(HttpClientResult result);
     void release();
 
     QUrl m_url;

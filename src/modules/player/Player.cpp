@@ -5,9 +5,9 @@
 namespace {
 
 constexpr int tickMs = 1000;
-constexpr QLatin1String playing("playing");
-constexpr QLatin1String paused("paused");
-constexpr QLatin1String stopped("stopped");
+const QLatin1String playing("playing");
+const QLatin1String paused("paused");
+const QLatin1String stopped("stopped");
 
 } // namespace
 

@@ -22,11 +22,11 @@ public:
     };
 
     struct Connection {
-        ConnectionLimits* limits;
-        SoupClientContext* client; ///< The key of the table; not owned.
-        quint64 number; ///< Never used again, unlike the pointers.
-        SoupSocket* socket; ///< Not owned.
-        GSocket* gsocket; ///< Not owned.
+        ConnectionLimits* limits = nullptr;
+        SoupClientContext* client = nullptr; ///< The key of the table; not owned.
+        quint64 number = 0; ///< Never used again, unlike the pointers.
+        SoupSocket* socket = nullptr; ///< Not owned.
+        GSocket* gsocket = nullptr; ///< Not owned.
         State state = ReadingHead;
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.

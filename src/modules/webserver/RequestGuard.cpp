@@ -99,7 +99,7 @@ void refuseUnread(SoupMessage* message, guint status)
 }
 
 struct ChunkedBody {
-    Connection* connection;
+    Connection* connection = nullptr;
     qint64 received = 0;
 };
 

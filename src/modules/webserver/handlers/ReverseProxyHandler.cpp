@@ -14,7 +14,7 @@ namespace {
 
 constexpr int ReadSizeLimit = 5 * 1024 * 1024;
 constexpr int TimeoutMilliseconds = 30000;
-constexpr QLatin1String Marker("proxy/");
+const QLatin1String Marker("proxy/");
 
 void answerNotFound(Message* message, const QByteArray& text)
 {
