@@ -57,9 +57,10 @@ int Device::stop(int signal)
     m_process.waitForFinished(StartMilliseconds);
     m_ready = false;
     // What the sanitizers say at the end belongs in the test's output.
-    if (log().contains("ERROR: "))
+    const int status = m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    if (status != 0 && signal != SIGKILL)
         qWarning("%s", log().constData());
-    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    return status;
 }
 
 int Device::exitStatus()
