@@ -23,12 +23,6 @@ QString url(int port, const QByteArray& target)
     return QStringLiteral("https://127.0.0.1:%1%2").arg(port).arg(QString::fromLatin1(target));
 }
 
-QStringList httpsSettings(int port, const TestCertificate& pair)
-{
-    return { QStringLiteral("settings:webserver/httpsPort=%1").arg(port), "settings:webserver/httpsUseDeviceCert=false",
-        "settings:webserver/httpsCert=" + pair.certificate, "settings:webserver/httpsPrivateKey=" + pair.key };
-}
-
 QByteArray setCertificate(const QByteArray& pem)
 {
     const QJsonObject value{ { "type", "string" }, { "value", QString(pem) } };

@@ -50,6 +50,12 @@ TestCertificate makeCertificate(const QByteArray& key)
     return { contentOf(certificate), contentOf(keyFile) };
 }
 
+QStringList httpsSettings(int port, const TestCertificate& pair)
+{
+    return { QStringLiteral("settings:webserver/httpsPort=%1").arg(port), "settings:webserver/httpsUseDeviceCert=false",
+        "settings:webserver/httpsCert=" + pair.certificate, "settings:webserver/httpsPrivateKey=" + pair.key };
+}
+
 QByteArray handshake(int port, const QStringList& arguments, const QByteArray& input)
 {
     const QStringList target{ "s_client", "-connect", QStringLiteral("127.0.0.1:%1").arg(port) };

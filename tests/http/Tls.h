@@ -19,6 +19,8 @@ struct TestCertificate {
     QByteArray key;
 };
 TestCertificate makeCertificate(const QByteArray& key = {});
+/// Of a device that serves HTTPS with just that.
+QStringList httpsSettings(int port, const TestCertificate& pair);
 
 /// What `openssl s_client` says of 127.0.0.1:`port`, its certificate included.
 QByteArray handshake(int port, const QStringList& arguments = {}, const QByteArray& input = {});

@@ -1,7 +1,8 @@
 "use strict";
 
 // Follows a handful of nodes through an event queue and shows them. A node that this device does not have shows as a
-// dash. Where events need a signature that this page does not have, it reads the nodes once a second instead.
+// dash. Where events need a signature that this page does not have, it reads the nodes once a second instead. The
+// volume can be set as well.
 
 const PERIOD = 1000;
 const TIMEOUT = 5000;
@@ -48,9 +49,57 @@ function duration(seconds) {
   return days ? `${days} d ${hours} h` : hours ? `${hours} h ${minutes} min` : `${minutes} min`;
 }
 
-function showPlayer({ volume, mute, state, position, track }) {
+function showVolume(volume) {
   show("volume", volume);
+  // A round end would show even where there is no line.
+  element("volume-arc").style.visibility = volume ? "visible" : "hidden";
   element("volume-arc").style.strokeDasharray = `${volume ?? 0} 100`;
+}
+
+// What the slider wants and the device has not been told; while there is something, older readings do not count.
+let wanted;
+let writing = false;
+
+async function write(volume) {
+  const body = JSON.stringify({ path: NODES.volume, role: "value", value: { type: "i32", value: volume } });
+  const reply = await fetch("/api/setData", {
+    method: "POST", headers: { "Content-Type": "application/json" }, body, signal: AbortSignal.timeout(TIMEOUT),
+  });
+  if (!reply.ok) throw new Error((await reply.json().catch(() => ({}))).error?.message ?? reply.statusText);
+}
+
+// One write at a time, and of all that was wanted meanwhile the last alone.
+async function writeWanted() {
+  if (writing) return;
+  writing = true;
+  try {
+    while (wanted !== undefined) {
+      const volume = wanted;
+      await write(volume);
+      if (wanted === volume) wanted = undefined;
+    }
+    element("refusal").textContent = "";
+  } catch (error) {
+    wanted = undefined;
+    element("refusal").textContent = `Not set: ${error.message}`;
+  }
+  writing = false;
+}
+
+function offerSlider() {
+  element("slider").addEventListener("input", (event) => {
+    wanted = event.target.valueAsNumber;
+    showVolume(wanted);
+    writeWanted();
+  });
+}
+
+function showPlayer({ volume, mute, state, position, track }) {
+  if (wanted === undefined) {
+    showVolume(volume);
+    element("slider").disabled = volume === undefined;
+    element("slider").value = volume ?? 0;
+  }
   show("mute", mute ? "muted" : "");
   show("state", state);
   show("track", track);
@@ -85,12 +134,12 @@ function showMachine({ name, cpu, memoryTotal, memoryAvailable, uptime }) {
 // The tone is among the files that the device offers for reading, when it does.
 function offerTone(files) {
   const audio = element("tone");
-  if (!files) audio.hidden = true;
-  else if (!audio.src) audio.src = `/file/stream${files.replaceAll("\\", "")}tone.wav`;
+  element("listen").hidden = !files;
+  if (files && !audio.src) audio.src = `/file/stream${files.replaceAll("\\", "")}tone.wav`;
 }
 
 function showConnection(state, text) {
-  element("connection").dataset.state = state;
+  document.body.dataset.state = state;
   show("connection", text);
 }
 
@@ -145,4 +194,5 @@ async function run() {
   }
 }
 
+offerSlider();
 run();

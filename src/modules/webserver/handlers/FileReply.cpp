@@ -118,10 +118,18 @@ FileReply::Outcome FileReply::serveLater(const QDateTime& lastModified, const Ma
         [reply = *this, guarded = QPointer<Message>(m_message), mapping](const ETagCacheEntry* entry) mutable {
             if (!guarded || !guarded->isValid())
                 return;
-            if ((entry ? reply.serveMapped(*entry, mapping) : reply.serveChanged()) == Answered)
+            if (reply.serveRead(entry, mapping) == Answered)
                 reply.finish();
         });
     return Waiting;
+}
+
+// Any number of requests wait for one reading, more than one mapping can be sent to: the others get another.
+FileReply::Outcome FileReply::serveRead(const ETagCacheEntry* entry, const Mapping& mapping)
+{
+    if (!entry)
+        return serveChanged();
+    return mapping->canBeSent() ? serveMapped(*entry, mapping) : serveFile(m_file, QString(), m_contentType);
 }
 
 // Once: a file that changes all the time must not be read for ever.

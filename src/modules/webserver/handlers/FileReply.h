@@ -36,6 +36,7 @@ private:
     Outcome serveRegular(const LocalFile& local);
     Outcome serveMapping(const QDateTime& lastModified, const Mapping& mapping);
     Outcome serveLater(const QDateTime& lastModified, const Mapping& mapping);
+    Outcome serveRead(const ETagCacheEntry* entry, const Mapping& mapping);
     Outcome serveChanged();
     Outcome serveMapped(const ETagCacheEntry& entry, const Mapping& mapping);
     Outcome serveGet(const ETagCacheEntry& entry, const Mapping& mapping);
