@@ -56,10 +56,11 @@ int Device::stop(int signal)
     ::kill(static_cast<pid_t>(pid()), signal);
     m_process.waitForFinished(StartMilliseconds);
     m_ready = false;
+    const int status = m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
     // What the sanitizers say at the end belongs in the test's output.
-    if (log().contains("ERROR: "))
+    if (status > 0 || log().contains("ERROR: "))
         qWarning("%s", log().constData());
-    return m_process.exitStatus() == QProcess::NormalExit ? m_process.exitCode() : -1;
+    return status;
 }
 
 int Device::exitStatus()
