@@ -19,6 +19,17 @@ CMValueNode* valueNode(CMNodeTree* tree, const CMPath& path)
     return dynamic_cast<CMValueNode*>(tree->node(path));
 }
 
+// The nodes refuse a key that does not belong to the certificate; an empty one belongs to any.
+CMError give(CMValueNode* certificate, CMValueNode* key, const QByteArray& certificatePem, const QByteArray& keyPem)
+{
+    CMError refused = key->override_(ZarkValue::fromString(QString()));
+    if (refused.isEmpty())
+        refused = certificate->override_(ZarkValue::fromString(QString::fromUtf8(certificatePem)));
+    if (refused.isEmpty())
+        refused = key->override_(ZarkValue::fromString(QString::fromUtf8(keyPem)));
+    return refused;
+}
+
 QByteArray contentOf(const QString& file)
 {
     QFile in(file);
@@ -52,16 +63,19 @@ bool DevelopmentAuthority::apply(CMNodeTree* tree, QString* error)
     m_used = (isOurs || isEmpty) && useDeviceCert->value().bool_() && port->value().i32() > 0;
     if (!m_used)
         return true;
-    if (!load(error))
-        return false;
-    // The nodes refuse a key that does not belong to the certificate; an empty one belongs to any.
-    CMError refused = key->override_(ZarkValue::fromString(QString()));
-    if (refused.isEmpty())
-        refused = certificate->override_(ZarkValue::fromString(QString::fromUtf8(m_certificatePem)));
-    if (refused.isEmpty())
-        refused = key->override_(ZarkValue::fromString(QString::fromUtf8(m_keyPem)));
-    *error = certificateFile() + QStringLiteral(": ") + refused.message().toString();
-    return refused.isEmpty();
+    const QByteArray usedCertificate = m_certificatePem;
+    const QByteArray usedKey = m_keyPem;
+    const bool loaded = load(error);
+    const CMError refused = loaded ? give(certificate, key, m_certificatePem, m_keyPem) : CMError();
+    if (loaded && refused.isEmpty())
+        return true;
+    if (loaded)
+        *error = certificateFile() + QStringLiteral(": ") + refused.message().toString();
+    // What was in use goes on, until the files are put right.
+    m_certificatePem = usedCertificate;
+    m_keyPem = usedKey;
+    give(certificate, key, m_certificatePem, m_keyPem);
+    return false;
 }
 
 bool DevelopmentAuthority::load(QString* error)

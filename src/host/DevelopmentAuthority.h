@@ -14,7 +14,8 @@ public:
 
     /// Gives the web server's settings this authority, for this run only, when they ask for a device certificate and
     /// name no authority; again after the files have changed, when they had it before. False, with a sentence in
-    /// `error`, when it can be neither read nor made. Does nothing to a tree without these settings.
+    /// `error`, when it can be neither read nor made; what was in use stays then. Does nothing to a tree without these
+    /// settings.
     bool apply(CMNodeTree* tree, QString* error);
 
     bool isUsed() const { return m_used; }

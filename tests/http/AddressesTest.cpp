@@ -32,6 +32,7 @@ private Q_SLOTS:
             QFile mode(QStringLiteral("/proc/sys/net/ipv6/conf/%1/addr_gen_mode").arg(interface));
             QVERIFY(mode.open(QIODevice::WriteOnly) && mode.write("1") == 1);
         }
+        m_device.reset(); // The one of the test before would follow these changes, too.
         QVERIFY(ip("address flush dev zark0") && ip("address add 192.0.2.1/24 dev zark0"));
         m_port = Device::freePort();
         m_device =
@@ -41,25 +42,23 @@ private Q_SLOTS:
 
     void theCertificateFollowsAndTheKeyStays()
     {
-        QTRY_VERIFY(names().contains("IP Address:192.0.2.1, IP Address:127.0.0.1"));
+        QVERIFY(names().contains("IP Address:192.0.2.1, IP Address:127.0.0.1"));
         const QByteArray key = publicKey();
         QVERIFY(ip("address add 192.0.2.77/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("IP Address:192.0.2.1, IP Address:192.0.2.77, "), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(names().contains("IP Address:192.0.2.1, IP Address:192.0.2.77, "), 20000);
         QCOMPARE(publicKey(), key);
         QVERIFY(ip("address add 2001:db8::7/64 dev zark0 nodad"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("2001:DB8:0:0:0:0:0:7"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(names().contains("2001:DB8:0:0:0:0:0:7"), 20000);
         QVERIFY(ip("address del 192.0.2.77/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(!names().isEmpty() && !names().contains("192.0.2.77"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(isServedWithout("192.0.2.77"), 20000);
         QCOMPARE(publicKey(), key);
-        const QByteArray verified =
-            handshake(m_port, { "-CAfile", m_device->stateDirectory() + "/authority.pem", "-verify_ip", "192.0.2.1" });
-        QVERIFY2(verified.contains("Verify return code: 0"), verified.constData());
+        QVERIFY(isTrusted(m_port, m_device->stateDirectory() + "/authority.pem", "192.0.2.1"));
     }
 
     void theSameAddressesInAnotherOrderChangeNothing()
     {
         QVERIFY(ip("address add 192.0.2.77/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("192.0.2.77"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(names().contains("192.0.2.77"), 20000);
         const QByteArray before = servedCertificate(m_port);
         QTRY_COMPARE(m_device->log().count(Updating), 2);
         // Moved to another interface: the list is told anew, in another order, with the same members.
@@ -68,7 +67,7 @@ private Q_SLOTS:
         QTRY_VERIFY(m_device->value("system:network/info").contains("192.0.2.77"));
         QTest::qWait(1500);
         QVERIFY(ip("link del aaa0"));
-        QTRY_VERIFY_WITH_TIMEOUT(!names().isEmpty() && !names().contains("192.0.2.77"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(isServedWithout("192.0.2.77"), 20000);
         QVERIFY(!before.isEmpty());
         QTRY_COMPARE(m_device->log().count(Updating), 3); // For the removal.
         QTest::qWait(300);
@@ -79,10 +78,10 @@ private Q_SLOTS:
     {
         QVERIFY(HttpConnection(m_port).isConnected());
         QVERIFY(ip("address flush dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(!HttpConnection(m_port).isConnected(), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(!HttpConnection(m_port).isConnected(), 20000);
         QCOMPARE(m_device->get("/api/getData?path=player:player/volume&roles=value").status, 200);
         QVERIFY(ip("address add 192.0.2.5/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("IP Address:192.0.2.5, IP Address:127.0.0.1"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(names().contains("IP Address:192.0.2.5, IP Address:127.0.0.1"), 20000);
     }
 
     void silentClientsDoNotHoldUpANewCertificate()
@@ -91,12 +90,18 @@ private Q_SLOTS:
         for (int i = 0; i < 20; ++i)
             silent.push_back(std::make_unique<HttpConnection>(m_port));
         QVERIFY(ip("address add 192.0.2.78/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("192.0.2.78"), 8000);
+        QTRY_VERIFY_WITH_TIMEOUT(names().contains("192.0.2.78"), 20000);
         QVERIFY(silent.back()->isClosedWithin(2000));
     }
 
 private:
     QByteArray names() const { return certificateText(servedCertificate(m_port), { "-ext", "subjectAltName" }); }
+    // One look: between two the server may have stopped for the next certificate.
+    bool isServedWithout(const QByteArray& address) const
+    {
+        const QByteArray served = names();
+        return !served.isEmpty() && !served.contains(address);
+    }
     QByteArray publicKey() const { return certificateText(servedCertificate(m_port), { "-pubkey" }); }
 
     int m_port = 0;

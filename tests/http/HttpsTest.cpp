@@ -215,13 +215,14 @@ private Q_SLOTS:
         // A name that somebody has prepared must lead nowhere.
         const QString victim = m_device->stateDirectory() + "/victim";
         replace(victim, "untouched");
-        QFile::remove("/tmp/soup-key.pem");
-        QVERIFY(QFile::link(victim, "/tmp/soup-key.pem"));
+        // Under the lock: other devices, of tests that run beside this one, have their work files there.
+        const QStringList prepare{ "/tmp/soup-dev.lock", "ln", "-sfn", victim, "/tmp/soup-key.pem" };
+        QCOMPARE(runTool("flock", prepare).status, 0);
         const int port = Device::freePort();
         Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
         const QString authority = device.stateDirectory() + "/authority.pem";
 
-        QVERIFY(handshake(port, { "-CAfile", authority, "-verify_ip", "127.0.0.1" }).contains("Verify return code: 0"));
+        QVERIFY(isTrusted(port, authority));
         const ToolResult fetched = runTool("curl", { "-sS", "--cacert", authority, url(port, Value) });
         QCOMPARE(fetched.output, device.get(Value).body);
         QVERIFY(runTool("curl", { "-sS", url(port, Value) }).status != 0);
@@ -243,14 +244,38 @@ private Q_SLOTS:
         QCOMPARE(contentOf(file), authority);
         const QByteArray before = servedCertificate(port);
 
+        // A file that is half there is refused, and what was in use goes on.
         const TestCertificate other = makeCertificate();
+        replace(file, other.certificate.left(100));
+        ::kill(pid_t(device.pid()), SIGHUP);
+        QTRY_VERIFY(device.log().contains("authority.pem: The certificate is not readable as PEM"));
+        QTRY_VERIFY_WITH_TIMEOUT(!servedCertificate(port).isEmpty(), 10000);
+
         replace(file, other.certificate);
         replace(device.stateDirectory() + "/authority-key.pem", other.key);
         ::kill(pid_t(device.pid()), SIGHUP);
-        QTRY_VERIFY_WITH_TIMEOUT(
-            handshake(port, { "-CAfile", file, "-verify_ip", "127.0.0.1" }).contains("Verify return code: 0"), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(isTrusted(port, file), 10000);
         QVERIFY(servedCertificate(port) != before);
         QCOMPARE(device.get(Value).status, 200);
+    }
+
+    void signalsThatKeepComingDoNotPutTheRenewalOff()
+    {
+        Upstream upstream({ { "/hang", { "", 1, true } } });
+        const int port = Device::freePort();
+        Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
+        const QByteArray before = servedCertificate(port);
+        QProcess waiting;
+        const QByteArray hang = "http://127.0.0.1:" + QByteArray::number(upstream.port()) + "/hang";
+        waiting.start("curl", { "-sk", url(port, "/proxy/" + hang.toBase64()) });
+        QTRY_COMPARE(upstream.waiting(), 1);
+        for (int i = 0; i < 16 && upstream.waiting() > 0; ++i) {
+            ::kill(pid_t(device.pid()), SIGHUP);
+            QTest::qWait(500);
+        }
+        QCOMPARE(upstream.waiting(), 0);
+        QTRY_VERIFY_WITH_TIMEOUT(isRenewed(port, before), 10000);
+        QCOMPARE(device.stop(SIGTERM), 0);
     }
 
     void aLanguageReachesBothServersAtOnce()
@@ -272,6 +297,12 @@ private Q_SLOTS:
     }
 
 private:
+    static bool isRenewed(int port, const QByteArray& before)
+    {
+        const QByteArray served = servedCertificate(port);
+        return !served.isEmpty() && served != before;
+    }
+
     TestCertificate m_pair;
     int m_port = 0;
     std::unique_ptr<Device> m_device;

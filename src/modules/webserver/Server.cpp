@@ -232,6 +232,8 @@ void Server::setCertificate(const QString& certificatePem, const QString& keyPem
     m_certificatePem = certificatePem;
     m_keyPem = keyPem;
     m_deviceCertificate.setAuthority(certificatePem + keyPem);
+    if (m_restartTimer.isActive())
+        return; // Requests that keep coming do not put it off.
     m_restartDeadline = QDeadlineTimer(RestartLimitMilliseconds);
     m_restartTimer.start(RestartCheckMilliseconds);
 }
