@@ -201,16 +201,22 @@ CMDatabase::Opening CMDatabase::prepare(QString* error)
     const Opening pages = checkPages(error);
     if (pages != Opening::Opened)
         return pages;
-    const bool made = run("BEGIN IMMEDIATE")
-        && run("CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID")
-        && run(qPrintable(QStringLiteral("PRAGMA application_id=%1").arg(ApplicationId)))
-        && run(qPrintable(QStringLiteral("PRAGMA user_version=%1").arg(Version))) && run("COMMIT");
+    // Nothing is written to a database that is made already: a full disk must not prevent a start.
+    const bool made = pragma("PRAGMA user_version") == Version || makeTables();
     if (!made)
         return failed(error);
     const char* const put = "INSERT INTO node (path, value) VALUES (?1, ?2) "
                             "ON CONFLICT (path) DO UPDATE SET value = excluded.value";
     const int result = sqlite3_prepare_v3(m_connection, put, -1, SQLITE_PREPARE_PERSISTENT, &m_put, nullptr);
     return result == SQLITE_OK ? Opening::Opened : failed(error);
+}
+
+bool CMDatabase::makeTables()
+{
+    return run("BEGIN IMMEDIATE")
+        && run("CREATE TABLE IF NOT EXISTS node (path TEXT PRIMARY KEY, value TEXT NOT NULL) WITHOUT ROWID")
+        && run(qPrintable(QStringLiteral("PRAGMA application_id=%1").arg(ApplicationId)))
+        && run(qPrintable(QStringLiteral("PRAGMA user_version=%1").arg(Version))) && run("COMMIT");
 }
 
 CMDatabase::Opening CMDatabase::checkOwner(QString* error)

@@ -43,6 +43,7 @@ private:
     Opening checkPages(QString* error);
     Opening failed(QString* error) const; ///< What the last result means for opening.
     bool isFresh();
+    bool makeTables();
     int pragma(const char* name);
     bool run(const char* sql);
     bool put(const Write& write);
