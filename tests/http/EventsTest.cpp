@@ -229,6 +229,20 @@ private Q_SLOTS:
         }
     }
 
+    void changingTheQueueDoesNotProlongItsPoll()
+    {
+        const EventClient client(&device(1));
+        const QByteArray queue = client.subscribeItem(Counter);
+        HttpConnection waiting(device(1).port());
+        QElapsedTimer timer;
+        timer.start();
+        EventClient::startPoll(&waiting, queue, 2);
+        QVERIFY(!waiting.hasData(1500));
+        QCOMPARE(device(1).postJson("/api/event/modifyQueue", "{\"queueId\":\"" + queue + "\"}").status, 200);
+        QCOMPARE(waiting.readReply().body, QByteArray("[]"));
+        QVERIFY2(timer.elapsed() < 3000, qPrintable(QString::number(timer.elapsed())));
+    }
+
     void ofTwoPollsTheEarlierIsAnsweredWithNothing()
     {
         EventClient client(&device(1));

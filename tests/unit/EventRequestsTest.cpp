@@ -20,7 +20,9 @@ private Q_SLOTS:
         QTest::newRow("integer") << QVariant(17LL) << true << 17;
         QTest::newRow("negative") << QVariant(-3LL) << true << -3;
         QTest::newRow("too large") << QVariant(1LL << 32) << false << 0;
-        QTest::newRow("fraction") << QVariant(4.0) << false << 0;
+        QTest::newRow("integer with a point") << QVariant(4.0) << true << 4;
+        QTest::newRow("fraction") << QVariant(4.5) << false << 0;
+        QTest::newRow("infinite") << QVariant(qInf()) << false << 0;
         QTest::newRow("bool") << QVariant(true) << false << 0;
         QTest::newRow("hexadecimal") << QVariant("0x10") << false << 0;
         QTest::newRow("list") << QVariant(QVariantList{ 1LL }) << false << 0;

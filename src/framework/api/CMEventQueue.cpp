@@ -166,7 +166,8 @@ void CMEventQueue::setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscrib
             m_tree->addListener(it.key(), this);
     }
     m_subscribtions = subscribtions;
-    startTimer();
+    if (!m_waiting)
+        startTimer();
 }
 
 void CMEventQueue::unsubscribe(const CMPath& path)

@@ -22,7 +22,7 @@ public:
     explicit CMEventQueueManager(QObject* parent = nullptr);
     ~CMEventQueueManager() override; ///< As shutDown().
 
-    /// How long a queue lives without a poll, for the queues made from now on.
+    /// How long a queue lives without a poll or a change of it, for the queues made from now on.
     void setExpiry(int ms) { m_expiryMs = ms; }
 
     /// The queue `queueId`, or a new one when that is empty, after `unsubscribe` and then `subscribe`. A subscription

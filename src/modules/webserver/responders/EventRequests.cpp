@@ -1,5 +1,6 @@
 #include "EventRequests.h"
 
+#include <cmath>
 #include <limits>
 
 #include "ZarkJson.h"
@@ -19,14 +20,26 @@ bool readList(const QVariantHash& fields, const QString& key, ZarkList<ZarkEvent
     return true;
 }
 
-// QVariant itself would round 4.7 and wrap what does not fit.
+// QVariant itself would round 4.7 and wrap what does not fit. Some languages write all their numbers as 4.0.
+qint64 toInteger(const QVariant& value, bool* ok)
+{
+    constexpr double Largest = 9007199254740992.0; // 2^53: above, not every integer has a double of its own.
+    if (value.userType() == QMetaType::Double) {
+        const double number = value.toDouble();
+        *ok = std::abs(number) <= Largest && std::trunc(number) == number;
+        return *ok ? static_cast<qint64>(number) : 0;
+    }
+    *ok = value.userType() == QMetaType::LongLong || value.userType() == QMetaType::QString;
+    return *ok ? value.toString().toLongLong(ok) : 0;
+}
+
 template <class T> bool readInteger(const QVariantHash& fields, const QString& key, T* integer)
 {
     const QVariant value = fields.value(key);
     if (!fields.contains(key))
         return true;
-    bool ok = value.userType() == QMetaType::LongLong || value.userType() == QMetaType::QString;
-    const qint64 wide = ok ? value.toString().toLongLong(&ok) : 0;
+    bool ok = false;
+    const qint64 wide = toInteger(value, &ok);
     *integer = static_cast<T>(wide);
     return ok && wide >= std::numeric_limits<T>::min() && wide <= std::numeric_limits<T>::max();
 }
