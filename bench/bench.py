@@ -26,7 +26,7 @@ from polls import WaitingPolls, events_in
 from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, make_certificate
 from static_files import file_row
 
-SECONDS = 3
+SECONDS = 2
 POLLS = 1000
 
 GET_VALUE = "/api/getData?path=player:player/volume&roles=title,value"
