@@ -1,3 +1,4 @@
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonObject>
@@ -257,6 +258,31 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(isTrusted(port, file), 10000);
         QVERIFY(servedCertificate(port) != before);
         QCOMPARE(device.get(Value).status, 200);
+    }
+
+    void aSecondHandshakeThatStallsGivesItsDescriptorBack()
+    {
+        const int port = Device::freePort();
+        Device device(httpsSettings(port, m_pair) + QStringList{ "settings:webserver/limits/idleSeconds=3" });
+        const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(device.pid()));
+        servedCertificate(port);
+        const auto before = descriptors.entryList(QDir::System | QDir::Files).size();
+        QProcess client;
+        client.setProcessChannelMode(QProcess::MergedChannels);
+        client.start("openssl", { "s_client", "-tls1_2", "-connect", QStringLiteral("127.0.0.1:%1").arg(port) });
+        client.write("GET " + Value + " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        QTRY_VERIFY(client.peek(100000).contains("200 OK"));
+        // The device finds the beginning of a handshake whose client says nothing more.
+        ::kill(pid_t(device.pid()), SIGSTOP);
+        client.write("R\n");
+        QTRY_VERIFY(client.peek(100000).contains("RENEGOTIATING"));
+        QTest::qWait(200);
+        ::kill(pid_t(client.processId()), SIGSTOP);
+        ::kill(pid_t(device.pid()), SIGCONT);
+        QTRY_VERIFY(descriptors.entryList(QDir::System | QDir::Files).size() > before);
+        QTRY_COMPARE_WITH_TIMEOUT(descriptors.entryList(QDir::System | QDir::Files).size(), before, 15000);
+        client.kill();
+        client.waitForFinished();
     }
 
     void signalsThatKeepComingDoNotPutTheRenewalOff()

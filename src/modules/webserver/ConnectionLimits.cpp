@@ -276,12 +276,14 @@ bool ConnectionLimits::mayBeShakingHands(const Connection& connection) const
 void ConnectionLimits::close(Connection* connection)
 {
     // A TLS handshake runs in a thread that holds the descriptor until the client speaks. Nothing but the end of the
-    // stream ends it, and tells the library, which then disconnects. What a client does not read is no reason to wait
-    // either, and a TLS connection would, for the room to say good-bye.
+    // stream ends it, and tells the library, which then disconnects. The same goes for an idle connection, whose client
+    // may have begun another handshake: disconnected in the middle of one, it would keep its descriptor for ever. What
+    // a client does not read is no reason to wait either, and a TLS connection would, for the room to say good-bye.
+    const bool isTls = (m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket;
     const bool isIdle = connection->state == ReadingHead && connection->answeredBefore;
-    if ((m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket && !isIdle)
-        ::shutdown(g_socket_get_fd(connection->gsocket), SHUT_RDWR);
-    if (!mayBeShakingHands(*connection))
+    if (isTls)
+        ::shutdown(g_socket_get_fd(connection->gsocket), isIdle ? SHUT_RD : SHUT_RDWR);
+    if (!isTls || connection->state != ReadingHead)
         soup_socket_disconnect(connection->socket);
 }
 
