@@ -58,396 +58,328 @@ private:
 class HostTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void init();
-    void cleanup();
+    void init()
+    {
+        m_directory.reset(new QTemporaryDir);
+        m_host.reset(new QProcess);
+        m_environment = QProcessEnvironment::systemEnvironment();
+        m_environment.remove(QStringLiteral("JOURNAL_STREAM"));
+        m_output.clear();
+        write(QStringLiteral("tree.json"), testTree);
+    }
 
-    void namesTheFaultInOneLine_data();
-    void namesTheFaultInOneLine();
-    void refusesAnEventLoopWithoutGlib();
-    void printsWhatIsAskedAndLeaves_data();
-    void printsWhatIsAskedAndLeaves();
-    void checkStartsNothing();
-    void announcesWhatItsWorkersServe_data();
-    void announcesWhatItsWorkersServe();
-    void stopsInReverseOrderOnASignal_data();
-    void stopsInReverseOrderOnASignal();
-    void leavesAtOnceOnASecondSignal();
-    void reloadsOnHangUp();
-    void overridesForOneRunOnly();
-    void runsTheDemoDeviceAndKeepsItsStatePrivate();
-    void tellsTheServiceManager_data();
-    void tellsTheServiceManager();
-    void isNotHeldUpByAManagerThatDoesNotRead();
-    void logsInTheJournalsFormToTheJournalOnly_data();
-    void logsInTheJournalsFormToTheJournalOnly();
+    void cleanup()
+    {
+        m_host->kill();
+        m_host->waitForFinished();
+    }
+
+    void namesTheFaultInOneLine_data()
+    {
+        QTest::addColumn<QString>("arguments");
+        QTest::addColumn<QByteArray>("tree");
+        QTest::addColumn<QString>("pattern");
+        const auto row = [](const char* name, const char* arguments, const char* pattern, const char* tree = testTree) {
+            QTest::newRow(name) << QString::fromLatin1(arguments) << QByteArray(tree)
+                                << (QStringLiteral("^zark-host: ") + QLatin1String(pattern));
+        };
+        row("no state", "--tree tree.json", "--state DIR is missing$");
+        row("log level", "--tree tree.json --state s --log-level loud", "--log-level loud: ");
+        row("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
+        row("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
+        row("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
+        row("misspelled key", "--tree tree.json --state s", "tree.json:3: .*\"titel\"",
+            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n"
+            "  {\"path\": \"a:c\", \"type\": \"container\", \"titel\": \"C\"}]}");
+        row("value out of its bounds", "--tree tree.json --check", "tree.json:2: ",
+            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"value\", \"value\": {\"type\": \"i32\", \"value\": 7},\n"
+            "   \"edit\": {\"maximum\": 6}}]}");
+        row("path declared twice", "--tree tree.json --state s", "tree.json:3: .*a:b",
+            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n  {\"path\": \"a:b\", \"type\": "
+            "\"container\"}]}");
+        row("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
+        row("module is no library", "--tree tree.json --check --worker ./tree.json",
+            "module './tree.json': .*tree.json");
+        row("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
+        row("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
+        row("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
+            "--set player:none: ");
+        row("set out of range", "--tree tree.json --check --set test:value=10", "--set test:value: ");
+        row("set of a module's node out of range",
+            "--tree tree.json --state s --worker player --set player:player/volume=101",
+            "--set player:player/volume: ");
+    }
+
+    void namesTheFaultInOneLine()
+    {
+        QFETCH(QString, arguments);
+        QFETCH(QByteArray, tree);
+        QFETCH(QString, pattern);
+        write(QStringLiteral("tree.json"), tree);
+        start(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
+        QCOMPARE(finish(), 2);
+        QCOMPARE(m_output, QByteArray());
+        const QByteArray error = m_host->readAllStandardError();
+        QVERIFY2(error.count('\n') == 1 && error.endsWith('\n'), error.constData());
+        const QString line = QString::fromUtf8(error).chopped(1);
+        QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), error.constData());
+    }
+
+    void refusesAnEventLoopWithoutGlib()
+    {
+        m_environment.insert(QStringLiteral("QT_NO_GLIB"), QStringLiteral("1"));
+        startRecorders();
+        QCOMPARE(finish(), 2);
+        QCOMPARE(m_host->readAllStandardError().count('\n'), 1);
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
+    }
+
+    void checkStartsNothing()
+    {
+        startRecorders({ QStringLiteral("--check"), QStringLiteral("--set"), QStringLiteral("first:later=1") });
+        QCOMPARE(finish(), 0);
+        QCOMPARE(m_output + m_host->readAllStandardError(), QByteArray());
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
+    }
+
+    void announcesWhatItsWorkersServe_data()
+    {
+        QTest::addColumn<QString>("addresses");
+        QTest::addColumn<QString>("errors");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("output");
+        const auto row = [](const char* name, const char* addresses, const char* errors, int status,
+                             const char* output) {
+            QTest::newRow(name) << QString::fromLatin1(addresses) << QString::fromLatin1(errors) << status
+                                << QByteArray(output);
+        };
+        const char* both = "listening on http://a/\nlistening on https://b/\n"
+                           "listening on http://a/\nlistening on https://b/\nready\n";
+        row("two addresses", "[\"http://a/\", \"https://b/\"]", "[]", 0, both);
+        row("one of two failed", "[\"http://a/\"]", "[\"port 443 is busy\"]", 0,
+            "listening on http://a/\nlistening on http://a/\nready\n");
+        row("all failed", "[]", "[\"port 80 is busy\"]", 3, "");
+        row("no server wanted", "[]", "[]", 0, "ready\n");
+    }
+
+    void announcesWhatItsWorkersServe()
+    {
+        QFETCH(QString, addresses);
+        QFETCH(QString, errors);
+        QFETCH(int, status);
+        QFETCH(QByteArray, output);
+        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:addresses=") + addresses,
+            QStringLiteral("--set"), QStringLiteral("test:errors=") + errors });
+        if (status == 0) {
+            QVERIFY(waitForReady());
+            m_host->terminate();
+        }
+        QCOMPARE(finish(), status);
+        QCOMPARE(m_output, output);
+        const bool isBusyLogged = m_host->readAllStandardError().contains("is busy");
+        QCOMPARE(isBusyLogged, errors.contains(QLatin1String("is busy")));
+    }
+
+    void stopsInReverseOrderOnASignal()
+    {
+        startRecorders();
+        QVERIFY(waitForReady());
+        QElapsedTimer timer;
+        timer.start();
+        kill(pid_t(m_host->processId()), SIGTERM);
+        QCOMPARE(finish(), 0);
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(read(QStringLiteral("state/record")),
+            QByteArray("first made with 1\nsecond made with 1\n"
+                       "second shuts down\nfirst shuts down\nsecond answers\nfirst answers\n"
+                       "second destroyed\nfirst destroyed\n"));
+        QCOMPARE(m_host->readAllStandardError(), QByteArray());
+    }
+
+    void leavesAtOnceOnASecondSignal()
+    {
+        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:hangs=true") });
+        QVERIFY(waitForReady());
+        kill(pid_t(m_host->processId()), SIGTERM);
+        QTRY_VERIFY(read(QStringLiteral("state/record")).contains("shuts down"));
+        kill(pid_t(m_host->processId()), SIGINT);
+        QCOMPARE(finish(), 128 + SIGINT);
+    }
+
+    void reloadsOnHangUp()
+    {
+        // The log goes nowhere at first, and stays there while the file is missing.
+        write(QStringLiteral("log.ini"), "log4cplus.rootLogger=OFF\n");
+        startRecorders({ QStringLiteral("--log-config"), QStringLiteral("log.ini") });
+        QVERIFY(waitForReady());
+        QVERIFY(QFile::remove(path(QStringLiteral("log.ini"))));
+        kill(pid_t(m_host->processId()), SIGHUP);
+        QTRY_VERIFY(read(QStringLiteral("state/record")).endsWith("first reloads\nsecond reloads\n"));
+        write(QStringLiteral("log.ini"),
+            "log4cplus.rootLogger=INFO, E\nlog4cplus.appender.E=log4cplus::ConsoleAppender\n"
+            "log4cplus.appender.E.logToStdErr=true\n");
+        kill(pid_t(m_host->processId()), SIGHUP);
+        QTRY_COMPARE(read(QStringLiteral("state/record")).count("reloads"), 4);
+        m_host->terminate();
+        QCOMPARE(finish(), 0);
+        QVERIFY(m_host->readAllStandardError().contains("read the log configuration again"));
+    }
+
+    void overridesForOneRunOnly()
+    {
+        const CMPath value = CMPath::fromEncoded(QStringLiteral("test:value"));
+        const QString database = path(QStringLiteral("state.db"));
+        QString error;
+        {
+            CMStore store;
+            QVERIFY(store.open(database, &error));
+            store.write(value, ZarkValue::fromI32(5), {});
+        }
+        QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("state")));
+        QVERIFY(QFile::rename(database, path(QStringLiteral("state/state.db"))));
+        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:value=7") });
+        QVERIFY(waitForReady());
+        m_host->terminate();
+        QCOMPARE(finish(), 0);
+        QVERIFY(read(QStringLiteral("state/record")).startsWith("first made with 7\n"));
+        CMStore store;
+        QVERIFY(store.open(path(QStringLiteral("state/state.db")), &error));
+        QCOMPARE(store.value(value).i32(), 5);
+    }
+
+    void runsTheDemoDeviceAndKeepsItsStatePrivate()
+    {
+        start({ QStringLiteral("--tree"), QStringLiteral(DEMO_TREE), QStringLiteral("--state"),
+            QStringLiteral("var/state"), QStringLiteral("--worker"), QStringLiteral("player") });
+        QVERIFY(waitForReady());
+        const QFileInfo state(path(QStringLiteral("var/state")));
+        QCOMPARE(int(state.permissions() & 0x0077), 0);
+        m_host->terminate();
+        QCOMPARE(finish(), 0);
+        QCOMPARE(m_host->readAllStandardError(), QByteArray());
+    }
+
+    void tellsTheServiceManager_data()
+    {
+        QTest::addColumn<QByteArray>("name");
+        QTest::newRow("socket file") << QByteArray();
+        QTest::newRow("abstract socket") << "@zark-host-test-" + QByteArray::number(getpid());
+    }
+
+    void tellsTheServiceManager()
+    {
+        QFETCH(QByteArray, name);
+        if (name.isEmpty())
+            name = QFile::encodeName(path(QStringLiteral("notify")));
+        const NotifySocket manager(name);
+        QVERIFY(manager.isBound());
+        m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
+        m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("100000"));
+        startRecorders();
+        QCOMPARE(manager.next(), QByteArray("READY=1"));
+        QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
+        QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
+        kill(pid_t(m_host->processId()), SIGTERM);
+        QByteArray last;
+        while ((last = manager.next()) == "WATCHDOG=1") { }
+        QCOMPARE(last, QByteArray("STOPPING=1"));
+        QCOMPARE(finish(), 0);
+    }
+
+    void isNotHeldUpByAManagerThatDoesNotRead()
+    {
+        const QByteArray name = QFile::encodeName(path(QStringLiteral("notify")));
+        const NotifySocket manager(name);
+        QVERIFY(manager.isBound());
+        m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
+        // A message each millisecond fills the socket's queue (ten messages by default, hundreds on some machines).
+        m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("2000"));
+        startRecorders();
+        QVERIFY(waitForReady());
+        QTest::qWait(800);
+        QElapsedTimer timer;
+        timer.start();
+        m_host->terminate();
+        QCOMPARE(finish(), 0);
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
+    }
+
+    void logsInTheJournalsFormToTheJournalOnly_data()
+    {
+        QTest::addColumn<bool>("isJournal");
+        QTest::newRow("the journal is standard error") << true;
+        QTest::newRow("the journal is another file") << false;
+    }
+
+    void logsInTheJournalsFormToTheJournalOnly()
+    {
+        QFETCH(bool, isJournal);
+        struct stat status = {};
+        const QString journal = write(QStringLiteral("journal"), "");
+        QCOMPARE(stat(QFile::encodeName(journal).constData(), &status), 0);
+        m_environment.insert(QStringLiteral("JOURNAL_STREAM"),
+            QStringLiteral("%1:%2").arg(status.st_dev).arg(status.st_ino + (isJournal ? 0 : 1)));
+        m_host->setStandardErrorFile(journal);
+        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:errors=[\"port 80 is busy\"]") });
+        QCOMPARE(finish(), 3);
+        const QByteArray log = read(QStringLiteral("journal"));
+        QVERIFY2(log.contains("port 80 is busy"), log.constData());
+        QCOMPARE(log.startsWith("<3>"), isJournal);
+    }
 
 private:
     QString path(const QString& name) const { return m_directory->filePath(name); }
-    QString write(const QString& name, const QByteArray& content) const;
-    QByteArray read(const QString& name) const;
-    void start(const QStringList& arguments);
-    void startRecorders(const QStringList& more = {});
-    bool waitForReady();
-    int finish(); ///< The exit status; -1 when it crashed or still runs after five seconds.
+    QString write(const QString& name, const QByteArray& content) const
+    {
+        QFile file(path(name));
+        if (!file.open(QFile::WriteOnly) || file.write(content) != content.size())
+            qFatal("cannot write a file of the test");
+        return file.fileName();
+    }
+    QByteArray read(const QString& name) const
+    {
+        QFile file(path(name));
+        return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    void start(const QStringList& arguments)
+    {
+        m_host->setProcessEnvironment(m_environment);
+        m_host->setWorkingDirectory(m_directory->path());
+        m_host->start(QStringLiteral(ZARK_HOST), arguments);
+    }
+
+    void startRecorders(const QStringList& more = {})
+    {
+        start(QStringList{ QStringLiteral("--tree"), QStringLiteral("tree.json"), QStringLiteral("--state"),
+                  QStringLiteral("state"), QStringLiteral("--worker"), QStringLiteral(RECORDER_FIRST),
+                  QStringLiteral("--worker"), QStringLiteral(RECORDER_SECOND) }
+            + more);
+    }
+
+    bool waitForReady()
+    {
+        const QDeadlineTimer limit(10000);
+        while (!m_output.endsWith("ready\n") && !limit.hasExpired()) {
+            m_host->waitForReadyRead(100);
+            m_output += m_host->readAllStandardOutput();
+        }
+        return m_output.endsWith("ready\n");
+    }
+
+    /// The exit status; -1 when it crashed or still runs after five seconds.
+    int finish()
+    {
+        const bool finished = m_host->state() == QProcess::NotRunning || m_host->waitForFinished(5000);
+        m_output += m_host->readAllStandardOutput();
+        return finished && m_host->exitStatus() == QProcess::NormalExit ? m_host->exitCode() : -1;
+    }
 
     QScopedPointer<QTemporaryDir> m_directory;
     QScopedPointer<QProcess> m_host;
     QProcessEnvironment m_environment;
     QByteArray m_output;
 };
-
-void HostTest::init()
-{
-    m_directory.reset(new QTemporaryDir);
-    m_host.reset(new QProcess);
-    m_environment = QProcessEnvironment::systemEnvironment();
-    m_environment.remove(QStringLiteral("JOURNAL_STREAM"));
-    m_output.clear();
-    write(QStringLiteral("tree.json"), testTree);
-}
-
-void HostTest::cleanup()
-{
-    m_host->kill();
-    m_host->waitForFinished();
-}
-
-QString HostTest::write(const QString& name, const QByteArray& content) const
-{
-    QFile file(path(name));
-    if (!file.open(QFile::WriteOnly) || file.write(content) != content.size())
-        qFatal("cannot write a file of the test");
-    return file.fileName();
-}
-
-QByteArray HostTest::read(const QString& name) const
-{
-    QFile file(path(name));
-    return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void HostTest::start(const QStringList& arguments)
-{
-    m_host->setProcessEnvironment(m_environment);
-    m_host->setWorkingDirectory(m_directory->path());
-    m_host->start(QStringLiteral(ZARK_HOST), arguments);
-}
-
-void HostTest::startRecorders(const QStringList& more)
-{
-    start(QStringList{ QStringLiteral("--tree"), QStringLiteral("tree.json"), QStringLiteral("--state"),
-              QStringLiteral("state"), QStringLiteral("--worker"), QStringLiteral(RECORDER_FIRST),
-              QStringLiteral("--worker"), QStringLiteral(RECORDER_SECOND) }
-        + more);
-}
-
-bool HostTest::waitForReady()
-{
-    const QDeadlineTimer limit(10000);
-    while (!m_output.endsWith("ready\n") && !limit.hasExpired()) {
-        m_host->waitForReadyRead(100);
-        m_output += m_host->readAllStandardOutput();
-    }
-    return m_output.endsWith("ready\n");
-}
-
-int HostTest::finish()
-{
-    const bool finished = m_host->state() == QProcess::NotRunning || m_host->waitForFinished(5000);
-    m_output += m_host->readAllStandardOutput();
-    return finished && m_host->exitStatus() == QProcess::NormalExit ? m_host->exitCode() : -1;
-}
-
-void HostTest::namesTheFaultInOneLine_data()
-{
-    QTest::addColumn<QString>("arguments");
-    QTest::addColumn<QByteArray>("tree");
-    QTest::addColumn<QString>("pattern");
-    const auto row = [](const char* name, const char* arguments, const char* pattern, const char* tree = testTree) {
-        QTest::newRow(name) << QString::fromLatin1(arguments) << QByteArray(tree)
-                            << (QStringLiteral("^zark-host: ") + QLatin1String(pattern));
-    };
-    row("no flags", "", "--tree FILE is missing$");
-    row("no state", "--tree tree.json", "--state DIR is missing$");
-    row("unknown flag", "--tree tree.json --state s --bogus", ".*'bogus'");
-    row("flag without value", "--state s --tree", ".*'--tree'");
-    row("stray argument", "--tree tree.json --state s tree.json", ".*'tree.json'$");
-    row("log level", "--tree tree.json --state s --log-level loud", "--log-level loud: ");
-    row("both log flags", "--tree tree.json --state s --log-level info --log-config x",
-        "--log-config and --log-level ");
-    row("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
-    row("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
-    row("no tree file", "--tree none.json --state s", "none.json: ");
-    row("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
-    row("misspelled key", "--tree tree.json --state s", "tree.json:3: .*\"titel\"",
-        "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n"
-        "  {\"path\": \"a:c\", \"type\": \"container\", \"titel\": \"C\"}]}");
-    row("value out of its bounds", "--tree tree.json --check", "tree.json:2: ",
-        "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"value\", \"value\": {\"type\": \"i32\", \"value\": 7},\n"
-        "   \"edit\": {\"maximum\": 6}}]}");
-    row("path declared twice", "--tree tree.json --state s", "tree.json:3: .*a:b",
-        "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n  {\"path\": \"a:b\", \"type\": "
-        "\"container\"}]}");
-    row("missing module", "--tree tree.json --state s --worker none", "module 'none': .*libzark_none.so$");
-    row("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
-    row("module is no library", "--tree tree.json --check --worker ./tree.json", "module './tree.json': .*tree.json");
-    row("module twice", "--tree tree.json --check --worker player --worker player", "--worker names ");
-    row("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
-    row("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
-    row("set of no node", "--tree tree.json --check --set test:none=1", "--set test:none: ");
-    row("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
-        "--set player:none: ");
-    row("set of another type", "--tree tree.json --check --set test:value=x", "--set test:value: ");
-    row("set out of range", "--tree tree.json --check --set test:value=10", "--set test:value: ");
-    row("set of a module's node out of range",
-        "--tree tree.json --state s --worker player --set player:player/volume=101", "--set player:player/volume: ");
-}
-
-void HostTest::namesTheFaultInOneLine()
-{
-    QFETCH(QString, arguments);
-    QFETCH(QByteArray, tree);
-    QFETCH(QString, pattern);
-    write(QStringLiteral("tree.json"), tree);
-    start(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
-    QCOMPARE(finish(), 2);
-    QCOMPARE(m_output, QByteArray());
-    const QByteArray error = m_host->readAllStandardError();
-    QVERIFY2(error.count('\n') == 1 && error.endsWith('\n'), error.constData());
-    const QString line = QString::fromUtf8(error).chopped(1);
-    QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), error.constData());
-}
-
-void HostTest::refusesAnEventLoopWithoutGlib()
-{
-    m_environment.insert(QStringLiteral("QT_NO_GLIB"), QStringLiteral("1"));
-    startRecorders();
-    QCOMPARE(finish(), 2);
-    QCOMPARE(m_host->readAllStandardError().count('\n'), 1);
-    QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
-}
-
-void HostTest::printsWhatIsAskedAndLeaves_data()
-{
-    QTest::addColumn<QString>("flag");
-    QTest::addColumn<QByteArray>("text");
-    QTest::newRow("version") << QStringLiteral("--version") << QByteArray("zark-host ");
-    QTest::newRow("help") << QStringLiteral("--help") << QByteArray("--set <PATH=VALUE>");
-}
-
-void HostTest::printsWhatIsAskedAndLeaves()
-{
-    QFETCH(QString, flag);
-    QFETCH(QByteArray, text);
-    start({ flag });
-    QCOMPARE(finish(), 0);
-    QVERIFY2(m_output.contains(text), m_output.constData());
-}
-
-void HostTest::checkStartsNothing()
-{
-    startRecorders({ QStringLiteral("--check"), QStringLiteral("--set"), QStringLiteral("first:later=1") });
-    QCOMPARE(finish(), 0);
-    QCOMPARE(m_output + m_host->readAllStandardError(), QByteArray());
-    QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
-}
-
-void HostTest::announcesWhatItsWorkersServe_data()
-{
-    QTest::addColumn<QString>("addresses");
-    QTest::addColumn<QString>("errors");
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("output");
-    const auto row = [](const char* name, const char* addresses, const char* errors, int status, const char* output) {
-        QTest::newRow(name) << QString::fromLatin1(addresses) << QString::fromLatin1(errors) << status
-                            << QByteArray(output);
-    };
-    const char* both = "listening on http://a/\nlistening on https://b/\n"
-                       "listening on http://a/\nlistening on https://b/\nready\n";
-    row("two addresses", R"(["http://a/", "https://b/"])", "[]", 0, both);
-    row("one of two failed", R"(["http://a/"])", R"(["port 443 is busy"])", 0,
-        "listening on http://a/\nlistening on http://a/\nready\n");
-    row("all failed", "[]", R"(["port 80 is busy"])", 3, "");
-    row("no server wanted", "[]", "[]", 0, "ready\n");
-}
-
-void HostTest::announcesWhatItsWorkersServe()
-{
-    QFETCH(QString, addresses);
-    QFETCH(QString, errors);
-    QFETCH(int, status);
-    QFETCH(QByteArray, output);
-    startRecorders({ QStringLiteral("--set"), QStringLiteral("test:addresses=") + addresses, QStringLiteral("--set"),
-        QStringLiteral("test:errors=") + errors });
-    if (status == 0) {
-        QVERIFY(waitForReady());
-        m_host->terminate();
-    }
-    QCOMPARE(finish(), status);
-    QCOMPARE(m_output, output);
-    const bool isBusyLogged = m_host->readAllStandardError().contains("is busy");
-    QCOMPARE(isBusyLogged, errors.contains(QLatin1String("is busy")));
-}
-
-void HostTest::stopsInReverseOrderOnASignal_data()
-{
-    QTest::addColumn<int>("number");
-    QTest::newRow("SIGTERM") << SIGTERM;
-    QTest::newRow("SIGINT") << SIGINT;
-}
-
-void HostTest::stopsInReverseOrderOnASignal()
-{
-    QFETCH(int, number);
-    startRecorders();
-    QVERIFY(waitForReady());
-    QElapsedTimer timer;
-    timer.start();
-    kill(pid_t(m_host->processId()), number);
-    QCOMPARE(finish(), 0);
-    QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-    QCOMPARE(read(QStringLiteral("state/record")),
-        QByteArray("first made with 1\nsecond made with 1\n"
-                   "second shuts down\nfirst shuts down\nsecond answers\nfirst answers\n"
-                   "second destroyed\nfirst destroyed\n"));
-    QCOMPARE(m_host->readAllStandardError(), QByteArray());
-}
-
-void HostTest::leavesAtOnceOnASecondSignal()
-{
-    startRecorders({ QStringLiteral("--set"), QStringLiteral("test:hangs=true") });
-    QVERIFY(waitForReady());
-    kill(pid_t(m_host->processId()), SIGTERM);
-    QTRY_VERIFY(read(QStringLiteral("state/record")).contains("shuts down"));
-    kill(pid_t(m_host->processId()), SIGINT);
-    QCOMPARE(finish(), 128 + SIGINT);
-}
-
-void HostTest::reloadsOnHangUp()
-{
-    // The log goes nowhere at first, and stays there while the file is missing.
-    write(QStringLiteral("log.ini"), "log4cplus.rootLogger=OFF\n");
-    startRecorders({ QStringLiteral("--log-config"), QStringLiteral("log.ini") });
-    QVERIFY(waitForReady());
-    QVERIFY(QFile::remove(path(QStringLiteral("log.ini"))));
-    kill(pid_t(m_host->processId()), SIGHUP);
-    QTRY_VERIFY(read(QStringLiteral("state/record")).endsWith("first reloads\nsecond reloads\n"));
-    write(QStringLiteral("log.ini"),
-        "log4cplus.rootLogger=INFO, E\nlog4cplus.appender.E=log4cplus::ConsoleAppender\n"
-        "log4cplus.appender.E.logToStdErr=true\n");
-    kill(pid_t(m_host->processId()), SIGHUP);
-    QTRY_COMPARE(read(QStringLiteral("state/record")).count("reloads"), 4);
-    m_host->terminate();
-    QCOMPARE(finish(), 0);
-    QVERIFY(m_host->readAllStandardError().contains("read the log configuration again"));
-}
-
-void HostTest::overridesForOneRunOnly()
-{
-    const CMPath value = CMPath::fromEncoded(QStringLiteral("test:value"));
-    const QString database = path(QStringLiteral("state.db"));
-    QString error;
-    {
-        CMStore store;
-        QVERIFY(store.open(database, &error));
-        store.write(value, ZarkValue::fromI32(5), {});
-    }
-    QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("state")));
-    QVERIFY(QFile::rename(database, path(QStringLiteral("state/state.db"))));
-    startRecorders({ QStringLiteral("--set"), QStringLiteral("test:value=7") });
-    QVERIFY(waitForReady());
-    m_host->terminate();
-    QCOMPARE(finish(), 0);
-    QVERIFY(read(QStringLiteral("state/record")).startsWith("first made with 7\n"));
-    CMStore store;
-    QVERIFY(store.open(path(QStringLiteral("state/state.db")), &error));
-    QCOMPARE(store.value(value).i32(), 5);
-}
-
-void HostTest::runsTheDemoDeviceAndKeepsItsStatePrivate()
-{
-    start({ QStringLiteral("--tree"), QStringLiteral(DEMO_TREE), QStringLiteral("--state"), QStringLiteral("var/state"),
-        QStringLiteral("--worker"), QStringLiteral("player"), QStringLiteral("--set"),
-        QStringLiteral("player:player/volume=77") });
-    QVERIFY(waitForReady());
-    const QFileInfo state(path(QStringLiteral("var/state")));
-    QCOMPARE(int(state.permissions() & 0x0077), 0);
-    m_host->terminate();
-    QCOMPARE(finish(), 0);
-    QCOMPARE(m_host->readAllStandardError(), QByteArray());
-    CMStore store;
-    QString error;
-    QVERIFY(store.open(path(QStringLiteral("var/state/state.db")), &error));
-    QVERIFY(!store.value(CMPath::fromEncoded(QStringLiteral("player:player/volume"))).isValid());
-}
-
-void HostTest::tellsTheServiceManager_data()
-{
-    QTest::addColumn<QByteArray>("name");
-    QTest::newRow("socket file") << QByteArray();
-    QTest::newRow("abstract socket") << "@zark-host-test-" + QByteArray::number(getpid());
-}
-
-void HostTest::tellsTheServiceManager()
-{
-    QFETCH(QByteArray, name);
-    if (name.isEmpty())
-        name = QFile::encodeName(path(QStringLiteral("notify")));
-    const NotifySocket manager(name);
-    QVERIFY(manager.isBound());
-    m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
-    m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("100000"));
-    startRecorders();
-    QCOMPARE(manager.next(), QByteArray("READY=1"));
-    QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
-    QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
-    kill(pid_t(m_host->processId()), SIGTERM);
-    QByteArray last;
-    while ((last = manager.next()) == "WATCHDOG=1") { }
-    QCOMPARE(last, QByteArray("STOPPING=1"));
-    QCOMPARE(finish(), 0);
-}
-
-void HostTest::isNotHeldUpByAManagerThatDoesNotRead()
-{
-    const QByteArray name = QFile::encodeName(path(QStringLiteral("notify")));
-    const NotifySocket manager(name);
-    QVERIFY(manager.isBound());
-    m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
-    // A message each millisecond fills the socket's queue (ten messages by default, hundreds on some machines).
-    m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("2000"));
-    startRecorders();
-    QVERIFY(waitForReady());
-    QTest::qWait(800);
-    QElapsedTimer timer;
-    timer.start();
-    m_host->terminate();
-    QCOMPARE(finish(), 0);
-    QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-}
-
-void HostTest::logsInTheJournalsFormToTheJournalOnly_data()
-{
-    QTest::addColumn<bool>("isJournal");
-    QTest::newRow("the journal is standard error") << true;
-    QTest::newRow("the journal is another file") << false;
-}
-
-void HostTest::logsInTheJournalsFormToTheJournalOnly()
-{
-    QFETCH(bool, isJournal);
-    struct stat status = {};
-    const QString journal = write(QStringLiteral("journal"), "");
-    QCOMPARE(stat(QFile::encodeName(journal).constData(), &status), 0);
-    m_environment.insert(QStringLiteral("JOURNAL_STREAM"),
-        QStringLiteral("%1:%2").arg(status.st_dev).arg(status.st_ino + (isJournal ? 0 : 1)));
-    m_host->setStandardErrorFile(journal);
-    startRecorders({ QStringLiteral("--set"), QStringLiteral("test:errors=[\"port 80 is busy\"]") });
-    QCOMPARE(finish(), 3);
-    const QByteArray log = read(QStringLiteral("journal"));
-    QVERIFY2(log.contains("port 80 is busy"), log.constData());
-    QCOMPARE(log.startsWith("<3>"), isJournal);
-}
 
 QTEST_GUILESS_MAIN(HostTest)
 #include "HostTest.moc"

@@ -16,7 +16,7 @@ const CMPath LatePath = CMPath::fromEncoded(QStringLiteral("test:values/late"));
 const CMPath ListPath = CMPath::fromEncoded(QStringLiteral("test:list"));
 const CMPath ValuesPath = CMPath::fromEncoded(QStringLiteral("test:values"));
 
-CMListNode::Row row(int content)
+CMListNode::Row rowOf(int content)
 {
     return { { ZarkRoles::Title(), content } };
 }
@@ -93,11 +93,11 @@ private:
         else if (word.startsWith(QLatin1Char('t')))
             m_volume->setTitle(TrString(argument));
         else if (word.startsWith(QLatin1Char('i')))
-            QVERIFY(m_list->insertRow(index, row(1)));
+            QVERIFY(m_list->insertRow(index, rowOf(1)));
         else if (word.startsWith(QLatin1Char('r')))
             QVERIFY(m_list->removeRow(index));
         else if (word.startsWith(QLatin1Char('u')))
-            QVERIFY(m_list->updateRow(index, row(2)));
+            QVERIFY(m_list->updateRow(index, rowOf(2)));
         else
             QVERIFY(m_list->moveRow(index, argument.section(QLatin1Char('>'), 1).toInt()));
     }
@@ -123,88 +123,39 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("script");
         QTest::addColumn<QString>("answers");
+        const auto row = [](const char* name, const QString& script, const QString& answers) {
+            QTest::newRow(name) << script << answers;
+        };
         const QString many = QStringLiteral("i0 ").repeated(CMRowChanges::Maximum);
-        QTest::newRow("the newest value") << "v1 v2 v3 poll poll"
-                                          << "volume: value=3|";
-        QTest::newRow("the same value") << "v0 poll"
-                                        << "";
-        QTest::newRow("each role once") << "ta v1 tb poll"
-                                        << "volume: title=b value=1";
-        QTest::newRow("first changed first") << "i1 v1 i1 poll"
-                                             << "list: i1 i1, volume: value=1";
-        QTest::newRow("a node appears") << "+late poll"
-                                        << "values: i1, late: all type=value value=7";
-        QTest::newRow("a node vanishes")
-            << "+late poll -late poll"
-            << "values: i1, late: all type=value value=7|values: r1, late: all type= value=";
-        QTest::newRow("a node comes and goes") << "+late -late poll"
-                                               << "values: i1 r1, late: all type= value=";
-        QTest::newRow("a list vanishes") << "i0 -list poll"
-                                         << "list: all type= value=";
-        QTest::newRow("a list is another one") << "i0 -list +list i0 poll"
-                                               << "list: all type=list value= *";
+        row("the newest value", "v1 v2 v3 poll poll", "volume: value=3|");
+        row("each role once", "ta v1 tb poll", "volume: title=b value=1");
+        row("a node appears", "+late poll", "values: i1, late: all type=value value=7");
+        row("a node vanishes", "+late poll -late poll",
+            "values: i1, late: all type=value value=7|values: r1, late: all type= value=");
+        row("a list is another one", "i0 -list +list i0 poll", "list: all type=list value= *");
 
-        QTest::newRow("what may not be read waits") << "hide v1 i0 poll v2 poll show poll"
-                                                    << "list: i0||volume: value=2";
+        row("a row with another index before", "u4 i2 u4 r0 u4 m4>2 u4 poll", "list: u4 i2 u4 r0 u4 m4>2 u4");
+        row("as many rows as fit", many + "poll", "list: " + many.trimmed());
+        row("too many rows", many + "r0 u3 poll u1 poll", "list: *|list: u1");
 
-        QTest::newRow("rows in order") << "i3 r1 m2>4 u3 poll"
-                                       << "list: i3 r1 m2>4 u3";
-        QTest::newRow("rows updated often") << "u1 u2 u1 u2 poll u1 poll"
-                                            << "list: u1 u2|list: u1";
-        QTest::newRow("a new row updated") << "i4 u4 poll"
-                                           << "list: i4 u4";
-        QTest::newRow("a row with another index before") << "u4 i2 u4 r0 u4 m4>2 u4 poll"
-                                                         << "list: u4 i2 u4 r0 u4 m4>2 u4";
-        QTest::newRow("as many rows as fit") << many + "poll"
-                                             << "list: " + many.trimmed();
-        QTest::newRow("too many rows") << many + "r0 u3 poll u1 poll"
-                                       << "list: *|list: u1";
+        row("confirmed", "v1 settle confirm poll", "volume: value=1|");
+        row("lost, and the newest value", "v1 settle lose v2 poll", "volume: value=1|volume: value=2");
+        row("lost rows go first", "i0 settle u0 v1 lose i3 poll", "list: i0|list: i0 u0 i3, volume: value=1");
+        row("lost rows are too many", "r0 settle " + many + "lose poll", "list: r0|list: *");
+        row("a lost reset", many + "i0 settle u1 lose i0 poll", "list: *|list: *");
 
-        QTest::newRow("confirmed") << "v1 settle confirm poll"
-                                   << "volume: value=1|";
-        QTest::newRow("lost") << "v1 settle lose poll poll"
-                              << "volume: value=1|volume: value=1|";
-        QTest::newRow("lost, and the newest value") << "v1 settle lose v2 poll"
-                                                    << "volume: value=1|volume: value=2";
-        QTest::newRow("lost twice") << "v1 settle lose settle lose poll"
-                                    << "volume: value=1|volume: value=1|volume: value=1";
-        QTest::newRow("never settled") << "v1 settle v2 settle confirm poll"
-                                       << "volume: value=1|volume: value=2|";
-        QTest::newRow("settled too late") << "v1 settle v2 settle lose-earlier confirm poll"
-                                          << "volume: value=1|volume: value=2|";
-        QTest::newRow("confirmed, then lost") << "v1 settle confirm lose poll"
-                                              << "volume: value=1|";
-        QTest::newRow("lost rows go first") << "i0 settle u0 v1 lose i3 poll"
-                                            << "list: i0|list: i0 u0 i3, volume: value=1";
-        QTest::newRow("lost rows are too many") << "r0 settle " + many + "lose poll"
-                                                << "list: r0|list: *";
-        QTest::newRow("a lost reset") << many + "i0 settle u1 lose i0 poll"
-                                      << "list: *|list: *";
-
-        QTest::newRow("counted") << "v1 count count"
-                                 << "volume: value=1|";
-        QTest::newRow("counted, with nothing to be read") << "hide v1 count count i0 count"
-                                                          << "||list: i0";
-        QTest::newRow("counted as missing") << "v1 count miss"
-                                            << "volume: value=1|volume: value=1";
-        QTest::newRow("counted though it seemed lost") << "v1 count lose count"
-                                                       << "volume: value=1|";
-        QTest::newRow("missing though confirmed") << "v1 count confirm v2 miss"
-                                                  << "volume: value=1|volume: value=2";
-        QTest::newRow("counted, and no more") << "v1 count confirm poll"
-                                              << "volume: value=1|";
-        QTest::newRow("counted, and never settled") << "v1 count poll"
-                                                    << "volume: value=1|volume: value=1";
-        QTest::newRow("missing twice") << "v1 count miss miss count"
-                                       << "volume: value=1|volume: value=1|volume: value=1|";
-        QTest::newRow("an unknown count") << "v1 count wild count"
-                                          << "volume: value=1|volume: all type=value value=1, late: all type= value=, "
-                                             "list: all type=list value= *, values: all type=container value= *|";
+        row("counted though it seemed lost", "v1 count lose count", "volume: value=1|");
+        row("missing though confirmed", "v1 count confirm v2 miss", "volume: value=1|volume: value=2");
+        row("counted, and no more", "v1 count confirm poll", "volume: value=1|");
+        row("counted, and never settled", "v1 count poll", "volume: value=1|volume: value=1");
+        row("an unknown count", "v1 count wild count",
+            "volume: value=1|volume: all type=value value=1, late: all type= value=, "
+            "list: all type=list value= *, values: all type=container value= *|");
     }
     void tellsWhatChanged()
     {
         QFETCH(QString, script);
-        m_list->setRows(QVector<CMListNode::Row>(5, row(0)));
+        m_list->setRows(QVector<CMListNode::Row>(5, rowOf(0)));
         CMEventQueue* queue = modify({},
             { subscription(VolumePath), subscription(LatePath), subscription(ListPath, "rows"),
                 subscription(ValuesPath, "rows") });
@@ -283,38 +234,22 @@ private Q_SLOTS:
         QCOMPARE(m_root->tree()->listenerCount(VolumePath), 0);
     }
 
-    void shutsDown()
-    {
-        CMEventQueue* queue = modify({}, { subscription(VolumePath) });
-        const Poll waiting = poll(queue, 300);
-        m_manager->shutDown();
-        QVERIFY(waiting.answer->done && waiting.answer->events.isEmpty());
-        QVERIFY(poll(queue, 300).answer->done);
-        QVERIFY(!modify({}, {}));
-    }
-
     void refuses_data()
     {
         QTest::addColumn<QString>("path");
         QTest::addColumn<QString>("type");
         QTest::addColumn<int>("count");
         QTest::addColumn<bool>("accepted");
-        QTest::newRow("a path with no node") << "other:x"
-                                             << "item" << 1 << true;
-        QTest::newRow("the old form") << "/player/volume"
-                                      << "rows" << 1 << true;
-        QTest::newRow("no path") << ""
-                                 << "item" << 1 << false;
-        QTest::newRow("an invalid path") << "test:a b"
-                                         << "item" << 1 << false;
-        QTest::newRow("another type") << "test:list"
-                                      << "row" << 1 << false;
-        QTest::newRow("a long path") << "test:" + QString(1019, QLatin1Char('a')) << "item" << 1 << true;
-        QTest::newRow("a path too long") << "test:" + QString(1020, QLatin1Char('a')) << "item" << 1 << false;
-        QTest::newRow("as many as a queue holds") << "test:"
-                                                  << "item" << 997 << true;
-        QTest::newRow("more than a queue holds") << "test:"
-                                                 << "item" << 998 << false;
+        const auto row = [](const char* name, const QString& path, const QString& type, int count, bool accepted) {
+            QTest::newRow(name) << path << type << count << accepted;
+        };
+        row("a path with no node", "other:x", "item", 1, true);
+        row("no path", "", "item", 1, false);
+        row("an invalid path", "test:a b", "item", 1, false);
+        row("a long path", "test:" + QString(1019, QLatin1Char('a')), "item", 1, true);
+        row("a path too long", "test:" + QString(1020, QLatin1Char('a')), "item", 1, false);
+        row("as many as a queue holds", "test:", "item", 997, true);
+        row("more than a queue holds", "test:", "item", 998, false);
     }
     void refuses()
     {
@@ -371,17 +306,6 @@ private Q_SLOTS:
         for (int i = full; i < CMEventQueueManager::MaximumQueues; ++i)
             QVERIFY(modify({}, {}));
         QVERIFY(!modify({}, {}));
-    }
-
-    void judgesPermissions()
-    {
-        const QSet<ZarkPermission::Enum> open{ ZarkPermission::Open };
-        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath) }, open));
-        m_volume->setPermission(ZarkPermission::Open);
-        QVERIFY(m_manager->checkPermissions({ subscription(VolumePath) }, open));
-        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath), subscription(ListPath) }, open));
-        QVERIFY(!m_manager->checkPermissions({ subscription(VolumePath), subscription(LatePath) }, open));
-        QVERIFY(m_manager->checkPermissions({}, open));
     }
 };
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QHostAddress>
-#include <QList>
 #include <QTcpServer>
 
 class QTcpSocket;

@@ -47,65 +47,61 @@ class HttpsClientTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void certificateMustBeTheNames_data();
-    void certificateMustBeTheNames();
+    void initTestCase()
+    {
+        QTemporaryDir directory;
+        const QString certificate = directory.filePath(QStringLiteral("cert.pem"));
+        const QString key = directory.filePath(QStringLiteral("key.pem"));
+        QCOMPARE(QProcess::execute(QStringLiteral("openssl"),
+                     { "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days",
+                         "2", "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", key,
+                         "-out", certificate }),
+            0);
+        QFile file(key);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        m_key = QSslKey(&file, QSsl::Ec);
+        m_certificate = QSslCertificate::fromPath(certificate).value(0);
+        QVERIFY(!m_key.isNull() && !m_certificate.isNull());
+    }
+
+    void certificateMustBeTheNames_data()
+    {
+        QTest::addColumn<QString>("host");
+        QTest::addColumn<bool>("trusted");
+        QTest::addColumn<int>("status");
+        const int broken = HttpClientResult::Unreachable;
+        QTest::newRow("trusted and the name's") << "localhost" << true << 200;
+        QTest::newRow("of another name") << "127.0.0.1" << true << broken;
+        QTest::newRow("not trusted") << "localhost" << false << broken;
+    }
+
+    void certificateMustBeTheNames()
+    {
+        QFETCH(QString, host);
+        QFETCH(bool, trusted);
+        QFETCH(int, status);
+        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+        configuration.setCaCertificates(trusted ? QList<QSslCertificate>{ m_certificate } : QList<QSslCertificate>());
+        QSslConfiguration::setDefaultConfiguration(configuration);
+        TlsServer server(m_certificate, m_key);
+
+        HttpClientResult result;
+        bool called = false;
+        HttpClient::get(ZarkUrl(QStringLiteral("https://%1:%2/").arg(host).arg(server.serverPort())), {},
+            [&](const HttpClientResult& answer) {
+                called = true;
+                result = answer;
+            });
+        QTRY_VERIFY(called);
+        QCOMPARE(result.status, status);
+        QCOMPARE(result.body, QByteArray(status == 200 ? "secret" : ""));
+        QCOMPARE(server.asked, status == 200); // Nothing is asked of a server that is not the one.
+    }
 
 private:
     QSslCertificate m_certificate;
     QSslKey m_key;
 };
-
-void HttpsClientTest::initTestCase()
-{
-    QTemporaryDir directory;
-    const QString certificate = directory.filePath(QStringLiteral("cert.pem"));
-    const QString key = directory.filePath(QStringLiteral("key.pem"));
-    QCOMPARE(QProcess::execute(QStringLiteral("openssl"),
-                 { "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
-                     "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", key, "-out",
-                     certificate }),
-        0);
-    QFile file(key);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    m_key = QSslKey(&file, QSsl::Ec);
-    m_certificate = QSslCertificate::fromPath(certificate).value(0);
-    QVERIFY(!m_key.isNull() && !m_certificate.isNull());
-}
-
-void HttpsClientTest::certificateMustBeTheNames_data()
-{
-    QTest::addColumn<QString>("host");
-    QTest::addColumn<bool>("trusted");
-    QTest::addColumn<int>("status");
-    const int broken = HttpClientResult::Unreachable;
-    QTest::newRow("trusted and the name's") << "localhost" << true << 200;
-    QTest::newRow("of another name") << "127.0.0.1" << true << broken;
-    QTest::newRow("not trusted") << "localhost" << false << broken;
-}
-
-void HttpsClientTest::certificateMustBeTheNames()
-{
-    QFETCH(QString, host);
-    QFETCH(bool, trusted);
-    QFETCH(int, status);
-    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-    configuration.setCaCertificates(trusted ? QList<QSslCertificate>{ m_certificate } : QList<QSslCertificate>());
-    QSslConfiguration::setDefaultConfiguration(configuration);
-    TlsServer server(m_certificate, m_key);
-
-    HttpClientResult result;
-    bool called = false;
-    HttpClient::get(ZarkUrl(QStringLiteral("https://%1:%2/").arg(host).arg(server.serverPort())), {},
-        [&](const HttpClientResult& answer) {
-            called = true;
-            result = answer;
-        });
-    QTRY_VERIFY(called);
-    QCOMPARE(result.status, status);
-    QCOMPARE(result.body, QByteArray(status == 200 ? "secret" : ""));
-    QCOMPARE(server.asked, status == 200); // Nothing is asked of a server that is not the one.
-}
 
 QTEST_GUILESS_MAIN(HttpsClientTest)
 #include "HttpsClientTest.moc"

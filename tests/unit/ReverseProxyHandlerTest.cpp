@@ -7,34 +7,6 @@ class ReverseProxyHandlerTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void theTargetIsWhatStandsBehindTheMarker_data()
-    {
-        QTest::addColumn<QByteArray>("uri");
-        QTest::addColumn<QString>("target");
-        const QByteArray host = "http://device/";
-        const QByteArray target = "http://example.org/a?b=c&d=\xc3\xbc>>>???";
-        const QByteArray code = target.toBase64();
-        QVERIFY(code.contains('/') && code.contains('+'));
-        QTest::newRow("path") << host + "proxy/" + code << QString::fromUtf8(target);
-        QTest::newRow("without padding") << host + "proxy/" + target.toBase64(QByteArray::OmitTrailingEquals)
-                                         << QString::fromUtf8(target);
-        QTest::newRow("behind other segments") << host + "a/b/proxy/" + code << QString::fromUtf8(target);
-        QTest::newRow("in the query") << host + "a?x=proxy/" + code << QString::fromUtf8(target);
-        QTest::newRow("nothing behind") << host + "proxy/"
-                                        << "";
-        QTest::newRow("no marker") << host + "proxy"
-                                   << "";
-        QTest::newRow("capitals") << host + "PROXY/" + code << "";
-        QTest::newRow("no code") << host + "proxy/%%%"
-                                 << "";
-    }
-
-    void theTargetIsWhatStandsBehindTheMarker()
-    {
-        QFETCH(QByteArray, uri);
-        QTEST(ReverseProxyHandler::extractOriginalUrl(QString::fromUtf8(uri)), "target");
-    }
-
     void remoteClientsFetchOnlyWhatIsElsewhere_data()
     {
         QTest::addColumn<QString>("address");

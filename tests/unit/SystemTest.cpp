@@ -32,120 +32,81 @@ class SystemTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void processorShare_data();
-    void processorShare();
-    void valuesAreThisMachines();
-    void nothingIsSampledForNobody();
-    void readSamplesAtMostOnceASecond();
-    void watchingKeepsSampling();
+    void processorShare_data()
+    {
+        QTest::addColumn<QByteArray>("earlier");
+        QTest::addColumn<QByteArray>("later");
+        QTest::addColumn<double>("percent");
+        const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
+        QTest::newRow("idle and waiting are not busy") << zero << QByteArray("cpu  0 0 0 60 40 0 0 0 0 0\n") << 0.0;
+        QTest::newRow("guests are in user already") << zero << QByteArray("cpu  50 0 0 50 0 0 0 0 50 0\n") << 50.0;
+        QTest::newRow("waiting that steps back")
+            << QByteArray("cpu  0 0 0 0 50 0 0 0 0 0\n") << QByteArray("cpu  60 0 0 0 0 0 0 0 0 0\n") << 100.0;
+        QTest::newRow("no tick") << zero << zero << -1.0;
+        QTest::newRow("unreadable") << zero << QByteArray() << -1.0;
+    }
+
+    void processorShare()
+    {
+        QFETCH(QByteArray, earlier);
+        QFETCH(QByteArray, later);
+        QFETCH(double, percent);
+        const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
+        QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
+    }
+
+    void valuesAreThisMachines()
+    {
+        CMRootWorker root;
+        const std::unique_ptr<CMNodesWorker> worker(worker_create({}));
+        QCOMPARE(worker->name(), QStringLiteral("system"));
+
+        QCOMPARE(read("system:memory/total").i64() >> 26, (sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)) >> 26);
+        const qint64 available = read("system:memory/available").i64();
+        QVERIFY(available > 0 && available < read("system:memory/total").i64());
+        const qint64 process = read("system:memory/process").i64();
+        QVERIFY2(process > 1 << 20 && process < 1 << 30, QByteArray::number(process));
+        QVERIFY(qAbs(read("system:time/now").i64() - QDateTime::currentMSecsSinceEpoch()) < 2000);
+
+        QFile uptime(QStringLiteral("/proc/uptime"));
+        QVERIFY(uptime.open(QIODevice::ReadOnly));
+        QVERIFY(
+            qAbs(double(read("system:uptime/seconds").i64()) - uptime.readAll().split(' ').first().toDouble()) <= 2);
+        char name[256] = {};
+        gethostname(name, sizeof name - 1);
+        QCOMPARE(read("system:host/name").string(), QString::fromLocal8Bit(name));
+
+        QFile load(QStringLiteral("/proc/loadavg"));
+        QVERIFY(load.open(QIODevice::ReadOnly));
+        QVERIFY(qAbs(read("system:load/fifteen").double_() - load.readAll().split(' ').at(2).toDouble()) < 0.2);
+        const ZarkValue processor = read("system:load/cpu");
+        QVERIFY(processor.type() == ZarkValueType::Double && processor.double_() > 0 && processor.double_() <= 100);
+        QCOMPARE(read("system:network/info").type(), ZarkValueType::NetworkInfo);
+    }
+
+    void watchingKeepsSampling()
+    {
+        CMRootWorker root;
+        CMNodes nodes(root.tree());
+        SystemNodes system(&nodes);
+        auto now = std::make_unique<CMValueItem>(nullptr, path("system:time/now"));
+        auto load = std::make_unique<CMValueItem>(nullptr, path("system:load/one"));
+        QSignalSpy changes(now.get(), &CMValueItem::changed);
+
+        QTRY_COMPARE_WITH_TIMEOUT(system.sampleCount(), 4, 5000);
+        QVERIFY(changes.count() >= 3);
+        const qint64 told = qvariant_cast<ZarkValue>(changes.last().first()).i64();
+        QVERIFY(told - qvariant_cast<ZarkValue>(changes.first().first()).i64() >= 1900);
+        read("system:host/name"); // What is watched is fresh for everybody.
+        QCOMPARE(system.sampleCount(), 4);
+
+        now.reset();
+        QTRY_COMPARE_WITH_TIMEOUT(system.sampleCount(), 5, 2000); // Another one is watched still.
+        load.reset();
+        QTest::qWait(1300);
+        QCOMPARE(system.sampleCount(), 5);
+    }
 };
-
-void SystemTest::processorShare_data()
-{
-    QTest::addColumn<QByteArray>("earlier");
-    QTest::addColumn<QByteArray>("later");
-    QTest::addColumn<double>("percent");
-    const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
-    QTest::newRow("idle and waiting are not busy") << zero << QByteArray("cpu  0 0 0 60 40 0 0 0 0 0\n") << 0.0;
-    QTest::newRow("all the others are") << zero << QByteArray("cpu  10 10 10 40 0 10 10 10 0 0\n") << 60.0;
-    QTest::newRow("guests are in user already") << zero << QByteArray("cpu  50 0 0 50 0 0 0 0 50 0\n") << 50.0;
-    QTest::newRow("since the earlier one")
-        << QByteArray("cpu  100 0 0 0 0 0 0 0 0 0\n") << QByteArray("cpu  101 0 0 3 0 0 0 0 0 0\n") << 25.0;
-    QTest::newRow("an old kernel's four fields") << zero << QByteArray("cpu 1 0 0 1\n") << 50.0;
-    QTest::newRow("waiting that steps back")
-        << QByteArray("cpu  0 0 0 0 50 0 0 0 0 0\n") << QByteArray("cpu  60 0 0 0 0 0 0 0 0 0\n") << 100.0;
-    QTest::newRow("no tick") << zero << zero << -1.0;
-    QTest::newRow("unreadable") << zero << QByteArray() << -1.0;
-}
-
-void SystemTest::processorShare()
-{
-    QFETCH(QByteArray, earlier);
-    QFETCH(QByteArray, later);
-    QFETCH(double, percent);
-    const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
-    QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
-}
-
-void SystemTest::valuesAreThisMachines()
-{
-    CMRootWorker root;
-    const std::unique_ptr<CMNodesWorker> worker(worker_create({}));
-    QCOMPARE(worker->name(), QStringLiteral("system"));
-
-    QCOMPARE(read("system:memory/total").i64() >> 26, (sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)) >> 26);
-    const qint64 available = read("system:memory/available").i64();
-    QVERIFY(available > 0 && available < read("system:memory/total").i64());
-    const qint64 process = read("system:memory/process").i64();
-    QVERIFY2(process > 1 << 20 && process < 1 << 30, QByteArray::number(process));
-    QVERIFY(qAbs(read("system:time/now").i64() - QDateTime::currentMSecsSinceEpoch()) < 2000);
-
-    QFile uptime(QStringLiteral("/proc/uptime"));
-    QVERIFY(uptime.open(QIODevice::ReadOnly));
-    QVERIFY(qAbs(double(read("system:uptime/seconds").i64()) - uptime.readAll().split(' ').first().toDouble()) <= 2);
-    char name[256] = {};
-    gethostname(name, sizeof name - 1);
-    QCOMPARE(read("system:host/name").string(), QString::fromLocal8Bit(name));
-
-    QFile load(QStringLiteral("/proc/loadavg"));
-    QVERIFY(load.open(QIODevice::ReadOnly));
-    QVERIFY(qAbs(read("system:load/fifteen").double_() - load.readAll().split(' ').at(2).toDouble()) < 0.2);
-    const ZarkValue processor = read("system:load/cpu");
-    QVERIFY(processor.type() == ZarkValueType::Double && processor.double_() > 0 && processor.double_() <= 100);
-    QCOMPARE(read("system:network/info").type(), ZarkValueType::NetworkInfo);
-}
-
-void SystemTest::nothingIsSampledForNobody()
-{
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    SystemNodes system(&nodes);
-    CMValueItem elsewhere(nullptr, path("system:elsewhere"));
-    QTest::qWait(1300);
-    QCOMPARE(system.sampleCount(), 0);
-}
-
-void SystemTest::readSamplesAtMostOnceASecond()
-{
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    SystemNodes system(&nodes);
-
-    const qint64 first = read("system:time/now").i64();
-    QVERIFY(first > 0);
-    read("system:load/one");
-    read("system:memory/process");
-    QCOMPARE(read("system:time/now").i64(), first);
-    QCOMPARE(system.sampleCount(), 1);
-
-    QTest::qWait(1300);
-    QCOMPARE(system.sampleCount(), 1); // No timer has run for a reader who is gone.
-    QVERIFY(read("system:time/now").i64() >= first + 1300);
-    QCOMPARE(system.sampleCount(), 2);
-}
-
-void SystemTest::watchingKeepsSampling()
-{
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    SystemNodes system(&nodes);
-    auto now = std::make_unique<CMValueItem>(nullptr, path("system:time/now"));
-    auto load = std::make_unique<CMValueItem>(nullptr, path("system:load/one"));
-    QSignalSpy changes(now.get(), &CMValueItem::changed);
-
-    QTRY_COMPARE_WITH_TIMEOUT(system.sampleCount(), 4, 5000);
-    QVERIFY(changes.count() >= 3);
-    const qint64 told = qvariant_cast<ZarkValue>(changes.last().first()).i64();
-    QVERIFY(told - qvariant_cast<ZarkValue>(changes.first().first()).i64() >= 1900);
-    read("system:host/name"); // What is watched is fresh for everybody.
-    QCOMPARE(system.sampleCount(), 4);
-
-    now.reset();
-    QTRY_COMPARE_WITH_TIMEOUT(system.sampleCount(), 5, 2000); // Another one is watched still.
-    load.reset();
-    QTest::qWait(1300);
-    QCOMPARE(system.sampleCount(), 5);
-}
 
 QTEST_GUILESS_MAIN(SystemTest)
 #include "SystemTest.moc"

@@ -47,7 +47,7 @@ QByteArray answer(int status, const QByteArray& body)
         + "\r\nConnection: close\r\n\r\n" + body;
 }
 
-/// A server that knows nothing of HTTP: it answers one request after the other from a script and keeps what came.
+/// Answers one request after the other from a script and keeps what came.
 class ScriptedServer : public QObject {
     Q_OBJECT
 
@@ -151,219 +151,165 @@ class ZarkctlTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void sendsAndPrints_data();
-    void sendsAndPrints();
-    void exitStatus_data();
-    void exitStatus();
-    void everyRequestIsSigned_data();
-    void everyRequestIsSigned();
-    void passwordsTravelEncrypted();
-    void rowsStartAgainWhenTheListChanged();
-    void watchPrintsOneLineAnEvent();
+    void sendsAndPrints_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<QByteArray>("request"); // method, target and body
+        const auto row = [](const char* name, const QStringList& arguments, const QByteArray& reply,
+                             const QByteArray& request) {
+            QTest::newRow(name) << arguments << reply << request;
+        };
 
-private:
-    /// The options of a user whose password is "pass.wörd".
-    QStringList signedAs(const QString& user);
-
-    QTemporaryFile m_password;
-};
-
-QStringList ZarkctlTest::signedAs(const QString& user)
-{
-    if (!m_password.isOpen()) {
-        m_password.open();
-        m_password.write("pass.w\xc3\xb6rd\n");
-        m_password.flush();
+        const QByteArray big = "[{\"type\":\"i64\",\"value\":9223372036854775807}]";
+        row("get keeps 64 bits", QStringList{ "get", "demo:values/i64", "--roles", "value" }, big,
+            "GET /api/getData?path=demo:values/i64&roles=value ");
+        QTest::newRow("get escapes the path")
+            << QStringList{ "get", QString::fromUtf8("a:ü&x %2F+") } << QByteArray("[]")
+            << QByteArray("GET /api/getData?path=a:%C3%BC%26x%20%252F%2B&roles=title,value ");
+        QTest::newRow("set number keeps 64 bits")
+            << QStringList{ "set", "a:b", "9223372036854775807" } << QByteArray("null")
+            << QByteArray("POST /api/setData {\"path\":\"a:b\",\"role\":\"value\",\"value\":9223372036854775807}");
+        row("set JSON", QStringList{ "set", "a:b", "{\"type\":\"i32\",\"value\":1}", "--role", "title" }, "null",
+            QByteArray("POST /api/setData "
+                       "{\"path\":\"a:b\",\"role\":\"title\",\"value\":{\"type\":\"i32\","
+                       "\"value\":1}}"));
+        QTest::newRow("set plain text")
+            << QStringList{ "set", "a:b", "1, \"two\"" } << QByteArray("null")
+            << QByteArray("POST /api/setData {\"path\":\"a:b\",\"role\":\"value\",\"value\":\"1, \\\"two\\\"\"}");
     }
-    return { "--user", user, "--password-file", m_password.fileName() };
-}
 
-void ZarkctlTest::sendsAndPrints_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QByteArray>("reply");
-    QTest::addColumn<QByteArray>("request"); // method, target and body
+    void sendsAndPrints()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, reply);
+        QFETCH(QByteArray, request);
+        ScriptedServer server({ answer(200, reply) });
+        const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + arguments);
+        QCOMPARE(outcome.errors, QByteArray());
+        QCOMPARE(outcome.output, QByteArray(reply + '\n'));
+        QCOMPARE(outcome.status, 0);
+        const Received received = server.received().value(0);
+        QCOMPARE(received.method + ' ' + received.target + ' ' + received.body, request);
+        QVERIFY(!received.headers.contains("authorization"));
+    }
 
-    const QByteArray big = "[{\"type\":\"i64\",\"value\":9223372036854775807}]";
-    QTest::newRow("get keeps 64 bits") << QStringList{ "get", "demo:values/i64", "--roles", "value" } << big
-                                       << QByteArray("GET /api/getData?path=demo:values/i64&roles=value ");
-    QTest::newRow("get all roles as an object") << QStringList{ "get", "a:b", "--roles", "@all",
-        "--structure" } << QByteArray("{}") << QByteArray("GET /api/getData?path=a:b&roles=@all&type=structure ");
-    QTest::newRow("get escapes the path")
-        << QStringList{ "get", QString::fromUtf8("a:ü&x %2F+") } << QByteArray("[]")
-        << QByteArray("GET /api/getData?path=a:%C3%BC%26x%20%252F%2B&roles=title,value ");
-    QTest::newRow("set number keeps 64 bits")
-        << QStringList{ "set", "a:b", "9223372036854775807" } << QByteArray("null")
-        << QByteArray("POST /api/setData {\"path\":\"a:b\",\"role\":\"value\",\"value\":9223372036854775807}");
-    QTest::newRow("set negative number") << QStringList{ "set", "a:b", "--", "-5" } << QByteArray("null")
-                                         << QByteArray(
-                                                "POST /api/setData {\"path\":\"a:b\",\"role\":\"value\",\"value\":-5}");
-    QTest::newRow("set JSON") << QStringList{ "set", "a:b", "{\"type\":\"i32\",\"value\":1}", "--role", "title" }
-                              << QByteArray("null")
-                              << QByteArray("POST /api/setData "
-                                            "{\"path\":\"a:b\",\"role\":\"title\",\"value\":{\"type\":\"i32\","
-                                            "\"value\":1}}");
-    QTest::newRow("set plain text")
-        << QStringList{ "set", "a:b", "1, \"two\"" } << QByteArray("null")
-        << QByteArray("POST /api/setData {\"path\":\"a:b\",\"role\":\"value\",\"value\":\"1, \\\"two\\\"\"}");
-}
+    void exitStatus_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QByteArray>("reply"); // empty: the connection closes without one
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("error");
+        const auto row = [](const char* name, const QStringList& arguments, const QByteArray& reply, int status,
+                             const QByteArray& error) {
+            QTest::newRow(name) << arguments << reply << status << error;
+        };
 
-void ZarkctlTest::sendsAndPrints()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QByteArray, reply);
-    QFETCH(QByteArray, request);
-    ScriptedServer server({ answer(200, reply) });
-    const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + arguments);
-    QCOMPARE(outcome.errors, QByteArray());
-    QCOMPARE(outcome.output, QByteArray(reply + '\n'));
-    QCOMPARE(outcome.status, 0);
-    const Received received = server.received().value(0);
-    QCOMPARE(received.method + ' ' + received.target + ' ' + received.body, request);
-    QVERIFY(!received.headers.contains("authorization"));
-}
+        const QStringList get{ "get", "a:b" };
+        const QByteArray notFound = "{\"error\":{\"name\":\"notFound\",\"message\":\"No such node\"}}";
+        row("framework error", get, answer(500, notFound), 1, "zarkctl: notFound: No such node (HTTP 500)\n");
+        row("plain text", get, answer(404, "Not here"), 1, "zarkctl: Not here (HTTP 404)\n");
+        QTest::newRow("redirect is no answer")
+            << get << answer(302, "") << 1 << QByteArray("zarkctl: error (HTTP 302)\n");
+        row("no answer", get, QByteArray(), 3, QByteArray());
+        row("answer cut short", get, answer(200, "[1, 2]").chopped(3), 3, QByteArray());
+        row("no path", QStringList{ "get" }, QByteArray(), 2, QByteArray());
+        row("another command's option", QStringList{ "get", "a:b", "--from", "1" }, QByteArray(), 2,
+            "zarkctl: get takes no option --from\n");
+        QTest::newRow("no password file")
+            << QStringList{ "get", "a:b", "--user", "u", "--password-file", "/nowhere" } << QByteArray() << 2
+            << QByteArray("zarkctl: /nowhere: No such file or directory\n");
+        row("passwd without a user", QStringList{ "passwd" }, QByteArray(), 2, QByteArray());
+    }
 
-void ZarkctlTest::exitStatus_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QByteArray>("reply"); // empty: the connection closes without one
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("error");
+    void exitStatus()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, reply);
+        QFETCH(int, status);
+        QFETCH(QByteArray, error);
+        ScriptedServer server(reply.isEmpty() ? QList<QByteArray>() : QList<QByteArray>{ reply });
+        const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + arguments);
+        QCOMPARE(outcome.status, status);
+        QCOMPARE(outcome.output, QByteArray());
+        if (error.isEmpty())
+            QVERIFY(outcome.errors.startsWith("zarkctl: "));
+        else
+            QCOMPARE(outcome.errors, error);
+        if (status == 2)
+            QVERIFY(server.received().isEmpty());
+    }
 
-    const QStringList get{ "get", "a:b" };
-    const QByteArray notFound = "{\"error\":{\"name\":\"notFound\",\"message\":\"No such node\"}}";
-    QTest::newRow("framework error") << get << answer(500, notFound) << 1
-                                     << QByteArray("zarkctl: notFound: No such node (HTTP 500)\n");
-    QTest::newRow("refused") << get << answer(401, "{\"error\":{\"name\":\"failed\",\"message\":\"Forbidden\"}}") << 1
-                             << QByteArray("zarkctl: failed: Forbidden (HTTP 401)\n");
-    QTest::newRow("plain text") << get << answer(404, "Not here") << 1 << QByteArray("zarkctl: Not here (HTTP 404)\n");
-    QTest::newRow("redirect is no answer") << get << answer(302, "") << 1 << QByteArray("zarkctl: error (HTTP 302)\n");
-    QTest::newRow("queue refused") << QStringList{ "watch", "a:b" } << answer(400, "Unable") << 1
-                                   << QByteArray("zarkctl: Unable (HTTP 400)\n");
-    QTest::newRow("no answer") << get << QByteArray() << 3 << QByteArray();
-    QTest::newRow("answer cut short") << get << answer(200, "[1, 2]").chopped(3) << 3 << QByteArray();
-    QTest::newRow("no command") << QStringList{} << QByteArray() << 2 << QByteArray();
-    QTest::newRow("unknown command") << QStringList{ "frob" } << QByteArray() << 2 << QByteArray();
-    QTest::newRow("no path") << QStringList{ "get" } << QByteArray() << 2 << QByteArray();
-    QTest::newRow("no value") << QStringList{ "set", "a:b" } << QByteArray() << 2 << QByteArray();
-    QTest::newRow("another command's option") << QStringList{ "get", "a:b", "--from", "1" } << QByteArray() << 2
-                                              << QByteArray("zarkctl: get takes no option --from\n");
-    QTest::newRow("no number") << QStringList{ "rows", "a:b", "--to", "x" } << QByteArray() << 2 << QByteArray();
-    QTest::newRow("no password file") << QStringList{ "get", "a:b", "--user", "u", "--password-file", "/nowhere" }
-                                      << QByteArray() << 2
-                                      << QByteArray("zarkctl: /nowhere: No such file or directory\n");
-    QTest::newRow("passwd without a user") << QStringList{ "passwd" } << QByteArray() << 2 << QByteArray();
-}
-
-void ZarkctlTest::exitStatus()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QByteArray, reply);
-    QFETCH(int, status);
-    QFETCH(QByteArray, error);
-    ScriptedServer server(reply.isEmpty() ? QList<QByteArray>() : QList<QByteArray>{ reply });
-    const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + arguments);
-    QCOMPARE(outcome.status, status);
-    QCOMPARE(outcome.output, QByteArray());
-    if (error.isEmpty())
-        QVERIFY(outcome.errors.startsWith("zarkctl: "));
-    else
-        QCOMPARE(outcome.errors, error);
-    if (status == 2)
-        QVERIFY(server.received().isEmpty());
-}
-
-void ZarkctlTest::everyRequestIsSigned_data()
-{
-    QTest::addColumn<QStringList>("arguments");
-    QTest::addColumn<QList<QByteArray>>("replies");
-
-    const QByteArray rows = answer(200, "{\"rows\":[[1]],\"rowsCount\":1,\"rowsVersion\":7}");
-    QTest::newRow("get") << QStringList{ "get", QString::fromUtf8("a:ü b") } << QList<QByteArray>{ answer(200, "[]") };
-    QTest::newRow("rows") << QStringList{ "rows", "a:b" } << QList<QByteArray>{ rows };
-    QTest::newRow("set") << QStringList{ "set", "a:b", "1" } << QList<QByteArray>{ answer(200, "1") };
-    QTest::newRow("watch") << QStringList{ "watch", "a:b", "--count", "1" }
-                           << QList<QByteArray>{ answer(200, "\"q\""), answer(200, "[{}]") };
-}
-
-void ZarkctlTest::everyRequestIsSigned()
-{
-    QFETCH(QStringList, arguments);
-    QFETCH(QList<QByteArray>, replies);
-    ScriptedServer server(replies);
-    const QByteArray user = "j\xc3\xb6";
-    const QStringList common = QStringList{ "--url", server.url() } + signedAs(QString::fromUtf8(user));
-    QCOMPARE(zarkctl(common + arguments).status, 0);
-    QCOMPARE(server.received().size(), replies.size());
-    for (const Received& request : server.received()) {
+    void requestsAreSigned()
+    {
+        ScriptedServer server({ answer(200, "[]") });
+        const QByteArray user = "j\xc3\xb6";
+        const QStringList common = QStringList{ "--url", server.url() } + signedAs(QString::fromUtf8(user));
+        QCOMPARE(zarkctl(common + QStringList{ "get", QString::fromUtf8("a:\u00fc b") }).status, 0);
+        const Received request = server.received().value(0);
         const QByteArray header = request.headers.value("authorization");
         QVERIFY(header.startsWith("HMAC_SHA256 "));
         QCOMPARE(header, expectedAuthorization(request, server.url(), user, "pass.w\xc3\xb6rd"));
-        const qint64 time = header.split('.').value(2).toLongLong();
-        QVERIFY(qAbs(QDateTime::currentMSecsSinceEpoch() - time) < 20000);
+        QVERIFY(qAbs(QDateTime::currentMSecsSinceEpoch() - header.split('.').value(2).toLongLong()) < 20000);
     }
-}
 
-void ZarkctlTest::passwordsTravelEncrypted()
-{
-    QTemporaryFile newPassword;
-    QVERIFY(newPassword.open());
-    newPassword.write("next one");
-    newPassword.flush();
-    ScriptedServer server({ answer(200, "null") });
-    const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + signedAs("admin")
-        + QStringList{ "passwd", "--new-password-file", newPassword.fileName() });
-    QCOMPARE(outcome.status, 0);
-    const Received request = server.received().value(0);
-    const QByteArray header = request.headers.value("authorization");
-    QVERIFY(header.startsWith("HMAC_SHA256_AES256 "));
-    QCOMPARE(header, expectedAuthorization(request, server.url(), "admin", "pass.w\xc3\xb6rd"));
-    const QJsonObject body = QJsonDocument::fromJson(request.body).object();
-    QCOMPARE(body.value("path").toString(), QStringLiteral("settings:webserver/changePassword"));
-    const QByteArray key = keyOf(header.split('.').value(1), "pass.w\xc3\xb6rd");
-    const QByteArray plain = decrypt(body.value("value").toString().toLatin1(), key);
-    const QJsonObject expected{ { "name", "admin" }, { "oldPassword", QString::fromUtf8("pass.w\xc3\xb6rd") },
-        { "newPassword", "next one" } };
-    QCOMPARE(QJsonDocument::fromJson(plain).object(), expected);
-}
+    void passwordsTravelEncrypted()
+    {
+        QTemporaryFile newPassword;
+        QVERIFY(newPassword.open());
+        newPassword.write("next one");
+        newPassword.flush();
+        ScriptedServer server({ answer(200, "null") });
+        const Outcome outcome = zarkctl(QStringList{ "--url", server.url() } + signedAs("admin")
+            + QStringList{ "passwd", "--new-password-file", newPassword.fileName() });
+        QCOMPARE(outcome.status, 0);
+        const Received request = server.received().value(0);
+        const QByteArray header = request.headers.value("authorization");
+        QVERIFY(header.startsWith("HMAC_SHA256_AES256 "));
+        QCOMPARE(header, expectedAuthorization(request, server.url(), "admin", "pass.w\xc3\xb6rd"));
+        const QJsonObject body = QJsonDocument::fromJson(request.body).object();
+        QCOMPARE(body.value("path").toString(), QStringLiteral("settings:webserver/changePassword"));
+        const QByteArray key = keyOf(header.split('.').value(1), "pass.w\xc3\xb6rd");
+        const QByteArray plain = decrypt(body.value("value").toString().toLatin1(), key);
+        const QJsonObject expected{ { "name", "admin" }, { "oldPassword", QString::fromUtf8("pass.w\xc3\xb6rd") },
+            { "newPassword", "next one" } };
+        QCOMPARE(QJsonDocument::fromJson(plain).object(), expected);
+    }
 
-void ZarkctlTest::rowsStartAgainWhenTheListChanged()
-{
-    const QByteArray outdated = "{\"error\":{\"name\":\"outdatedVersion\",\"message\":\"Changed\"}}";
-    ScriptedServer server({
-        answer(200, "{\"rows\":[[\"old\"]],\"from\":0,\"rowsCount\":1500,\"rowsVersion\":7}"),
-        answer(500, outdated),
-        answer(200, "{\"rows\":[[\"a,]\"],[9007199254740993]],\"from\":0,\"rowsCount\":1200,\"rowsVersion\":8}"),
-        answer(200, "{\"rows\":[ [\"c\\\"[\"] ],\"from\":1000,\"rowsCount\":1200,\"rowsVersion\":8}"),
-    });
-    const Outcome outcome = zarkctl({ "--url", server.url(), "rows", "a:b", "--roles", "value" });
-    QCOMPARE(outcome.output, QByteArray("[\"a,]\"]\n[9007199254740993]\n[\"c\\\"[\"]\n"));
-    QCOMPARE(outcome.status, 0);
-    QByteArrayList targets;
-    for (const Received& request : server.received())
-        targets.append(request.target.mid(request.target.indexOf("&from")));
-    const QByteArrayList expected{ "&from=0&to=999&version=0", "&from=1000&to=1499&version=7",
-        "&from=0&to=999&version=0", "&from=1000&to=1199&version=8" };
-    QCOMPARE(targets, expected);
-}
+    void rowsStartAgainWhenTheListChanged()
+    {
+        const QByteArray outdated = "{\"error\":{\"name\":\"outdatedVersion\",\"message\":\"Changed\"}}";
+        ScriptedServer server({
+            answer(200, "{\"rows\":[[\"old\"]],\"from\":0,\"rowsCount\":1500,\"rowsVersion\":7}"),
+            answer(500, outdated),
+            answer(200, "{\"rows\":[[\"a,]\"],[9007199254740993]],\"from\":0,\"rowsCount\":1200,\"rowsVersion\":8}"),
+            answer(200, "{\"rows\":[ [\"c\\\"[\"] ],\"from\":1000,\"rowsCount\":1200,\"rowsVersion\":8}"),
+        });
+        const Outcome outcome = zarkctl({ "--url", server.url(), "rows", "a:b", "--roles", "value" });
+        QCOMPARE(outcome.output, QByteArray("[\"a,]\"]\n[9007199254740993]\n[\"c\\\"[\"]\n"));
+        QCOMPARE(outcome.status, 0);
+        QByteArrayList targets;
+        for (const Received& request : server.received())
+            targets.append(request.target.mid(request.target.indexOf("&from")));
+        const QByteArrayList expected{ "&from=0&to=999&version=0", "&from=1000&to=1499&version=7",
+            "&from=0&to=999&version=0", "&from=1000&to=1199&version=8" };
+        QCOMPARE(targets, expected);
+    }
 
-void ZarkctlTest::watchPrintsOneLineAnEvent()
-{
-    ScriptedServer server({
-        answer(200, "\"{id}\""),
-        answer(200, "[]"),
-        answer(200, "[{\"path\":\"a:b\",\"roles\":{\"value\":9223372036854775807}},{\"path\":\"c:d\"}]"),
-    });
-    const Outcome outcome = zarkctl({ "--url", server.url(), "watch", "a:b", "c:d", "--rows", "--count", "2" });
-    QCOMPARE(outcome.output,
-        QByteArray("{\"path\":\"a:b\",\"roles\":{\"value\":9223372036854775807}}\n{\"path\":\"c:d\"}\n"));
-    QCOMPARE(outcome.status, 0);
-    QCOMPARE(server.received().size(), 3);
-    const QByteArray subscribe =
-        "{\"subscribe\":[{\"path\":\"a:b\",\"type\":\"rows\"},{\"path\":\"c:d\",\"type\":\"rows\"}]}";
-    QCOMPARE(server.received().at(0).body, subscribe);
-    QCOMPARE(server.received().at(2).body, QByteArray("{\"queueId\":\"{id}\",\"timeout\":25}"));
-}
+private:
+    /// The options of a user whose password is "pass.wörd".
+    QStringList signedAs(const QString& user)
+    {
+        if (!m_password.isOpen()) {
+            m_password.open();
+            m_password.write("pass.w\xc3\xb6rd\n");
+            m_password.flush();
+        }
+        return { "--user", user, "--password-file", m_password.fileName() };
+    }
+
+    QTemporaryFile m_password;
+};
 
 QTEST_GUILESS_MAIN(ZarkctlTest)
 #include "ZarkctlTest.moc"
