@@ -1,7 +1,6 @@
 #include <QTest>
 
 #include "CMPath.h"
-#include "MimeTypes.h"
 
 class CMPathTest : public QObject {
     Q_OBJECT
@@ -12,8 +11,6 @@ private Q_SLOTS:
     void segmentsReadBack_data();
     void segmentsReadBack();
     void parentsAndChildrenAreInverse();
-    void extensionsHaveTypes_data();
-    void extensionsHaveTypes();
 };
 
 void CMPathTest::onlyOneTextIsAPath_data()
@@ -49,11 +46,9 @@ void CMPathTest::segmentsReadBack_data()
     QTest::addColumn<QStringList>("segments");
     QTest::addColumn<QString>("encoded");
 
-    QTest::newRow("plain") << "player" << QStringList{ "player", "volume" } << "player:player/volume";
     QTest::newRow("separators") << "a" << QStringList{ "b/c", "d:e", "%" } << "a:b%2Fc/d%3Ae/%25";
     QTest::newRow("UTF-8") << "a" << QStringList{ QString::fromUtf8("Gr\xc3\xbc\xc3\x9f") } << "a:Gr%C3%BC%C3%9F";
     QTest::newRow("byte order mark") << "a" << QStringList{ QString(QChar(0xfeff)) + "x" } << "a:%EF%BB%BFx";
-    QTest::newRow("control") << "a" << QStringList{ "\n\t " } << "a:%0A%09%20";
 }
 
 void CMPathTest::segmentsReadBack()
@@ -82,39 +77,6 @@ void CMPathTest::parentsAndChildrenAreInverse()
     QVERIFY(!CMPath::fromSegments("", { "a" }).isValid());
     QVERIFY(!CMPath::fromSegments("a", {}).isValid());
     QVERIFY(!CMPath::fromSegments("a", { "b", "" }).isValid());
-}
-
-void CMPathTest::extensionsHaveTypes_data()
-{
-    QTest::addColumn<QString>("uri");
-    QTest::addColumn<QString>("type");
-
-    QTest::newRow("script") << "/a/b.js"
-                            << "text/javascript";
-    QTest::newRow("case") << "/A.HTML"
-                          << "text/html";
-    QTest::newRow("query") << "/a.css?v=1.png"
-                           << "text/css";
-    QTest::newRow("fragment") << "/a.svg#b.png"
-                              << "image/svg+xml";
-    QTest::newRow("last of several") << "/a.min.js.map"
-                                     << "application/json";
-    QTest::newRow("dot in a folder") << "/a.png/b"
-                                     << "none";
-    QTest::newRow("no extension") << "/a"
-                                  << "none";
-    QTest::newRow("trailing dot") << "/a."
-                                  << "none";
-    QTest::newRow("query alone") << "?a.png"
-                                 << "none";
-    QTest::newRow("empty") << ""
-                           << "none";
-}
-
-void CMPathTest::extensionsHaveTypes()
-{
-    QFETCH(QString, uri);
-    QTEST(MimeTypes::URIToMimeType(uri, "none"), "type");
 }
 
 QTEST_APPLESS_MAIN(CMPathTest)

@@ -48,7 +48,6 @@ private Q_SLOTS:
     void theJournalFormCarriesPriorities();
     void thePlainFormCarriesTheTime();
     void remoteTextCannotForgeALine();
-    void unknownLevelsAreRefused();
     void aPropertyFileSetsLevels();
 };
 
@@ -92,14 +91,6 @@ void DbgLoggerTest::remoteTextCannotForgeALine()
     QVERIFY(DbgLogger::configure(QStringLiteral("warn"), true));
     dbglog_warn(logger(), "x\r\n<2>Unit: forged\t\x1b[2J" << std::string(1, '\0') << "\x7f\xC2\x9B \xC3\xA9");
     QCOMPARE(capture.text(), QByteArray("<4>Unit: x\\r\\n<2>Unit: forged\\t\\x1b[2J\\x00\\x7f\\x9b \xC3\xA9\n"));
-}
-
-void DbgLoggerTest::unknownLevelsAreRefused()
-{
-    QVERIFY(DbgLogger::configure(QStringLiteral("error"), true));
-    QVERIFY(!DbgLogger::configure(QStringLiteral("loud"), true));
-    QVERIFY(!logger().isEnabled(log4cplus::WARN_LOG_LEVEL));
-    QVERIFY(logger().isEnabled(log4cplus::ERROR_LOG_LEVEL));
 }
 
 void DbgLoggerTest::aPropertyFileSetsLevels()

