@@ -6,80 +6,75 @@ class CMReplyTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void isDeliveredOnceFromTheEventLoop_data();
-    void isDeliveredOnceFromTheEventLoop();
-    void isDroppedWithItsReceiver();
-    void isAnsweredWhenAbandoned();
-};
-
-void CMReplyTest::isDeliveredOnceFromTheEventLoop_data()
-{
-    QTest::addColumn<bool>("finishFirst");
-    QTest::addColumn<bool>("fails");
-    for (const bool finishFirst : { false, true }) {
-        for (const bool fails : { false, true })
-            QTest::addRow("%s, %s", finishFirst ? "finished first" : "asked first", fails ? "fails" : "succeeds")
-                << finishFirst << fails;
-    }
-}
-
-void CMReplyTest::isDeliveredOnceFromTheEventLoop()
-{
-    QFETCH(bool, finishFirst);
-    QFETCH(bool, fails);
-    QStringList log;
-    QObject receiver;
-    CMReply<int> reply;
-    const auto finish = [&] {
-        CMReply<int> copy = reply;
-        if (fails)
-            copy.fail(CMError(CMError::Failed, "first"));
-        copy.finish(7);
-        copy.finish(8);
-        copy.fail(CMError(CMError::Failed, "late"));
-    };
-    if (finishFirst)
-        finish();
-    reply.onFinished(&receiver,
-        [&log](int value, const CMError& error) { log.append(QString::number(value) + error.message().source()); });
-    if (!finishFirst)
-        finish();
-    QVERIFY(log.isEmpty());
-    QCoreApplication::processEvents();
-    QCOMPARE(log, QStringList(fails ? "0first" : "7"));
-}
-
-void CMReplyTest::isDroppedWithItsReceiver()
-{
-    int calls = 0;
-    for (const bool finishBefore : { false, true }) {
-        CMReply<int> reply;
-        auto receiver = std::make_unique<QObject>();
-        reply.onFinished(receiver.get(), [&calls](int, const CMError&) { ++calls; });
-        if (finishBefore)
-            reply.finish(1);
-        receiver.reset();
-        reply.finish(1);
-        QCoreApplication::processEvents();
-    }
-    QCOMPARE(calls, 0);
-}
-
-void CMReplyTest::isAnsweredWhenAbandoned()
-{
-    QStringList names;
-    QObject receiver;
+    void isDeliveredOnceFromTheEventLoop_data()
     {
-        CMReply<int> reply;
-        const CMReply<int> copy = reply;
-        reply.onFinished(&receiver, [&names](int, const CMError& error) { names.append(error.name()); });
-        CMVoidReply plain;
-        plain.onFinished(&receiver, [&names](const CMError& error) { names.append(error.name()); });
+        QTest::addColumn<bool>("finishFirst");
+        QTest::addColumn<bool>("fails");
+        for (const bool finishFirst : { false, true }) {
+            for (const bool fails : { false, true })
+                QTest::addRow("%s, %s", finishFirst ? "finished first" : "asked first", fails ? "fails" : "succeeds")
+                    << finishFirst << fails;
+        }
     }
-    QVERIFY(names.isEmpty());
-    QCoreApplication::processEvents();
-    QCOMPARE(names, QStringList({ CMError::Abandoned, CMError::Abandoned }));
-}
+
+    void isDeliveredOnceFromTheEventLoop()
+    {
+        QFETCH(bool, finishFirst);
+        QFETCH(bool, fails);
+        QStringList log;
+        QObject receiver;
+        CMReply<int> reply;
+        const auto finish = [&] {
+            CMReply<int> copy = reply;
+            if (fails)
+                copy.fail(CMError(CMError::Failed, "first"));
+            copy.finish(7);
+            copy.finish(8);
+            copy.fail(CMError(CMError::Failed, "late"));
+        };
+        if (finishFirst)
+            finish();
+        reply.onFinished(&receiver,
+            [&log](int value, const CMError& error) { log.append(QString::number(value) + error.message().source()); });
+        if (!finishFirst)
+            finish();
+        QVERIFY(log.isEmpty());
+        QCoreApplication::processEvents();
+        QCOMPARE(log, QStringList(fails ? "0first" : "7"));
+    }
+
+    void isDroppedWithItsReceiver()
+    {
+        int calls = 0;
+        for (const bool finishBefore : { false, true }) {
+            CMReply<int> reply;
+            auto receiver = std::make_unique<QObject>();
+            reply.onFinished(receiver.get(), [&calls](int, const CMError&) { ++calls; });
+            if (finishBefore)
+                reply.finish(1);
+            receiver.reset();
+            reply.finish(1);
+            QCoreApplication::processEvents();
+        }
+        QCOMPARE(calls, 0);
+    }
+
+    void isAnsweredWhenAbandoned()
+    {
+        QStringList names;
+        QObject receiver;
+        {
+            CMReply<int> reply;
+            const CMReply<int> copy = reply;
+            reply.onFinished(&receiver, [&names](int, const CMError& error) { names.append(error.name()); });
+            CMVoidReply plain;
+            plain.onFinished(&receiver, [&names](const CMError& error) { names.append(error.name()); });
+        }
+        QVERIFY(names.isEmpty());
+        QCoreApplication::processEvents();
+        QCOMPARE(names, QStringList({ CMError::Abandoned, CMError::Abandoned }));
+    }
+};
 
 QTEST_GUILESS_MAIN(CMReplyTest)
 #include "CMReplyTest.moc"

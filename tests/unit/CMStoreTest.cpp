@@ -52,17 +52,230 @@ class CMStoreTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void valuesSurviveARestart();
-    void filesAreTheOwnersAlone();
-    void answersKeepTheirOrder();
-    void damageIsSetAside_data();
-    void damageIsSetAside();
-    void foreignDatabasesAreLeftAlone();
-    void aSecondHostIsRefused();
-    void aFullDiskFailsTheWriteAlone();
-    void nodesChangeAfterTheCommit();
-    void killingLosesNoAnsweredWrite();
+    void init()
+    {
+        m_dir = std::make_unique<QTemporaryDir>();
+        m_file = m_dir->filePath("state.db");
+        m_error.clear();
+    }
+
+    void valuesSurviveARestart()
+    {
+        const QList<ZarkValue> values{ ZarkValue::fromI64(std::numeric_limits<qint64>::min()),
+            ZarkValue::fromDouble(0.1), ZarkValue::fromBytes(QByteArray("\0\xff", 2)),
+            ZarkValue::fromStringList({ "", "\n" }), ZarkValue::fromAuthMode(ZarkWebserverAuthMode::Writes),
+            ZarkValue::fromString(QString(QChar(0))) };
+        {
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            for (int i = 0; i < values.size(); ++i) // The last ones still wait when the store goes.
+                store.write(numbered(i), values.at(i), {});
+        }
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        for (int i = 0; i < values.size(); ++i)
+            QCOMPARE(store.value(numbered(i)), values.at(i));
+        QVERIFY(!store.value(numbered(99)).isValid());
+    }
+
+    void filesAreTheOwnersAlone()
+    {
+        replace({});
+        QVERIFY(QFile::setPermissions(m_file, QFileDevice::Permissions(0x7777)));
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
+        const QStringList names = QDir(m_dir->path()).entryList(QDir::Files);
+        QVERIFY(names.contains("state.db-wal"));
+        for (const QString& name : names) {
+            struct stat status { };
+            QCOMPARE(::stat(QFile::encodeName(m_dir->filePath(name)).constData(), &status), 0);
+            QVERIFY2((status.st_mode & 0777) == 0600, qPrintable(name));
+        }
+    }
+
+    void answersKeepTheirOrder()
+    {
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        QList<int> order;
+        QList<int> expected;
+        for (int i = 0; i < 200; ++i) {
+            CMVoidReply reply;
+            reply.onFinished(this, [&order, &store, i](const CMError& error) {
+                if (error.isEmpty() && store.value(numbered(0)).i32() >= i)
+                    order.append(i);
+            });
+            store.write(numbered(0), ZarkValue::fromI32(i), reply);
+            expected.append(i);
+            if (i % 50 == 0)
+                QTest::qWait(1);
+        }
+        QTRY_COMPARE(order, expected);
+        QCOMPARE(store.value(numbered(0)).i32(), 199);
+    }
+
+    void damageIsSetAside_data()
+    {
+        QTest::addColumn<int>("size"); // What is left of the file; -1 for all.
+        QTest::addColumn<int>("garbageFrom"); // Where garbage of 2 KiB starts; -1 for none.
+        QTest::addColumn<bool>("journal"); // A journal of garbage stands beside it.
+
+        QTest::newRow("garbage header") << -1 << 0 << false;
+        QTest::newRow("garbage page") << -1 << 4096 << false;
+        QTest::newRow("half a file") << 8192 << -1 << true;
+        QTest::newRow("emptied under its journal") << 0 << -1 << true;
+    }
+
+    void damageIsSetAside()
+    {
+        QFETCH(int, size);
+        QFETCH(int, garbageFrom);
+        QFETCH(bool, journal);
+        fill(100);
+        QByteArray bytes = read().left(size < 0 ? INT_MAX : size);
+        if (garbageFrom >= 0)
+            bytes.replace(garbageFrom, 2048, QByteArray(2048, '\xa5'));
+        replace(bytes);
+        if (journal) {
+            QFile wal(m_file + "-wal");
+            QVERIFY(wal.open(QIODevice::WriteOnly) && wal.write(QByteArray(9000, 'j')) == 9000);
+        }
+        {
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            QVERIFY(m_error.isEmpty());
+            QVERIFY(!store.value(numbered(1)).isValid());
+            QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
+        }
+        const QStringList aside = QDir(m_dir->path()).entryList({ "state.db.damaged-????????T??????Z" });
+        QCOMPARE(aside.size(), 1);
+        QFile kept(m_dir->filePath(aside.first()));
+        QVERIFY(kept.open(QIODevice::ReadOnly));
+        QCOMPARE(kept.readAll(), bytes);
+        CMStore again;
+        QVERIFY2(again.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(again.value(numbered(1)).i32(), 5);
+    }
+
+    void foreignDatabasesAreLeftAlone()
+    {
+        fill(1);
+        QByteArray bytes = read();
+        bytes[68] = char(bytes.at(68) + 1); // The application id.
+        replace(bytes);
+        CMStore store;
+        QVERIFY(!store.open(m_file, &m_error));
+        QCOMPARE(m_error, m_file + ": a database of another program.");
+        QCOMPARE(read(), bytes);
+    }
+
+    void aSecondHostIsRefused()
+    {
+        {
+            CMStore first;
+            QVERIFY2(first.open(m_file, &m_error), qPrintable(m_error));
+            CMStore second;
+            QVERIFY(!second.open(m_file, &m_error));
+            QCOMPARE(m_error, m_file + ": in use by another host.");
+            QCOMPARE(write(second, 1, ZarkValue::fromI32(1)), QString(CMError::StoreFailed));
+            QCOMPARE(write(first, 1, ZarkValue::fromI32(1)), QString());
+        }
+        CMStore third;
+        QVERIFY2(third.open(m_file, &m_error), qPrintable(m_error));
+        CMStore nowhere;
+        QVERIFY(!nowhere.open("/nowhere/state.db", &m_error));
+        QVERIFY2(m_error.startsWith("/nowhere/state.db"), qPrintable(m_error));
+    }
+
+    void aFullDiskFailsTheWriteAlone()
+    {
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
+        std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit before { };
+        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &before), 0);
+        const struct rlimit tight {
+            96 * 1024, before.rlim_max
+        };
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+        CMVoidReply large;
+        CMVoidReply small;
+        store.write(numbered(1), ZarkValue::fromString(QString(1 << 20, 'x')), large);
+        store.write(numbered(2), ZarkValue::fromI32(2), small); // In one batch with the large one, or after it.
+        const QString largeError = errorOf(large);
+        const QString smallError = errorOf(small);
+        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &before), 0);
+        QCOMPARE(largeError, QString(CMError::StoreFailed));
+        QCOMPARE(smallError, QString());
+        QCOMPARE(store.value(numbered(1)).i32(), 1);
+        QCOMPARE(write(store, 1, ZarkValue::fromString(QString(1 << 20, 'x'))), QString());
+    }
+
+    void nodesChangeAfterTheCommit()
+    {
+        const CMPath path = CMPath::fromEncoded("a:b");
+        const auto make = [&path](CMNodes* nodes) {
+            return CMValueNode::create(nodes, path, ZarkValue::fromI32(0), CMValueNode::Persistent);
+        };
+        {
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            CMRootWorker root(&store);
+            CMNodes nodes(root.tree());
+            CMValueNode* const node = make(&nodes);
+            QList<int> hooks;
+            node->setChangeHook([&](const ZarkValue& value) {
+                hooks.append(store.value(path) == value || hooks.isEmpty() ? value.i32() : -1);
+            });
+            CMVoidReply first;
+            CMVoidReply second;
+            node->set(ZarkValue::fromI32(1), first);
+            node->set(ZarkValue::fromI32(2), second);
+            QCOMPARE(node->value().i32(), 0);
+            QCOMPARE(errorOf(second), QString());
+            QVERIFY(first.isFinished());
+            QCOMPARE(hooks, QList<int>({ 1, 2 }));
+            QVERIFY(node->override_(ZarkValue::fromI32(3)).isEmpty());
+            QVERIFY(node->setMeasured(ZarkValue::fromI32(4)));
+            CMVoidReply orphan;
+            node->set(ZarkValue::fromI32(5), orphan);
+            nodes.destroy(node);
+            QCOMPARE(errorOf(orphan), QString());
+        }
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        CMRootWorker root(&store);
+        CMNodes nodes(root.tree());
+        QCOMPARE(make(&nodes)->value().i32(), 5);
+    }
+
+    void killingLosesNoAnsweredWrite()
+    {
+        int answered = -1;
+        for (int round = 0; round < 3; ++round) {
+            init();
+            QProcess writer;
+            writer.start(QCoreApplication::applicationFilePath(), { "--write", m_file });
+            QVERIFY(writer.waitForStarted());
+            QByteArray output;
+            while (output.count('\n') < 20 + round * 77 && writer.waitForReadyRead())
+                output += writer.readAllStandardOutput();
+            writer.kill();
+            writer.waitForFinished();
+            QCOMPARE(writer.exitStatus(), QProcess::CrashExit);
+            output += writer.readAllStandardOutput();
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            const QList<QByteArray> lines = output.left(output.lastIndexOf('\n')).split('\n');
+            for (const QByteArray& line : lines) {
+                answered = line.toInt();
+                QCOMPARE(store.value(numbered(answered)), ZarkValue::fromI32(answered));
+            }
+            QVERIFY(lines.size() >= 20);
+        }
+    }
 
 private:
     QString write(CMStore& store, int index, const ZarkValue& value)
@@ -95,232 +308,6 @@ private:
     QString m_file;
     QString m_error;
 };
-
-void CMStoreTest::init()
-{
-    m_dir = std::make_unique<QTemporaryDir>();
-    m_file = m_dir->filePath("state.db");
-    m_error.clear();
-}
-
-void CMStoreTest::valuesSurviveARestart()
-{
-    const QList<ZarkValue> values{ ZarkValue::fromI64(std::numeric_limits<qint64>::min()), ZarkValue::fromDouble(0.1),
-        ZarkValue::fromBytes(QByteArray("\0\xff", 2)), ZarkValue::fromStringList({ "", "\n" }),
-        ZarkValue::fromAuthMode(ZarkWebserverAuthMode::Writes), ZarkValue::fromString(QString(QChar(0))) };
-    {
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        for (int i = 0; i < values.size(); ++i) // The last ones still wait when the store goes.
-            store.write(numbered(i), values.at(i), {});
-    }
-    CMStore store;
-    QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-    for (int i = 0; i < values.size(); ++i)
-        QCOMPARE(store.value(numbered(i)), values.at(i));
-    QVERIFY(!store.value(numbered(99)).isValid());
-}
-
-void CMStoreTest::filesAreTheOwnersAlone()
-{
-    replace({});
-    QVERIFY(QFile::setPermissions(m_file, QFileDevice::Permissions(0x7777)));
-    CMStore store;
-    QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-    QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
-    const QStringList names = QDir(m_dir->path()).entryList(QDir::Files);
-    QVERIFY(names.contains("state.db-wal"));
-    for (const QString& name : names) {
-        struct stat status { };
-        QCOMPARE(::stat(QFile::encodeName(m_dir->filePath(name)).constData(), &status), 0);
-        QVERIFY2((status.st_mode & 0777) == 0600, qPrintable(name));
-    }
-}
-
-void CMStoreTest::answersKeepTheirOrder()
-{
-    CMStore store;
-    QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-    QList<int> order;
-    QList<int> expected;
-    for (int i = 0; i < 200; ++i) {
-        CMVoidReply reply;
-        reply.onFinished(this, [&order, &store, i](const CMError& error) {
-            if (error.isEmpty() && store.value(numbered(0)).i32() >= i)
-                order.append(i);
-        });
-        store.write(numbered(0), ZarkValue::fromI32(i), reply);
-        expected.append(i);
-        if (i % 50 == 0)
-            QTest::qWait(1);
-    }
-    QTRY_COMPARE(order, expected);
-    QCOMPARE(store.value(numbered(0)).i32(), 199);
-}
-
-void CMStoreTest::damageIsSetAside_data()
-{
-    QTest::addColumn<int>("size"); // What is left of the file; -1 for all.
-    QTest::addColumn<int>("garbageFrom"); // Where garbage of 2 KiB starts; -1 for none.
-    QTest::addColumn<bool>("journal"); // A journal of garbage stands beside it.
-
-    QTest::newRow("garbage header") << -1 << 0 << false;
-    QTest::newRow("garbage page") << -1 << 4096 << false;
-    QTest::newRow("half a file") << 8192 << -1 << true;
-    QTest::newRow("100 bytes") << 100 << -1 << false;
-    QTest::newRow("one byte") << 1 << -1 << false;
-    QTest::newRow("emptied under its journal") << 0 << -1 << true;
-}
-
-void CMStoreTest::damageIsSetAside()
-{
-    QFETCH(int, size);
-    QFETCH(int, garbageFrom);
-    QFETCH(bool, journal);
-    fill(100);
-    QByteArray bytes = read().left(size < 0 ? INT_MAX : size);
-    if (garbageFrom >= 0)
-        bytes.replace(garbageFrom, 2048, QByteArray(2048, '\xa5'));
-    replace(bytes);
-    if (journal) {
-        QFile wal(m_file + "-wal");
-        QVERIFY(wal.open(QIODevice::WriteOnly) && wal.write(QByteArray(9000, 'j')) == 9000);
-    }
-    {
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        QVERIFY(m_error.isEmpty());
-        QVERIFY(!store.value(numbered(1)).isValid());
-        QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
-    }
-    const QStringList aside = QDir(m_dir->path()).entryList({ "state.db.damaged-????????T??????Z" });
-    QCOMPARE(aside.size(), 1);
-    QFile kept(m_dir->filePath(aside.first()));
-    QVERIFY(kept.open(QIODevice::ReadOnly));
-    QCOMPARE(kept.readAll(), bytes);
-    CMStore again;
-    QVERIFY2(again.open(m_file, &m_error), qPrintable(m_error));
-    QCOMPARE(again.value(numbered(1)).i32(), 5);
-}
-
-void CMStoreTest::foreignDatabasesAreLeftAlone()
-{
-    fill(1);
-    QByteArray bytes = read();
-    bytes[68] = char(bytes.at(68) + 1); // The application id.
-    replace(bytes);
-    CMStore store;
-    QVERIFY(!store.open(m_file, &m_error));
-    QCOMPARE(m_error, m_file + ": a database of another program.");
-    QCOMPARE(read(), bytes);
-}
-
-void CMStoreTest::aSecondHostIsRefused()
-{
-    {
-        CMStore first;
-        QVERIFY2(first.open(m_file, &m_error), qPrintable(m_error));
-        CMStore second;
-        QVERIFY(!second.open(m_file, &m_error));
-        QCOMPARE(m_error, m_file + ": in use by another host.");
-        QCOMPARE(write(second, 1, ZarkValue::fromI32(1)), QString(CMError::StoreFailed));
-        QCOMPARE(write(first, 1, ZarkValue::fromI32(1)), QString());
-    }
-    CMStore third;
-    QVERIFY2(third.open(m_file, &m_error), qPrintable(m_error));
-    CMStore nowhere;
-    QVERIFY(!nowhere.open("/nowhere/state.db", &m_error));
-    QVERIFY2(m_error.startsWith("/nowhere/state.db"), qPrintable(m_error));
-}
-
-void CMStoreTest::aFullDiskFailsTheWriteAlone()
-{
-    CMStore store;
-    QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-    QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
-    std::signal(SIGXFSZ, SIG_IGN);
-    struct rlimit before { };
-    QCOMPARE(::getrlimit(RLIMIT_FSIZE, &before), 0);
-    const struct rlimit tight {
-        96 * 1024, before.rlim_max
-    };
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &tight), 0);
-    CMVoidReply large;
-    CMVoidReply small;
-    store.write(numbered(1), ZarkValue::fromString(QString(1 << 20, 'x')), large);
-    store.write(numbered(2), ZarkValue::fromI32(2), small); // In one batch with the large one, or after it.
-    const QString largeError = errorOf(large);
-    const QString smallError = errorOf(small);
-    QCOMPARE(::setrlimit(RLIMIT_FSIZE, &before), 0);
-    QCOMPARE(largeError, QString(CMError::StoreFailed));
-    QCOMPARE(smallError, QString());
-    QCOMPARE(store.value(numbered(1)).i32(), 1);
-    QCOMPARE(write(store, 1, ZarkValue::fromString(QString(1 << 20, 'x'))), QString());
-}
-
-void CMStoreTest::nodesChangeAfterTheCommit()
-{
-    const CMPath path = CMPath::fromEncoded("a:b");
-    const auto make = [&path](CMNodes* nodes) {
-        return CMValueNode::create(nodes, path, ZarkValue::fromI32(0), CMValueNode::Persistent);
-    };
-    {
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        CMRootWorker root(&store);
-        CMNodes nodes(root.tree());
-        CMValueNode* const node = make(&nodes);
-        QList<int> hooks;
-        node->setChangeHook([&](const ZarkValue& value) {
-            hooks.append(store.value(path) == value || hooks.isEmpty() ? value.i32() : -1);
-        });
-        CMVoidReply first;
-        CMVoidReply second;
-        node->set(ZarkValue::fromI32(1), first);
-        node->set(ZarkValue::fromI32(2), second);
-        QCOMPARE(node->value().i32(), 0);
-        QCOMPARE(errorOf(second), QString());
-        QVERIFY(first.isFinished());
-        QCOMPARE(hooks, QList<int>({ 1, 2 }));
-        QVERIFY(node->override_(ZarkValue::fromI32(3)).isEmpty());
-        QVERIFY(node->setMeasured(ZarkValue::fromI32(4)));
-        CMVoidReply orphan;
-        node->set(ZarkValue::fromI32(5), orphan);
-        nodes.destroy(node);
-        QCOMPARE(errorOf(orphan), QString());
-    }
-    CMStore store;
-    QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-    CMRootWorker root(&store);
-    CMNodes nodes(root.tree());
-    QCOMPARE(make(&nodes)->value().i32(), 5);
-}
-
-void CMStoreTest::killingLosesNoAnsweredWrite()
-{
-    int answered = -1;
-    for (int round = 0; round < 3; ++round) {
-        init();
-        QProcess writer;
-        writer.start(QCoreApplication::applicationFilePath(), { "--write", m_file });
-        QVERIFY(writer.waitForStarted());
-        QByteArray output;
-        while (output.count('\n') < 20 + round * 77 && writer.waitForReadyRead())
-            output += writer.readAllStandardOutput();
-        writer.kill();
-        writer.waitForFinished();
-        QCOMPARE(writer.exitStatus(), QProcess::CrashExit);
-        output += writer.readAllStandardOutput();
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        const QList<QByteArray> lines = output.left(output.lastIndexOf('\n')).split('\n');
-        for (const QByteArray& line : lines) {
-            answered = line.toInt();
-            QCOMPARE(store.value(numbered(answered)), ZarkValue::fromI32(answered));
-        }
-        QVERIFY(lines.size() >= 20);
-    }
-}
 
 int main(int argc, char** argv)
 {

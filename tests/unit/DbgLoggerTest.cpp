@@ -45,85 +45,71 @@ class DbgLoggerTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void theJournalFormCarriesPriorities();
-    void thePlainFormCarriesTheTime();
-    void remoteTextCannotForgeALine();
-    void unknownLevelsAreRefused();
-    void aPropertyFileSetsLevels();
-};
-
-void DbgLoggerTest::theJournalFormCarriesPriorities()
-{
-    const StandardErrorCapture capture;
-    QVERIFY(!logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
-    QVERIFY(DbgLogger::configure(QStringLiteral("debug"), true));
-    int evaluated = 0;
-    dbglog_trace(logger(), "never " << ++evaluated);
-    dbglog_debug(logger(), "d");
-    dbglog_info(logger(), "i " << QStringLiteral("ü") << QByteArray("b"));
-    dbglog_warn(logger(), "w");
-    dbglog_error(logger(), "e");
-    dbglog_fatal(logger(), "f");
-    QVERIFY(DbgLogger::configure(QStringLiteral("off"), true));
-    dbglog_fatal(logger(), "never " << ++evaluated);
-    QCOMPARE(evaluated, 0);
-    QCOMPARE(capture.text(),
-        QByteArray("<7>Unit: d\n<6>Unit: i \xC3\xBC"
-                   "b\n<4>Unit: w\n<3>Unit: e\n<2>Unit: f\n"));
-}
-
-void DbgLoggerTest::thePlainFormCarriesTheTime()
-{
-    const StandardErrorCapture capture;
-    QVERIFY(DbgLogger::configure(QStringLiteral("trace"), false));
+    void theJournalFormCarriesPriorities()
     {
-        dbglog_scopedFunction(logger());
+        const StandardErrorCapture capture;
+        QVERIFY(!logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
+        QVERIFY(DbgLogger::configure(QStringLiteral("debug"), true));
+        int evaluated = 0;
+        dbglog_trace(logger(), "never " << ++evaluated);
+        dbglog_debug(logger(), "d");
+        dbglog_info(logger(), "i " << QStringLiteral("ü") << QByteArray("b"));
+        dbglog_warn(logger(), "w");
+        dbglog_error(logger(), "e");
+        dbglog_fatal(logger(), "f");
+        QVERIFY(DbgLogger::configure(QStringLiteral("off"), true));
+        dbglog_fatal(logger(), "never " << ++evaluated);
+        QCOMPARE(evaluated, 0);
+        QCOMPARE(capture.text(),
+            QByteArray("<7>Unit: d\n<6>Unit: i \xC3\xBC"
+                       "b\n<4>Unit: w\n<3>Unit: e\n<2>Unit: f\n"));
     }
-    const QString lines = QString::fromUtf8(capture.text());
-    const QRegularExpression expected(
-        QStringLiteral("^(\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d{4} TRACE "
-                       "Unit: (Enter|Leave) [^\n]*thePlainFormCarriesTheTime\\(\\)\n){2}$"));
-    QVERIFY2(expected.match(lines).hasMatch(), qPrintable(lines));
-}
 
-void DbgLoggerTest::remoteTextCannotForgeALine()
-{
-    const StandardErrorCapture capture;
-    QVERIFY(DbgLogger::configure(QStringLiteral("warn"), true));
-    dbglog_warn(logger(), "x\r\n<2>Unit: forged\t\x1b[2J" << std::string(1, '\0') << "\x7f\xC2\x9B \xC3\xA9");
-    QCOMPARE(capture.text(), QByteArray("<4>Unit: x\\r\\n<2>Unit: forged\\t\\x1b[2J\\x00\\x7f\\x9b \xC3\xA9\n"));
-}
+    void thePlainFormCarriesTheTime()
+    {
+        const StandardErrorCapture capture;
+        QVERIFY(DbgLogger::configure(QStringLiteral("trace"), false));
+        {
+            dbglog_scopedFunction(logger());
+        }
+        const QString lines = QString::fromUtf8(capture.text());
+        const QRegularExpression expected(
+            QStringLiteral("^(\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}[+-]\\d{4} TRACE "
+                           "Unit: (Enter|Leave) [^\n]*thePlainFormCarriesTheTime\\(\\)\n){2}$"));
+        QVERIFY2(expected.match(lines).hasMatch(), qPrintable(lines));
+    }
 
-void DbgLoggerTest::unknownLevelsAreRefused()
-{
-    QVERIFY(DbgLogger::configure(QStringLiteral("error"), true));
-    QVERIFY(!DbgLogger::configure(QStringLiteral("loud"), true));
-    QVERIFY(!logger().isEnabled(log4cplus::WARN_LOG_LEVEL));
-    QVERIFY(logger().isEnabled(log4cplus::ERROR_LOG_LEVEL));
-}
+    void remoteTextCannotForgeALine()
+    {
+        const StandardErrorCapture capture;
+        QVERIFY(DbgLogger::configure(QStringLiteral("warn"), true));
+        dbglog_warn(logger(), "x\r\n<2>Unit: forged\t\x1b[2J" << std::string(1, '\0') << "\x7f\xC2\x9B \xC3\xA9");
+        QCOMPARE(capture.text(), QByteArray("<4>Unit: x\\r\\n<2>Unit: forged\\t\\x1b[2J\\x00\\x7f\\x9b \xC3\xA9\n"));
+    }
 
-void DbgLoggerTest::aPropertyFileSetsLevels()
-{
-    const StandardErrorCapture capture;
-    QTemporaryFile file;
-    QVERIFY(file.open());
-    file.write("log4cplus.rootLogger=ERROR, A\nlog4cplus.logger.Unit=INFO\n"
-               "log4cplus.appender.A=log4cplus::ConsoleAppender\nlog4cplus.appender.A.logToStdErr=true\n"
-               "log4cplus.appender.A.layout=log4cplus::PatternLayout\n"
-               "log4cplus.appender.A.layout.ConversionPattern=%p|%m%n\n");
-    file.close();
-    const DbgLogger other("Other");
-    QVERIFY(DbgLogger::configureFromFile(file.fileName(), nullptr));
-    dbglog_info(logger(), "shown");
-    dbglog_debug(logger(), "hidden");
-    dbglog_warn(other, "hidden");
-    QCOMPARE(capture.text(), QByteArray("INFO|shown\n"));
+    void aPropertyFileSetsLevels()
+    {
+        const StandardErrorCapture capture;
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        file.write("log4cplus.rootLogger=ERROR, A\nlog4cplus.logger.Unit=INFO\n"
+                   "log4cplus.appender.A=log4cplus::ConsoleAppender\nlog4cplus.appender.A.logToStdErr=true\n"
+                   "log4cplus.appender.A.layout=log4cplus::PatternLayout\n"
+                   "log4cplus.appender.A.layout.ConversionPattern=%p|%m%n\n");
+        file.close();
+        const DbgLogger other("Other");
+        QVERIFY(DbgLogger::configureFromFile(file.fileName(), nullptr));
+        dbglog_info(logger(), "shown");
+        dbglog_debug(logger(), "hidden");
+        dbglog_warn(other, "hidden");
+        QCOMPARE(capture.text(), QByteArray("INFO|shown\n"));
 
-    QString error;
-    QVERIFY(!DbgLogger::configureFromFile(QStringLiteral("/no/such/file"), &error));
-    QVERIFY(error.startsWith(QStringLiteral("/no/such/file: ")));
-    QVERIFY(logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
-}
+        QString error;
+        QVERIFY(!DbgLogger::configureFromFile(QStringLiteral("/no/such/file"), &error));
+        QVERIFY(error.startsWith(QStringLiteral("/no/such/file: ")));
+        QVERIFY(logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
+    }
+};
 
 QTEST_GUILESS_MAIN(DbgLoggerTest)
 #include "DbgLoggerTest.moc"

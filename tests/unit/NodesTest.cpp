@@ -56,21 +56,289 @@ class NodesTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void writesAreChecked_data();
-    void writesAreChecked();
-    void refusalsHaveNames();
-    void onlyChangesAreTold();
-    void rolesAreAnsweredInTheirOrder();
-    void rangesAreChecked_data();
-    void rangesAreChecked();
-    void listsBehaveLikeAList();
-    void generatedRowsAreMadeWhenRead();
-    void containersComeAndGoWithTheirChildren();
-    void listenersMayGoInsideACall();
-    void demandFollowsTheListeners();
-    void manyChildrenAreNotQuadratic();
+    void init()
+    {
+        m_root = std::make_unique<CMRootWorker>();
+        m_nodes = std::make_unique<CMNodes>(m_root->tree());
+    }
+
+    void cleanup()
+    {
+        m_nodes.reset();
+        QVERIFY(m_root->tree()->paths().isEmpty());
+        m_root.reset();
+    }
+
+    void writesAreChecked_data()
+    {
+        QTest::addColumn<QString>("initial");
+        QTest::addColumn<QString>("edit");
+        QTest::addColumn<QString>("value");
+        QTest::addColumn<QString>("error");
+
+        const auto row = [](const char* type, const char* initial, const char* edit, const char* value,
+                             const char* error) {
+            QTest::addRow("%s in %s to %s", value, edit, type)
+                << QStringLiteral("{\"type\":\"%1\",\"value\":%2}").arg(type, initial) << QString(edit)
+                << QString(value) << QString(error);
+        };
+        row("i32", "5", R"({"minimum":-5,"step":5})", "10", "");
+        row("i32", "5", R"({"minimum":1,"step":5})", "10",
+            "outOfRange: The value must be a multiple of 5, counted from 1.");
+        row("i32", "5", R"({"step":2})", "-3", "outOfRange: The value must be a multiple of 2, counted from 0.");
+        row("i32", "5", R"({"maximum":7.5})", "8", "outOfRange: The value must be at most 7.5.");
+        const char* const huge = R"({"minimum":-9223372036854775808,"maximum":9223372036854775806,"step":2})";
+        row("i64", "0", huge, "9223372036854775807", "outOfRange: The value must be at most 9223372036854775806.");
+        row("i64", "0", huge, "9223372036854775805",
+            "outOfRange: The value must be a multiple of 2, counted from -9223372036854775808.");
+        row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.3", "");
+        row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.35",
+            "outOfRange: The value must be a multiple of 0.1, counted from 0.");
+        row("string", "\"a\"", R"({"options":["a",{"value":"b","title":"B"}]})", "\"b\"", "");
+        row("string", "\"a\"", R"({"options":["a","b"]})", "\"c\"", "notAnOption: The value is none of the options.");
+        row("stringList", "[]", R"({"options":["a","b"]})", R"(["b","a"])", "");
+        row("stringList", "[]", R"({"options":["a","b"]})", R"(["b","c"])",
+            "notAnOption: The value is none of the options.");
+        row("i32", "7", "{}", "13", "unlucky: No.");
+    }
+
+    void writesAreChecked()
+    {
+        QFETCH(QString, initial);
+        QFETCH(QString, edit);
+        QFETCH(QString, value);
+        QFETCH(QString, error);
+        const ZarkValue before(ZarkJson::parse(initial, nullptr));
+        auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), before);
+        node->setModifiable(true);
+        node->setEdit(ZarkJson::parse(edit, nullptr).toHash());
+        node->setValidator(
+            [](const ZarkValue& candidate) { return candidate.i32() == 13 ? CMError("unlucky", "No.") : CMError(); });
+        int hooks = 0;
+        node->setChangeHook([&hooks](const ZarkValue&) { ++hooks; });
+
+        CMReply<QVariant> reply;
+        m_root->invoke(path("a:b"), ZarkJson::parse(value, nullptr), QStringLiteral("value"), reply);
+        const auto answer = Answer<QVariant>::of(reply);
+        QVERIFY(answer.came);
+        if (error == QLatin1String("invalidType"))
+            QCOMPARE(answer.errorName(), error);
+        else if (!error.isEmpty())
+            QCOMPARE(answer.errorName() + ": " + answer.error.message().source(), error);
+        else
+            QVERIFY2(answer.error.isEmpty(), qPrintable(answer.error.message().source()));
+        const ZarkValue asked = ZarkValue::fromJson(ZarkJson::parse(value, nullptr), before.type(), nullptr);
+        QCOMPARE(node->value(), error.isEmpty() ? asked : before);
+        QCOMPARE(hooks, error.isEmpty() ? 1 : 0);
+        if (error.isEmpty())
+            QCOMPARE(ZarkValue(answer.value), asked);
+    }
+
+    void refusalsHaveNames()
+    {
+        CMValueNode::create(m_nodes.get(), path("a:value"), ZarkValue::fromI32(1));
+        CMListNode::create(m_nodes.get(), path("a:list"));
+        auto* const command = CMActivateNode::create(m_nodes.get(), path("a:command"));
+        QCOMPARE(invoke(path("a:value"), 1, "title"), QString(CMError::NotSupported));
+        QCOMPARE(invoke(path("a:value"), 1, "tilte"), QString(CMError::UnknownRole));
+        QCOMPARE(invoke(path("a:list"), 1), QString(CMError::NotSupported));
+        QCOMPARE(invoke(path("a:command"), 1), QString(CMError::NotSupported));
+        QCOMPARE(rows(path("a:value"), 0, 1, 0, {}).errorName(), QString(CMError::NotSupported));
+
+        command->setArgumentType(ZarkValueType::I32);
+        command->doSetInvoke([](CMSetDataRequest request) { request.finish(request.value().i32() + 1); });
+        QCOMPARE(invoke(path("a:command"), "x"), QString(CMError::InvalidType));
+        CMReply<QVariant> reply;
+        m_root->invoke(path("a:command"), 41, QStringLiteral("activate"), reply);
+        QCOMPARE(Answer<QVariant>::of(reply).value.toInt(), 42);
+        command->doSetInvoke([](const CMSetDataRequest&) {});
+        QCOMPARE(invoke(path("a:command"), 1), QString(CMError::Abandoned));
+    }
+
+    void onlyChangesAreTold()
+    {
+        auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
+        Listener listener;
+        m_root->tree()->addListener(path("a:b"), &listener);
+        QVERIFY(node->setMeasured(ZarkValue::fromI32(1)));
+        QVERIFY(!node->setMeasured(ZarkValue::fromI64(2)));
+        node->setTitle(QStringLiteral("b"));
+        QCOMPARE(listener.take(), QStringList());
+        QVERIFY(node->setMeasured(ZarkValue::fromI32(2)));
+        node->setPermission(ZarkPermission::Internal);
+        CMVoidReply reply;
+        m_root->setValue(path("a:b"), ZarkValue::fromI32(3), reply);
+        QCOMPARE(listener.take(), QStringList({ "changed a:b value", "changed a:b permission", "changed a:b value" }));
+        QCOMPARE(errorOf(reply), QString());
+        m_root->tree()->removeListener(path("a:b"), &listener);
+    }
+
+    void listsBehaveLikeAList()
+    {
+        auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
+        QCOMPARE(rows(path("a:list"), 0, 9, 0, {}).errorName(), QString());
+        QCOMPARE(rows(path("a:list"), 1, 0, 0, {}).errorName(), QString(CMError::InvalidRange));
+        QList<int> model;
+        std::mt19937 random(20);
+        const auto below = [&random](int bound) {
+            return int(random() % unsigned(bound)) - 1;
+        };
+        for (int i = 0; i < 3000; ++i) {
+            const qint64 version = list->rowsVersion();
+            const int size = model.size();
+            const int at = below(size + 3); // From one before the first row to one behind the last place.
+            const int to = below(size + 2);
+            const CMListNode::Row row{ { "value", i } };
+            const bool there = at >= 0 && at < size;
+            bool expected = there;
+            bool done = false;
+            switch (random() % 5) {
+            case 0:
+            case 1:
+                expected = at >= 0 && at <= size;
+                done = list->insertRow(at, row);
+                if (expected)
+                    model.insert(at, i);
+                break;
+            case 2:
+                done = list->removeRow(at);
+                if (expected)
+                    model.removeAt(at);
+                break;
+            case 3:
+                done = list->updateRow(at, row);
+                if (expected)
+                    model[at] = i;
+                break;
+            default:
+                expected = there && to >= 0 && to < size;
+                done = list->moveRow(at, to);
+                if (expected)
+                    model.insert(to, model.takeAt(at));
+            }
+            QCOMPARE(done, expected);
+            QCOMPARE(list->rowsVersion() > version, expected);
+            QCOMPARE(list->rowsCount(), model.size());
+        }
+        QVERIFY(!model.isEmpty());
+        const auto got = rows(path("a:list"), 0, model.size(), list->rowsVersion(), { "value" });
+        QList<int> held;
+        for (const QVariantList& row : got.value.rows())
+            held.append(row.first().toInt());
+        QCOMPARE(held, model);
+        QCOMPARE(
+            rows(path("a:list"), 0, 1, list->rowsVersion(), { "valve" }).errorName(), QString(CMError::UnknownRole));
+    }
+
+    void generatedRowsAreMadeWhenRead()
+    {
+        auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
+        QList<int> made;
+        list->setRowSource(1000000, [&made](int index) {
+            made.append(index);
+            return CMListNode::Row{ { "path", "x:" + QString::number(index) } };
+        });
+        const auto got = rows(path("a:list"), 999998, 2000000, 0, { "path" });
+        QCOMPARE(got.value.rows(), QList<QVariantList>({ { "x:999998" }, { "x:999999" } }));
+        QCOMPARE(made, QList<int>({ 999998, 999999 }));
+        QVERIFY(!list->insertRow(0, {}) && !list->removeRow(0) && !list->updateRow(0, {}) && !list->moveRow(0, 1));
+    }
+
+    void containersComeAndGoWithTheirChildren()
+    {
+        Listener listener;
+        CMNodeTree* const tree = m_root->tree();
+        tree->addListener(path("a:b"), &listener);
+        auto* const c = CMValueNode::create(m_nodes.get(), path("a:b/c"), ZarkValue::fromI32(1));
+        auto* const e = CMValueNode::create(m_nodes.get(), path("a:b/d/e"), ZarkValue::fromI32(1));
+        QCOMPARE(listener.take(), QStringList({ "appeared a:b", "rows 1 0 -1", "rows 1 1 -1" }));
+        QVERIFY(!CMUINode::create(m_nodes.get(), path("a:b/c")));
+        QVERIFY(!CMUINode::create(m_nodes.get(), path("/old")));
+        const auto got = rows(path("a:b"), 0, 9, 0, { "path", "type" });
+        QCOMPARE(got.value.rows(), QList<QVariantList>({ { "a:b/c", "value" }, { "a:b/d", "container" } }));
+
+        CMUINode* const b = CMUINode::create(m_nodes.get(), path("a:b"));
+        QVERIFY(b);
+        QCOMPARE(b->children().size(), 2);
+        m_nodes->destroy(b);
+        QCOMPARE(listener.take(), QStringList({ "appeared a:b", "vanished a:b", "appeared a:b" }));
+        m_nodes->destroy(c);
+        m_nodes->destroy(e);
+        QCOMPARE(listener.take(), QStringList({ "rows 2 0 -1", "vanished a:b" }));
+        QVERIFY(tree->paths().isEmpty());
+        tree->removeListener(path("a:b"), &listener);
+    }
+
+    void listenersMayGoInsideACall()
+    {
+        CMNodeTree* const tree = m_root->tree();
+        auto* node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
+        std::array<Listener, 4> listeners;
+        for (Listener& listener : listeners)
+            tree->addListener(path("a:b"), &listener);
+        const auto heard = [&listeners] {
+            int count = 0;
+            for (Listener& listener : listeners)
+                count += int(listener.take().size());
+            return count;
+        };
+        // Whoever is called first removes all the others.
+        for (Listener& listener : listeners) {
+            listener.action = [&listeners, &listener, tree] {
+                for (Listener& other : listeners) {
+                    if (&other != &listener)
+                        tree->removeListener(path("a:b"), &other);
+                }
+            };
+        }
+        node->setMeasured(ZarkValue::fromI32(2));
+        QCOMPARE(heard(), 1);
+        QCOMPARE(tree->listenerCount(path("a:b")), 1);
+
+        for (Listener& listener : listeners) {
+            tree->removeListener(path("a:b"), &listener);
+            tree->addListener(path("a:b"), &listener);
+            listener.action = [this, &node] {
+                if (node)
+                    m_nodes->destroy(std::exchange(node, nullptr));
+            };
+        }
+        CMVoidReply reply;
+        node->set(ZarkValue::fromI32(3), reply);
+        QCOMPARE(errorOf(reply), QString());
+        QCOMPARE(heard(), 5); // One saw the change, four saw the node go.
+        for (Listener& listener : listeners)
+            tree->removeListener(path("a:b"), &listener);
+    }
+
+    void demandFollowsTheListeners()
+    {
+        auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
+        QList<bool> watched;
+        node->setDemandHook([&] { watched.append(node->isWatched()); });
+        Listener first;
+        Listener second;
+        m_root->tree()->addListener(path("a:b"), &first);
+        m_root->tree()->addListener(path("a:b"), &second);
+        m_root->tree()->removeListener(path("a:b"), &first);
+        m_root->tree()->removeListener(path("a:b"), &second);
+        m_root->getValue(path("a:b"));
+        QCOMPARE(watched, QList<bool>({ true, false, false }));
+    }
+
+    void manyChildrenAreNotQuadratic()
+    {
+        QElapsedTimer timer;
+        timer.start();
+        const CMPath parent = path("a:many");
+        for (int i = 0; i < 100000; ++i)
+            CMValueNode::create(m_nodes.get(), parent.child(QString::number(i)), ZarkValue::fromI32(i));
+        QCOMPARE(m_root->tree()->node(parent)->children().size(), 100000);
+        QCOMPARE(ZarkValue(m_root->getValue(parent.child("99999"))).i32(), 99999);
+        m_nodes = std::make_unique<CMNodes>(m_root->tree());
+        // Linear: below a second. Quadratic: minutes.
+        QVERIFY2(timer.elapsed() < 15000, qPrintable(QString::number(timer.elapsed())));
+    }
 
 private:
     QString invoke(const CMPath& at, const QVariant& value, const QString& role = QStringLiteral("value"))
@@ -89,368 +357,6 @@ private:
     std::unique_ptr<CMRootWorker> m_root;
     std::unique_ptr<CMNodes> m_nodes;
 };
-
-void NodesTest::init()
-{
-    m_root = std::make_unique<CMRootWorker>();
-    m_nodes = std::make_unique<CMNodes>(m_root->tree());
-}
-
-void NodesTest::cleanup()
-{
-    m_nodes.reset();
-    QVERIFY(m_root->tree()->paths().isEmpty());
-    m_root.reset();
-}
-
-void NodesTest::writesAreChecked_data()
-{
-    QTest::addColumn<QString>("initial");
-    QTest::addColumn<QString>("edit");
-    QTest::addColumn<QString>("value");
-    QTest::addColumn<QString>("error");
-
-    const auto row = [](const char* type, const char* initial, const char* edit, const char* value, const char* error) {
-        QTest::addRow("%s in %s to %s", value, edit, type)
-            << QStringLiteral("{\"type\":\"%1\",\"value\":%2}").arg(type, initial) << QString(edit) << QString(value)
-            << QString(error);
-    };
-    const char* const percent = R"({"minimum":0,"maximum":100})";
-    row("i32", "7", percent, "0", "");
-    row("i32", "7", percent, "100", "");
-    row("i32", "7", percent, R"({"type":"i32","value":8})", "");
-    row("i32", "7", percent, "101", "outOfRange: The value must be at most 100.");
-    row("i32", "7", percent, "-1", "outOfRange: The value must be at least 0.");
-    row("i32", "7", percent, "\"8\"", "invalidType");
-    row("i32", "7", percent, "8.5", "invalidType");
-    row("i32", "7", percent, R"({"type":"i64","value":8})", "invalidType");
-    row("i32", "5", R"({"minimum":-5,"step":5})", "10", "");
-    row("i32", "5", R"({"minimum":1,"step":5})", "11", "");
-    row("i32", "5", R"({"minimum":1,"step":5})", "10",
-        "outOfRange: The value must be a multiple of 5, counted from 1.");
-    row("i32", "5", R"({"step":2})", "-3", "outOfRange: The value must be a multiple of 2, counted from 0.");
-    row("i32", "5", R"({"maximum":7.5})", "8", "outOfRange: The value must be at most 7.5.");
-    const char* const huge = R"({"minimum":-9223372036854775808,"maximum":9223372036854775806,"step":2})";
-    row("i64", "0", huge, "9223372036854775806", "");
-    row("i64", "0", huge, "9223372036854775807", "outOfRange: The value must be at most 9223372036854775806.");
-    row("i64", "0", huge, "9223372036854775805",
-        "outOfRange: The value must be a multiple of 2, counted from -9223372036854775808.");
-    row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.3", "");
-    row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.7", "");
-    row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.35",
-        "outOfRange: The value must be a multiple of 0.1, counted from 0.");
-    row("double", "0", R"({"maximum":1})", "1.0000001", "outOfRange: The value must be at most 1.");
-    row("string", "\"a\"", R"({"options":["a",{"value":"b","title":"B"}]})", "\"b\"", "");
-    row("string", "\"a\"", R"({"options":["a","b"]})", "\"c\"", "notAnOption: The value is none of the options.");
-    row("string", "\"a\"", R"({"options":[]})", "\"a\"", "notAnOption: The value is none of the options.");
-    row("stringList", "[]", R"({"options":["a","b"]})", R"(["b","a"])", "");
-    row("stringList", "[]", R"({"options":["a","b"]})", R"(["b","c"])",
-        "notAnOption: The value is none of the options.");
-    row("i32", "7", "{}", "13", "unlucky: No.");
-}
-
-void NodesTest::writesAreChecked()
-{
-    QFETCH(QString, initial);
-    QFETCH(QString, edit);
-    QFETCH(QString, value);
-    QFETCH(QString, error);
-    const ZarkValue before(ZarkJson::parse(initial, nullptr));
-    auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), before);
-    node->setModifiable(true);
-    node->setEdit(ZarkJson::parse(edit, nullptr).toHash());
-    node->setValidator(
-        [](const ZarkValue& candidate) { return candidate.i32() == 13 ? CMError("unlucky", "No.") : CMError(); });
-    int hooks = 0;
-    node->setChangeHook([&hooks](const ZarkValue&) { ++hooks; });
-
-    CMReply<QVariant> reply;
-    m_root->invoke(path("a:b"), ZarkJson::parse(value, nullptr), QStringLiteral("value"), reply);
-    const auto answer = Answer<QVariant>::of(reply);
-    QVERIFY(answer.came);
-    if (error == QLatin1String("invalidType"))
-        QCOMPARE(answer.errorName(), error);
-    else if (!error.isEmpty())
-        QCOMPARE(answer.errorName() + ": " + answer.error.message().source(), error);
-    else
-        QVERIFY2(answer.error.isEmpty(), qPrintable(answer.error.message().source()));
-    const ZarkValue asked = ZarkValue::fromJson(ZarkJson::parse(value, nullptr), before.type(), nullptr);
-    QCOMPARE(node->value(), error.isEmpty() ? asked : before);
-    QCOMPARE(hooks, error.isEmpty() ? 1 : 0);
-    if (error.isEmpty())
-        QCOMPARE(ZarkValue(answer.value), asked);
-}
-
-void NodesTest::refusalsHaveNames()
-{
-    CMValueNode::create(m_nodes.get(), path("a:value"), ZarkValue::fromI32(1));
-    CMListNode::create(m_nodes.get(), path("a:list"));
-    auto* const command = CMActivateNode::create(m_nodes.get(), path("a:command"));
-    QCOMPARE(invoke(path("a:none"), 1), QString(CMError::NotFound));
-    QCOMPARE(invoke(path("a:value"), 1), QString(CMError::NotModifiable));
-    QCOMPARE(invoke(path("a:value"), 1, "title"), QString(CMError::NotSupported));
-    QCOMPARE(invoke(path("a:value"), 1, "tilte"), QString(CMError::UnknownRole));
-    QCOMPARE(invoke(path("a:list"), 1), QString(CMError::NotSupported));
-    QCOMPARE(invoke(path("a:command"), 1), QString(CMError::NotSupported));
-    QCOMPARE(rows(path("a:value"), 0, 1, 0, {}).errorName(), QString(CMError::NotSupported));
-
-    command->setArgumentType(ZarkValueType::I32);
-    command->doSetInvoke([](CMSetDataRequest request) { request.finish(request.value().i32() + 1); });
-    QCOMPARE(invoke(path("a:command"), "x"), QString(CMError::InvalidType));
-    CMReply<QVariant> reply;
-    m_root->invoke(path("a:command"), 41, QStringLiteral("activate"), reply);
-    QCOMPARE(Answer<QVariant>::of(reply).value.toInt(), 42);
-    command->doSetInvoke([](const CMSetDataRequest&) {});
-    QCOMPARE(invoke(path("a:command"), 1), QString(CMError::Abandoned));
-}
-
-void NodesTest::onlyChangesAreTold()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
-    Listener listener;
-    m_root->tree()->addListener(path("a:b"), &listener);
-    QVERIFY(node->setMeasured(ZarkValue::fromI32(1)));
-    QVERIFY(!node->setMeasured(ZarkValue::fromI64(2)));
-    node->setTitle(QStringLiteral("b"));
-    QCOMPARE(listener.take(), QStringList());
-    QVERIFY(node->setMeasured(ZarkValue::fromI32(2)));
-    node->setPermission(ZarkPermission::Internal);
-    CMVoidReply reply;
-    m_root->setValue(path("a:b"), ZarkValue::fromI32(3), reply);
-    QCOMPARE(listener.take(), QStringList({ "changed a:b value", "changed a:b permission", "changed a:b value" }));
-    QCOMPARE(errorOf(reply), QString());
-    m_root->tree()->removeListener(path("a:b"), &listener);
-}
-
-void NodesTest::rolesAreAnsweredInTheirOrder()
-{
-    CMValueNode::create(m_nodes.get(), path("a:b/c%20d"), ZarkValue::fromI32(1));
-    const auto get = [this](const char* at, const QStringList& roles) {
-        CMReply<QList<QVariant>> reply;
-        m_root->getData(path(at), roles, reply);
-        return Answer<QList<QVariant>>::of(reply);
-    };
-    const auto answer = get("a:b/c%20d", { "type", "value", "path", "icon", "permission", "modifiable", "type" });
-    QCOMPARE(ZarkJson::serialize(QVariant(answer.value)),
-        QByteArray(R"(["value",{"type":"i32","value":1},"a:b/c%20d",null,"default",false,"value"])"));
-    QCOMPARE(get("a:b/c%20d", CMAllRoles()).value.size(), CMAllRoles().size());
-    QCOMPARE(get("a:b", { "type" }).value, QList<QVariant>{ "container" });
-    QCOMPARE(get("a:b/c%20d", { "value", "valve" }).errorName(), QString(CMError::UnknownRole));
-    QCOMPARE(get("a:b/c d", { "value" }).errorName(), QString(CMError::NotFound));
-    QVERIFY(!m_root->getValue(path("a:b")).isValid());
-}
-
-void NodesTest::rangesAreChecked_data()
-{
-    QTest::addColumn<int>("count");
-    QTest::addColumn<int>("from");
-    QTest::addColumn<int>("to");
-    QTest::addColumn<int>("versionOffset"); // From the list's; 99 asks for any version.
-    QTest::addColumn<QString>("answer"); // The titles, or the error's name.
-
-    QTest::newRow("all") << 3 << 0 << 2 << 0 << "0 1 2";
-    QTest::newRow("one") << 3 << 1 << 1 << 0 << "1";
-    QTest::newRow("cut") << 3 << 2 << std::numeric_limits<int>::max() << 99 << "2";
-    QTest::newRow("beyond") << 3 << 3 << 3 << 99 << "invalidRange";
-    QTest::newRow("negative") << 3 << -1 << 1 << 99 << "invalidRange";
-    QTest::newRow("backwards") << 3 << 2 << 1 << 99 << "invalidRange";
-    QTest::newRow("older version") << 3 << 0 << 1 << -1 << "outdatedVersion";
-    QTest::newRow("newer version") << 3 << 0 << 1 << 1 << "outdatedVersion";
-    QTest::newRow("empty list") << 0 << 0 << 9 << 0 << "";
-    QTest::newRow("empty list, backwards") << 0 << 1 << 0 << 0 << "invalidRange";
-}
-
-void NodesTest::rangesAreChecked()
-{
-    QFETCH(int, count);
-    QFETCH(int, from);
-    QFETCH(int, to);
-    QFETCH(int, versionOffset);
-    QFETCH(QString, answer);
-    auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
-    for (int i = 0; i < count; ++i)
-        list->insertRow(i, { { "title", QString::number(i) } });
-    const qint64 version = versionOffset == 99 ? 0 : list->rowsVersion() + versionOffset;
-    const auto got = rows(path("a:list"), from, to, version, { "title", "path", "permission", "icon" });
-    if (!got.error.isEmpty()) {
-        QCOMPARE(got.errorName(), answer);
-        return;
-    }
-    QStringList titles;
-    for (const QVariantList& row : got.value.rows()) {
-        titles.append(row.at(0).toString());
-        QCOMPARE(row.mid(1), QVariantList({ "a:list.row" + titles.last(), "default", QVariant() }));
-    }
-    QCOMPARE(titles.join(' '), answer);
-    QCOMPARE(got.value.from(), from);
-    QCOMPARE(got.value.rowsCount(), count);
-    QCOMPARE(got.value.rowsVersion(), list->rowsVersion());
-    QCOMPARE(got.value.roles().permission(), ZarkPermission::Default);
-}
-
-void NodesTest::listsBehaveLikeAList()
-{
-    auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
-    QList<int> model;
-    std::mt19937 random(20);
-    const auto below = [&random](int bound) {
-        return int(random() % unsigned(bound)) - 1;
-    };
-    for (int i = 0; i < 3000; ++i) {
-        const qint64 version = list->rowsVersion();
-        const int size = model.size();
-        const int at = below(size + 3); // From one before the first row to one behind the last place.
-        const int to = below(size + 2);
-        const CMListNode::Row row{ { "value", i } };
-        const bool there = at >= 0 && at < size;
-        bool expected = there;
-        bool done = false;
-        switch (random() % 5) {
-        case 0:
-        case 1:
-            expected = at >= 0 && at <= size;
-            done = list->insertRow(at, row);
-            if (expected)
-                model.insert(at, i);
-            break;
-        case 2:
-            done = list->removeRow(at);
-            if (expected)
-                model.removeAt(at);
-            break;
-        case 3:
-            done = list->updateRow(at, row);
-            if (expected)
-                model[at] = i;
-            break;
-        default:
-            expected = there && to >= 0 && to < size;
-            done = list->moveRow(at, to);
-            if (expected)
-                model.insert(to, model.takeAt(at));
-        }
-        QCOMPARE(done, expected);
-        QCOMPARE(list->rowsVersion() > version, expected);
-        QCOMPARE(list->rowsCount(), model.size());
-    }
-    QVERIFY(!model.isEmpty());
-    const auto got = rows(path("a:list"), 0, model.size(), list->rowsVersion(), { "value" });
-    QList<int> held;
-    for (const QVariantList& row : got.value.rows())
-        held.append(row.first().toInt());
-    QCOMPARE(held, model);
-    QCOMPARE(rows(path("a:list"), 0, 1, list->rowsVersion(), { "valve" }).errorName(), QString(CMError::UnknownRole));
-}
-
-void NodesTest::generatedRowsAreMadeWhenRead()
-{
-    auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
-    QList<int> made;
-    list->setRowSource(1000000, [&made](int index) {
-        made.append(index);
-        return CMListNode::Row{ { "path", "x:" + QString::number(index) } };
-    });
-    const auto got = rows(path("a:list"), 999998, 2000000, 0, { "path" });
-    QCOMPARE(got.value.rows(), QList<QVariantList>({ { "x:999998" }, { "x:999999" } }));
-    QCOMPARE(made, QList<int>({ 999998, 999999 }));
-    QVERIFY(!list->insertRow(0, {}) && !list->removeRow(0) && !list->updateRow(0, {}) && !list->moveRow(0, 1));
-}
-
-void NodesTest::containersComeAndGoWithTheirChildren()
-{
-    Listener listener;
-    CMNodeTree* const tree = m_root->tree();
-    tree->addListener(path("a:b"), &listener);
-    auto* const c = CMValueNode::create(m_nodes.get(), path("a:b/c"), ZarkValue::fromI32(1));
-    auto* const e = CMValueNode::create(m_nodes.get(), path("a:b/d/e"), ZarkValue::fromI32(1));
-    QCOMPARE(listener.take(), QStringList({ "appeared a:b", "rows 1 0 -1", "rows 1 1 -1" }));
-    QVERIFY(!CMUINode::create(m_nodes.get(), path("a:b/c")));
-    QVERIFY(!CMUINode::create(m_nodes.get(), path("/old")));
-    const auto got = rows(path("a:b"), 0, 9, 0, { "path", "type" });
-    QCOMPARE(got.value.rows(), QList<QVariantList>({ { "a:b/c", "value" }, { "a:b/d", "container" } }));
-
-    CMUINode* const b = CMUINode::create(m_nodes.get(), path("a:b"));
-    QVERIFY(b);
-    QCOMPARE(b->children().size(), 2);
-    m_nodes->destroy(b);
-    QCOMPARE(listener.take(), QStringList({ "appeared a:b", "vanished a:b", "appeared a:b" }));
-    m_nodes->destroy(c);
-    m_nodes->destroy(e);
-    QCOMPARE(listener.take(), QStringList({ "rows 2 0 -1", "vanished a:b" }));
-    QVERIFY(tree->paths().isEmpty());
-    tree->removeListener(path("a:b"), &listener);
-}
-
-void NodesTest::listenersMayGoInsideACall()
-{
-    CMNodeTree* const tree = m_root->tree();
-    auto* node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
-    std::array<Listener, 4> listeners;
-    for (Listener& listener : listeners)
-        tree->addListener(path("a:b"), &listener);
-    const auto heard = [&listeners] {
-        int count = 0;
-        for (Listener& listener : listeners)
-            count += int(listener.take().size());
-        return count;
-    };
-    // Whoever is called first removes all the others.
-    for (Listener& listener : listeners) {
-        listener.action = [&listeners, &listener, tree] {
-            for (Listener& other : listeners) {
-                if (&other != &listener)
-                    tree->removeListener(path("a:b"), &other);
-            }
-        };
-    }
-    node->setMeasured(ZarkValue::fromI32(2));
-    QCOMPARE(heard(), 1);
-    QCOMPARE(tree->listenerCount(path("a:b")), 1);
-
-    for (Listener& listener : listeners) {
-        tree->removeListener(path("a:b"), &listener);
-        tree->addListener(path("a:b"), &listener);
-        listener.action = [this, &node] {
-            if (node)
-                m_nodes->destroy(std::exchange(node, nullptr));
-        };
-    }
-    CMVoidReply reply;
-    node->set(ZarkValue::fromI32(3), reply);
-    QCOMPARE(errorOf(reply), QString());
-    QCOMPARE(heard(), 5); // One saw the change, four saw the node go.
-    for (Listener& listener : listeners)
-        tree->removeListener(path("a:b"), &listener);
-}
-
-void NodesTest::demandFollowsTheListeners()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), path("a:b"), ZarkValue::fromI32(1));
-    QList<bool> watched;
-    node->setDemandHook([&] { watched.append(node->isWatched()); });
-    Listener first;
-    Listener second;
-    m_root->tree()->addListener(path("a:b"), &first);
-    m_root->tree()->addListener(path("a:b"), &second);
-    m_root->tree()->removeListener(path("a:b"), &first);
-    m_root->tree()->removeListener(path("a:b"), &second);
-    m_root->getValue(path("a:b"));
-    QCOMPARE(watched, QList<bool>({ true, false, false }));
-}
-
-void NodesTest::manyChildrenAreNotQuadratic()
-{
-    QElapsedTimer timer;
-    timer.start();
-    const CMPath parent = path("a:many");
-    for (int i = 0; i < 100000; ++i)
-        CMValueNode::create(m_nodes.get(), parent.child(QString::number(i)), ZarkValue::fromI32(i));
-    QCOMPARE(m_root->tree()->node(parent)->children().size(), 100000);
-    QCOMPARE(ZarkValue(m_root->getValue(parent.child("99999"))).i32(), 99999);
-    m_nodes = std::make_unique<CMNodes>(m_root->tree());
-    // Linear: below a second. Quadratic: minutes.
-    QVERIFY2(timer.elapsed() < 15000, qPrintable(QString::number(timer.elapsed())));
-}
 
 QTEST_GUILESS_MAIN(NodesTest)
 #include "NodesTest.moc"

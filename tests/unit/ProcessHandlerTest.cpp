@@ -4,16 +4,6 @@
 
 #include "ZarkProcessHandler.h"
 
-class ProcessHandlerTest : public QObject {
-    Q_OBJECT
-
-private Q_SLOTS:
-    void statusAndOutputAreReported_data();
-    void statusAndOutputAreReported();
-    void aMissingProgramIsReportedWithItsReason();
-    void aTimeOutEndsTheProgramAndItsChildren();
-};
-
 namespace {
 
 ZarkProcessResult shell(const QString& script, int timeoutMs = 10000)
@@ -23,58 +13,62 @@ ZarkProcessResult shell(const QString& script, int timeoutMs = 10000)
 
 } // namespace
 
-void ProcessHandlerTest::statusAndOutputAreReported_data()
-{
-    QTest::addColumn<QString>("script");
-    QTest::addColumn<bool>("ok");
-    QTest::addColumn<QByteArray>("data");
-    QTest::newRow("success") << "echo done" << true << QByteArray("done\n");
-    QTest::newRow("no output") << "true" << true << QByteArray();
-    QTest::newRow("failure keeps the output") << "echo bad; exit 3" << false << QByteArray("bad\n");
-    QTest::newRow("killed by a signal") << "echo bye; kill -9 $$" << false << QByteArray("bye\n");
-    QTest::newRow("channels in the order written") << "echo 1; echo 2 >&2; echo 3" << true << QByteArray("1\n2\n3\n");
-    QTest::newRow("standard input is empty") << "cat" << true << QByteArray();
-    QTest::newRow("more than a pipe holds") << "head -c 300000 /dev/zero" << true << QByteArray(300000, '\0');
-}
+class ProcessHandlerTest : public QObject {
+    Q_OBJECT
 
-void ProcessHandlerTest::statusAndOutputAreReported()
-{
-    QFETCH(QString, script);
-    const ZarkProcessResult result = shell(script);
-    QTEST(result.getData(), "data");
-    QTEST(result.finishedOk(), "ok");
-}
+private Q_SLOTS:
+    void statusAndOutputAreReported_data()
+    {
+        QTest::addColumn<QString>("script");
+        QTest::addColumn<bool>("ok");
+        QTest::addColumn<QByteArray>("data");
+        QTest::newRow("killed by a signal") << "echo bye; kill -9 $$" << false << QByteArray("bye\n");
+        QTest::newRow("channels in the order written")
+            << "echo 1; echo 2 >&2; echo 3" << true << QByteArray("1\n2\n3\n");
+        QTest::newRow("standard input is empty") << "cat" << true << QByteArray();
+        QTest::newRow("more than a pipe holds") << "head -c 300000 /dev/zero" << true << QByteArray(300000, '\0');
+    }
 
-void ProcessHandlerTest::aMissingProgramIsReportedWithItsReason()
-{
-    const ZarkProcessResult result = ZarkProcessHandler::startSync(QStringLiteral("zark no such program"), {}, 10000);
-    QVERIFY(!result.finishedOk());
-    QVERIFY2(result.getData().contains("No such file"), result.getData().constData());
-}
+    void statusAndOutputAreReported()
+    {
+        QFETCH(QString, script);
+        const ZarkProcessResult result = shell(script);
+        QTEST(result.getData(), "data");
+        QTEST(result.finishedOk(), "ok");
+    }
 
-void ProcessHandlerTest::aTimeOutEndsTheProgramAndItsChildren()
-{
-    const QTemporaryDir dir;
-    const QString pidFile = dir.filePath(QStringLiteral("child"));
-    QElapsedTimer timer;
-    timer.start();
-    const ZarkProcessResult result =
-        shell(QStringLiteral("echo early; sleep 60 & echo $! > '%1'; wait").arg(pidFile), 300);
-    QVERIFY(timer.elapsed() >= 300);
-    QVERIFY(timer.elapsed() < 10000);
-    QVERIFY(!result.finishedOk());
-    QCOMPARE(result.getData(), QByteArray("early\n"));
+    void aMissingProgramIsReportedWithItsReason()
+    {
+        const ZarkProcessResult result =
+            ZarkProcessHandler::startSync(QStringLiteral("zark no such program"), {}, 10000);
+        QVERIFY(!result.finishedOk());
+        QVERIFY2(result.getData().contains("No such file"), result.getData().constData());
+    }
 
-    QFile file(pidFile);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QString stat = QStringLiteral("/proc/%1/stat").arg(QString::fromLatin1(file.readAll().trimmed()));
-    // A zombie counts as ended: who reaps it is not this library's affair.
-    const auto isRunning = [&stat] {
-        QFile entry(stat);
-        return entry.open(QIODevice::ReadOnly) && !entry.readAll().contains(" Z ");
-    };
-    QTRY_VERIFY(!isRunning());
-}
+    void aTimeOutEndsTheProgramAndItsChildren()
+    {
+        const QTemporaryDir dir;
+        const QString pidFile = dir.filePath(QStringLiteral("child"));
+        QElapsedTimer timer;
+        timer.start();
+        const ZarkProcessResult result =
+            shell(QStringLiteral("echo early; sleep 60 & echo $! > '%1'; wait").arg(pidFile), 300);
+        QVERIFY(timer.elapsed() >= 300);
+        QVERIFY(timer.elapsed() < 10000);
+        QVERIFY(!result.finishedOk());
+        QCOMPARE(result.getData(), QByteArray("early\n"));
+
+        QFile file(pidFile);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QString stat = QStringLiteral("/proc/%1/stat").arg(QString::fromLatin1(file.readAll().trimmed()));
+        // A zombie counts as ended: who reaps it is not this library's affair.
+        const auto isRunning = [&stat] {
+            QFile entry(stat);
+            return entry.open(QIODevice::ReadOnly) && !entry.readAll().contains(" Z ");
+        };
+        QTRY_VERIFY(!isRunning());
+    }
+};
 
 QTEST_GUILESS_MAIN(ProcessHandlerTest)
 #include "ProcessHandlerTest.moc"

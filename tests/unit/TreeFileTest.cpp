@@ -13,10 +13,116 @@ class TreeFileTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void everyKindOfNodeIsMade();
-    void faultsNameTheirLine_data();
-    void faultsNameTheirLine();
-    void missingFilesAreNamed();
+    void everyKindOfNodeIsMade()
+    {
+        CMRootWorker root;
+        CMNodes nodes(root.tree());
+        QCOMPARE(load(R"({"nodes": [
+        {"path": "d:v/i32", "type": "value", "title": "T", "description": "D", "icon": "I", "permission": "protected",
+         "value": {"type": "i32", "value": 7}, "persistent": true, "modifiable": true,
+         "edit": {"minimum": 0, "maximum": 100, "step": 1, "unit": "%", "options": [7, {"value": 8, "title": "8"}]}},
+        {"path": "d:v/mode", "type": "value", "value": {"type": "webserverAuthMode", "value": {"mode": "off"}}},
+        {"path": "d:l/large", "type": "list", "rows": {"count": 10000, "title": "Row %1"}},
+        {"path": "d:l/short", "type": "list",
+         "rows": [{"title": "One", "permission": "internal", "value": {"type": "bool", "value": true}}]},
+        {"path": "d:l", "type": "container", "title": "Lists"},
+        {"path": "d:run", "type": "action", "argument": "i32"}
+    ]})",
+                     &nodes),
+            QString());
+
+        const auto path = [](const char* text) {
+            return CMPath::fromEncoded(QString(text));
+        };
+        CMReply<QList<QVariant>> reply;
+        root.getData(
+            path("d:v/i32"), { "type", "title", "description", "icon", "permission", "modifiable", "value" }, reply);
+        QList<QVariant> values = Answer<QList<QVariant>>::of(reply).value;
+        QCOMPARE(values.takeLast().value<ZarkValue>(), ZarkValue::fromI32(7));
+        QCOMPARE(values.takeAt(1).value<TrString>().source(), QString("T"));
+        QCOMPARE(values.takeAt(1).value<TrString>().source(), QString("D"));
+        QCOMPARE(values, QList<QVariant>({ "value", "I", "protected", true }));
+        QCOMPARE(ZarkValue(root.getValue(path("d:v/mode"))).webserverAuthMode(), ZarkWebserverAuthMode::Off);
+
+        const auto* const large = dynamic_cast<CMListNode*>(root.tree()->node(path("d:l/large")));
+        QVERIFY(large);
+        QCOMPARE(large->rowsCount(), 10000);
+        QCOMPARE(large->row(9999).value("title").value<TrString>().source(), QString("Row 9999"));
+        CMReply<ZarkRowsRoles> rows;
+        root.getRows(path("d:l/short"), 0, 9, 0, { "path", "permission", "value" }, rows);
+        QVariantList row = Answer<ZarkRowsRoles>::of(rows).value.rows().value(0);
+        QCOMPARE(row.takeLast().value<ZarkValue>(), ZarkValue::fromBool(true));
+        QCOMPARE(row, QVariantList({ "d:l/short.row0", "internal" }));
+        QCOMPARE(root.tree()->node(path("d:l"))->title().source(), QString("Lists"));
+        QCOMPARE(root.tree()->node(path("d:l"))->children().size(), 2);
+
+        CMReply<QVariant> invoked;
+        root.invoke(path("d:run"), 1, "activate", invoked);
+        QCOMPARE(Answer<QVariant>::of(invoked).errorName(), QString(CMError::NotSupported));
+    }
+
+    void faultsNameTheirLine_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("error");
+
+        const auto row = [](const char* name, const QByteArray& text, const char* error) {
+            QTest::newRow(name) << text << "tree.json:" + QString(error);
+        };
+        const auto node = [row](const char* name, const QByteArray& members, const char* error) {
+            row(name, "{\"nodes\": [\n{\"path\": \"a:b\",\n" + members + "}\n]}", error);
+        };
+        const QByteArray i32 = R"("type": "value", "value": {"type": "i32", "value": 7})";
+        row("no nodes", "{}", "1: the file must be an object with the list \"nodes\"");
+        row("unknown key at the top", "\n{\"nodes\": [], \"x\": 1}", "2: unknown key \"x\"");
+        row("a node that is none", "{\"nodes\": [1]}", "1: every node must be an object");
+        row("no path", "{\"nodes\": [\n{\"type\": \"container\"}]}",
+            "2: \"path\" must be a path such as \"demo:values/i32\"");
+        row("old path", "{\"nodes\": [\n{\"path\": \"/a\", \"type\": \"container\"}]}",
+            "2: \"path\" must be a path such as \"demo:values/i32\"");
+        row("taken", "{\"nodes\": [{\"path\": \"a:b\", \"type\": \"list\"},\n{\"path\": \"a:b\", \"type\": \"list\"}]}",
+            "2: the path \"a:b\" is taken");
+        node("unknown type", R"("type": "stream")", "2: unknown type \"stream\"");
+        node("misspelt key", i32 + ",\n\"modifyable\": true", "2: unknown key \"modifyable\"");
+        node("key of another kind", R"("type": "container", "value": 1)", "2: unknown key \"value\"");
+        node("flag of another type", i32 + R"(, "persistent": 1)", "2: \"persistent\" must be true or false");
+        node("unknown value type", "\"type\": \"value\", \"value\":\n{\"type\": \"int\", \"value\": 7}",
+            "4: unknown value type \"int\"");
+        node("unknown key in edit", i32 + ",\n\"edit\": {\"min\": 1}", "4: unknown key \"min\"");
+        node("bound that is no number", i32 + ",\n\"edit\": {\"minimum\": \"1\"}", "4: \"minimum\" must be a number");
+        node("step of 0", i32 + ",\n\"edit\": {\"step\": 0}", "4: \"step\" must be above 0");
+        node("bounds of a text", R"("type": "value", "value": {"type": "string", "value": ""}, "edit": {"step": 1})",
+            "3: \"step\" is for numbers only");
+        node("value above its maximum", i32 + ",\n\"edit\": {\"maximum\": 6}", "2: The value must be at most 6.");
+        node("value that is no option", i32 + ",\n\"edit\": {\"options\": [1, 2]}",
+            "2: The value is none of the options.");
+        node("rows that are none", R"("type": "list", "rows": 3)",
+            "2: \"rows\" must be a list, or an object with \"count\"");
+        node("negative count", "\"type\": \"list\", \"rows\":\n{\"count\": -1}",
+            "4: \"count\" must be a number of rows");
+        node("unknown role in a row", "\"type\": \"list\", \"rows\": [\n{\"titel\": \"x\"}]",
+            "4: unknown key \"titel\"");
+        node("second row of three", "\"type\": \"list\", \"rows\": [\n{},\n{\"permission\": \"none\"},\n{\"x\": 1}]",
+            "5: unknown permission \"none\"");
+    }
+
+    void faultsNameTheirLine()
+    {
+        QFETCH(QByteArray, text);
+        CMRootWorker root;
+        CMNodes nodes(root.tree());
+        QTEST(load(text, &nodes), "error");
+    }
+
+    void missingFilesAreNamed()
+    {
+        CMRootWorker root;
+        CMNodes nodes(root.tree());
+        QString error;
+        QVERIFY(!CMTreeFile::load("/nowhere/tree.json", &nodes, &error));
+        QVERIFY2(error.startsWith("/nowhere/tree.json: "), qPrintable(error));
+        QVERIFY(load("{\"nodes\": [\n}", &nodes).startsWith("tree.json:2: "));
+    }
 
 private:
     QString load(const QByteArray& text, CMNodes* nodes)
@@ -32,122 +138,6 @@ private:
 
     QTemporaryDir m_dir;
 };
-
-void TreeFileTest::everyKindOfNodeIsMade()
-{
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    QCOMPARE(load(R"({"nodes": [
-        {"path": "d:v/i32", "type": "value", "title": "T", "description": "D", "icon": "I", "permission": "protected",
-         "value": {"type": "i32", "value": 7}, "persistent": true, "modifiable": true,
-         "edit": {"minimum": 0, "maximum": 100, "step": 1, "unit": "%", "options": [7, {"value": 8, "title": "8"}]}},
-        {"path": "d:v/mode", "type": "value", "value": {"type": "webserverAuthMode", "value": {"mode": "off"}}},
-        {"path": "d:l/large", "type": "list", "rows": {"count": 10000, "title": "Row %1"}},
-        {"path": "d:l/short", "type": "list",
-         "rows": [{"title": "One", "permission": "internal", "value": {"type": "bool", "value": true}}]},
-        {"path": "d:l", "type": "container", "title": "Lists"},
-        {"path": "d:run", "type": "action", "argument": "i32"}
-    ]})",
-                 &nodes),
-        QString());
-
-    const auto path = [](const char* text) {
-        return CMPath::fromEncoded(QString(text));
-    };
-    CMReply<QList<QVariant>> reply;
-    root.getData(
-        path("d:v/i32"), { "type", "title", "description", "icon", "permission", "modifiable", "value" }, reply);
-    QList<QVariant> values = Answer<QList<QVariant>>::of(reply).value;
-    QCOMPARE(values.takeLast().value<ZarkValue>(), ZarkValue::fromI32(7));
-    QCOMPARE(values.takeAt(1).value<TrString>().source(), QString("T"));
-    QCOMPARE(values.takeAt(1).value<TrString>().source(), QString("D"));
-    QCOMPARE(values, QList<QVariant>({ "value", "I", "protected", true }));
-    QCOMPARE(ZarkValue(root.getValue(path("d:v/mode"))).webserverAuthMode(), ZarkWebserverAuthMode::Off);
-
-    const auto* const large = dynamic_cast<CMListNode*>(root.tree()->node(path("d:l/large")));
-    QVERIFY(large);
-    QCOMPARE(large->rowsCount(), 10000);
-    QCOMPARE(large->row(9999).value("title").value<TrString>().source(), QString("Row 9999"));
-    CMReply<ZarkRowsRoles> rows;
-    root.getRows(path("d:l/short"), 0, 9, 0, { "path", "permission", "value" }, rows);
-    QVariantList row = Answer<ZarkRowsRoles>::of(rows).value.rows().value(0);
-    QCOMPARE(row.takeLast().value<ZarkValue>(), ZarkValue::fromBool(true));
-    QCOMPARE(row, QVariantList({ "d:l/short.row0", "internal" }));
-    QCOMPARE(root.tree()->node(path("d:l"))->title().source(), QString("Lists"));
-    QCOMPARE(root.tree()->node(path("d:l"))->children().size(), 2);
-
-    CMReply<QVariant> invoked;
-    root.invoke(path("d:run"), 1, "activate", invoked);
-    QCOMPARE(Answer<QVariant>::of(invoked).errorName(), QString(CMError::NotSupported));
-}
-
-void TreeFileTest::faultsNameTheirLine_data()
-{
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QString>("error");
-
-    const auto row = [](const char* name, const QByteArray& text, const char* error) {
-        QTest::newRow(name) << text << "tree.json:" + QString(error);
-    };
-    const auto node = [row](const char* name, const QByteArray& members, const char* error) {
-        row(name, "{\"nodes\": [\n{\"path\": \"a:b\",\n" + members + "}\n]}", error);
-    };
-    const QByteArray i32 = R"("type": "value", "value": {"type": "i32", "value": 7})";
-    row("no nodes", "{}", "1: the file must be an object with the list \"nodes\"");
-    row("a list", "[]", "1: the file must be an object with the list \"nodes\"");
-    row("unknown key at the top", "\n{\"nodes\": [], \"x\": 1}", "2: unknown key \"x\"");
-    row("a node that is none", "{\"nodes\": [1]}", "1: every node must be an object");
-    row("no path", "{\"nodes\": [\n{\"type\": \"container\"}]}",
-        "2: \"path\" must be a path such as \"demo:values/i32\"");
-    row("old path", "{\"nodes\": [\n{\"path\": \"/a\", \"type\": \"container\"}]}",
-        "2: \"path\" must be a path such as \"demo:values/i32\"");
-    row("taken", "{\"nodes\": [{\"path\": \"a:b\", \"type\": \"list\"},\n{\"path\": \"a:b\", \"type\": \"list\"}]}",
-        "2: the path \"a:b\" is taken");
-    node("no type", "\"title\": \"x\"", "2: unknown type \"\"");
-    node("unknown type", R"("type": "stream")", "2: unknown type \"stream\"");
-    node("misspelt key", i32 + ",\n\"modifyable\": true", "2: unknown key \"modifyable\"");
-    node("key of another kind", R"("type": "container", "value": 1)", "2: unknown key \"value\"");
-    node("title of another type", R"("type": "container", "title": 1)", "2: \"title\" must be a text");
-    node("flag of another type", i32 + R"(, "persistent": 1)", "2: \"persistent\" must be true or false");
-    node("misspelt permission", R"("type": "container", "permission": "Open")", "2: unknown permission \"Open\"");
-    node("plain value", R"("type": "value", "value": 7)", "2: \"value\" must be an object with \"type\" and \"value\"");
-    node("unknown value type", "\"type\": \"value\", \"value\":\n{\"type\": \"int\", \"value\": 7}",
-        "4: unknown value type \"int\"");
-    node("unknown key in a value", "\"type\": \"value\",\n\"value\": {\"type\": \"i32\", \"value\": 7, \"x\": 1}",
-        "4: unknown key \"x\"");
-    node("unknown key in edit", i32 + ",\n\"edit\": {\"min\": 1}", "4: unknown key \"min\"");
-    node("bound that is no number", i32 + ",\n\"edit\": {\"minimum\": \"1\"}", "4: \"minimum\" must be a number");
-    node("step of 0", i32 + ",\n\"edit\": {\"step\": 0}", "4: \"step\" must be above 0");
-    node("bounds of a text", R"("type": "value", "value": {"type": "string", "value": ""}, "edit": {"step": 1})",
-        "3: \"step\" is for numbers only");
-    node("value above its maximum", i32 + ",\n\"edit\": {\"maximum\": 6}", "2: The value must be at most 6.");
-    node("value that is no option", i32 + ",\n\"edit\": {\"options\": [1, 2]}", "2: The value is none of the options.");
-    node("rows that are none", R"("type": "list", "rows": 3)",
-        "2: \"rows\" must be a list, or an object with \"count\"");
-    node("negative count", "\"type\": \"list\", \"rows\":\n{\"count\": -1}", "4: \"count\" must be a number of rows");
-    node("unknown role in a row", "\"type\": \"list\", \"rows\": [\n{\"titel\": \"x\"}]", "4: unknown key \"titel\"");
-    node("second row of three", "\"type\": \"list\", \"rows\": [\n{},\n{\"permission\": \"none\"},\n{\"x\": 1}]",
-        "5: unknown permission \"none\"");
-    node("unknown argument", R"("type": "action", "argument": "int")", "2: unknown value type \"int\"");
-}
-
-void TreeFileTest::faultsNameTheirLine()
-{
-    QFETCH(QByteArray, text);
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    QTEST(load(text, &nodes), "error");
-}
-
-void TreeFileTest::missingFilesAreNamed()
-{
-    CMRootWorker root;
-    CMNodes nodes(root.tree());
-    QString error;
-    QVERIFY(!CMTreeFile::load("/nowhere/tree.json", &nodes, &error));
-    QVERIFY2(error.startsWith("/nowhere/tree.json: "), qPrintable(error));
-    QVERIFY(load("{\"nodes\": [\n}", &nodes).startsWith("tree.json:2: "));
-}
 
 QTEST_GUILESS_MAIN(TreeFileTest)
 #include "TreeFileTest.moc"

@@ -9,12 +9,55 @@ class ValueItemTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup();
-    void tellsTheFirstValueAndEveryChange();
-    void tellsOnlyTheLatestOfManyChanges();
-    void survivesNodesThatComeAndGo();
-    void outlivesTheRoot();
+    void init()
+    {
+        m_root = std::make_unique<CMRootWorker>();
+        m_nodes = std::make_unique<CMNodes>(m_root->tree());
+        m_log.clear();
+    }
+
+    void cleanup()
+    {
+        m_nodes.reset();
+        m_root.reset();
+    }
+
+    void tellsOnlyTheLatestOfManyChanges()
+    {
+        auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
+        const auto item = watch();
+        QCOMPARE(told(), QStringList("-1>1"));
+        for (const int value : { 2, 3, 4 })
+            node->setMeasured(ZarkValue::fromI32(value));
+        QCOMPARE(told(), QStringList("1>4"));
+        node->setTitle(QStringLiteral("other role"));
+        for (const int value : { 9, 4 })
+            node->setMeasured(ZarkValue::fromI32(value));
+        QCOMPARE(told(), QStringList());
+    }
+
+    void survivesNodesThatComeAndGo()
+    {
+        const auto item = watch();
+        QCOMPARE(told(), QStringList());
+        auto* node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
+        QCOMPARE(told(), QStringList("-1>1"));
+        m_nodes->destroy(node);
+        QCOMPARE(told(), QStringList());
+        QCOMPARE(item->value().i32(), 1);
+        CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(5));
+        QCOMPARE(told(), QStringList("1>5"));
+    }
+
+    void outlivesTheRoot()
+    {
+        auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
+        const auto item = watch();
+        QCOMPARE(told(), QStringList("-1>1"));
+        node->setMeasured(ZarkValue::fromI32(2));
+        cleanup();
+        QCOMPARE(told(), QStringList());
+    }
 
 private:
     std::unique_ptr<CMValueItem> watch()
@@ -36,68 +79,6 @@ private:
     std::unique_ptr<CMNodes> m_nodes;
     QStringList m_log;
 };
-
-void ValueItemTest::init()
-{
-    m_root = std::make_unique<CMRootWorker>();
-    m_nodes = std::make_unique<CMNodes>(m_root->tree());
-    m_log.clear();
-}
-
-void ValueItemTest::cleanup()
-{
-    m_nodes.reset();
-    m_root.reset();
-}
-
-void ValueItemTest::tellsTheFirstValueAndEveryChange()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
-    const auto item = watch();
-    QVERIFY(!item->value().isValid());
-    QCOMPARE(told(), QStringList("-1>1"));
-    node->setMeasured(ZarkValue::fromI32(2));
-    QCOMPARE(item->value().i32(), 1);
-    QCOMPARE(told(), QStringList("1>2"));
-    node->setTitle(QStringLiteral("other role"));
-    QCOMPARE(told(), QStringList());
-}
-
-void ValueItemTest::tellsOnlyTheLatestOfManyChanges()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
-    const auto item = watch();
-    QCOMPARE(told(), QStringList("-1>1"));
-    for (const int value : { 2, 3, 4 })
-        node->setMeasured(ZarkValue::fromI32(value));
-    QCOMPARE(told(), QStringList("1>4"));
-    for (const int value : { 9, 4 })
-        node->setMeasured(ZarkValue::fromI32(value));
-    QCOMPARE(told(), QStringList());
-}
-
-void ValueItemTest::survivesNodesThatComeAndGo()
-{
-    const auto item = watch();
-    QCOMPARE(told(), QStringList());
-    auto* node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
-    QCOMPARE(told(), QStringList("-1>1"));
-    m_nodes->destroy(node);
-    QCOMPARE(told(), QStringList());
-    QCOMPARE(item->value().i32(), 1);
-    CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(5));
-    QCOMPARE(told(), QStringList("1>5"));
-}
-
-void ValueItemTest::outlivesTheRoot()
-{
-    auto* const node = CMValueNode::create(m_nodes.get(), m_path, ZarkValue::fromI32(1));
-    const auto item = watch();
-    QCOMPARE(told(), QStringList("-1>1"));
-    node->setMeasured(ZarkValue::fromI32(2));
-    cleanup();
-    QCOMPARE(told(), QStringList());
-}
 
 QTEST_GUILESS_MAIN(ValueItemTest)
 #include "ValueItemTest.moc"
