@@ -21,6 +21,7 @@
 #include "CMTreeFile.h"
 #include "ServiceNotifier.h"
 #include "SignalWatch.h"
+#include "StartupPages.h"
 #include "WorkerStatus.h"
 #include "dbglog.h"
 
@@ -190,6 +191,7 @@ bool Host::announce()
     if (canServe)
         puts("ready");
     fflush(stdout);
+    releaseStartupPages();
     return canServe;
 }
 
