@@ -29,21 +29,21 @@ ZarkError findLoneSurrogate(const QString& text)
 
 } // namespace
 
-QVariant ZarkJson::parse(const QByteArray& utf8, ZarkError* error, unsigned flags)
+QVariant ZarkJson::parse(const QByteArray& utf8, ZarkError* error, unsigned flags, int maximumValues)
 {
-    ZarkJsonParser parser(utf8, flags & RecordLines);
+    ZarkJsonParser parser(utf8, flags & RecordLines, maximumValues);
     const QVariant value = parser.parse();
     if (error)
         *error = parser.error();
     return value;
 }
 
-QVariant ZarkJson::parse(const QString& text, ZarkError* error, unsigned flags)
+QVariant ZarkJson::parse(const QString& text, ZarkError* error, unsigned flags, int maximumValues)
 {
     // toUtf8() would hide it behind a replacement character.
     const ZarkError surrogate = findLoneSurrogate(text);
     if (surrogate.isEmpty())
-        return parse(text.toUtf8(), error, flags);
+        return parse(text.toUtf8(), error, flags, maximumValues);
     if (error)
         *error = surrogate;
     return {};

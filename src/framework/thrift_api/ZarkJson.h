@@ -4,6 +4,8 @@
 #include <QString>
 #include <QVariant>
 
+#include <limits>
+
 #include "ZarkError.h"
 
 /// JSON texts to QVariant and back (RFC 8259, nothing more lenient).
@@ -18,7 +20,8 @@
 /// | null            | QVariant::fromValue(nullptr): valid, isNull() is true |
 ///
 /// Refused with line and column: anything RFC 8259 does not allow, invalid UTF-8, a byte order mark, raw control
-/// characters, lone surrogates, numbers beyond a double, more than MaximumDepth levels, text after the value.
+/// characters, lone surrogates, numbers beyond a double, more than MaximumDepth levels, text after the value, and more
+/// values than the caller takes.
 class ZarkJson {
 public:
     enum Flag : unsigned {
@@ -26,10 +29,14 @@ public:
         RecordLines = 1, ///< Every object gets the key "@line": the line of its "{". For files that people write.
     };
     static constexpr int MaximumDepth = 128;
+    static constexpr int AnyNumber = std::numeric_limits<int>::max();
 
     /// The value of `text`; an invalid QVariant and a filled `error` when it is not JSON. `error` may be null.
-    static QVariant parse(const QByteArray& utf8, ZarkError* error, unsigned flags = NoFlags);
-    static QVariant parse(const QString& text, ZarkError* error, unsigned flags = NoFlags);
+    /// `maximumValues` counts every value, inner ones and equal keys' too: one takes up to fifty times its text.
+    static QVariant parse(
+        const QByteArray& utf8, ZarkError* error, unsigned flags = NoFlags, int maximumValues = AnyNumber);
+    static QVariant parse(
+        const QString& text, ZarkError* error, unsigned flags = NoFlags, int maximumValues = AnyNumber);
 
     /// Compact UTF-8 JSON, object keys sorted. Beside the types above: ZarkValue, TrString (its source text),
     /// QStringList, QByteArray (Base64), QDateTime (ms since the epoch), QVariantMap. Doubles are printed with the

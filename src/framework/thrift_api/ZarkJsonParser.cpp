@@ -62,8 +62,9 @@ void appendUtf8(const char* p, const char* end, QString& out)
 
 } // namespace
 
-ZarkJsonParser::ZarkJsonParser(const QByteArray& utf8, bool recordLines)
-    : m_begin(utf8.constData()), m_end(m_begin + utf8.size()), m_pos(m_begin), m_recordLines(recordLines)
+ZarkJsonParser::ZarkJsonParser(const QByteArray& utf8, bool recordLines, int maximumValues)
+    : m_begin(utf8.constData()), m_end(m_begin + utf8.size()), m_pos(m_begin), m_recordLines(recordLines),
+      m_valuesLeft(maximumValues)
 {
 }
 
@@ -107,6 +108,8 @@ bool ZarkJsonParser::parseValue(QVariant& out)
 {
     if (m_pos == m_end)
         return failUnexpected("expected a value");
+    if (--m_valuesLeft < 0)
+        return failAt(m_pos, "too many values");
     switch (*m_pos) {
     case '{':
         return parseObject(out);

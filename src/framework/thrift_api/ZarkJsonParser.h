@@ -10,7 +10,7 @@
 class ZarkJsonParser {
 public:
     /// `utf8` must outlive the parser. With `recordLines` every object gets the key "@line".
-    ZarkJsonParser(const QByteArray& utf8, bool recordLines);
+    ZarkJsonParser(const QByteArray& utf8, bool recordLines, int maximumValues);
 
     /// The value; an invalid QVariant when the text is not JSON, and then error() tells why.
     QVariant parse();
@@ -48,6 +48,7 @@ private:
     const char* m_errorPos = nullptr;
     const char* m_message = nullptr;
     const bool m_recordLines;
+    int m_valuesLeft;
     int m_line = 1; // Of m_pos; line feeds occur in white space only.
     int m_depth = 0;
 };
