@@ -2,6 +2,9 @@
 
 #include <QMetaMethod>
 
+#include <algorithm>
+#include <cstring>
+
 #include "WebserverLog.h"
 
 namespace {
@@ -31,6 +34,23 @@ void keepAliveAfterNoContent(SoupMessage* message, gpointer)
     soup_message_headers_set_encoding(message->response_headers, SOUP_ENCODING_CONTENT_LENGTH);
 }
 
+bool isTokenCharacter(char c)
+{
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')
+        || (c != '\0' && std::strchr("!#$%&'*+-.^_`|~", c));
+}
+
+bool isToken(const QByteArray& name)
+{
+    return !name.isEmpty() && std::all_of(name.cbegin(), name.cend(), isTokenCharacter);
+}
+
+// Such a text would end its line, and begin a field of its own.
+bool hasLineBreak(const QByteArray& text)
+{
+    return text.contains('\r') || text.contains('\n') || text.contains('\0');
+}
+
 void deleteByteArray(gpointer array)
 {
     delete static_cast<QByteArray*>(array);
@@ -44,6 +64,9 @@ Message::Message(const MessageData& data, QObject* parent) : QObject(parent), m_
     soup_message_body_set_accumulate(m_data.message->response_body, FALSE);
     if (!soup_message_headers_get_one(m_data.message->response_headers, "X-Robots-Tag"))
         soup_message_headers_append(m_data.message->response_headers, "X-Robots-Tag", "noindex");
+    // The library gives the table up when its callback returns, and most answers come later.
+    if (m_data.query)
+        g_hash_table_ref(m_data.query);
     connectGlibSignals();
 }
 
@@ -51,6 +74,8 @@ Message::Message(const Message& other)
     : QObject(nullptr), m_data(other.m_data), m_valid(other.m_valid), m_finished(other.m_finished),
       m_fullUri(other.fullUri()), m_url(other.m_url)
 {
+    if (m_data.query)
+        g_hash_table_ref(m_data.query);
     if (m_valid)
         connectGlibSignals();
 }
@@ -58,6 +83,8 @@ Message::Message(const Message& other)
 Message::~Message()
 {
     disconnectGlibSignals();
+    if (m_data.query)
+        g_hash_table_unref(m_data.query);
 }
 
 int Message::status() const
@@ -69,7 +96,7 @@ int Message::status() const
 void Message::setStatus(int code, const QString& reason)
 {
     dbglog_scopedFunction(webserverLog());
-    if (!m_valid)
+    if (!isWritable())
         return;
     if (code < 200 || code > 599) {
         dbglog_error(webserverLog(), "setStatus: " << code << " is no final status, answering 500");
@@ -77,21 +104,22 @@ void Message::setStatus(int code, const QString& reason)
     }
     if (code == SOUP_STATUS_NO_CONTENT)
         g_signal_connect(m_data.message, "wrote-headers", G_CALLBACK(keepAliveAfterNoContent), nullptr);
-    if (reason.isEmpty()) {
+    const QByteArray phrase = reason.toUtf8();
+    if (phrase.isEmpty() || hasLineBreak(phrase)) {
         dbglog_debug(webserverLog(), "setStatus: setting status " << code);
         soup_message_set_status(m_data.message, static_cast<guint>(code));
     } else {
         dbglog_debug(webserverLog(), "setStatus: setting status with reason msg " << code << reason);
-        soup_message_set_status_full(m_data.message, static_cast<guint>(code), reason.toUtf8().constData());
+        soup_message_set_status_full(m_data.message, static_cast<guint>(code), phrase.constData());
     }
 }
 
 bool Message::setHeader(const QByteArray& name, const QByteArray& value)
 {
     dbglog_scopedFunction(webserverLog());
-    if (value.contains('\r') || value.contains('\n') || value.contains('\0'))
+    if (!isToken(name) || hasLineBreak(value))
         return false;
-    if (m_valid)
+    if (isWritable())
         soup_message_headers_replace(m_data.message->response_headers, name.constData(), value.constData());
     return true;
 }
@@ -111,7 +139,7 @@ void Message::setContentType(const QString& contentType)
 void Message::setContentLength(qint64 bytes)
 {
     dbglog_scopedFunction(webserverLog());
-    if (m_valid)
+    if (isWritable())
         soup_message_headers_set_content_length(m_data.message->response_headers, bytes);
 }
 
@@ -128,7 +156,7 @@ bool Message::setNoCache()
 void Message::setEncoding(Encoding encoding)
 {
     dbglog_scopedFunction(webserverLog());
-    if (!m_valid)
+    if (!isWritable())
         return;
     SoupEncoding soupEncoding = SOUP_ENCODING_CONTENT_LENGTH;
     if (encoding == Streamed) {
@@ -144,7 +172,7 @@ void Message::setEncoding(Encoding encoding)
 void Message::responseBodyAdd(const char* data, qint64 length)
 {
     dbglog_scopedFunction(webserverLog());
-    if (!m_valid)
+    if (!isWritable())
         return;
     if (length > 0)
         soup_message_body_append(m_data.message->response_body, SOUP_MEMORY_COPY, data, static_cast<gsize>(length));
@@ -154,7 +182,7 @@ void Message::responseBodyAdd(const char* data, qint64 length)
 void Message::responseBodyAdd(const QByteArray& data)
 {
     dbglog_scopedFunction(webserverLog());
-    if (!m_valid)
+    if (!isWritable())
         return;
     dbglog_debug(webserverLog(), "data.size: " << data.size() << data.left(20) << "...");
     if (!data.isEmpty()) {
@@ -183,7 +211,7 @@ void Message::setResponseBody(const QString& body, const QString& contentType)
 void Message::responseBodyComplete()
 {
     dbglog_scopedFunction(webserverLog());
-    if (!m_valid)
+    if (!isWritable())
         return;
     soup_message_body_complete(m_data.message->response_body);
     unpause();
@@ -192,15 +220,21 @@ void Message::responseBodyComplete()
 void Message::pause()
 {
     dbglog_scopedFunction(webserverLog());
-    if (m_valid)
+    if (isWritable())
         soup_server_pause_message(m_data.server, m_data.message);
 }
 
 void Message::unpause()
 {
     dbglog_scopedFunction(webserverLog());
-    if (m_valid)
+    if (isWritable())
         soup_server_unpause_message(m_data.server, m_data.message);
+}
+
+bool Message::isMethod(const char* method) const
+{
+    dbglog_scopedFunction(webserverLog());
+    return m_valid && std::strcmp(m_data.message->method, method) == 0;
 }
 
 void Message::setAccumulate(bool accumulate)
@@ -242,12 +276,22 @@ bool Message::isMultipart() const
     return requestContentType() == "multipart/form-data";
 }
 
-QByteArray Message::header(const QString& name) const
+QByteArray Message::header(const char* name) const
 {
     dbglog_scopedFunction(webserverLog());
     if (!m_valid)
         return {};
-    return QByteArray(soup_message_headers_get_list(m_data.message->request_headers, name.toUtf8().constData()));
+    return QByteArray(soup_message_headers_get_list(m_data.message->request_headers, name));
+}
+
+bool Message::isRepeated(const char* name) const
+{
+    dbglog_scopedFunction(webserverLog());
+    if (!m_valid)
+        return false;
+    // The library joins several, and hands a single one out as it is.
+    SoupMessageHeaders* fields = m_data.message->request_headers;
+    return soup_message_headers_get_list(fields, name) != soup_message_headers_get_one(fields, name);
 }
 
 QString Message::sender() const
@@ -307,6 +351,16 @@ ZarkUrl Message::url() const
             m_url.setEncodedQuery(query.replace('+', "%20"));
     }
     return m_url;
+}
+
+void Message::releaseInput()
+{
+    dbglog_scopedFunction(webserverLog());
+    m_url = ZarkUrl();
+    m_query = ZarkUrlQuery();
+    m_querySplit = false;
+    if (m_valid)
+        soup_message_body_truncate(m_data.message->request_body);
 }
 
 QByteArray Message::getDelimiterFromHeader() const

@@ -8,7 +8,8 @@
 
 #include "ZarkUrl.h"
 
-/// What the HTTP library hands to a request callback. Nothing is owned.
+/// What the HTTP library hands to a request callback. Nothing is owned; a Message keeps `query` for as long as it
+/// lives.
 struct MessageData {
     SoupServer* server = nullptr;
     SoupMessage* message = nullptr;
@@ -20,8 +21,9 @@ struct MessageData {
 /// One HTTP exchange, as every part of the web server sees it.
 ///
 /// Valid until the library reports the exchange finished (answered, or the client has gone); from then on nothing but
-/// the flags, fullUri() and deletion is allowed, and the functions below that write do nothing. Deletion is always
-/// deferred: nobody deletes a Message directly. On the thread of the server's event loop.
+/// the flags, fullUri() and deletion is allowed. The functions below that write do nothing from the moment on in which
+/// finished() is emitted, while the message can still be read. Deletion is always deferred: nobody deletes a Message
+/// directly. On the thread of the server's event loop.
 class Message : public QObject {
     Q_OBJECT
 public:
@@ -43,9 +45,10 @@ public:
     // The answer. Every write to the body also resumes a paused exchange; pause() after it holds the answer back.
     int status() const;
     /// 200 to 599; anything else becomes 500, since the library would loop on a final 1xx. An empty reason gives the
-    /// standard phrase.
+    /// standard phrase, and so does one with a line break, which would begin a header field.
     void setStatus(int code, const QString& reason);
-    /// Replaces the field. False, and nothing changed, for a value with a line break in it.
+    /// Replaces the field. False, and nothing changed, for a name that is no token (RFC 9110, section 5.1) and for a
+    /// value with a line break in it.
     bool setHeader(const QByteArray& name, const QByteArray& value);
     bool setHeader(const QString& name, const QString& value);
     void setContentType(const QString& contentType);
@@ -61,12 +64,16 @@ public:
     void unpause();
 
     // The request.
+    bool isMethod(const char* method) const; ///< In this letter case.
     void setAccumulate(bool accumulate);
-    /// The whole body, valid while the exchange lives; not copied. Empty for a body that is not accumulated.
+    /// The whole body, valid until releaseInput() or the end of the exchange; not copied. Empty for a body that is not
+    /// accumulated.
     QByteArray requestBody() const;
     QByteArray requestContentType() const; ///< Without parameters; empty when there is none.
     bool isMultipart() const; ///< multipart/form-data
-    QByteArray header(const QString& name) const; ///< All fields of that name joined by ", "; empty when there is none.
+    QByteArray header(const char* name) const; ///< All fields of that name joined by ", "; empty when there is none.
+    QByteArray header(const QString& name) const { return header(name.toUtf8().constData()); }
+    bool isRepeated(const char* name) const; ///< There are several fields of that name.
     /// Scheme, host, port, path, query: what clients sign. Rendered on first use; empty when that comes after the end.
     const QString& fullUri() const;
     QString sender() const; ///< The client's IP address; empty when it has none.
@@ -77,8 +84,9 @@ public:
     const ZarkUrlQuery& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
-    /// Gives the memory back that url() keeps for the next call: an exchange that waits long has no use for it.
-    void releaseUrl() { m_url = ZarkUrl(); }
+    /// Gives back the body and what url() and query() keep for the next call: an exchange that waits has no use for
+    /// them. The body is empty from then on.
+    void releaseInput();
     /// CR LF "--" boundary of a multipart/form-data body, as written in the header; empty without one.
     QByteArray getDelimiterFromHeader() const;
 
@@ -93,6 +101,7 @@ protected:
     void connectNotify(const QMetaMethod& signal) override;
 
 private:
+    bool isWritable() const { return m_valid && !m_finished; }
     void connectGlibSignals();
     void disconnectGlibSignals();
 

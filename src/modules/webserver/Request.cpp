@@ -1,7 +1,6 @@
 #include "Request.h"
 
 #include "WebserverLog.h"
-#include "ZarkJson.h"
 
 namespace {
 
@@ -46,14 +45,17 @@ void Request::parsePostData() const
     m_postDataParsed = true;
     m_postData = QVariant();
     if (contentType == "application/x-www-form-urlencoded") {
-        m_postData = parseForm(requestBody());
+        if (requestBody().count('&') < m_maximumValues)
+            m_postData = parseForm(requestBody());
+        else
+            dbglog_warn(webserverLog(), "A form of more than " << m_maximumValues << " fields");
     } else if (contentType == "application/json") {
         const QByteArray body = requestBody();
         if (body.isEmpty())
             return;
         // From the bytes: converting to text first would turn invalid UTF-8 into something that parses.
         ZarkError error;
-        const QVariant value = ZarkJson::parse(body, &error, 0);
+        const QVariant value = ZarkJson::parse(body, &error, 0, m_maximumValues);
         if (error.isEmpty())
             m_postData = value;
         else
@@ -61,6 +63,13 @@ void Request::parsePostData() const
     } else {
         dbglog_error(webserverLog(), "Unsuported content type: " << contentType);
     }
+}
+
+void Request::releaseInput()
+{
+    dbglog_scopedFunction(webserverLog());
+    m_postData = QVariant();
+    Message::releaseInput();
 }
 
 QHash<QString, QString> Request::serverData() const

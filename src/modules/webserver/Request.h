@@ -5,6 +5,7 @@
 #include <QVariant>
 
 #include "Message.h"
+#include "ZarkJson.h"
 
 /// The exchange as a responder sees it: a Message with the id that its ResponderHandler gave it, the decoded body and
 /// a small table of CGI-style variables (RFC 3875, section 4.1). Both are read on first use and kept.
@@ -14,6 +15,8 @@ public:
     Request(const MessageData& data, int id) : Message(data, nullptr), m_requestId(id) { }
 
     int requestId() const { return m_requestId; }
+    /// How many JSON values, or fields of a form, a body may have; one with more counts as malformed.
+    void setMaximumValues(int values) { m_maximumValues = values; }
 
     /// A QVariantHash of texts for application/x-www-form-urlencoded, the JSON value for application/json; invalid for
     /// an empty or malformed body and for any other type.
@@ -26,8 +29,12 @@ public:
     QString serverData(const QString& key) const;
     void parseServerData() const; ///< Fills the table again.
 
+    /// As Message::releaseInput(); the decoded body goes too.
+    void releaseInput();
+
 private:
     int m_requestId;
+    int m_maximumValues = ZarkJson::AnyNumber;
     mutable QVariant m_postData;
     mutable QHash<QString, QString> m_serverData;
     mutable bool m_postDataParsed = false;

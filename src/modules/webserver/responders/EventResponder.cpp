@@ -92,7 +92,7 @@ void EventResponder::pollQueue()
         return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unknown queue id!"), false);
     if (!admit(false, queue->subscribtions()))
         return;
-    request().releaseUrl();
+    request().releaseInput();
     EventDelivery::settleSent(queue);
     const int timeout = data.timeout < 0 ? DefaultTimeout : data.timeout;
     const quint64 token = queue->poll(new CMEventQueueHttpRequest(this), timeout, data.received);
