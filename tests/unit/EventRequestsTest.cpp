@@ -6,6 +6,7 @@
 #include "EventRequests.h"
 #include "EventResponderShared.h"
 #include "EventRewriting.h"
+#include "RequestParameters.h"
 
 class EventRequestsTest : public QObject {
     Q_OBJECT
@@ -32,10 +33,13 @@ private Q_SLOTS:
         QFETCH(QVariant, value);
         QFETCH(bool, valid);
         EventSubscribeData data;
-        QCOMPARE(parseSubscribeData(QVariantHash{ { "timeout", value } }, &data), valid);
+        const auto only = [&value](const char* key) {
+            return RequestParameters(QVariantHash{ { key, value } });
+        };
+        QCOMPARE(parseSubscribeData(only("timeout"), &data), valid);
         if (valid)
             QTEST(data.timeout, "timeout");
-        QCOMPARE(parseSubscribeData(QVariantHash{ { "received", value } }, &data), valid || value == 1LL << 32);
+        QCOMPARE(parseSubscribeData(only("received"), &data), valid || value == 1LL << 32);
         QVERIFY(data.received >= CMEventQueue::NotCounted);
     }
 

@@ -11,9 +11,9 @@ constexpr const char* InternalText = "Node is internal";
 
 bool isReadAllowed(const ApiAccess& access)
 {
-    if (access.authMode == ZarkWebserverAuthMode::Off || access.verified)
+    if (access.authMode == ZarkWebserverAuthMode::Off || access.caller.isVerified())
         return true;
-    return !access.credentials && access.authMode != ZarkWebserverAuthMode::Everything;
+    return !access.caller.hasCredentials() && access.authMode != ZarkWebserverAuthMode::Everything;
 }
 
 bool isDefaultAllowed(const ApiAccess& access)
@@ -23,7 +23,7 @@ bool isDefaultAllowed(const ApiAccess& access)
     case ApiRequestType::GetRows:
         return isReadAllowed(access);
     case ApiRequestType::SetData:
-        return access.verified || access.authMode == ZarkWebserverAuthMode::Off;
+        return access.caller.isVerified() || access.authMode == ZarkWebserverAuthMode::Off;
     }
     return false;
 }
@@ -45,7 +45,7 @@ QString toString(ApiRequestType type)
 
 bool isAuthorized(const ApiAccess& access)
 {
-    if (access.credentials && !access.verified)
+    if (access.caller.isWrong())
         return false;
     switch (access.permission) {
     case ZarkPermission::Open:
@@ -53,7 +53,7 @@ bool isAuthorized(const ApiAccess& access)
     case ZarkPermission::Default:
         return isDefaultAllowed(access);
     case ZarkPermission::Protected:
-        return access.verified || access.authMode == ZarkWebserverAuthMode::Off;
+        return access.caller.isVerified() || access.authMode == ZarkWebserverAuthMode::Off;
     case ZarkPermission::Internal:
         return false;
     }
@@ -62,13 +62,14 @@ bool isAuthorized(const ApiAccess& access)
 
 ApiVerdict decideAccess(const ApiAccess& access)
 {
-    if (access.credentials && !access.verified)
+    if (access.caller.isWrong())
         return { false, Unauthorized, ForbiddenText, true };
-    if (access.local)
+    if (access.caller.local)
         return { true, 0, nullptr, false };
     if (access.permission == ZarkPermission::Internal)
-        return { false, NotFound, InternalText, access.credentials };
+        return { false, NotFound, InternalText, access.caller.hasCredentials() };
     if (isAuthorized(access))
         return { true, 0, nullptr, false };
-    return { false, access.verified ? Forbidden : Unauthorized, ForbiddenText, access.credentials };
+    return { false, access.caller.isVerified() ? Forbidden : Unauthorized, ForbiddenText,
+        access.caller.hasCredentials() };
 }

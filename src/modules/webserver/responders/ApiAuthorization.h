@@ -2,6 +2,7 @@
 
 #include <QString>
 
+#include "Caller.h"
 #include "ZarkPermission.h"
 #include "ZarkWebserverAuthMode.h"
 
@@ -18,9 +19,7 @@ struct ApiAccess {
     ApiRequestType type = ApiRequestType::GetData;
     ZarkPermission::Enum permission = ZarkPermission::Default; ///< Of the node.
     ZarkWebserverAuthMode::Enum authMode = ZarkWebserverAuthMode::Everything; ///< Of the server.
-    bool credentials = false; ///< An Authorization field with a scheme was sent.
-    bool verified = false; ///< Its signature holds.
-    bool local = false; ///< The client is on this device.
+    Caller caller;
 };
 
 struct ApiVerdict {
@@ -30,7 +29,7 @@ struct ApiVerdict {
     bool throttle = false; ///< A refusal is held back.
 };
 
-/// Whether the mode lets these credentials do that to a node of that permission, wherever the client is. A wrong
+/// Whether the mode lets this signature do that to a node of that permission, wherever the client is. A wrong
 /// signature is never better than none, except that nodes of the permission "open" stay open.
 bool isAuthorized(const ApiAccess& access);
 

@@ -3,17 +3,14 @@
 #include <QStringList>
 #include <QVariant>
 
-#include "ZarkUrlQuery.h"
+class RequestParameters;
 
-/// What the requests of the data API ask for, read from a query or from a decoded body. The last two flags are filled
-/// by authentication.
+/// What the requests of the data API ask for.
 
 struct ApiGetData {
     QString path;
     QStringList roles;
     bool structure = false; ///< Answer an object instead of a list.
-    bool credentials = false;
-    bool verified = false;
 };
 
 struct ApiGetRows : ApiGetData {
@@ -25,19 +22,13 @@ struct ApiGetRows : ApiGetData {
 struct ApiSetData {
     QString path;
     QString role;
-    QVariant value; ///< JSON.
+    QVariant value; ///< As sent: in a query, a JSON text that is not yet parsed.
     QString platform; ///< Of the client, for analytics.
     bool deprecatedRoles = false; ///< The role came as "roles".
-    bool credentials = false;
-    bool verified = false;
 };
 
 /// Read the parameters into `request`. Null on success; otherwise the text of the 400 answer, and what `request`
 /// holds is undefined.
-const char* parseGetData(const ZarkUrlQuery& query, ApiGetData* request);
-const char* parseGetData(const QVariantHash& body, ApiGetData* request);
-const char* parseGetRows(const ZarkUrlQuery& query, ApiGetRows* request);
-const char* parseGetRows(const QVariantHash& body, ApiGetRows* request);
-/// `request->value` is the text as sent, not yet parsed.
-const char* parseSetData(const ZarkUrlQuery& query, ApiSetData* request);
-const char* parseSetData(const QVariantHash& body, ApiSetData* request);
+const char* parseGetData(const RequestParameters& parameters, ApiGetData* request);
+const char* parseGetRows(const RequestParameters& parameters, ApiGetRows* request);
+const char* parseSetData(const RequestParameters& parameters, ApiSetData* request);

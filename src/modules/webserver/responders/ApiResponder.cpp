@@ -1,15 +1,13 @@
 #include "ApiResponder.h"
 
-#include <cstring>
+#include <algorithm>
 
 #include "CMGlobal.h"
 #include "CMRoot.h"
 #include "LegacyPathHelper.h"
-#include "MimeTypes.h"
 #include "Request.h"
 #include "WebserverLog.h"
 #include "ZarkAnalyticsEvent.h"
-#include "ZarkJson.h"
 #include "ZarkPaths.h"
 
 namespace {
@@ -19,7 +17,6 @@ constexpr const char* BadRequestName = "badRequest";
 constexpr const char* NotFoundName = "notFound";
 constexpr const char* MethodName = "invalidMethod";
 constexpr const char* ContentTypeName = "unsupportedContentType";
-constexpr const char* AccessName = "accessDenied";
 
 CMPath resolve(const QString& path)
 {
@@ -36,17 +33,10 @@ QStringList withPermission(const QStringList& roles)
 
 } // namespace
 
-ApiResponder::ApiResponder(Request& request, const QString& documentRoot,
-    const QSharedPointer<UserDatabase>& userDatabase, const QSharedPointer<ResponderConfiguration>& configuration,
-    QObject* parent)
-    : Responder(request, documentRoot, parent), m_userDatabase(userDatabase), m_configuration(configuration)
-{
-}
-
 void ApiResponder::respond()
 {
     dbglog_scopedFunction(webserverLog());
-    dbglog_debug(webserverLog(), "ApiResponder: request " << m_requestId << ' ' << request().fullUri());
+    dbglog_debug(webserverLog(), "ApiResponder: request " << requestId() << ' ' << request().fullUri());
     const QByteArray path = request().path();
     if (path == "/api/getData")
         getData();
@@ -55,13 +45,13 @@ void ApiResponder::respond()
     else if (path == "/api/setData")
         setData();
     else
-        respondWithError(CMError(NotFoundName, "Error: wrong method!"), SOUP_STATUS_NOT_FOUND, false);
+        respondWithError(CMError(NotFoundName, "Error: wrong method!"), SOUP_STATUS_NOT_FOUND);
 }
 
 void ApiResponder::getData()
 {
     GetData parsed;
-    if (!parseGetDataRequest(&parsed))
+    if (!parseRequest(parseGetData, &parsed))
         return;
     const QStringList roles = withPermission(parsed.roles);
     CMReply<QList<QVariant>> reply;
@@ -74,14 +64,16 @@ void ApiResponder::getData()
 void ApiResponder::getRows()
 {
     GetRows parsed;
-    if (!parseGetRowsRequest(&parsed))
+    if (!parseRequest(parseGetRows, &parsed))
         return;
     const QStringList roles = withPermission(parsed.roles);
     CMReply<ZarkRowsRoles> reply;
     reply.onFinished(this, [this, parsed, roles](const ZarkRowsRoles& rows, const CMError& error) {
         on_getRows_finished(parsed, roles, rows, error);
     });
-    CMRoot()->getRows(resolve(parsed.path), parsed.from, parsed.to, parsed.version, roles, reply);
+    // The rest of a long list is asked for in turn: rowsCount tells how long it is.
+    const qint64 last = std::min<qint64>(parsed.to, qint64(parsed.from) + configuration().maximumRows() - 1);
+    CMRoot()->getRows(resolve(parsed.path), parsed.from, static_cast<int>(last), parsed.version, roles, reply);
 }
 
 void ApiResponder::setData()
@@ -97,47 +89,39 @@ void ApiResponder::setData()
     CMRoot()->getData(path, { ZarkRoles::Permission() }, reply);
 }
 
-bool ApiResponder::isMethod(const char* method) const
-{
-    return std::strcmp(request().data().message->method, method) == 0;
-}
-
 bool ApiResponder::accept(const char* fault)
 {
     if (fault)
-        respondWithError(CMError(BadRequestName, fault), SOUP_STATUS_BAD_REQUEST, false);
+        respondWithError(CMError(BadRequestName, fault), SOUP_STATUS_BAD_REQUEST);
     return !fault;
 }
 
-bool ApiResponder::parseGetDataRequest(GetData* parsed)
+void ApiResponder::respondInvalidMethod()
 {
-    if (isMethod("POST"))
-        return accept(parseGetData(request().postData().toHash(), parsed)) && authenticatePostRequest(parsed);
-    if (isMethod("GET"))
-        return accept(parseGetData(request().query(), parsed)) && authenticateGetRequest(parsed);
-    respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED, false);
-    return false;
+    respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
 }
 
-bool ApiResponder::parseGetRowsRequest(GetRows* parsed)
+template <class T> bool ApiResponder::parseRequest(const char* (*parse)(const RequestParameters&, T*), T* parsed)
 {
-    if (isMethod("POST"))
-        return accept(parseGetRows(request().postData().toHash(), parsed)) && authenticatePostRequest(parsed);
-    if (isMethod("GET"))
-        return accept(parseGetRows(request().query(), parsed)) && authenticateGetRequest(parsed);
-    respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED, false);
-    return false;
+    if (!isGet() && !isPost()) {
+        respondInvalidMethod();
+        return false;
+    }
+    identify();
+    RequestParameters parameters;
+    takeParameters(&parameters);
+    return accept(parse(parameters, parsed));
 }
 
 bool ApiResponder::parseSetDataRequest(SetData* parsed)
 {
     bool ok = false;
-    if (isMethod("POST"))
+    if (isPost())
         ok = parseSetDataRequestPost(parsed);
-    else if (isMethod("GET"))
+    else if (isGet())
         ok = parseSetDataRequestGet(parsed);
     else
-        respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED, false);
+        respondInvalidMethod();
     if (ok && parsed->deprecatedRoles)
         dbglog_warn(webserverLog(), "Deprecated use detected: setData with \"roles\" parameter - use \"role\" instead");
     return ok;
@@ -147,122 +131,62 @@ bool ApiResponder::parseSetDataRequestGet(SetData* parsed)
 {
     // Without the query: a value may be a password.
     dbglog_warn(webserverLog(), "Deprecated SetData request over GET: " << request().url().toString(QUrl::RemoveQuery));
-    if (!accept(parseSetData(request().query(), parsed)))
+    // Nothing signs a GET setData, so it counts as signed where nothing would have to be.
+    const bool trusted = caller().local || configuration().authMode() == ZarkWebserverAuthMode::Off;
+    setSignature(trusted ? Caller::Verified : Caller::None);
+    RequestParameters parameters;
+    takeParameters(&parameters);
+    if (!accept(parseSetData(parameters, parsed)))
         return false;
     ZarkError error;
-    parsed->value = ZarkJson::parse(parsed->value.toString(), &error);
-    if (!error.isEmpty()) {
+    parsed->value = parameters.json(QStringLiteral("value"), &error);
+    if (!error.isEmpty())
         respondWithError(CMError(BadRequestName, QStringLiteral("Unable to parse value: ") + error.toString()),
-            SOUP_STATUS_BAD_REQUEST, false);
-        return false;
-    }
-    // Nothing signs a GET setData, so it counts as signed where nothing would have to be.
-    const bool trusted = request().isFromLocalhost() || m_configuration->authMode() == ZarkWebserverAuthMode::Off;
-    parsed->credentials = trusted;
-    parsed->verified = trusted;
-    return true;
+            SOUP_STATUS_BAD_REQUEST);
+    return error.isEmpty();
 }
 
 bool ApiResponder::parseSetDataRequestPost(SetData* parsed)
 {
     if (request().requestContentType() != "application/json") {
-        respondWithError(
-            CMError(ContentTypeName, "invalid request content type"), SOUP_STATUS_UNSUPPORTED_MEDIA_TYPE, false);
+        respondWithError(CMError(ContentTypeName, "invalid request content type"), SOUP_STATUS_UNSUPPORTED_MEDIA_TYPE);
         return false;
     }
-    QVariantHash body;
-    const bool decrypted = authenticateAndDecryptPostRequest(parsed, &body);
+    identify();
     // Before anything in the body is judged: any other answer would tell a right password from a wrong one, undelayed.
-    if (parsed->credentials && !parsed->verified) {
-        respondWithError(CMError(AccessName, "Forbidden"), SOUP_STATUS_UNAUTHORIZED, true);
-        return false;
-    }
-    if (!decrypted) {
-        respondWithError(CMError(BadRequestName, "unable to decrypt value!"), SOUP_STATUS_BAD_REQUEST, false);
-        return false;
-    }
-    return accept(parseSetData(body, parsed));
-}
-
-ResponderCrypto::AuthorizationHeaderFields ApiResponder::authorization() const
-{
-    const char* field = soup_message_headers_get_one(request().data().message->request_headers, "Authorization");
-    return field ? ResponderCrypto::splitAuthorizationHeader(field) : ResponderCrypto::AuthorizationHeaderFields();
-}
-
-bool ApiResponder::verify(const ResponderCrypto::AuthorizationHeaderFields& fields, const QByteArray& signedData) const
-{
-    return ResponderCrypto::create(fields, m_userDatabase->user(fields.user))->authenticate(signedData);
-}
-
-template <class T> bool ApiResponder::authenticateGetRequest(T* parsed)
-{
-    const auto fields = authorization();
-    parsed->credentials = !fields.scheme.isEmpty();
-    parsed->verified = parsed->credentials && verify(fields, request().fullUri().toUtf8());
-    return true;
-}
-
-template <class T> bool ApiResponder::authenticatePostRequest(T* parsed)
-{
-    const auto fields = authorization();
-    parsed->credentials = !fields.scheme.isEmpty();
-    parsed->verified = parsed->credentials && verify(fields, signedPostData());
-    return true;
-}
-
-QByteArray ApiResponder::signedPostData() const
-{
-    return request().fullUri().toUtf8() + '.' + request().requestBody();
+    if (caller().isWrong())
+        return canRespond(parsed->path, RequestType::SetData, ZarkPermission::Default);
+    QVariantHash body;
+    return accept(decryptPostData(&body) ? parseSetData(RequestParameters(body), parsed) : "unable to decrypt value!");
 }
 
 // What an encrypting client sends encrypted is either the value alone, or the whole body as one JSON text. Only a
 // verified request is decrypted.
-bool ApiResponder::authenticateAndDecryptPostRequest(SetData* parsed, QVariantHash* body)
+bool ApiResponder::decryptPostData(QVariantHash* body)
 {
-    const auto fields = authorization();
-    const auto crypto = ResponderCrypto::create(fields, m_userDatabase->user(fields.user));
-    parsed->credentials = !fields.scheme.isEmpty();
-    parsed->verified = parsed->credentials && crypto->authenticate(signedPostData());
-    const QVariant posted = request().postData();
+    const QVariant posted = takePostData();
     *body = posted.toHash();
-    if (!parsed->verified)
+    if (!caller().isVerified())
         return true;
     bool ok = true;
     const QString value = QStringLiteral("value");
     if (posted.userType() == QMetaType::QString)
-        *body = crypto->decrypt(posted, &ok).toHash();
+        *body = decrypt(posted, &ok).toHash();
     else if (body->contains(value))
-        body->insert(value, crypto->decrypt(body->value(value), &ok));
+        body->insert(value, decrypt(body->value(value), &ok));
     return ok;
-}
-
-bool ApiResponder::canRespond(const QString& path, RequestType type, ZarkPermission::Enum permission, bool credentials,
-    bool verified, bool respondOnError)
-{
-    const ApiAccess access{ type, permission, m_configuration->authMode(), credentials, verified,
-        request().isFromLocalhost() };
-    dbglog_trace(webserverLog(),
-        path << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
-             << ", permission=" << ZarkPermission::toString(permission) << ", credentials=" << credentials
-             << ", verified=" << verified);
-    const ApiVerdict verdict = decideAccess(access);
-    if (!verdict.allowed && respondOnError)
-        respondWithError(CMError(AccessName, verdict.message), verdict.status, verdict.throttle);
-    return verdict.allowed;
 }
 
 void ApiResponder::on_getData_finished(
     const GetData& parsed, const QStringList& roles, const QList<QVariant>& values, const CMError& error)
 {
     if (!error.isEmpty())
-        return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR, parsed.credentials);
+        return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
     const ZarkPermission::Enum permission = ZarkPermission::fromString(values.value(values.size() - 1).toString());
-    if (!canRespond(parsed.path, RequestType::GetData, permission, parsed.credentials, parsed.verified, true))
+    if (!canRespond(parsed.path, RequestType::GetData, permission))
         return;
     const QList<QVariant> asked = values.mid(0, values.size() - 1);
-    if (parsed.credentials && parsed.verified)
-        m_configuration->authFailReset();
+    releaseBrake();
     if (parsed.structure)
         respondWithJson(CMGlobal::rolesValuesToHash(roles.mid(0, asked.size()), asked));
     else
@@ -273,16 +197,15 @@ void ApiResponder::on_getRows_finished(
     const GetRows& parsed, const QStringList& roles, const ZarkRowsRoles& answer, const CMError& error)
 {
     if (!error.isEmpty())
-        return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR, parsed.credentials);
-    if (!canRespond(
-            parsed.path, RequestType::GetRows, answer.roles().permission(), parsed.credentials, parsed.verified, true))
+        return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
+    if (!canRespond(parsed.path, RequestType::GetRows, answer.roles().permission()))
         return;
     QList<QVariantList> rows = answer.rows();
     for (int i = 0; i < rows.size(); ++i) {
         QVariantList& row = rows[i];
         const ZarkPermission::Enum permission = ZarkPermission::fromString(row.value(row.size() - 1).toString());
         const QString rowPath = parsed.path + QLatin1String(".row") + QString::number(answer.from() + i);
-        if (!canRespond(rowPath, RequestType::GetData, permission, parsed.credentials, parsed.verified, false)) {
+        if (!canRespond(rowPath, RequestType::GetData, permission, false)) {
             dbglog_debug(webserverLog(), "Private row: " << rowPath << " will be excluded from the response");
             hideRow(&row, roles, permission);
         }
@@ -290,8 +213,7 @@ void ApiResponder::on_getRows_finished(
     }
     ZarkRowsRoles reply = answer;
     reply.setRows(rows);
-    if (parsed.credentials && parsed.verified)
-        m_configuration->authFailReset();
+    releaseBrake();
     respondWithJson(reply.toVariant());
 }
 
@@ -316,14 +238,13 @@ void ApiResponder::on_permission_finished(
             "setData: unable to retrieve permission role on path " << parsed.path << "; treating it as default_");
     } else if (values.size() != 1) {
         dbglog_error(webserverLog(), "setData: permission role request: invalid response size: " << values.size());
-        return respondWithError(
-            CMError(CMError::Failed, "Invalid response size: "), SOUP_STATUS_INTERNAL_SERVER_ERROR, false);
+        return respondWithError(CMError(CMError::Failed, "Invalid response size: "), SOUP_STATUS_INTERNAL_SERVER_ERROR);
     } else {
         permission = ZarkPermission::fromString(values.first().toString());
         dbglog_debug(webserverLog(),
             "Permission role loaded successfully (Permission: " << ZarkPermission::toString(permission) << ")");
     }
-    if (!canRespond(parsed.path, RequestType::SetData, permission, parsed.credentials, parsed.verified, true))
+    if (!canRespond(parsed.path, RequestType::SetData, permission))
         return;
     reportUse(parsed.platform);
     CMReply<QVariant> reply;
@@ -335,40 +256,16 @@ void ApiResponder::on_permission_finished(
 void ApiResponder::on_setData_finished(const QVariant& value, const CMError& error)
 {
     if (!error.isEmpty())
-        respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR, false);
+        respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
     else
         respondWithJson(value);
 }
 
 void ApiResponder::reportUse(const QString& platform)
 {
-    const CMValueItem* enabled = m_configuration->analyticsEnabled();
+    const CMValueItem* enabled = configuration().analyticsEnabled();
     if (!enabled || !enabled->value().bool_())
         return;
     const ZarkAnalyticsEvent event{ ZarkAnalyticsEventType::InteractionSurfaceUsed, platform };
     CMRoot()->invoke(ZarkAnalyticsReportEventPath(), event.toVariant(), QStringLiteral("activate"), {});
-}
-
-void ApiResponder::respondWithJson(const QVariant& value)
-{
-    request().setEncoding(Message::PlainContentLength);
-    request().setStatus(SOUP_STATUS_OK, QString());
-    request().setResponseBody(ZarkJson::serializeTranslate(value), MimeTypes::Application::json());
-    Q_EMIT finished(m_requestId);
-}
-
-void ApiResponder::respondWithError(const CMError& error, int status, bool throttle)
-{
-    request().setEncoding(Message::PlainContentLength);
-    request().setStatus(status, QString());
-    if (status == SOUP_STATUS_UNAUTHORIZED)
-        request().setHeader(QByteArrayLiteral("WWW-Authenticate"), QByteArray(ResponderCrypto::AdvertisedSchemes));
-    if (status == SOUP_STATUS_METHOD_NOT_ALLOWED)
-        request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, POST"));
-    const QVariantHash body{ { QStringLiteral("error"), error.toVariant() } };
-    request().setResponseBody(ZarkJson::serializeTranslate(body), MimeTypes::Application::json());
-    if (throttle && (status == SOUP_STATUS_UNAUTHORIZED || status == SOUP_STATUS_FORBIDDEN))
-        m_configuration->authFailBlock(this, m_requestId);
-    else
-        Q_EMIT finished(m_requestId);
 }

@@ -1,14 +1,14 @@
 #pragma once
 
 #include <QString>
-#include <QVariantHash>
 
 #include "CMEventQueue.h"
 #include "ZarkEvent.h"
 #include "ZarkList.h"
-#include "ZarkUrl.h"
 
-/// What a request of the event API asks for, read from a query or from a decoded body.
+class RequestParameters;
+
+/// What a request of the event API asks for.
 struct EventSubscribeData {
     static constexpr int NoTimeout = -1;
 
@@ -22,5 +22,4 @@ struct EventSubscribeData {
 /// Read the parameters into `data`. All are optional; false when one is there that cannot be read: a list that is not
 /// JSON or no list, a number that is no integer. Then what `data` holds is undefined. In a query or a form the lists
 /// are JSON texts.
-bool parseSubscribeData(const ZarkUrl& url, EventSubscribeData* data);
-bool parseSubscribeData(const QVariantHash& body, EventSubscribeData* data);
+bool parseSubscribeData(const RequestParameters& parameters, EventSubscribeData* data);

@@ -1,7 +1,5 @@
 #include "EventResponder.h"
 
-#include <cstring>
-
 #include "CMEventQueueHttpRequest.h"
 #include "CMNodeTree.h"
 #include "CMRoot.h"
@@ -12,7 +10,6 @@
 #include "MimeTypes.h"
 #include "Request.h"
 #include "WebserverLog.h"
-#include "ZarkJson.h"
 
 namespace {
 
@@ -29,35 +26,30 @@ QByteArray toText(const ZarkList<ZarkEventSubscribe>& subscriptions)
 EventResponder::EventResponder(Request& request, const QString& path,
     const QSharedPointer<EventResponderShared>& shared, const QSharedPointer<UserDatabase>& userDatabase,
     const QSharedPointer<ResponderConfiguration>& configuration, QObject* parent)
-    : Responder(request, path, parent), m_shared(shared), m_userDatabase(userDatabase), m_configuration(configuration)
+    : SignedResponder(request, path, userDatabase, configuration, parent), m_shared(shared)
 {
 }
 
 void EventResponder::respond()
 {
     dbglog_scopedFunction(webserverLog());
-    dbglog_debug(webserverLog(), "EventResponder: request " << m_requestId << ' ' << request().fullUri());
-    const QString operation = request().url().path().mid(PrefixLength);
-    if (operation == QLatin1String("modifyQueue"))
+    dbglog_debug(webserverLog(), "EventResponder: request " << requestId() << ' ' << request().fullUri());
+    const QByteArray operation = request().path().mid(PrefixLength);
+    if (operation == "modifyQueue")
         modifyQueue();
-    else if (operation == QLatin1String("pollQueue"))
+    else if (operation == "pollQueue")
         pollQueue();
     else
-        finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Not implemented!"), false);
+        finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Not implemented!"));
 }
 
 void EventResponder::modifyQueue()
 {
+    if (!isPost() && (!isGet() || configuration().strictRequests()))
+        return finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Invalid method"));
     SubscribeData data;
-    bool parsed = false;
-    if (isMethod("GET") && !m_configuration->strictRequests())
-        parsed = parseDataGet(&data, &m_hasCredentials, &m_verified);
-    else if (isMethod("POST"))
-        parsed = parseDataPost(&data, &m_hasCredentials, &m_verified);
-    else
-        return finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Invalid method"), false);
-    if (!parsed)
-        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to parse data!"), false);
+    if (!parseData(&data))
+        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to parse data!"));
 
     // Giving up a legacy path makes nobody a legacy client.
     const bool legacy = addCurrentPaths(&data.subscribe);
@@ -66,8 +58,7 @@ void EventResponder::modifyQueue()
         return;
     const CMEventQueue* queue = m_shared->eventQueues()->modifyQueue(data.queueId, data.subscribe, data.unsubscribe);
     if (!queue)
-        return finishRespond(
-            SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to subscribe or unsubscribe paths!"), false);
+        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to subscribe or unsubscribe paths!"));
     if (legacy)
         m_shared->addLegacyQueue(queue->textId());
     respondWithJson(queue->textId());
@@ -75,86 +66,45 @@ void EventResponder::modifyQueue()
 
 void EventResponder::pollQueue()
 {
+    if (!isPost() && !isGet())
+        return finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Not implemented!"));
     SubscribeData data;
-    bool parsed = false;
-    if (isMethod("GET"))
-        parsed = parseDataGet(&data, &m_hasCredentials, &m_verified);
-    else if (isMethod("POST"))
-        parsed = parseDataPost(&data, &m_hasCredentials, &m_verified);
-    else
-        return finishRespond(SOUP_STATUS_NOT_IMPLEMENTED, QStringLiteral("Not implemented!"), false);
-    if (!parsed)
-        return finishRespond(
-            SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to parse subscribe/unsubscribe list!"), false);
+    if (!parseData(&data))
+        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to parse subscribe/unsubscribe list!"));
 
     CMEventQueue* queue = m_shared->eventQueues()->getQueue(data.queueId);
     if (!queue)
-        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unknown queue id!"), false);
+        return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unknown queue id!"));
     if (!admit(false, queue->subscribtions()))
         return;
-    request().releaseInput();
     EventDelivery::settleSent(queue);
     const int timeout = data.timeout < 0 ? DefaultTimeout : data.timeout;
     const quint64 token = queue->poll(new CMEventQueueHttpRequest(this), timeout, data.received);
     EventDelivery::watch(request(), queue, token);
 }
 
-bool EventResponder::parseDataGet(SubscribeData* data, bool* hasCredentials, bool* verified)
-{
-    if (!parseSubscribeData(request().url(), data))
-        return false;
-    readCredentials(request().fullUri().toUtf8(), hasCredentials, verified);
-    return true;
-}
-
-bool EventResponder::parseDataPost(SubscribeData* data, bool* hasCredentials, bool* verified)
+bool EventResponder::parseData(SubscribeData* data)
 {
     const QByteArray contentType = request().requestContentType();
-    if (m_configuration->strictRequests() && contentType != "application/json") {
+    if (isPost() && configuration().strictRequests() && contentType != "application/json") {
         dbglog_error(webserverLog(), "Invalid request content type: " << contentType);
         return false;
     }
-    QVariantHash fields;
-    if (!readPostData(&fields) || !parseSubscribeData(fields, data))
-        return false;
-    readCredentials(request().fullUri().toUtf8() + '.' + request().requestBody(), hasCredentials, verified);
-    return true;
+    identify();
+    RequestParameters parameters;
+    return takeParameters(&parameters) && parseSubscribeData(parameters, data);
 }
 
-// All keys are optional, so a body of a type that nobody can read asks for nothing, like an empty one. A body that
-// claims to be JSON must be a JSON object.
-bool EventResponder::readPostData(QVariantHash* fields) const
-{
-    const QVariant posted = request().postData();
-    *fields = posted.toHash();
-    return posted.userType() == QMetaType::QVariantHash || request().requestContentType() != "application/json"
-        || request().requestBody().isEmpty();
-}
-
-void EventResponder::readCredentials(const QByteArray& signedData, bool* hasCredentials, bool* verified) const
-{
-    const auto fields = ResponderCrypto::splitAuthorizationHeader(request().header(QStringLiteral("Authorization")));
-    *hasCredentials = !fields.scheme.isEmpty();
-    *verified = *hasCredentials && authenticate(fields, signedData);
-}
-
-bool EventResponder::authenticate(
-    const ResponderCrypto::AuthorizationHeaderFields& fields, const QByteArray& signedData) const
-{
-    return ResponderCrypto::create(fields, m_userDatabase->user(fields.user))->authenticate(signedData);
-}
-
-bool EventResponder::isAuthorized(
-    bool hasCredentials, bool verified, bool modify, const ZarkList<ZarkEventSubscribe>& paths) const
+bool EventResponder::isAuthorized(bool modify, const ZarkList<ZarkEventSubscribe>& paths) const
 {
     dbglog_debug(webserverLog(),
-        "cred=" << hasCredentials << ", verified=" << verified << ", modify=" << modify
+        "cred=" << caller().hasCredentials() << ", verified=" << caller().isVerified() << ", modify=" << modify
                 << ", subscribe=" << toText(paths));
-    if (hasCredentials && !verified)
+    if (caller().isWrong())
         return false;
-    if (request().isFromLocalhost())
+    if (caller().local)
         return true;
-    switch (m_configuration->authMode()) {
+    switch (configuration().authMode()) {
     case ZarkWebserverAuthMode::Off:
     case ZarkWebserverAuthMode::Writes:
         return true; // Modifying a queue writes nothing to the tree.
@@ -162,19 +112,18 @@ bool EventResponder::isAuthorized(
     case ZarkWebserverAuthMode::Everything:
         break;
     }
-    return verified || m_shared->eventQueues()->checkPermissions(paths, { ZarkPermission::Open });
+    return caller().isVerified() || m_shared->eventQueues()->checkPermissions(paths, { ZarkPermission::Open });
 }
 
 bool EventResponder::admit(bool modify, const ZarkList<ZarkEventSubscribe>& paths)
 {
-    if (!isAuthorized(m_hasCredentials, m_verified, modify, paths)) {
-        finishRespond(m_verified ? SOUP_STATUS_FORBIDDEN : SOUP_STATUS_UNAUTHORIZED, QStringLiteral("Forbidden"),
-            m_hasCredentials);
-        return false;
+    if (isAuthorized(modify, paths)) {
+        releaseBrake();
+        return true;
     }
-    if (m_hasCredentials && m_verified)
-        m_configuration->authFailReset();
-    return true;
+    finishRespond(
+        caller().isVerified() ? SOUP_STATUS_FORBIDDEN : SOUP_STATUS_UNAUTHORIZED, QStringLiteral("Forbidden"));
+    return false;
 }
 
 bool EventResponder::mayReadNow(const CMPath& path) const
@@ -182,15 +131,10 @@ bool EventResponder::mayReadNow(const CMPath& path) const
     dbglog_scopedFunction(webserverLog());
     ZarkEventSubscribe subscription;
     subscription.setPath(path);
-    if (!isAuthorized(m_hasCredentials, m_verified, false, { subscription }))
+    if (!isAuthorized(false, { subscription }))
         return false;
     const CMUINode* node = CMRoot()->tree()->node(path);
-    return !node || node->permission() != ZarkPermission::Internal || request().isFromLocalhost();
-}
-
-bool EventResponder::isMethod(const char* method) const
-{
-    return std::strcmp(request().data().message->method, method) == 0;
+    return !node || node->permission() != ZarkPermission::Internal || caller().local;
 }
 
 void EventResponder::queueRequestDone(const ZarkList<ZarkEvent>& events)
@@ -199,23 +143,7 @@ void EventResponder::queueRequestDone(const ZarkList<ZarkEvent>& events)
     respondWithJson(events.toVariant());
 }
 
-void EventResponder::respondWithJson(const QVariant& value)
+void EventResponder::finishRespond(int status, const QString& text)
 {
-    request().setEncoding(Message::PlainContentLength);
-    request().setStatus(SOUP_STATUS_OK, QString());
-    request().setResponseBody(ZarkJson::serializeTranslate(value), MimeTypes::Application::json());
-    Q_EMIT finished(m_requestId);
-}
-
-void EventResponder::finishRespond(int status, const QString& text, bool hasCredentials)
-{
-    request().setEncoding(Message::PlainContentLength);
-    request().setStatus(status, QString());
-    if (status == SOUP_STATUS_UNAUTHORIZED)
-        request().setHeader(QByteArrayLiteral("WWW-Authenticate"), QByteArray(ResponderCrypto::AdvertisedSchemes));
-    request().setResponseBody(text, MimeTypes::Text::plain());
-    if (hasCredentials && (status == SOUP_STATUS_UNAUTHORIZED || status == SOUP_STATUS_FORBIDDEN))
-        m_configuration->authFailBlock(this, m_requestId);
-    else
-        Q_EMIT finished(m_requestId);
+    answer(status, text.toUtf8(), MimeTypes::Text::plain(), caller().hasCredentials());
 }

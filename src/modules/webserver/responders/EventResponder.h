@@ -3,18 +3,16 @@
 #include <QSharedPointer>
 
 #include "EventRequests.h"
-#include "Responder.h"
-#include "ResponderConfiguration.h"
-#include "ResponderCrypto.h"
-#include "UserDatabase.h"
+#include "SignedResponder.h"
 
 class EventResponderShared;
 
 /// Answers /api/event/modifyQueue and /api/event/pollQueue, GET and POST: JSON on success, plain text otherwise.
 ///
-/// parse → authorize → ask the queues → reply. A poll is answered when its queue says so, by queueRequestDone();
-/// EventDelivery then tells the queue whether the answer left. Errors leave through finishRespond() alone.
-class EventResponder : public Responder {
+/// identify → parse → authorize → ask the queues → reply. A poll is answered when its queue says so, by
+/// queueRequestDone(); EventDelivery then tells the queue whether the answer left. Errors leave through finishRespond()
+/// alone.
+class EventResponder : public SignedResponder {
     Q_OBJECT
 public:
     using SubscribeData = EventSubscribeData;
@@ -24,8 +22,6 @@ public:
         QObject* parent);
 
     void respond() override;
-    bool respondWillBlock() override { return false; }
-    void setRequestId(int id) override { m_requestId = id; }
 
     EventResponderShared* shared() const { return m_shared.data(); }
 
@@ -39,25 +35,13 @@ private:
     void modifyQueue();
     void pollQueue();
 
-    // False when the request cannot be read. Both tell whether it carried credentials, and whether they hold.
-    bool parseDataGet(SubscribeData* data, bool* hasCredentials, bool* verified);
-    bool parseDataPost(SubscribeData* data, bool* hasCredentials, bool* verified);
-    bool readPostData(QVariantHash* fields) const;
-    void readCredentials(const QByteArray& signedData, bool* hasCredentials, bool* verified) const;
-    bool authenticate(const ResponderCrypto::AuthorizationHeaderFields& fields, const QByteArray& signedData) const;
-
-    bool isAuthorized(bool hasCredentials, bool verified, bool modify, const ZarkList<ZarkEventSubscribe>& paths) const;
+    /// False when the request cannot be read.
+    bool parseData(SubscribeData* data);
+    bool isAuthorized(bool modify, const ZarkList<ZarkEventSubscribe>& paths) const;
     /// False after the refusal was answered. A verified caller releases the brake on failures.
     bool admit(bool modify, const ZarkList<ZarkEventSubscribe>& paths);
 
-    bool isMethod(const char* method) const;
-    void respondWithJson(const QVariant& value);
-    void finishRespond(int status, const QString& text, bool hasCredentials);
+    void finishRespond(int status, const QString& text);
 
-    int m_requestId = 0;
-    bool m_hasCredentials = false;
-    bool m_verified = false;
     QSharedPointer<EventResponderShared> m_shared;
-    QSharedPointer<UserDatabase> m_userDatabase;
-    QSharedPointer<ResponderConfiguration> m_configuration;
 };

@@ -9,7 +9,7 @@
 
 class Responder;
 
-/// What all responders of the worker share: two settings, and the brake on failed authentications.
+/// What all responders of the worker share: its settings, and the brake on failed authentications.
 ///
 /// A reply to failed credentials is held back: the first after a verified success not at all, each further one 1 to 4
 /// seconds longer than the one before (10 at the most), and all queue behind one another, whoever sent them.
@@ -19,6 +19,12 @@ public:
     void setStrictRequests(bool strict) { m_strictRequests = strict; }
     ZarkWebserverAuthMode::Enum authMode() const { return m_authMode; }
     void setAuthMode(ZarkWebserverAuthMode::Enum mode) { m_authMode = mode; }
+    /// How many values (of JSON, or fields of a form) one request may have.
+    int maximumValues() const { return m_maximumValues; }
+    void setMaximumValues(int values) { m_maximumValues = values; }
+    /// How many rows one answer has at the most.
+    int maximumRows() const { return m_maximumRows; }
+    void setMaximumRows(int rows) { m_maximumRows = rows; }
     /// Null unless the device has the analytics feature.
     const CMValueItem* analyticsEnabled() const { return m_analyticsEnabled.get(); }
     void watchAnalyticsEnabled(const CMPath& path)
@@ -34,6 +40,8 @@ public:
 private:
     bool m_strictRequests = false;
     ZarkWebserverAuthMode::Enum m_authMode = ZarkWebserverAuthMode::Everything;
+    int m_maximumValues = 20000;
+    int m_maximumRows = 1000;
     qint32 m_nextDelay = 0; ///< Milliseconds.
     qint64 m_blockedUntil = 0; ///< Milliseconds of the monotonic clock.
     std::unique_ptr<CMValueItem> m_analyticsEnabled;

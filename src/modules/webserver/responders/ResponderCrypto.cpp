@@ -5,7 +5,6 @@
 #include "CryptoAes.h"
 #include "CryptoHash.h"
 #include "WebserverLog.h"
-#include "ZarkJson.h"
 
 namespace {
 
@@ -13,8 +12,9 @@ constexpr qint64 UnremarkableTimeDifference = 1000; // milliseconds
 
 class ResponderCryptoHmacSha256 : public ResponderCrypto {
 public:
-    ResponderCryptoHmacSha256(const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, bool encrypt)
-        : m_fields(fields), m_user(user), m_encrypt(encrypt)
+    ResponderCryptoHmacSha256(
+        const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, bool encrypt, int maximumValues)
+        : m_fields(fields), m_user(user), m_encrypt(encrypt), m_maximumValues(maximumValues)
     {
         CryptoHash::hash(CryptoHash::Sha256, QByteArray::fromBase64(fields.salt) + user.password().toUtf8(), &m_key);
     }
@@ -28,6 +28,7 @@ private:
     AuthorizationHeaderFields m_fields;
     ZarkWebserverUser m_user;
     bool m_encrypt;
+    int m_maximumValues;
     QByteArray m_key;
 };
 
@@ -71,13 +72,13 @@ ResponderCrypto::AuthorizationHeaderFields ResponderCrypto::splitAuthorizationHe
 }
 
 QSharedPointer<ResponderCrypto> ResponderCrypto::create(
-    const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user)
+    const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, int maximumValues)
 {
     dbglog_scopedFunction(webserverLog());
     if (fields.scheme == QLatin1String("hmac_sha256_aes256"))
-        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, true);
+        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, true, maximumValues);
     if (fields.scheme == QLatin1String("hmac_sha256"))
-        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, false);
+        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, false, maximumValues);
     return QSharedPointer<ResponderCryptoInvalid>::create();
 }
 
@@ -120,7 +121,7 @@ QVariant ResponderCryptoHmacSha256::decrypt(const QVariant& value, bool* ok)
     if (!CryptoAes::decrypt(CryptoAes::CbcPkcs7, m_key, sent.left(ivSize), sent.mid(ivSize), &plain))
         return {};
     ZarkError error;
-    const QVariant parsed = ZarkJson::parse(plain, &error);
+    const QVariant parsed = ZarkJson::parse(plain, &error, ZarkJson::NoFlags, m_maximumValues);
     if (!error.isEmpty())
         return {};
     succeeded = true;

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QVariant>
 
+#include "ZarkJson.h"
 #include "ZarkWebserverUser.h"
 
 /// Checks that a request was signed by a web user, and opens the values that the user encrypted.
@@ -31,9 +32,9 @@ public:
 
     /// Never fails: what is missing is empty.
     static AuthorizationHeaderFields splitAuthorizationHeader(const QByteArray& header);
-    /// A checker that says no to everything for an unknown scheme.
-    static QSharedPointer<ResponderCrypto> create(
-        const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user);
+    /// A checker that says no to everything for an unknown scheme. `maximumValues` bounds the JSON that it opens.
+    static QSharedPointer<ResponderCrypto> create(const AuthorizationHeaderFields& fields,
+        const ZarkWebserverUser& user, int maximumValues = ZarkJson::AnyNumber);
 
     /// Whether the signature is that of `data` under the user's key; false for an unknown user.
     virtual bool authenticate(const QByteArray& data) = 0;

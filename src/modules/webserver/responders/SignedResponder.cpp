@@ -1,0 +1,133 @@
+#include "SignedResponder.h"
+
+#include "MimeTypes.h"
+#include "Request.h"
+#include "ResponderCrypto.h"
+#include "UserDatabase.h"
+#include "WebserverLog.h"
+
+namespace {
+
+constexpr const char* AccessName = "accessDenied";
+
+} // namespace
+
+SignedResponder::SignedResponder(Request& request, const QString& documentRoot,
+    const QSharedPointer<UserDatabase>& userDatabase, const QSharedPointer<ResponderConfiguration>& configuration,
+    QObject* parent)
+    : Responder(request, documentRoot, parent), m_userDatabase(userDatabase), m_configuration(configuration)
+{
+    m_caller.local = request.isFromLocalhost();
+    request.setMaximumValues(configuration->maximumValues());
+}
+
+bool SignedResponder::isPost() const
+{
+    return request().isMethod("POST");
+}
+
+bool SignedResponder::isGet() const
+{
+    return request().isMethod("GET");
+}
+
+void SignedResponder::identify(SignedBytes signedBytes)
+{
+    const QByteArray field = request().header("Authorization");
+    if (field.isEmpty())
+        return;
+    const auto fields = ResponderCrypto::splitAuthorizationHeader(field);
+    if (fields.scheme.isEmpty())
+        return;
+    m_caller.signature = Caller::Wrong;
+    // Whichever of several were chosen, somebody between client and device may have chosen another.
+    if (request().isRepeated("Authorization"))
+        return;
+    QByteArray data = request().fullUri().toUtf8();
+    if (signedBytes == UriAndBody)
+        data += '.' + request().requestBody();
+    const auto crypto =
+        ResponderCrypto::create(fields, m_userDatabase->user(fields.user), m_configuration->maximumValues());
+    if (!crypto->authenticate(data))
+        return;
+    m_caller.signature = Caller::Verified;
+    m_crypto = crypto;
+}
+
+QVariant SignedResponder::decrypt(const QVariant& value, bool* ok) const
+{
+    *ok = false;
+    return m_crypto ? m_crypto->decrypt(value, ok) : QVariant();
+}
+
+bool SignedResponder::takeParameters(RequestParameters* parameters)
+{
+    const int bound = m_configuration->maximumValues();
+    m_crypto.reset(); // It holds a password, and there is nothing more to open.
+    if (!isPost()) {
+        *parameters = RequestParameters(request().query(), bound);
+        request().releaseInput();
+        return true;
+    }
+    const QByteArray type = request().requestContentType();
+    const bool claims = type == "application/json" || type == "application/x-www-form-urlencoded";
+    const bool empty = request().requestBody().isEmpty();
+    const QVariant posted = takePostData();
+    *parameters = RequestParameters(posted.toHash(), bound);
+    return empty || !claims || posted.userType() == QMetaType::QVariantHash;
+}
+
+QVariant SignedResponder::takePostData()
+{
+    const QVariant posted = request().postData();
+    request().releaseInput();
+    return posted;
+}
+
+bool SignedResponder::canRespond(
+    const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError)
+{
+    const ApiAccess access{ type, permission, m_configuration->authMode(), m_caller };
+    dbglog_trace(webserverLog(),
+        path << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
+             << ", permission=" << ZarkPermission::toString(permission) << ", credentials=" << m_caller.hasCredentials()
+             << ", verified=" << m_caller.isVerified());
+    const ApiVerdict verdict = decideAccess(access);
+    if (!verdict.allowed && respondOnError)
+        respondWithError(CMError(AccessName, verdict.message), verdict.status, verdict.throttle);
+    return verdict.allowed;
+}
+
+void SignedResponder::releaseBrake()
+{
+    if (m_caller.isVerified())
+        m_configuration->authFailReset();
+}
+
+void SignedResponder::respondWithJson(const QVariant& value)
+{
+    answer(SOUP_STATUS_OK, ZarkJson::serializeTranslate(value), MimeTypes::Application::json());
+}
+
+void SignedResponder::respondWithError(const CMError& error, int status, bool throttle)
+{
+    const QVariantHash body{ { QStringLiteral("error"), error.toVariant() } };
+    answer(status, ZarkJson::serializeTranslate(body), MimeTypes::Application::json(), throttle);
+}
+
+void SignedResponder::answer(int status, const QByteArray& body, const QString& contentType, bool throttle)
+{
+    request().setEncoding(Message::PlainContentLength);
+    request().setStatus(status, QString());
+    if (status == SOUP_STATUS_UNAUTHORIZED)
+        request().setHeader(QByteArrayLiteral("WWW-Authenticate"), QByteArray(ResponderCrypto::AdvertisedSchemes));
+    if (status == SOUP_STATUS_METHOD_NOT_ALLOWED)
+        request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, POST"));
+    request().setResponseBody(body, contentType);
+    if (!throttle || (status != SOUP_STATUS_UNAUTHORIZED && status != SOUP_STATUS_FORBIDDEN)) {
+        Q_EMIT finished(m_requestId);
+        return;
+    }
+    request().releaseInput();
+    m_configuration->authFailBlock(this, m_requestId);
+}
