@@ -4,8 +4,8 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
+#include <limits>
 
 #include "Request.h"
 #include "Responder.h"
@@ -35,11 +35,16 @@ void ResponderConfiguration::authFailBlock(Responder* responder, int requestId)
     dbglog_trace(webserverLog(), "blocking caller for " << delay << "ms");
     // Writing the body resumed the exchange.
     responder->request().pause();
-    // Bound to the responder: when the client leaves, both are gone before the time is up.
-    QTimer::singleShot(std::chrono::milliseconds(delay), Qt::PreciseTimer, responder, [responder, requestId] {
+    // A child of the responder: when the client leaves, both go before the time is up. What a timer can measure ends
+    // after 24 days; behind so many failures nobody waits any more.
+    auto* timer = new QTimer(responder);
+    timer->setSingleShot(true);
+    timer->setTimerType(Qt::PreciseTimer);
+    QObject::connect(timer, &QTimer::timeout, responder, [responder, requestId] {
         dbglog_trace(webserverLog(), "done blocking");
         Q_EMIT responder->finished(requestId);
     });
+    timer->start(static_cast<int>(std::min<qint64>(delay, std::numeric_limits<int>::max())));
     m_blockedUntil = now + delay;
     // The delay need not be secret, only spread out.
     m_nextDelay += MinimumStep + std::rand() % RandomStep;
