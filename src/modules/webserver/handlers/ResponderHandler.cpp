@@ -2,6 +2,7 @@
 
 #include <QBuffer>
 
+#include <array>
 #include <utility>
 
 #include "Request.h"
@@ -9,6 +10,21 @@
 #include "ResponderFactory.h"
 #include "ServerMessageDevice.h"
 #include "WebserverLog.h"
+
+namespace {
+
+/// What is left of an exchange, deleted from the event loop in the order given: the responder while it still has its
+/// request. One object, as each deleteLater() of its own would wake the event loop once more.
+class FinishedExchange : public QObject {
+public:
+    explicit FinishedExchange(const std::array<QObject*, 4>& parts) : m_parts(parts) { }
+    ~FinishedExchange() override { qDeleteAll(m_parts); }
+
+private:
+    std::array<QObject*, 4> m_parts;
+};
+
+} // namespace
 
 void ResponderHandler::handle(Message* message)
 {
@@ -81,11 +97,7 @@ void ResponderHandler::finalizeRequest(int requestId)
     dbglog_debug(webserverLog(),
         "Responder finished request " << requestId << ": status: " << info.request->status()
                                       << " data size: " << info.request->data().message->response_body->length);
-    // All four go together with the request, the responder first (its factory saw to that): each deleteLater() of its
-    // own would wake the event loop once more.
-    info.input->setParent(info.request);
-    info.output->setParent(info.request);
-    info.request->deleteLater();
+    (new FinishedExchange({ info.responder, info.request, info.input, info.output }))->deleteLater();
 }
 
 void ResponderHandler::finalizeRequest()
