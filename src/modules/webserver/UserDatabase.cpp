@@ -40,7 +40,8 @@ ZarkWebserverUser UserDatabase::user(const QString& name) const
     return found == m_users.cend() ? ZarkWebserverUser() : *found;
 }
 
-bool UserDatabase::changePassword(const QString& name, const QString& oldPassword, const QString& newPassword)
+bool UserDatabase::changePassword(
+    const QString& name, const QString& oldPassword, const QString& newPassword, CMVoidReply stored)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = std::find_if(
@@ -48,19 +49,35 @@ bool UserDatabase::changePassword(const QString& name, const QString& oldPasswor
     if (found == m_users.end() || found->password() != oldPassword)
         return false;
     found->setPassword(newPassword);
+    write(stored);
+    return true;
+}
+
+void UserDatabase::write(CMVoidReply stored)
+{
     QVariantList records;
     for (const ZarkWebserverUser& user : qAsConst(m_users))
         records.append(user.toVariant());
     ZarkValue value;
     value.setWebserverUsers(records);
-    CMRoot()->setValue(ZarkWebserverUsersPath(), value, CMVoidReply());
-    return true;
+    ++m_writes;
+    CMVoidReply reply;
+    reply.onFinished(this, [this, stored](const CMError& error) mutable {
+        // What the value was meanwhile is older than what is held here; and after a failure it is the only truth.
+        if (--m_writes == 0)
+            on_users_changed(ZarkValue(CMRoot()->getValue(ZarkWebserverUsersPath())));
+        if (error.isEmpty())
+            stored.finish();
+        else
+            stored.fail(error);
+    });
+    CMRoot()->setValue(ZarkWebserverUsersPath(), value, reply);
 }
 
 void UserDatabase::on_users_changed(const ZarkValue& value)
 {
     const QList<ZarkWebserverUser> users = usersOf(value);
-    if (users == m_users)
+    if (m_writes > 0 || users == m_users)
         return;
     m_users = users;
     Q_EMIT changed();

@@ -39,6 +39,13 @@ ZarkValue setting(const CMPath& path)
     return ZarkValue(CMRoot()->getValue(path));
 }
 
+// The fallback for a missing or wrong one.
+int limit(const char* name, int fallback)
+{
+    const ZarkValue value = setting(ZarkWebserverLimitPath(QString::fromLatin1(name)));
+    return value.type() == ZarkValueType::I32 && value.i32() > 0 ? value.i32() : fallback;
+}
+
 QString toText(const QVariantHash& arguments)
 {
     QStringList pairs;
@@ -108,6 +115,8 @@ void WebserverWorker::createSharedObjects()
     m_configuration = QSharedPointer<ResponderConfiguration>::create();
     m_configuration->setStrictRequests(setting(ZarkWebserverStrictPath()).bool_());
     m_configuration->setAuthMode(setting(ZarkWebserverAuthModePath()).webserverAuthMode());
+    m_configuration->setMaximumValues(limit("values", m_configuration->maximumValues()));
+    m_configuration->setMaximumRows(limit("rows", m_configuration->maximumRows()));
     if (isZarkFeatureEnabled(QStringLiteral("analytics")))
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
     m_eventShared = QSharedPointer<EventResponderShared>::create();
@@ -317,11 +326,20 @@ void WebserverWorker::on_changePassword_invoked(const CMSetDataRequest& request)
         return reply.fail(CMError(CMError::Failed, "New password too short"));
     }
     dbglog_info(webserverLog(), "Changing password for '" << change.name << "'");
-    if (!m_userDatabase->changePassword(change.name, change.oldPassword, change.newPassword)) {
-        dbglog_warn(webserverLog(), "Unable to change password for '" << change.name << "': db error");
-        return reply.fail(CMError(CMError::Failed, "Error changing password"));
-    }
-    m_changePasswordNode->setPermission(ZarkPermission::Protected);
-    dbglog_info(webserverLog(), "Password change done");
-    reply.finish();
+    CMVoidReply stored;
+    if (!m_userDatabase->changePassword(change.name, change.oldPassword, change.newPassword, stored))
+        return failPasswordChange(change.name, reply);
+    stored.onFinished(this, [this, name = change.name, reply](const CMError& error) mutable {
+        if (!error.isEmpty())
+            return failPasswordChange(name, reply);
+        m_changePasswordNode->setPermission(ZarkPermission::Protected);
+        dbglog_info(webserverLog(), "Password change done");
+        reply.finish();
+    });
+}
+
+void WebserverWorker::failPasswordChange(const QString& name, CMSetDataRequest request)
+{
+    dbglog_warn(webserverLog(), "Unable to change password for '" << name << "': db error");
+    request.fail(CMError(CMError::Failed, "Error changing password"));
 }

@@ -48,6 +48,7 @@ private:
     ResponderFactory* keep(ResponderFactory* factory);
 
     void on_changePassword_invoked(const CMSetDataRequest& request);
+    void failPasswordChange(const QString& name, CMSetDataRequest request);
     void on_uiLanguage_changed(const ZarkValue& value);
     void on_networkInfo_changed(const ZarkValue& value);
 
