@@ -179,6 +179,7 @@ private Q_SLOTS:
         QTest::newRow("stale timestamp") << old.forGet(uri) << 200;
         QTest::newRow("encrypting scheme") << Signer("admin", "pässword", "HMAC_SHA256_AES256").forGet(uri) << 200;
         QTest::newRow("more after the fourth part") << good + ".more and more" << 200;
+        QTest::newRow("sent twice") << good + "\r\n" + good << 401;
         QTest::newRow("unknown scheme") << "Authorization: Basic " + fields << 401;
         QTest::newRow("scheme alone") << QByteArray("Authorization: HMAC_SHA256") << 401;
         QTest::newRow("truncated signature") << good.chopped(8) << 401;

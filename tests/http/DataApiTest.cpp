@@ -59,6 +59,11 @@ private Q_SLOTS:
         QTest::newRow("rows") << getRows + "9998&to=9999" << QByteArray()
                               << QByteArray(R"({"from":9998,"roles":{"permission":"default","title":"Large list"},)"
                                             R"("rows":[["Row 9998"],["Row 9999"]],"rowsCount":10000,"rowsVersion":)");
+        QTest::newRow("rows of numbers with a point")
+            << QByteArray("/api/getRows")
+            << QByteArray(R"({"path":"demo:lists/large","roles":["title"],"from":9998.0,"to":1e4})")
+            << QByteArray(R"({"from":9998,"roles":{"permission":"default","title":"Large list"},)"
+                          R"("rows":[["Row 9998"],["Row 9999"]],"rowsCount":10000,"rowsVersion":)");
         QTest::newRow("rows cut to the end")
             << getRows + "9999&to=2147483647" << QByteArray()
             << QByteArray(R"({"from":9999,"roles":{"permission":"default","title":"Large list"},)"
@@ -119,6 +124,13 @@ private Q_SLOTS:
         post("getData of nesting without end", "getData", json, QByteArray(500000, '['), 400, "missing path or roles!");
         post("getData of invalid UTF-8", "getData", json, "{\"path\":\"\xff\",\"roles\":[]}", 400,
             "missing path or roles!");
+        post("getData of null roles", "getData", json, R"({"path":"player:player/volume","roles":null})", 400,
+            "missing path or roles!");
+        post("getData among too many values", "getData", json,
+            R"({"path":"player:player/volume","roles":["title"],"x":[0)" + QByteArray(",0").repeated(20000) + "]}", 400,
+            "missing path or roles!");
+        post("getData among too many fields", "getData", "application/x-www-form-urlencoded",
+            volume + "&roles=title" + QByteArray("&x").repeated(20000), 400, "missing path or roles!");
         get("getRows without from", "getRows?" + large + "&to=1", 400, "missing path, roles, from or to!");
         get("getRows of a text", "getRows?" + large + "&from=a&to=1", 400, "invalid from or to or version!");
         get("getRows beyond 32 bits", "getRows?" + large + "&from=0&to=4294967296", 400,
@@ -238,11 +250,15 @@ private Q_SLOTS:
             m_device->postJson("/api/setData", setBody("player:player/control", "\"jump\"", "activate")).status, 500);
         QCOMPARE(m_device->get("/api/setData?path=/player/volume&roles=value&value=17").status, 200);
         QCOMPARE(m_device->value("player:player/volume"), QByteArray("17"));
+        const QByteArray list = R"({"path":"player:player/volume","roles":["value"],"value":18})";
+        QCOMPARE(m_device->postJson("/api/setData", list).body, QByteArray(R"({"type":"i32","value":18})"));
         QTRY_VERIFY_WITH_TIMEOUT(m_device->value("player:player/position").toInt() > 0, 5000);
     }
 
     void aListIsPagedThroughInOneVersion()
     {
+        const HttpReply large = m_device->get("/api/getRows?path=demo:lists/large&roles=title&from=5&to=9999");
+        QCOMPARE(large.json().object().value("rows").toArray().size(), 1000);
         const QByteArray target = "/api/getRows?path=player:player/playlist&roles=title";
         QJsonObject page = m_device->get(target + "&from=0&to=99").json().object();
         const int count = page.value("rowsCount").toInt();

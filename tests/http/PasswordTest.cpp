@@ -86,10 +86,12 @@ private Q_SLOTS:
         QCOMPARE(getRemotely(Protected, Signer("admin", "second-secret").forGet(uri + Protected)), 200);
         QCOMPARE(getRemotely(Protected, old), 401);
 
-        // It is on the disk, and in no log.
-        QCOMPARE(m_device->stop(SIGTERM), 0);
+        // It is on the disk once it is answered, and in no log.
+        const QByteArray third = change("admin", "second-secret", "third-secret");
+        QCOMPARE(postRemotely(third, signedBy("second-secret", third)).status, 200);
+        m_device->stop(SIGKILL);
         QVERIFY(m_device->start());
-        QCOMPARE(getRemotely(Protected, Signer("admin", "second-secret").forGet(uri + Protected)), 200);
+        QCOMPARE(getRemotely(Protected, Signer("admin", "third-secret").forGet(uri + Protected)), 200);
         QCOMPARE(permission(), QByteArray("\"protected\""));
         QVERIFY2(!m_device->log().contains("-secret"), "A password is in the log");
     }
