@@ -16,14 +16,14 @@ constexpr int MaximumRoles = 64;
 // One look at both kinds of request: a key is there or not, and has a value.
 class QueryParameters {
 public:
-    explicit QueryParameters(const ZarkUrlQuery& query) : m_query(query) { }
+    explicit QueryParameters(const QUrlQuery& query) : m_query(query) { }
 
-    bool has(const QString& key) const { return m_query.hasItem(key); }
-    QVariant value(const QString& key) const { return m_query.value(key); }
-    QStringList list(const QString& key) const { return m_query.value(key).split(QLatin1Char(',')); }
+    bool has(const QString& key) const { return m_query.hasQueryItem(key); }
+    QVariant value(const QString& key) const { return m_query.queryItemValue(key, QUrl::FullyDecoded); }
+    QStringList list(const QString& key) const { return value(key).toString().split(QLatin1Char(',')); }
 
 private:
-    const ZarkUrlQuery& m_query;
+    const QUrlQuery& m_query;
 };
 
 class BodyParameters {
@@ -115,7 +115,7 @@ template <class Parameters> const char* readSetData(const Parameters& parameters
 
 } // namespace
 
-const char* parseGetData(const ZarkUrlQuery& query, ApiGetData* request)
+const char* parseGetData(const QUrlQuery& query, ApiGetData* request)
 {
     return readGetData(QueryParameters(query), request);
 }
@@ -123,7 +123,7 @@ const char* parseGetData(const QVariantHash& body, ApiGetData* request)
 {
     return readGetData(BodyParameters(body), request);
 }
-const char* parseGetRows(const ZarkUrlQuery& query, ApiGetRows* request)
+const char* parseGetRows(const QUrlQuery& query, ApiGetRows* request)
 {
     return readGetRows(QueryParameters(query), request);
 }
@@ -131,7 +131,7 @@ const char* parseGetRows(const QVariantHash& body, ApiGetRows* request)
 {
     return readGetRows(BodyParameters(body), request);
 }
-const char* parseSetData(const ZarkUrlQuery& query, ApiSetData* request)
+const char* parseSetData(const QUrlQuery& query, ApiSetData* request)
 {
     return readSetData(QueryParameters(query), request);
 }

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <QStringList>
+#include <QUrlQuery>
 #include <QVariant>
-
-#include "ZarkUrlQuery.h"
 
 /// What the requests of the data API ask for, read from a query or from a decoded body. The last two flags are filled
 /// by authentication.
@@ -34,10 +33,10 @@ struct ApiSetData {
 
 /// Read the parameters into `request`. Null on success; otherwise the text of the 400 answer, and what `request`
 /// holds is undefined.
-const char* parseGetData(const ZarkUrlQuery& query, ApiGetData* request);
+const char* parseGetData(const QUrlQuery& query, ApiGetData* request);
 const char* parseGetData(const QVariantHash& body, ApiGetData* request);
-const char* parseGetRows(const ZarkUrlQuery& query, ApiGetRows* request);
+const char* parseGetRows(const QUrlQuery& query, ApiGetRows* request);
 const char* parseGetRows(const QVariantHash& body, ApiGetRows* request);
 /// `request->value` is the text as sent, not yet parsed.
-const char* parseSetData(const ZarkUrlQuery& query, ApiSetData* request);
+const char* parseSetData(const QUrlQuery& query, ApiSetData* request);
 const char* parseSetData(const QVariantHash& body, ApiSetData* request);
