@@ -203,7 +203,10 @@ private Q_SLOTS:
         known.send(request("http://known.example:" + port() + "/ok"));
         QCOMPARE(known.readReply().status, 200);
         // Those who leave leave their look-ups behind.
+        ask(1, "http://127.0.0.1:" + port() + "/hang");
+        QTRY_COMPARE(m_upstream.waiting(), 2);
         clients.clear();
+        QTRY_COMPARE(m_upstream.waiting(), 1);
         ask(30, "http://silent.example/");
         QCOMPARE(clients.back()->readReply().status, 404);
         QVERIFY(threads(device.pid()) <= threadsBefore + 34);

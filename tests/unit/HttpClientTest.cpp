@@ -33,6 +33,7 @@ public:
             result = answer;
         });
     }
+    ~Fetch() { handle.cancel(); }
     bool wait() const
     {
         return calls == 0 && QTest::qWaitFor([this] { return calls > 0; }, 10000);
@@ -177,6 +178,8 @@ private Q_SLOTS:
         // Left open by the server: a fetch must not go over another one's connection, either.
         HttpServerScript server(
             reply("200 OK", "Content-Length: 0\r\n", ""), HttpServerScript::Hang, {}, QHostAddress::Any);
+        HttpServerScript silent({}, HttpServerScript::Hang);
+        const Fetch another(silent.url()); // What fetches share stays while one is under way.
         QList<QHostAddress> judged;
         for (const bool accept : { true, false }) {
             HttpClientOptions how = options();
