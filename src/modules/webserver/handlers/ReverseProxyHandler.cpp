@@ -4,8 +4,6 @@
 #include <QNetworkInterface>
 #include <QPointer>
 
-#include <algorithm>
-
 #include <libsoup/soup.h>
 
 #include "CMRoot.h"
