@@ -1,10 +1,7 @@
 #include <QElapsedTimer>
-#include <QEventLoop>
-#include <QTimer>
 #include <QtTest>
 
 #include <memory>
-#include <vector>
 
 #include "HttpClient.h"
 #include "HttpServerScript.h"
@@ -31,21 +28,16 @@ public:
     explicit Fetch(const QString& url, const HttpClientOptions& how = options())
     {
         handle = HttpClient::get(ZarkUrl(url), how, [this](const HttpClientResult& answer) {
+            handle.cancel(); // Too late, and harmless.
             ++calls;
             result = answer;
-            m_loop.quit();
         });
     }
-    bool wait()
+    ~Fetch() { handle.cancel(); }
+    bool wait() const
     {
-        QTimer::singleShot(10000, &m_loop, &QEventLoop::quit);
-        if (calls == 0)
-            m_loop.exec();
-        return calls > 0;
+        return calls == 0 && QTest::qWaitFor([this] { return calls > 0; }, 10000);
     }
-
-private:
-    QEventLoop m_loop;
 };
 
 /// What the callbacks of the fetches hold that run when the application ends.
@@ -72,57 +64,38 @@ private Q_SLOTS:
             QTest::newRow(name) << response << status << body;
         };
         const QByteArray full(Limit, 'x');
-        const QByteArray limit = QByteArray::number(Limit);
         const QByteArray chunked = "Transfer-Encoding: chunked\r\n";
         const QByteArray type = "X-Type: seen\r\n";
 
-        row("length", reply("200 OK", type + "Content-Length: 5\r\n", "hello and more"), 200, "hello");
-        row("until close", reply("200 OK", type, "hello"), 200, "hello");
-        row("version 1.0, no reason, bare line ends", "HTTP/1.0 200\nx-type:seen\n\nhello", 200, "hello");
-        row("empty", reply("200 OK", type + "Content-Length: 0\r\n", ""), 200);
-        row("no content", reply("204 No Content", type, "ignored"), 204);
+        row("chunked, after an interim one and before a trailer",
+            "HTTP/1.1 103 Hints\r\nX-Type: no\r\n\r\n"
+                + reply("200 OK", type + chunked, "2\r\nab\r\n3\r\ncde\r\n0\r\nX-Type: no\r\n\r\n"),
+            200, "abcde");
         row("redirect is not followed", reply("301 Moved", type + "Location: /\r\nContent-Length: 3\r\n", "old"), 301,
             "old");
-        row("interim first", "HTTP/1.1 103 Hints\r\nLink: x\r\n\r\n" + reply("200 OK", type, "late"), 200, "late");
         row("compressed stays as it is", reply("200 OK", type + "Content-Encoding: gzip\r\n", "\x1f\x8bxx"), 200,
             "\x1f\x8bxx");
-        row("chunked", reply("200 OK", type + chunked, "2\r\nab\r\n3;x=y\r\ncde\r\n0\r\nT: r\r\n\r\n"), 200, "abcde");
-        row("exactly the limit", reply("200 OK", type + "Content-Length: " + limit + "\r\n", full), 200, full);
-        row("exactly the limit, chunked", reply("200 OK", type + chunked, "3e8\r\n" + full + "\r\n0\r\n\r\n"), 200,
-            full);
-
+        row("exactly the limit", reply("200 OK", type + "Content-Length: 1000\r\n", full), 200, full);
+        row("exactly the limit, until close", reply("200 OK", type, full), 200, full);
         row("length over the limit", reply("200 OK", "Content-Length: 1001\r\n", ""), HttpClientResult::TooLarge);
         row("length over all limits", reply("200 OK", "Content-Length: 99999999999999999999\r\n", ""),
             HttpClientResult::TooLarge);
-        row("over the limit, chunked", reply("200 OK", chunked, "3e8\r\n" + full + "\r\n1\r\n"),
+        row("over the limit, chunked", reply("200 OK", chunked, "3e8\r\n" + full + "\r\n1\r\nx\r\n"),
             HttpClientResult::TooLarge);
-        row("huge chunk", reply("200 OK", chunked, "ffffffffffffffffffff\r\n"), HttpClientResult::TooLarge);
         row("over the limit, until close", reply("200 OK", {}, full + "x"), HttpClientResult::TooLarge);
-
         row("not HTTP", "SSH-2.0-Open\r\n\r\n", HttpClientResult::Unreachable);
         row("closed in the body", reply("200 OK", "Content-Length: 6\r\n", "hello"), HttpClientResult::Unreachable);
-        row("closed before the last chunk", reply("200 OK", chunked, "5\r\nhello\r\n"), HttpClientResult::Unreachable);
-        row("two lengths", reply("200 OK", "Content-Length: 1\r\nContent-Length: 2\r\n", "ab"),
-            HttpClientResult::Unreachable);
-        row("negative length", reply("200 OK", "Content-Length: -1\r\n", "ab"), HttpClientResult::Unreachable);
-        row("unknown coding", reply("200 OK", "Transfer-Encoding: gzip, chunked\r\n", ""),
-            HttpClientResult::Unreachable);
-        row("other protocol", reply("101 Switching", {}, ""), HttpClientResult::Unreachable);
     }
 
     void responseBecomesResult()
     {
         QFETCH(QByteArray, response);
         QFETCH(int, status);
-        QFETCH(QByteArray, body);
         HttpServerScript server(response);
-
         Fetch fetch(server.url());
-        QCOMPARE(fetch.calls, 0);
         QVERIFY(fetch.wait());
-
         QCOMPARE(fetch.result.status, status);
-        QCOMPARE(fetch.result.body, body);
+        QTEST(fetch.result.body, "body");
         QCOMPARE(fetch.result.headers.value("x-TYPE", "none"), QByteArray(status > 0 ? "seen" : "none"));
         QTest::qWait(20);
         QCOMPARE(fetch.calls, 1);
@@ -135,132 +108,93 @@ private Q_SLOTS:
         HttpServerScript server(reply("200 OK", "Content-Length: 0\r\nSet-Cookie: a=b\r\n", ""));
         const QString authority = QStringLiteral("LocalHost:%1").arg(server.serverPort());
         const QString url =
-            QStringLiteral("HTTP://name:secret@") + authority + QStringLiteral("/a b/%0d%0aX:y?q=\u00e4&r=%26#part");
+            QStringLiteral("HTTP://name:secret@") + authority + QStringLiteral("/./a b/%0d%0aX:y?q=\u00e4&r=%26#part");
         for (int i = 0; i < 2; ++i) { // The second one too: no cookie.
             Fetch fetch(url);
             QVERIFY(fetch.wait());
-            QCOMPARE(fetch.result.status, 200);
             QCOMPARE(server.request,
-                "GET /a%20b/%0D%0AX:y?q=%C3%A4&r=%26 HTTP/1.1\r\nHost: " + authority.toLower().toLatin1()
+                "GET /./a%20b/%0D%0AX:y?q=%C3%A4&r=%26 HTTP/1.1\r\nHost: " + authority.toLower().toLatin1()
                     + "\r\nAccept: */*\r\nAccept-Encoding: identity\r\nConnection: close\r\n\r\n");
         }
     }
 
-    void deadlineCoversTheWholeExchange_data()
-    {
-        QTest::addColumn<QByteArray>("response");
-        QTest::newRow("before the header") << QByteArray();
-        QTest::newRow("in the body") << reply("200 OK", "Content-Length: 6\r\n", "hello");
-        QTest::newRow("in an open body") << reply("200 OK", {}, "hello");
-    }
-
-    void deadlineCoversTheWholeExchange()
-    {
-        QFETCH(QByteArray, response);
-        HttpServerScript server(response, HttpServerScript::Hang);
-        QElapsedTimer clock;
-        clock.start();
-        Fetch fetch(server.url(), options(150));
-        QVERIFY(fetch.wait());
-        QCOMPARE(fetch.result.status, int(HttpClientResult::TimedOut));
-        QCOMPARE(fetch.result.body, QByteArray());
-        QVERIFY2(clock.elapsed() >= 140 && clock.elapsed() < 2000, QByteArray::number(clock.elapsed()));
-        QTRY_COMPARE(server.gone, 1);
-    }
-
-    void endlessBodyStopsAtTheLimit_data()
+    void whatDoesNotEndIsEnded_data()
     {
         QTest::addColumn<QByteArray>("head");
         QTest::addColumn<QByteArray>("flood");
         QTest::addColumn<int>("status");
-        const QByteArray block(64 * 1024, 'x');
-        QTest::newRow("until close") << reply("200 OK", {}, "") << block << int(HttpClientResult::TooLarge);
-        QTest::newRow("chunked") << reply("200 OK", "Transfer-Encoding: chunked\r\n", "")
-                                 << "10000\r\n" + block + "\r\n"
-                                 << int(HttpClientResult::TooLarge);
-        QTest::newRow("header line") << QByteArray("HTTP/1.1 200 OK\r\nX: ") << block
-                                     << int(HttpClientResult::Unreachable);
-        QTest::newRow("header fields") << QByteArray("HTTP/1.1 200 OK\r\n") << QByteArray("A: b\r\n").repeated(1000)
-                                       << int(HttpClientResult::Unreachable);
-        QTest::newRow("trailers") << reply("200 OK", "Transfer-Encoding: chunked\r\n", "0\r\n")
-                                  << QByteArray("A: b\r\n").repeated(1000) << int(HttpClientResult::Unreachable);
-        QTest::newRow("chunk extension") << reply("200 OK", "Transfer-Encoding: chunked\r\n", "1;") << block
-                                         << int(HttpClientResult::Unreachable);
-        QTest::newRow("interim responses")
-            << QByteArray("HTTP/1.1 100 Go\r\n\r\n") << QByteArray("HTTP/1.1 100 Go\r\n\r\n").repeated(1000)
-            << int(HttpClientResult::Unreachable);
+        const QByteArray interim = "HTTP/1.1 100 Go\r\n\r\n";
+        const auto row = [](const char* name, const QByteArray& head, const QByteArray& flood, int status) {
+            QTest::newRow(name) << head << flood << status;
+        };
+        row("silence", {}, {}, HttpClientResult::TimedOut);
+        row("half a body", reply("200 OK", "Content-Length: 6\r\n", "hello"), {}, HttpClientResult::TimedOut);
+        row("body", reply("200 OK", {}, ""), QByteArray(64 * 1024, 'x'), HttpClientResult::TooLarge);
+        row("header fields", "HTTP/1.1 200 OK\r\n", QByteArray("A: b\r\n").repeated(1000),
+            HttpClientResult::Unreachable);
+        row("interim responses", interim, interim.repeated(1000), HttpClientResult::Unreachable);
+        row("trailer", reply("200 OK", "Transfer-Encoding: chunked\r\n", "0\r\n"),
+            QByteArray("A: b\r\n").repeated(1000), HttpClientResult::Unreachable);
     }
 
-    void endlessBodyStopsAtTheLimit()
+    void whatDoesNotEndIsEnded()
     {
         QFETCH(QByteArray, head);
         QFETCH(QByteArray, flood);
         QFETCH(int, status);
-        HttpServerScript server(head, HttpServerScript::Flood, flood);
-        HttpClientOptions how = options(20000);
-        how.setReadSizeLimit(1024 * 1024);
-        Fetch fetch(server.url(), how);
+        HttpServerScript server(head, flood.isEmpty() ? HttpServerScript::Hang : HttpServerScript::Flood, flood);
+        QElapsedTimer clock;
+        clock.start();
+        Fetch fetch(server.url(), options(flood.isEmpty() ? 150 : 5000));
         QVERIFY(fetch.wait());
         QCOMPARE(fetch.result.status, status);
+        QCOMPARE(fetch.result.body, QByteArray());
+        QVERIFY(clock.elapsed() < 4000 && server.written < 16 * 1024 * 1024);
         QTRY_COMPARE(server.gone, 1);
-        QVERIFY2(server.written < 16 * 1024 * 1024, QByteArray::number(server.written));
+    }
+
+    void theMeterEndsTheBody()
+    {
+        HttpServerScript server(reply("200 OK", {}, QByteArray(600, 'x')), HttpServerScript::Hang);
+        HttpClientOptions how = options();
+        int metered = 0;
+        how.setBodyMeter([&metered](int bytes) { return (metered += bytes) < 600; });
+        Fetch fetch(server.url(), how);
+        QVERIFY(fetch.wait());
+        QCOMPARE(fetch.result.status, int(HttpClientResult::TooLarge));
+        QCOMPARE(metered, 600);
     }
 
     void filterJudgesTheAddressThatIsConnectedTo_data()
     {
         QTest::addColumn<QString>("host");
-        QTest::newRow("name") << "localhost";
-        QTest::newRow("IPv4") << "127.0.0.1";
-        QTest::newRow("IPv4 as one number") << "2130706433";
-        QTest::newRow("IPv4 in IPv6") << "[::ffff:127.0.0.1]";
-        QTest::newRow("any address") << "0.0.0.0";
-        QTest::newRow("IPv6") << "[::1]";
+        for (const char* host : { "localhost", "127.0.0.1", "2130706433", "[::ffff:127.0.0.1]", "0.0.0.0", "[::1]" })
+            QTest::newRow(host) << host;
     }
 
     void filterJudgesTheAddressThatIsConnectedTo()
     {
         QFETCH(QString, host);
+        // Left open by the server: a fetch must not go over another one's connection, either.
         HttpServerScript server(
-            reply("200 OK", "Content-Length: 0\r\n", ""), HttpServerScript::Close, {}, QHostAddress::Any);
+            reply("200 OK", "Content-Length: 0\r\n", ""), HttpServerScript::Hang, {}, QHostAddress::Any);
+        HttpServerScript silent({}, HttpServerScript::Hang);
+        const Fetch another(silent.url()); // What fetches share stays while one is under way.
         QList<QHostAddress> judged;
-        bool accept = false;
-        HttpClientOptions how = options();
-        how.setAddressFilter([&](const QHostAddress& address) {
-            judged.append(address);
-            return accept;
-        });
-
-        Fetch refused(server.url(host), how);
-        QVERIFY(refused.wait());
-        QCOMPARE(refused.result.status, int(HttpClientResult::Refused));
-        QVERIFY(!judged.isEmpty());
+        for (const bool accept : { true, false }) {
+            HttpClientOptions how = options();
+            how.setAddressFilter([&judged, accept](const QHostAddress& address) {
+                judged.append(address);
+                return accept;
+            });
+            Fetch fetch(server.url(host), how);
+            QVERIFY(fetch.wait());
+            QCOMPARE(fetch.result.status, accept ? 200 : int(HttpClientResult::Refused));
+        }
+        QTest::qWait(20);
+        QCOMPARE(server.connections, 1);
         for (const QHostAddress& address : qAsConst(judged))
             QVERIFY2(address.isLoopback() || address == QHostAddress::AnyIPv4, qPrintable(address.toString()));
-        QTest::qWait(20);
-        QCOMPARE(server.connections, 0);
-
-        accept = true;
-        Fetch accepted(server.url(host), how);
-        QVERIFY(accepted.wait());
-        QCOMPARE(accepted.result.status, 200);
-    }
-
-    void nextAddressIsTriedWhenOneFails()
-    {
-        // Where "localhost" is both ::1 and 127.0.0.1, whichever comes first is refused by the one or the other server.
-        for (const auto& address : { QHostAddress::LocalHost, QHostAddress::LocalHostIPv6 }) {
-            HttpServerScript server(reply("200 OK", "Content-Length: 0\r\n", ""), HttpServerScript::Close, {}, address);
-            QList<QHostAddress> judged;
-            HttpClientOptions how = options();
-            how.setAddressFilter([&](const QHostAddress& candidate) {
-                judged.append(candidate);
-                return true;
-            });
-            Fetch fetch(server.url(QStringLiteral("localhost")), how);
-            QVERIFY(fetch.wait());
-            QCOMPARE(
-                fetch.result.status, judged.contains(QHostAddress(address)) ? 200 : int(HttpClientResult::Unreachable));
-        }
     }
 
     void unfetchableIsReported_data()
@@ -272,47 +206,46 @@ private Q_SLOTS:
         QTest::newRow("closed port") << QStringLiteral("http://127.0.0.1:%1/").arg(closed.serverPort())
                                      << int(HttpClientResult::Unreachable);
         QTest::newRow("unknown name") << "http://nobody.invalid/" << int(HttpClientResult::Unreachable);
-        QTest::newRow("file") << "file:///etc/passwd" << int(HttpClientResult::Refused);
-        QTest::newRow("no host") << "http:///path" << int(HttpClientResult::Refused);
-        QTest::newRow("empty") << "" << int(HttpClientResult::Refused);
-        QTest::newRow("line end in the host") << "http://127.0.0.1\r\nX: y/" << int(HttpClientResult::Refused);
+        for (const char* url : { "file:///etc/passwd", "http:///path", "", "http://127.0.0.1\r\nX: y/" })
+            QTest::newRow(url) << url << int(HttpClientResult::Refused);
     }
 
     void unfetchableIsReported()
     {
         QFETCH(QString, url);
-        QFETCH(int, status);
         Fetch fetch(url);
-        QCOMPARE(fetch.calls, 0);
         QVERIFY(fetch.wait());
-        QCOMPARE(fetch.result.status, status);
+        QTEST(fetch.result.status, "status");
     }
 
     void cancelEndsWithoutCallback_data()
     {
-        QTest::addColumn<QString>("host");
         QTest::addColumn<QByteArray>("response");
-        QTest::addColumn<int>("stage"); // 0: at once, 1: after one turn of the loop, 2: connected, 3: bytes are read.
-        const QByteArray part = reply("200 OK", "Content-Length: 6\r\n", "hello");
-        QTest::newRow("at once") << "127.0.0.1" << part << 0;
-        QTest::newRow("while the name is looked up") << "localhost" << part << 1;
-        QTest::newRow("while connecting") << "127.0.0.1" << part << 1;
-        QTest::newRow("before the header") << "127.0.0.1" << QByteArray() << 2;
-        QTest::newRow("in the body") << "127.0.0.1" << part << 3;
+        QTest::addColumn<int>("stage");
+        QTest::newRow("at once") << QByteArray() << 0;
+        QTest::newRow("from inside the filter") << QByteArray() << 1;
+        QTest::newRow("before the header") << QByteArray() << 2;
+        QTest::newRow("in the body") << reply("200 OK", "Content-Length: 6\r\n", "hello") << 3;
     }
 
     void cancelEndsWithoutCallback()
     {
-        QFETCH(QString, host);
         QFETCH(QByteArray, response);
         QFETCH(int, stage);
         HttpServerScript server(response, HttpServerScript::Hang);
         auto held = std::make_shared<int>(0); // Whatever the callback holds is let go.
-        HttpClient::Handle handle =
-            HttpClient::get(ZarkUrl(server.url(host)), options(300), [held](const HttpClientResult&) { ++*held; });
-        QCOMPARE(held.use_count(), 2L);
-        if (stage == 1)
-            QCoreApplication::sendPostedEvents();
+        HttpClient::Handle handle;
+        HttpClientOptions how = options(300);
+        bool judged = false;
+        how.setAddressFilter([&](const QHostAddress&) {
+            judged = true;
+            if (stage == 1)
+                handle.cancel();
+            return true;
+        });
+        handle = HttpClient::get(ZarkUrl(server.url()), how, [held](const HttpClientResult&) { ++*held; });
+        if (stage >= 1)
+            QTRY_VERIFY(judged);
         if (stage >= 2)
             QTRY_COMPARE(server.connections, 1);
         if (stage == 3)
@@ -320,30 +253,11 @@ private Q_SLOTS:
 
         handle.cancel();
         handle.cancel();
-        QCOMPARE(held.use_count(), 1L);
+        QTRY_COMPARE(held.use_count(), 1L);
         QTest::qWait(400);
         QCOMPARE(*held, 0);
         QCOMPARE(server.gone, server.connections);
-        QVERIFY(stage > 0 || server.connections == 0);
-    }
-
-    void handleAndCallbackOutliveTheFetch()
-    {
-        HttpServerScript server(reply("200 OK", "Content-Length: 2\r\n", "ok"));
-        HttpClient::Handle handle;
-        QByteArray body;
-        int calls = 0;
-        handle = HttpClient::get(ZarkUrl(server.url()), options(), [&](const HttpClientResult& result) {
-            handle.cancel(); // From inside: too late, and harmless.
-            ++calls;
-            body = result.body;
-        });
-        QTRY_COMPARE(calls, 1);
-        QTest::qWait(20);
-        handle.cancel();
-        HttpClient::Handle().cancel();
-        QCOMPARE(calls, 1);
-        QCOMPARE(body, QByteArray("ok"));
+        QCOMPARE(judged, stage > 0);
     }
 
     void fetchMayRunWhenTheProcessEnds()

@@ -1,7 +1,6 @@
 #include <QFile>
 #include <QProcess>
 #include <QSslCertificate>
-#include <QSslConfiguration>
 #include <QSslKey>
 #include <QSslSocket>
 #include <QTcpServer>
@@ -49,9 +48,8 @@ class HttpsClientTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QTemporaryDir directory;
-        const QString certificate = directory.filePath(QStringLiteral("cert.pem"));
-        const QString key = directory.filePath(QStringLiteral("key.pem"));
+        const QString certificate = m_directory.filePath(QStringLiteral("cert.pem"));
+        const QString key = m_directory.filePath(QStringLiteral("key.pem"));
         QCOMPARE(QProcess::execute(QStringLiteral("openssl"),
                      { "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days",
                          "2", "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost", "-keyout", key,
@@ -80,9 +78,10 @@ private Q_SLOTS:
         QFETCH(QString, host);
         QFETCH(bool, trusted);
         QFETCH(int, status);
-        QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
-        configuration.setCaCertificates(trusted ? QList<QSslCertificate>{ m_certificate } : QList<QSslCertificate>());
-        QSslConfiguration::setDefaultConfiguration(configuration);
+        if (trusted)
+            qputenv("SSL_CERT_FILE", m_directory.filePath(QStringLiteral("cert.pem")).toLocal8Bit());
+        else
+            qunsetenv("SSL_CERT_FILE");
         TlsServer server(m_certificate, m_key);
 
         HttpClientResult result;
@@ -99,6 +98,7 @@ private Q_SLOTS:
     }
 
 private:
+    QTemporaryDir m_directory;
     QSslCertificate m_certificate;
     QSslKey m_key;
 };

@@ -85,7 +85,7 @@ private Q_SLOTS:
     {
         CMRootWorker root;
         CMNodes nodes(root.tree());
-        NetworkNode node(&nodes, NetworkTable::Classifier());
+        NetworkNode node(&nodes, InterfaceClassifier());
         QCOMPARE(wired(), QString()); // Loopback is none of them.
 
         // The other end is down: e0 has no carrier, so that what must be checked for duplicates stays tentative.
@@ -130,7 +130,7 @@ private Q_SLOTS:
         }
         CMRootWorker root;
         CMNodes nodes(root.tree());
-        NetworkNode node(&nodes, NetworkTable::Classifier({ QStringLiteral("guests") }, sysfs.path()));
+        NetworkNode node(&nodes, InterfaceClassifier({ QStringLiteral("guests") }, sysfs.path()));
 
         const ZarkNetworkInfo info = ZarkValue(root.getValue(ZarkNetworkInfoPath())).networkInfo();
         QCOMPARE(describe(info.wired()), QStringLiteral("e0 192.0.2.4/32 192.0.2.5/32 192.0.2.2/32"));
@@ -150,7 +150,7 @@ private Q_SLOTS:
         QVERIFY(ip(QStringLiteral("link add e0 type veth peer name e1\nlink set e0 up\n")));
         CMRootWorker root;
         CMNodes nodes(root.tree());
-        NetworkNode node(&nodes, NetworkTable::Classifier());
+        NetworkNode node(&nodes, InterfaceClassifier());
         QString commands;
         for (int i = 0; i < 2000; ++i)
             commands += QStringLiteral("addr add 10.0.%1.%2/32 dev e0\n").arg(i / 200).arg(i % 200 + 1);

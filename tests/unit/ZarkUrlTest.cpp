@@ -25,6 +25,8 @@ private Q_SLOTS:
         const ZarkUrl url = ZarkUrl::fromEncoded("/api/getData" + query);
         QVERIFY(url.hasQueryItem(QStringLiteral("a")));
         QTEST(url.queryItemValue(QStringLiteral("a")), "value");
+        QCOMPARE(ZarkUrl::splitQuery("a=%41%25%").queryItemValue(QStringLiteral("a"), QUrl::FullyDecoded),
+            QStringLiteral("A%%"));
         QVERIFY(!url.hasQueryItem(QStringLiteral("c")));
         QVERIFY(url.queryItemValue(QStringLiteral("c")).isNull());
     }

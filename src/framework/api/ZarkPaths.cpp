@@ -83,6 +83,12 @@ CMPath ZarkWebserverEnableExternalWebAccessPath()
     return path;
 }
 
+CMPath ZarkWebserverProxyAllowedHostsPath()
+{
+    static const CMPath path = webserverPath("proxyAllowedHosts");
+    return path;
+}
+
 CMPath ZarkWebserverLimitPath(const QString& name)
 {
     static const CMPath limits = webserverPath("limits");

@@ -16,6 +16,7 @@ CMPath ZarkWebserverAuthModePath(); ///< webserverAuthMode
 CMPath ZarkWebserverUsersPath(); ///< webserverUsers
 CMPath ZarkWebserverChangePasswordPath(); ///< command
 CMPath ZarkWebserverEnableExternalWebAccessPath(); ///< bool
+CMPath ZarkWebserverProxyAllowedHostsPath(); ///< stringList
 CMPath ZarkWebserverLimitPath(const QString& name); ///< i32 under settings:webserver/limits/
 CMPath ZarkUILanguagePath(); ///< string, such as "de".
 CMPath ZarkNetworkInfoPath(); ///< networkInfo

@@ -1,18 +1,21 @@
 #include "HttpFetch.h"
 
 #include <QCoreApplication>
-#include <QHostInfo>
-#include <QNetworkProxy>
-#include <QSslConfiguration>
-#include <QSslSocket>
+#include <QHostAddress>
 #include <QThread>
 
-#include <utility>
+#include <sys/socket.h>
+
+#include "CurlMulti.h"
 
 namespace {
 
-/// What a socket holds of a body before it is read; the rest waits at the sender.
-constexpr int ReadBuffer = 64 * 1024;
+/// Fields of all interim responses, of the response and of its trailer, together.
+constexpr size_t MaxHeaderBytes = 64 * 1024;
+/// Threads that wait for name servers, one each.
+constexpr int MaxLookUps = 32;
+
+int lookUpsUnderWay = 0;
 
 QObject* owner()
 {
@@ -20,210 +23,166 @@ QObject* owner()
     return application && application->thread() == QThread::currentThread() ? application : nullptr;
 }
 
+const curl_slist* requestFields()
+{
+    // No compression: a body is what it is in size, and is not unpacked here.
+    static const curl_slist* fields =
+        curl_slist_append(curl_slist_append(nullptr, "Accept-Encoding: identity"), "Connection: close");
+    return fields;
+}
+
 } // namespace
 
 HttpFetch::HttpFetch(const QUrl& url, const HttpClientOptions& options, const HttpClient::Callback& callback)
-    : QObject(owner()), m_url(url), m_options(options), m_callback(callback), m_parser(options.readSizeLimit())
+    : QObject(owner()), m_options(options), m_callback(callback), m_multi(CurlMulti::shared()),
+      m_transfer(curl_easy_init()), m_isAddress(!QHostAddress(url.host()).isNull())
 {
-    m_deadline.setSingleShot(true);
-    m_attempt.setSingleShot(true);
-    connect(&m_deadline, &QTimer::timeout, this, [this] { fail(HttpClientResult::TimedOut); });
-    connect(&m_attempt, &QTimer::timeout, this, &HttpFetch::connectNext);
-    m_deadline.start(qMax(0, options.timeoutMs()));
-    QMetaObject::invokeMethod(this, &HttpFetch::start, Qt::QueuedConnection);
+    const bool known = url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
+    if (known && url.isValid() && !url.host().isEmpty() && configure(url))
+        m_multi->add(m_transfer, [this](CURLcode code) { onDone(code); });
+    else
+        QMetaObject::invokeMethod(
+            this, [this] { finish(HttpClientResult::Refused); }, Qt::QueuedConnection);
 }
 
 HttpFetch::~HttpFetch()
 {
-    release();
+    m_multi->remove(m_transfer);
+    curl_easy_cleanup(m_transfer);
+    setLookingUp(false);
+}
+
+/// False when libcurl cannot do what the safety of a fetch rests on.
+bool HttpFetch::configure(const QUrl& url)
+{
+    CURLcode result = m_transfer ? CURLE_OK : CURLE_FAILED_INIT;
+    const auto set = [this, &result](CURLoption option, auto value) {
+        if (result == CURLE_OK)
+            result = curl_easy_setopt(m_transfer, option, value);
+    };
+    set(CURLOPT_URL, url.toEncoded(QUrl::RemoveUserInfo | QUrl::RemoveFragment).constData());
+    set(CURLOPT_PROTOCOLS_STR, "http,https");
+    set(CURLOPT_PATH_AS_IS, 1L);
+    set(CURLOPT_HTTP_VERSION, long(CURL_HTTP_VERSION_1_1));
+    set(CURLOPT_HTTPHEADER, requestFields());
+    set(CURLOPT_SSLVERSION, long(CURL_SSLVERSION_TLSv1_2));
+    if (qEnvironmentVariableIsSet("SSL_CERT_FILE"))
+        set(CURLOPT_CAINFO, qgetenv("SSL_CERT_FILE").constData());
+
+    // A connection that another fetch left would pass the address filter by.
+    set(CURLOPT_FRESH_CONNECT, 1L);
+    set(CURLOPT_FORBID_REUSE, 1L);
+    set(CURLOPT_PROXY, "");
+    set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
+    set(CURLOPT_OPENSOCKETDATA, this);
+
+    set(CURLOPT_TIMEOUT_MS, long(qMax(1, m_options.timeoutMs()))); // 0 would be none.
+    set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(m_options.readSizeLimit()));
+    set(CURLOPT_HEADERFUNCTION, onHeader);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, onBody);
+    set(CURLOPT_WRITEDATA, this);
+
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_QUICK_EXIT, 1L);
+    set(CURLOPT_RESOLVER_START_FUNCTION, onLookUp);
+    set(CURLOPT_RESOLVER_START_DATA, this);
+    return result == CURLE_OK;
 }
 
 void HttpFetch::cancel()
 {
-    release();
+    m_ended = true;
+    if (!m_lookingUp)
+        deleteLater(); // Not at once: libcurl may be on the stack.
+}
+
+void HttpFetch::setLookingUp(bool lookingUp)
+{
+    lookUpsUnderWay += int(lookingUp) - int(m_lookingUp);
+    m_lookingUp = lookingUp;
+}
+
+/// Before a look-up, or what libcurl calls so; an address needs none.
+int HttpFetch::onLookUp(void*, void*, void* self)
+{
+    auto* fetch = static_cast<HttpFetch*>(self);
+    if (fetch->m_isAddress)
+        return 0;
+    if (lookUpsUnderWay >= MaxLookUps)
+        return 1;
+    fetch->setLookingUp(true);
+    return 0;
+}
+
+curl_socket_t HttpFetch::openSocket(void* self, curlsocktype, curl_sockaddr* address)
+{
+    auto* fetch = static_cast<HttpFetch*>(self);
+    fetch->setLookingUp(false);
+    const HttpClientOptions::AddressFilter& filter = fetch->m_options.addressFilter();
+    const bool accepted = !fetch->m_ended && (!filter || filter(QHostAddress(&address->addr)));
+    (accepted ? fetch->m_accepted : fetch->m_refused) = true;
+    if (!accepted)
+        return CURL_SOCKET_BAD;
+    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+}
+
+size_t HttpFetch::onHeader(char*, size_t size, size_t count, void* self)
+{
+    auto* fetch = static_cast<HttpFetch*>(self);
+    fetch->m_headerBytes += size * count;
+    return fetch->m_headerBytes <= MaxHeaderBytes ? size * count : 0;
+}
+
+size_t HttpFetch::onBody(char* data, size_t size, size_t count, void* self)
+{
+    auto* fetch = static_cast<HttpFetch*>(self);
+    const int bytes = int(size * count); // CURL_MAX_WRITE_SIZE at the most.
+    const HttpClientOptions::BodyMeter& meter = fetch->m_options.bodyMeter();
+    if (bytes > fetch->m_options.readSizeLimit() - fetch->m_result.body.size() || (meter && !meter(bytes))) {
+        fetch->m_tooLarge = true;
+        return 0;
+    }
+    fetch->m_result.body.append(data, bytes);
+    return size * count;
+}
+
+void HttpFetch::onDone(CURLcode code)
+{
+    setLookingUp(false);
+    if (code != CURLE_OK)
+        return finish(failureOf(code));
+    long status = 0;
+    curl_easy_getinfo(m_transfer, CURLINFO_RESPONSE_CODE, &status);
+    readHeaders();
+    finish(int(status));
+}
+
+HttpClientResult::Failure HttpFetch::failureOf(CURLcode code) const
+{
+    if (code == CURLE_FILESIZE_EXCEEDED || m_tooLarge)
+        return HttpClientResult::TooLarge;
+    if (code == CURLE_OPERATION_TIMEDOUT)
+        return HttpClientResult::TimedOut;
+    return m_refused && !m_accepted ? HttpClientResult::Refused : HttpClientResult::Unreachable;
+}
+
+void HttpFetch::readHeaders()
+{
+    const curl_header* field = nullptr;
+    constexpr int LastResponse = -1;
+    while ((field = curl_easy_nextheader(m_transfer, CURLH_HEADER, LastResponse, const_cast<curl_header*>(field))))
+        m_result.headers.append(field->name, field->value);
+}
+
+void HttpFetch::finish(int status)
+{
     deleteLater();
-}
-
-void HttpFetch::start()
-{
-    if (!m_callback)
+    if (m_ended)
         return;
-    const bool known = m_url.scheme() == QLatin1String("http") || isSecure();
-    if (!known || !m_url.isValid() || m_url.host().isEmpty())
-        return fail(HttpClientResult::Refused);
-    const QHostAddress literal(m_url.host());
-    if (literal.isNull()) {
-        m_lookup = QHostInfo::lookupHost(m_url.host(), this, &HttpFetch::onLookedUp);
-        return;
-    }
-    m_candidates.append(literal);
-    connectNext();
-}
-
-void HttpFetch::onLookedUp(const QHostInfo& info)
-{
-    m_lookup = -1;
-    if (!m_callback)
-        return;
-    m_candidates = info.addresses();
-    if (m_candidates.isEmpty())
-        return fail(HttpClientResult::Unreachable);
-    m_attemptMs = m_options.timeoutMs() / m_candidates.size();
-    connectNext();
-}
-
-void HttpFetch::connectNext()
-{
-    dropSocket();
-    while (!m_candidates.isEmpty()) {
-        const QHostAddress address = m_candidates.takeFirst();
-        const HttpClientOptions::AddressFilter filter = m_options.addressFilter();
-        const bool accepted = !filter || filter(address);
-        if (!m_callback)
-            return; // The filter has cancelled the fetch.
-        if (!accepted)
-            continue;
-        m_tried = true;
-        if (!m_candidates.isEmpty())
-            m_attempt.start(m_attemptMs);
-        m_socket = makeSocket();
-        m_socket->connectToHost(address, quint16(m_url.port(isSecure() ? 443 : 80)));
-        return;
-    }
-    fail(m_tried ? HttpClientResult::Unreachable : HttpClientResult::Refused);
-}
-
-bool HttpFetch::isSecure() const
-{
-    return m_url.scheme() == QLatin1String("https");
-}
-
-QTcpSocket* HttpFetch::makeSocket()
-{
-    QTcpSocket* socket = isSecure() ? new QSslSocket(this) : new QTcpSocket(this);
-    socket->setProxy(QNetworkProxy::NoProxy);
-    socket->setReadBufferSize(ReadBuffer);
-    connect(socket, &QTcpSocket::connected, this, &HttpFetch::onConnected);
-    connect(socket, &QTcpSocket::readyRead, this, &HttpFetch::onReadyRead);
-    // Queued: a connection can fail while connectToHost() still runs.
-    connect(socket, &QTcpSocket::errorOccurred, this, &HttpFetch::onFailed, Qt::QueuedConnection);
-    return socket;
-}
-
-void HttpFetch::onConnected()
-{
-    m_attempt.stop();
-    QSslSocket* secure = qobject_cast<QSslSocket*>(m_socket);
-    if (!secure)
-        return sendRequest();
-    QSslConfiguration configuration = secure->sslConfiguration();
-    configuration.setProtocol(QSsl::TlsV1_2OrLater);
-    secure->setSslConfiguration(configuration);
-    // The socket was given an address; the certificate has to be the name's.
-    secure->setPeerVerifyName(m_url.host(QUrl::FullyEncoded));
-    connect(secure, &QSslSocket::encrypted, this, &HttpFetch::sendRequest);
-    secure->startClientEncryption();
-}
-
-void HttpFetch::sendRequest()
-{
-    m_sent = true;
-    m_socket->write(request());
-}
-
-QByteArray HttpFetch::request() const
-{
-    // User name, password and fragment stay behind. What goes in is encoded, hence without line ends.
-    const QByteArray path = m_url.path(QUrl::FullyEncoded).toLatin1();
-    QByteArray target = path.isEmpty() ? QByteArrayLiteral("/") : path;
-    if (m_url.hasQuery())
-        target += '?' + m_url.query(QUrl::FullyEncoded).toLatin1();
-    QByteArray host = m_url.host(QUrl::FullyEncoded).toLatin1();
-    if (host.contains(':'))
-        host = '[' + host.left(host.indexOf('%')) + ']'; // A zone means nothing to the other side.
-    if (m_url.port() >= 0)
-        host += ':' + QByteArray::number(m_url.port());
-    // No compression: a body is what it is in size, and is not unpacked here.
-    return "GET " + target + " HTTP/1.1\r\nHost: " + host
-        + "\r\nAccept: */*\r\nAccept-Encoding: identity\r\nConnection: close\r\n\r\n";
-}
-
-void HttpFetch::onReadyRead()
-{
-    char buffer[ReadBuffer];
-    while (m_socket && m_sent) {
-        const qint64 size = m_socket->read(buffer, sizeof buffer);
-        if (size <= 0 || finishIf(m_parser.feed(buffer, int(size))))
-            return;
-    }
-}
-
-/// No connection, or the end of one, be it the peer's orderly close.
-void HttpFetch::onFailed()
-{
-    if (!m_socket || sender() != m_socket)
-        return;
-    const bool closed = m_socket->error() == QAbstractSocket::RemoteHostClosedError;
-    if (!m_sent)
-        return connectNext();
-    onReadyRead();
-    if (m_callback && !(closed && finishIf(m_parser.end())))
-        fail(HttpClientResult::Unreachable);
-}
-
-bool HttpFetch::finishIf(HttpResponseParser::State state)
-{
-    switch (state) {
-    case HttpResponseParser::Incomplete:
-        return false;
-    case HttpResponseParser::Complete:
-        finish(m_parser.result());
-        return true;
-    case HttpResponseParser::TooLarge:
-        fail(HttpClientResult::TooLarge);
-        return true;
-    default:
-        fail(HttpClientResult::Unreachable);
-        return true;
-    }
-}
-
-void HttpFetch::fail(HttpClientResult::Failure failure)
-{
-    HttpClientResult result;
-    result.status = failure;
-    finish(result);
-}
-
-// By value: the parser's own result goes with release().
-void HttpFetch::finish(HttpClientResult result)
-{
-    const HttpClient::Callback callback = std::exchange(m_callback, {});
-    release();
-    deleteLater();
-    if (callback)
-        callback(result);
-}
-
-/// Stops everything at once; what is left is an empty object that waits for its deletion.
-void HttpFetch::release()
-{
-    m_callback = {};
-    m_deadline.stop();
-    if (m_lookup >= 0)
-        QHostInfo::abortHostLookup(std::exchange(m_lookup, -1));
-    dropSocket();
-    m_candidates.clear();
-    m_parser = HttpResponseParser(0);
-}
-
-void HttpFetch::dropSocket()
-{
-    m_attempt.stop();
-    if (!m_socket)
-        return;
-    QTcpSocket* socket = std::exchange(m_socket, nullptr);
-    socket->disconnect(this);
-    socket->abort();
-    socket->deleteLater(); // This may run inside one of its signals.
+    m_ended = true;
+    m_result.status = status;
+    if (status <= 0)
+        m_result.body.clear();
+    m_callback(m_result);
 }

@@ -1,59 +1,58 @@
 #pragma once
 
-#include <QHostAddress>
-#include <QList>
 #include <QObject>
-#include <QTimer>
-#include <QUrl>
+
+#include <curl/curl.h>
+
+#include <memory>
 
 #include "HttpClient.h"
-#include "HttpResponseParser.h"
 
-class QHostInfo;
-class QTcpSocket;
+class CurlMulti;
+class QUrl;
 
-/// One fetch: looks the name up, connects to the first address that is accepted and reachable, asks, reads, reports.
+/// One fetch: a transfer of libcurl's, with the bounds that are ours.
 ///
-/// The address that the filter judges is the one that the socket is given, so that a name server cannot answer the
+/// The address that the filter judges is the one that the socket is made for, so that a name server cannot answer the
 /// filter one thing and the socket another. One connection a fetch, straight to the server whatever proxy the
-/// environment names, and nothing kept between two fetches. Deletes itself after the report or cancel(), and goes with
-/// the application when that ends first.
+/// environment names, and nothing kept between two fetches.
+///
+/// A thread of libcurl's looks names up, and nothing can stop it. So a fetch that is cancelled meanwhile stays, silent,
+/// until the look-up ends or its time is up, and counts as a look-up under way. The end of the process waits for none.
+///
+/// Deletes itself after the report or cancel(), and goes with the application when that ends first.
 class HttpFetch : public QObject {
     Q_OBJECT
 public:
     HttpFetch(const QUrl& url, const HttpClientOptions& options, const HttpClient::Callback& callback);
     ~HttpFetch() override;
 
-    /// Ends without a report. Harmless after the end.
+    /// Ends without a report. Harmless after the end, and from inside the callbacks of the options.
     void cancel();
 
 private:
-    void start();
-    void onLookedUp(const QHostInfo& info);
-    void connectNext();
-    void onConnected();
-    void onReadyRead();
-    void onFailed();
-    void sendRequest();
-    QByteArray request() const;
-    bool isSecure() const;
-    QTcpSocket* makeSocket();
-    void dropSocket();
-    bool finishIf(HttpResponseParser::State state);
-    void fail(HttpClientResult::Failure failure);
-    void finish(HttpClientResult result);
-    void release();
+    bool configure(const QUrl& url);
+    void setLookingUp(bool lookingUp);
+    void onDone(CURLcode code);
+    HttpClientResult::Failure failureOf(CURLcode code) const;
+    void readHeaders();
+    void finish(int status);
 
-    QUrl m_url;
+    static int onLookUp(void* resolver, void* unused, void* self);
+    static curl_socket_t openSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
+    static size_t onHeader(char* data, size_t size, size_t count, void* self);
+    static size_t onBody(char* data, size_t size, size_t count, void* self);
+
     HttpClientOptions m_options;
     HttpClient::Callback m_callback;
-    HttpResponseParser m_parser;
-    QTimer m_deadline;
-    QTimer m_attempt; ///< Moves on from an address that swallows packets while others are left.
-    QList<QHostAddress> m_candidates;
-    int m_attemptMs = 0;
-    int m_lookup = -1;
-    bool m_tried = false; ///< An address was accepted.
-    bool m_sent = false;
-    QTcpSocket* m_socket = nullptr;
+    HttpClientResult m_result;
+    std::shared_ptr<CurlMulti> m_multi;
+    CURL* m_transfer;
+    size_t m_headerBytes = 0;
+    const bool m_isAddress; ///< The URL's host is no name.
+    bool m_lookingUp = false;
+    bool m_accepted = false; ///< An address was.
+    bool m_refused = false; ///< An address was.
+    bool m_tooLarge = false;
+    bool m_ended = false; ///< Reported or cancelled.
 };

@@ -1,8 +1,20 @@
 #include "ZarkUrl.h"
 
+#include <QRegularExpression>
+
 ZarkUrl ZarkUrl::fromEncoded(const QByteArray& url)
 {
     return QUrl::fromEncoded(url);
+}
+
+QUrlQuery ZarkUrl::splitQuery(const QByteArray& encoded)
+{
+    QString query = QString::fromUtf8(encoded);
+    // One escape that is none would keep QUrlQuery from decoding any other of its value.
+    static const QRegularExpression stray(QStringLiteral("%(?![0-9A-Fa-f]{2})"));
+    if (query.contains(QLatin1Char('%')))
+        query.replace(stray, QStringLiteral("%25"));
+    return QUrlQuery(query);
 }
 
 QByteArray ZarkUrl::encodedQuery() const
@@ -18,18 +30,18 @@ void ZarkUrl::setEncodedQuery(const QByteArray& query)
 
 bool ZarkUrl::hasQueryItem(const QString& key) const
 {
-    return items().hasItem(key);
+    return items().hasQueryItem(key);
 }
 
 QString ZarkUrl::queryItemValue(const QString& key) const
 {
-    return items().value(key);
+    return items().queryItemValue(key, QUrl::FullyDecoded);
 }
 
-const ZarkUrlQuery& ZarkUrl::items() const
+const QUrlQuery& ZarkUrl::items() const
 {
     if (!m_split) {
-        m_items = ZarkUrlQuery(encodedQuery());
+        m_items = splitQuery(encodedQuery());
         m_split = true;
     }
     return m_items;

@@ -2,8 +2,7 @@
 
 #include <QByteArray>
 #include <QUrl>
-
-#include "ZarkUrlQuery.h"
+#include <QUrlQuery>
 
 /// QUrl with the query as a table of decoded values. The query is split once, on first use.
 class ZarkUrl : public QUrl {
@@ -13,6 +12,9 @@ public:
     explicit ZarkUrl(const QString& url) : QUrl(url) { }
 
     static ZarkUrl fromEncoded(const QByteArray& url);
+    /// A query as a table ("+" is a plus; callers that want a space rewrite it before). Escapes that are none stay as
+    /// they are. Values are to be taken as QUrl::FullyDecoded.
+    static QUrlQuery splitQuery(const QByteArray& encoded);
 
     /// The query, percent-encoded, without "?"; null when the URL has none.
     QByteArray encodedQuery() const;
@@ -23,8 +25,8 @@ public:
     QString queryItemValue(const QString& key) const;
 
 private:
-    const ZarkUrlQuery& items() const;
+    const QUrlQuery& items() const;
 
-    mutable ZarkUrlQuery m_items;
+    mutable QUrlQuery m_items;
     mutable bool m_split = false;
 };

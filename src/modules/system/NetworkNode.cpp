@@ -4,7 +4,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include "CMNodes.h"
 #include "CMValueNode.h"
@@ -15,14 +18,12 @@ namespace {
 
 constexpr int TogetherMs = 200;
 constexpr int RetryMs = 1000;
-constexpr int Attempts = 3;
 
 } // namespace
 
-NetworkNode::NetworkNode(CMNodes* nodes, const NetworkTable::Classifier& classifier, QObject* parent)
+NetworkNode::NetworkNode(CMNodes* nodes, const InterfaceClassifier& classifier, QObject* parent)
     : QObject(parent), m_classifier(classifier),
-      m_node(CMValueNode::create(
-          nodes, ZarkNetworkInfoPath(), ZarkValue::fromNetworkInfo(NetworkTable().toNetworkInfo(classifier))))
+      m_node(CMValueNode::create(nodes, ZarkNetworkInfoPath(), ZarkValue::fromNetworkInfo({})))
 {
     if (!m_node)
         return; // Logged; the tree declares something else there.
@@ -35,42 +36,41 @@ NetworkNode::NetworkNode(CMNodes* nodes, const NetworkTable::Classifier& classif
     refresh();
 }
 
-NetworkNode::~NetworkNode() = default;
+NetworkNode::~NetworkNode()
+{
+    if (m_reports >= 0)
+        close(m_reports);
+}
 
 bool NetworkNode::follow()
 {
-    if (!m_reports.open(RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR))
+    m_reports = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_ROUTE);
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV6_IFADDR;
+    if (m_reports < 0 || bind(m_reports, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         return false;
-    m_notifier = std::make_unique<QSocketNotifier>(m_reports.descriptor(), QSocketNotifier::Read);
-    connect(m_notifier.get(), &QSocketNotifier::activated, this, &NetworkNode::onReport);
+    auto* notifier = new QSocketNotifier(m_reports, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, &NetworkNode::onReport);
     return true;
 }
 
 void NetworkNode::onReport()
 {
-    m_reports.drain();
+    char buffer[256]; // The rest of a longer message is cut off, which does not matter here.
+    // ENOBUFS says that messages were lost, once; those that are left follow it.
+    while (recv(m_reports, buffer, sizeof buffer, 0) >= 0 || errno == EINTR || errno == ENOBUFS) { }
     if (!m_delay.isActive())
         m_delay.start(TogetherMs);
 }
 
 void NetworkNode::refresh()
 {
-    for (int attempt = 0; attempt < Attempts; ++attempt) {
-        NetworkTable table;
-        if (read(&table)) {
-            m_node->setMeasured(ZarkValue::fromNetworkInfo(table.toNetworkInfo(m_classifier)));
-            return;
-        }
+    const QVariantHash info = readNetworkInfo(m_classifier);
+    if (!info.isEmpty()) {
+        m_node->setMeasured(ZarkValue::fromNetworkInfo(info));
+        return;
     }
-    dbglog_warn(systemLog(), "The network interfaces cannot be read now: " << strerror(errno));
+    dbglog_warn(systemLog(), "The network interfaces cannot be read now.");
     m_delay.start(RetryMs);
-}
-
-bool NetworkNode::read(NetworkTable* table) const
-{
-    NetlinkSocket socket;
-    const auto add = [table](const nlmsghdr* message) {
-        table->add(message);
-    };
-    return socket.open(0) && socket.dump(RTM_GETLINK, add) && socket.dump(RTM_GETADDR, add);
 }

@@ -3,14 +3,10 @@
 #include <QObject>
 #include <QTimer>
 
-#include <memory>
-
-#include "NetlinkSocket.h"
-#include "NetworkTable.h"
+#include "NetworkInterfaces.h"
 
 class CMNodes;
 class CMValueNode;
-class QSocketNotifier;
 
 /// The node "system:network/info": this machine's interfaces and addresses, followed as the kernel reports them.
 ///
@@ -20,19 +16,17 @@ class NetworkNode : public QObject {
     Q_OBJECT
 public:
     /// Reads the present state before it returns. The node belongs to `nodes`, which outlives this object. Without
-    /// netlink the node says so in the log and stays empty.
-    NetworkNode(CMNodes* nodes, const NetworkTable::Classifier& classifier, QObject* parent = nullptr);
+    /// netlink the node says so in the log and stays as it is.
+    NetworkNode(CMNodes* nodes, const InterfaceClassifier& classifier, QObject* parent = nullptr);
     ~NetworkNode() override;
 
 private:
     bool follow();
     void onReport();
     void refresh();
-    bool read(NetworkTable* table) const;
 
-    NetworkTable::Classifier m_classifier;
+    InterfaceClassifier m_classifier;
     CMValueNode* m_node;
-    NetlinkSocket m_reports;
-    std::unique_ptr<QSocketNotifier> m_notifier;
+    int m_reports = -1; ///< A netlink socket that is told of changes.
     QTimer m_delay;
 };

@@ -13,7 +13,7 @@ const DbgLogger& systemLog()
 SystemWorker::SystemWorker(const QVariantHash& arguments, QObject* parent)
     : CMNodesWorker(QStringLiteral("system"), arguments, parent), m_systemNodes(std::make_unique<SystemNodes>(nodes())),
       m_networkNode(std::make_unique<NetworkNode>(
-          nodes(), NetworkTable::Classifier(arguments.value(QStringLiteral("accessPoints")).toStringList())))
+          nodes(), InterfaceClassifier(arguments.value(QStringLiteral("accessPoints")).toStringList())))
 {
 }
 

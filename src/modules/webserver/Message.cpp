@@ -330,12 +330,12 @@ const QString& Message::fullUri() const
     return m_fullUri;
 }
 
-const ZarkUrlQuery& Message::query() const
+const QUrlQuery& Message::query() const
 {
     dbglog_scopedFunction(webserverLog());
     if (!m_querySplit && m_valid) {
         QByteArray query(soup_uri_get_query(soup_message_get_uri(m_data.message)));
-        m_query = ZarkUrlQuery(query.replace('+', ' '));
+        m_query = ZarkUrl::splitQuery(query.replace('+', ' '));
         m_querySplit = true;
     }
     return m_query;

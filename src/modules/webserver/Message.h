@@ -81,7 +81,7 @@ public:
     bool isHttps() const;
     QByteArray path() const { return m_data.path; } ///< Of the URI, not decoded; dot segments are resolved.
     /// The parameters of the URI's query, "+" read as a space; without parsing the rest of the URI.
-    const ZarkUrlQuery& query() const;
+    const QUrlQuery& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
     /// Gives back the body and what url() and query() keep for the next call: an exchange that waits has no use for
@@ -114,7 +114,7 @@ private:
     bool m_finished = false;
     mutable QString m_fullUri;
     mutable ZarkUrl m_url;
-    mutable ZarkUrlQuery m_query;
+    mutable QUrlQuery m_query;
     mutable bool m_querySplit = false;
     gulong m_gotChunkId = 0; ///< 0: not connected.
     gulong m_wroteChunkId = 0; ///< 0: not connected.

@@ -121,6 +121,9 @@ void WebserverWorker::createSharedObjects()
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
     m_eventShared = QSharedPointer<EventResponderShared>::create();
     m_userDatabase = QSharedPointer<UserDatabase>::create();
+    const ServerLimits limits = ServerLimits::fromSettings();
+    m_fetchBudget = QSharedPointer<FetchBudget>::create(
+        FetchBudget::Limits{ limits.proxyFetches, limits.proxyFetchesPerClient, limits.proxyBytes });
 }
 
 void WebserverWorker::createChangePasswordNode()
@@ -246,7 +249,7 @@ void WebserverWorker::registerHandlers(Server* server)
         new ResponderHandler(keep(makeDefaultResponderFactory<FileResponder>()), root, nullptr));
 
     auto* files = new MatchHandler(root, nullptr);
-    server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr));
+    server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr, m_fetchBudget));
     files->addHandler(new StaticHandler(root, m_defaultLocation, QString(), nullptr));
     server->addHandler(QStringLiteral("/"), files);
 }

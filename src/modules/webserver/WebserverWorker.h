@@ -13,6 +13,7 @@ class CMActivateNode;
 class CMSetDataRequest;
 class CMValueNode;
 class EventResponderShared;
+class FetchBudget;
 class ResponderConfiguration;
 class ResponderFactory;
 class Server;
@@ -67,6 +68,7 @@ private:
     QSharedPointer<ResponderConfiguration> m_configuration;
     QSharedPointer<EventResponderShared> m_eventShared;
     QSharedPointer<UserDatabase> m_userDatabase;
+    QSharedPointer<FetchBudget> m_fetchBudget;
 };
 
 /// The entry point of the module. Makes the worker on the calling thread, whose event loop must run GLib.

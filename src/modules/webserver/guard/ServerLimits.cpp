@@ -25,5 +25,8 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("bodySeconds", &limits.bodySeconds);
     readLimit("idleSeconds", &limits.idleSeconds);
     readLimit("connections", &limits.connections);
+    readLimit("proxyFetches", &limits.proxyFetches);
+    readLimit("proxyFetchesPerClient", &limits.proxyFetchesPerClient);
+    readLimit("proxyBytes", &limits.proxyBytes);
     return limits;
 }

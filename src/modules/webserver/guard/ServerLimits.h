@@ -10,6 +10,10 @@ struct ServerLimits {
     int bodySeconds = 60; ///< From the head to the end of the body.
     int idleSeconds = 60; ///< From an answer to the next complete head on the same connection.
     int connections = 2000; ///< At once; always kept well below the process's limit of open files.
+    // Of the proxy, shared by all servers; beyond: 404.
+    int proxyFetches = 32; ///< Under way or not yet sent.
+    int proxyFetchesPerClient = 8; ///< Of those, for one client address; a browser asks for six things at once.
+    qint64 proxyBytes = 32 * 1024 * 1024; ///< Held of their bodies; half of it for one client address.
 
     /// Reads the nodes; a missing, wrong or negative one keeps the default above.
     static ServerLimits fromSettings();

@@ -1,6 +1,7 @@
 #include "ReverseProxyHandler.h"
 
 #include <QHostAddress>
+#include <QNetworkInterface>
 #include <QPointer>
 
 #include <libsoup/soup.h>
@@ -9,6 +10,7 @@
 #include "Message.h"
 #include "MimeTypes.h"
 #include "WebserverLog.h"
+#include "ZarkPaths.h"
 
 namespace {
 
@@ -22,11 +24,17 @@ void answerNotFound(Message* message, const QByteArray& text)
     message->setResponseBody(text, MimeTypes::Text::plain());
 }
 
-bool isAllowedHost(const QString& host)
+/// Of every interface, whatever its state, as they are now.
+QList<QHostAddress> ownAddresses()
 {
-    const CMPath path = CMPath::fromEncoded(QStringLiteral("settings:webserver/proxyAllowedHosts"));
-    const QStringList allowed = ZarkValue(CMRoot()->getValue(path)).stringList();
-    return allowed.isEmpty() || allowed.contains(host, Qt::CaseInsensitive);
+    QList<QHostAddress> addresses;
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    for (const QNetworkInterface& interface : interfaces) {
+        const QList<QNetworkAddressEntry> entries = interface.addressEntries();
+        for (const QNetworkAddressEntry& entry : entries)
+            addresses.append(entry.ip());
+    }
+    return addresses;
 }
 
 /// The IPv4 address inside an IPv6 one: mapped (::ffff:a.b.c.d), compatible (::a.b.c.d), translated (64:ff9b::a.b.c.d,
@@ -73,40 +81,62 @@ QString ReverseProxyHandler::extractOriginalUrl(const QString& uri)
     return QString::fromUtf8(QByteArray::fromBase64(uri.mid(marker + Marker.size()).toUtf8()));
 }
 
-bool ReverseProxyHandler::isFetchableForRemote(const QHostAddress& address)
+bool ReverseProxyHandler::isAllowedHost(const QString& host, const ZarkValue& allowed)
 {
     dbglog_scopedFunction(webserverLog());
-    const QHostAddress target = unwrapped(address);
+    if (!allowed.isValid())
+        return true;
+    if (allowed.type() != ZarkValueType::StringList)
+        return false; // Somebody meant to restrict the proxy, and nobody knows to what.
+    const QStringList hosts = allowed.stringList();
+    return hosts.isEmpty() || hosts.contains(host, Qt::CaseInsensitive);
+}
+
+bool ReverseProxyHandler::isFetchableForRemote(const QHostAddress& address, const QList<QHostAddress>& own)
+{
+    dbglog_scopedFunction(webserverLog());
+    QHostAddress target = unwrapped(address);
+    target.setScopeId({});
     bool isIPv4 = false;
     const quint32 ipv4 = target.toIPv4Address(&isIPv4);
     // All of 0.0.0.0/8 is "this network" (RFC 1122, section 3.2.1.3).
     if (isIPv4 && ipv4 >> 24 == 0)
         return false;
-    return !target.isNull() && !target.isLoopback() && !target.isLinkLocal()
+    return !own.isEmpty() && !own.contains(target) && !target.isNull() && !target.isLoopback() && !target.isLinkLocal()
         && target != QHostAddress(QHostAddress::AnyIPv6);
 }
 
 void ReverseProxyHandler::serveOriginalUrl(const QString& url, Message* message)
 {
-    HttpClientOptions options;
-    options.setReadSizeLimit(ReadSizeLimit);
-    options.setTimeoutMs(TimeoutMilliseconds);
-    if (!message->isFromLocalhost())
-        options.setAddressFilter(isFetchableForRemote);
     message->pause();
     const ZarkUrl target(url);
-    if (!isAllowedHost(target.host())) {
+    const ZarkValue allowed(CMRoot()->getValue(ZarkWebserverProxyAllowedHostsPath()));
+    const QSharedPointer<FetchBudget::Share> share = m_budget->admit(message->sender());
+    if (!share || !isAllowedHost(target.host(), allowed)) {
         HttpClientResult refused;
         refused.status = HttpClientResult::Refused;
         return httpCallback(refused, message);
     }
+    HttpClientOptions options;
+    options.setReadSizeLimit(ReadSizeLimit);
+    options.setTimeoutMs(TimeoutMilliseconds);
+    if (!message->isFromLocalhost()) {
+        // Asked at each connection: the addresses may change after the name was looked up.
+        options.setAddressFilter(
+            [](const QHostAddress& address) { return isFetchableForRemote(address, ownAddresses()); });
+    }
+    options.setBodyMeter([share](int bytes) { return share->hold(bytes); });
     const QPointer<Message> guarded(message);
     const HttpClient::Handle fetch = HttpClient::get(target, options, [this, guarded](const HttpClientResult& result) {
         if (guarded)
             httpCallback(result, guarded);
     });
-    // The client has gone, or the server with all its handlers and their messages.
-    connect(message, &Message::finished, message, [fetch] { fetch.cancel(); });
+    // The client has the answer or has gone, or the server has, with all its handlers and their messages. The share is
+    // held until then, and by a fetch that does not end so soon.
+    connect(message, &Message::finished, message, [fetch, held = share]() mutable {
+        fetch.cancel();
+        held.reset();
+    });
     connect(message, &QObject::destroyed, [fetch] { fetch.cancel(); });
 }
 
@@ -118,5 +148,10 @@ void ReverseProxyHandler::httpCallback(const HttpClientResult& result, Message* 
         return answerNotFound(message, QByteArrayLiteral("Could not fetch original content from source"));
     }
     message->setStatus(SOUP_STATUS_OK, QString());
-    message->setResponseBody(result.body, QString::fromUtf8(result.headers.value(QByteArrayLiteral("Content-Type"))));
+    message->setHeader(QByteArrayLiteral("Content-Security-Policy"), QByteArrayLiteral("sandbox"));
+    message->setHeader(QByteArrayLiteral("X-Content-Type-Options"), QByteArrayLiteral("nosniff"));
+    const QByteArray type = result.headers.value(QByteArrayLiteral("Content-Type"));
+    if (!type.isEmpty())
+        message->setContentType(QString::fromUtf8(type));
+    message->responseBodyAdd(result.body);
 }
