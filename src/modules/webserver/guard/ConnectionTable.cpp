@@ -227,6 +227,11 @@ void ConnectionTable::headRead(Connection* connection)
     connection->answeredBefore = true;
 }
 
+void ConnectionTable::bodyMoved(Connection* connection)
+{
+    connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
+}
+
 void ConnectionTable::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
 {
     auto* limits = static_cast<ConnectionTable*>(self);

@@ -55,6 +55,8 @@ public:
     /// event loop has turned.
     Connection* requestStarted(SoupClientContext* client);
     static void headRead(Connection* connection);
+    /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
+    static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
     void closeSoon(Connection* connection);
 
