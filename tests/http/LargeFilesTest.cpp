@@ -102,12 +102,16 @@ class LargeFilesTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        m_device = std::make_unique<Device>(QStringList{ m_root.setting() }, QStringList{ "--log-level", "fatal" });
+        m_device = std::make_unique<Device>(QStringList{ m_root.setting(), "settings:webserver/limits/idleSeconds=1",
+                                                "settings:webserver/limits/stalledSeconds=4" },
+            QStringList{ "--log-level", "fatal" });
         QVERIFY(m_device->isRunning());
     }
     void bodiesAreViewsOfTheFile();
     void filesThatChangeCutTheirReaders_data();
     void filesThatChangeCutTheirReaders();
+    void readersThatGoOnGetAll_data();
+    void readersThatGoOnGetAll();
     void readingAFileLeavesRoomForOthers();
     void noneOfManyReadersGetsZeros();
     void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
@@ -182,6 +186,42 @@ void LargeFilesTest::filesThatChangeCutTheirReaders()
     QCOMPARE(after.status, newSize == -1 ? 404 : 200);
     if (newSize != -1)
         QCOMPARE(after.header("Content-Length").toInt(), newSize == -2 ? 11 : newSize);
+}
+
+void LargeFilesTest::readersThatGoOnGetAll_data()
+{
+    QTest::addColumn<bool>("halfClosed");
+    QTest::addColumn<int>("pauseMs");
+    QTest::addColumn<bool>("complete");
+    QTest::newRow("slow") << false << 2000 << true;
+    QTest::newRow("slow, half-closed") << true << 2000 << true;
+    QTest::newRow("stalled") << false << 6000 << false;
+}
+
+// idleSeconds is 1, and stalledSeconds 4.
+void LargeFilesTest::readersThatGoOnGetAll()
+{
+    QFETCH(bool, halfClosed);
+    QFETCH(int, pauseMs);
+    QFETCH(bool, complete);
+    constexpr qint64 size = 24 * MiB;
+    m_root.write("slowly", QByteArray(size, Filling));
+    HttpConnection connection(m_device->port());
+    const int few = 65536;
+    setsockopt(connection.descriptor(), SOL_SOCKET, SO_RCVBUF, &few, sizeof few);
+    connection.send(httpRequest("GET", "/slowly", { "Host: localhost" }));
+    if (halfClosed)
+        connection.shutDownSending();
+    QVERIFY(readHead(connection).contains("200 OK"));
+    qint64 received = 0;
+    // The last part lies in the kernel's buffers when the server is done with it.
+    for (const qint64 end : { 10 * MiB, size - MiB, size }) {
+        QTest::qWait(pauseMs);
+        received += readBody(connection, end - received).bytes;
+        if (received < end)
+            break;
+    }
+    QCOMPARE(received == size, complete);
 }
 
 void LargeFilesTest::readingAFileLeavesRoomForOthers()

@@ -160,6 +160,7 @@ bool expectsBody(const RequestHead& head)
 
 void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::Connection* connection)
 {
+    dbglog_scopedFunction(webserverLog());
     // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request.
     const bool isChunked = head.transferEncodingFields > 0;
     if (isChunked || (!hasBody(head) && expectsBody(head)))
@@ -178,6 +179,7 @@ void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::C
 
 void refuseUnread(SoupMessage* message, guint status)
 {
+    dbglog_scopedFunction(webserverLog());
     expectContinue(message);
     g_signal_connect(message, "got-headers", G_CALLBACK(onGotHeadersRefuse), GUINT_TO_POINTER(status));
 }

@@ -16,19 +16,17 @@ constexpr int MaximumMethodLength = 32;
 // Deeper than one request needs, far from the end of any stack.
 constexpr qint64 MaximumStackDepth = 32 * 1024;
 
-bool isHostCharacter(char c)
+// The library pastes the field into a URI, where these would move the path elsewhere. All else it keeps within the
+// host, escaped where a URI needs that.
+bool movesThePath(char c)
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '-'
-        || c == '_' || c == '~' || c == ':' || c == '[' || c == ']';
+    const auto byte = static_cast<unsigned char>(c);
+    return byte <= ' ' || byte == 0x7F || strchr("/?#@\\", c);
 }
 
-// The library pastes the field into a URI, where "?", "#", "@" or "/" would move the path elsewhere. "%" belongs into
-// the zone of an IPv6 address only (RFC 6874).
 bool isHost(const QByteArray& host)
 {
-    const bool bracketed = host.startsWith('[');
-    return std::all_of(
-        host.begin(), host.end(), [bracketed](char c) { return isHostCharacter(c) || (bracketed && c == '%'); });
+    return std::none_of(host.begin(), host.end(), movesThePath);
 }
 
 bool isContentLength(const QByteArray& value)
@@ -133,6 +131,7 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
 
 HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
 {
+    dbglog_scopedFunction(webserverLog());
     // The method first: a refusal that reads on would let the library act on CONNECT.
     if (head.method.isEmpty() || head.method.size() > MaximumMethodLength || head.method == "CONNECT")
         return HeadVerdict::BadRequest;
@@ -158,6 +157,7 @@ RequestGuard::RequestGuard(SoupServer* server, ConnectionTable* connectionTable)
 
 RequestGuard::~RequestGuard()
 {
+    dbglog_scopedFunction(webserverLog());
     g_signal_handler_disconnect(m_server, m_requestStartedId);
 }
 
