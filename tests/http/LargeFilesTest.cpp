@@ -8,6 +8,7 @@
 #include <csignal>
 #include <gio/gio.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -113,6 +114,7 @@ private Q_SLOTS:
     void readersThatGoOnGetAll_data();
     void readersThatGoOnGetAll();
     void readingAFileLeavesRoomForOthers();
+    void filesLeaveAddressSpaceToOthers();
     void noneOfManyReadersGetsZeros();
     void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
 
@@ -247,10 +249,35 @@ void LargeFilesTest::readingAFileLeavesRoomForOthers()
     QVERIFY2(longestMs < totalMs / 2, QByteArray::number(longestMs) + " of " + QByteArray::number(totalMs));
     for (const auto& connection : connections)
         QVERIFY(readHead(*connection).contains("ETag: 1f5039e50bd66b290c56684d8550c6c2"));
-    // A client that leaves while its file is read.
-    m_root.writeSparse("left", 64 * MiB);
-    ask("/left");
-    QCOMPARE(m_device->request("HEAD", "/left").status, 200);
+    // Nobody waits for files whose clients have left.
+    for (int i = 0; i < 20; ++i) {
+        const QByteArray name = "left" + QByteArray::number(i);
+        m_root.writeSparse(name, GiB);
+        HttpConnection(m_device->port()).send(httpRequest("GET", '/' + name, { "Host: localhost" }));
+    }
+    m_root.writeSparse("after", MiB);
+    QCOMPARE(m_device->request("HEAD", "/after").status, 200);
+}
+
+void LargeFilesTest::filesLeaveAddressSpaceToOthers()
+{
+    const Device device({ m_root.setting() }, { "--log-level", "fatal" });
+    const auto limit = rlim_t(statusKilobytes(device.pid(), "VmSize:") * 1024 + 300 * MiB);
+    const rlimit space{ limit, limit };
+    QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_AS, &space, nullptr), 0);
+    Connections connections;
+    int refused = 0;
+    for (int i = 0; i < 8; ++i) {
+        const QByteArray name = "mapped" + QByteArray::number(i);
+        m_root.writeSparse(name, 64 * MiB);
+        connections.push_back(std::make_unique<HttpConnection>(device.port()));
+        connections.back()->send(httpRequest("GET", '/' + name, { "Host: localhost" }));
+        refused += readHead(*connections.back()).contains(" 500 ");
+    }
+    QVERIFY2(refused > 3 && refused < 8, QByteArray::number(refused));
+    QVERIFY(statusKilobytes(device.pid(), "VmSize:") * 1024 + 64 * MiB <= qint64(limit));
+    connections.clear();
+    QTRY_COMPARE(device.request("HEAD", "/mapped7").status, 200);
 }
 
 // Encryption reads the mapping in the server, and not in the kernel: there the missing part of a file reads as zeros.
