@@ -69,6 +69,7 @@ void stopReading(SoupMessage* message, Body* body)
         return;
     body->isRefused = true;
     body->end = body->received + body->limit() * ToleratedExcess;
+    soup_message_body_set_accumulate(message->request_body, FALSE);
     closeAfterAnswer(message, nullptr);
 }
 
@@ -113,7 +114,6 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
         ConnectionTable::bodyMoved(body->connection);
     } else if (body->received > body->limit()) {
         stopReading(message, body);
-        soup_message_body_set_accumulate(message->request_body, FALSE);
         setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
 }
