@@ -8,6 +8,7 @@
 #include <csignal>
 #include <gio/gio.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -102,13 +103,18 @@ class LargeFilesTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        m_device = std::make_unique<Device>(QStringList{ m_root.setting() }, QStringList{ "--log-level", "fatal" });
+        m_device = std::make_unique<Device>(QStringList{ m_root.setting(), "settings:webserver/limits/idleSeconds=1",
+                                                "settings:webserver/limits/stalledSeconds=4" },
+            QStringList{ "--log-level", "fatal" });
         QVERIFY(m_device->isRunning());
     }
     void bodiesAreViewsOfTheFile();
     void filesThatChangeCutTheirReaders_data();
     void filesThatChangeCutTheirReaders();
+    void readersThatGoOnGetAll_data();
+    void readersThatGoOnGetAll();
     void readingAFileLeavesRoomForOthers();
+    void filesLeaveAddressSpaceToOthers();
     void noneOfManyReadersGetsZeros();
     void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
 
@@ -184,6 +190,42 @@ void LargeFilesTest::filesThatChangeCutTheirReaders()
         QCOMPARE(after.header("Content-Length").toInt(), newSize == -2 ? 11 : newSize);
 }
 
+void LargeFilesTest::readersThatGoOnGetAll_data()
+{
+    QTest::addColumn<bool>("halfClosed");
+    QTest::addColumn<int>("pauseMs");
+    QTest::addColumn<bool>("complete");
+    QTest::newRow("slow") << false << 2000 << true;
+    QTest::newRow("slow, half-closed") << true << 2000 << true;
+    QTest::newRow("stalled") << false << 6000 << false;
+}
+
+// idleSeconds is 1, and stalledSeconds 4.
+void LargeFilesTest::readersThatGoOnGetAll()
+{
+    QFETCH(bool, halfClosed);
+    QFETCH(int, pauseMs);
+    QFETCH(bool, complete);
+    constexpr qint64 size = 24 * MiB;
+    m_root.write("slowly", QByteArray(size, Filling));
+    HttpConnection connection(m_device->port());
+    const int few = 65536;
+    setsockopt(connection.descriptor(), SOL_SOCKET, SO_RCVBUF, &few, sizeof few);
+    connection.send(httpRequest("GET", "/slowly", { "Host: localhost" }));
+    if (halfClosed)
+        connection.shutDownSending();
+    QVERIFY(readHead(connection).contains("200 OK"));
+    qint64 received = 0;
+    // The last part lies in the kernel's buffers when the server is done with it.
+    for (const qint64 end : { 10 * MiB, size - MiB, size }) {
+        QTest::qWait(pauseMs);
+        received += readBody(connection, end - received).bytes;
+        if (received < end)
+            break;
+    }
+    QCOMPARE(received == size, complete);
+}
+
 void LargeFilesTest::readingAFileLeavesRoomForOthers()
 {
     m_root.writeSparse("unread", GiB / 4);
@@ -207,10 +249,35 @@ void LargeFilesTest::readingAFileLeavesRoomForOthers()
     QVERIFY2(longestMs < totalMs / 2, QByteArray::number(longestMs) + " of " + QByteArray::number(totalMs));
     for (const auto& connection : connections)
         QVERIFY(readHead(*connection).contains("ETag: 1f5039e50bd66b290c56684d8550c6c2"));
-    // A client that leaves while its file is read.
-    m_root.writeSparse("left", 64 * MiB);
-    ask("/left");
-    QCOMPARE(m_device->request("HEAD", "/left").status, 200);
+    // Nobody waits for files whose clients have left.
+    for (int i = 0; i < 20; ++i) {
+        const QByteArray name = "left" + QByteArray::number(i);
+        m_root.writeSparse(name, GiB);
+        HttpConnection(m_device->port()).send(httpRequest("GET", '/' + name, { "Host: localhost" }));
+    }
+    m_root.writeSparse("after", MiB);
+    QCOMPARE(m_device->request("HEAD", "/after").status, 200);
+}
+
+void LargeFilesTest::filesLeaveAddressSpaceToOthers()
+{
+    const Device device({ m_root.setting() }, { "--log-level", "fatal" });
+    const auto limit = rlim_t(statusKilobytes(device.pid(), "VmSize:") * 1024 + 300 * MiB);
+    const rlimit space{ limit, limit };
+    QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_AS, &space, nullptr), 0);
+    Connections connections;
+    int refused = 0;
+    for (int i = 0; i < 8; ++i) {
+        const QByteArray name = "mapped" + QByteArray::number(i);
+        m_root.writeSparse(name, 64 * MiB);
+        connections.push_back(std::make_unique<HttpConnection>(device.port()));
+        connections.back()->send(httpRequest("GET", '/' + name, { "Host: localhost" }));
+        refused += readHead(*connections.back()).contains(" 500 ");
+    }
+    QVERIFY2(refused > 3 && refused < 8, QByteArray::number(refused));
+    QVERIFY(statusKilobytes(device.pid(), "VmSize:") * 1024 + 64 * MiB <= qint64(limit));
+    connections.clear();
+    QTRY_COMPARE(device.request("HEAD", "/mapped7").status, 200);
 }
 
 // Encryption reads the mapping in the server, and not in the kernel: there the missing part of a file reads as zeros.

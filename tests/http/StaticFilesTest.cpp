@@ -189,8 +189,7 @@ void StaticFilesTest::answers()
         QCOMPARE(!reply.header("ETag").isNull(), status == 200 || status == 206);
         QVERIFY(reply.header("Content-Security-Policy").isNull());
         QVERIFY(reply.header("Transfer-Encoding").isNull());
-        if (status != 304)
-            QCOMPARE(reply.header("Content-Length").toInt(), reply.body.size());
+        QCOMPARE(reply.header("Content-Length"), status == 304 ? QByteArray() : QByteArray::number(reply.body.size()));
     }
 }
 
@@ -210,9 +209,12 @@ void StaticFilesTest::redirects()
 {
     QFETCH(QByteArray, target);
     QFETCH(QByteArray, location);
-    const HttpReply reply = get(target);
+    HttpConnection connection(m_device->port());
+    const QByteArray host = "bob's+speaker.local"; // No host name by the book.
+    connection.send(httpRequest("GET", target, { "Host: " + host }));
+    const HttpReply reply = connection.readReply();
     QCOMPARE(reply.status, 301);
-    QCOMPARE(reply.header("Location"), m_device->baseUrl() + location);
+    QCOMPARE(reply.header("Location"), "http://" + host + location);
     QCOMPARE(reply.header("Cache-Control"), QByteArray("no-cache, no-store, must-revalidate"));
     QCOMPARE(reply.header("Pragma"), QByteArray("no-cache"));
     QCOMPARE(reply.header("Expires"), QByteArray("0"));
@@ -232,8 +234,10 @@ void StaticFilesTest::headSaysWhatGetWouldSend()
     // The connection stays in step.
     HttpConnection connection(m_device->port());
     const QByteArray host = "Host: localhost";
-    connection.send(httpRequest("HEAD", "/ten.txt", { host }) + httpRequest("GET", "/ten.txt", { host }));
+    connection.send(httpRequest("HEAD", "/ten.txt", { host })
+        + httpRequest("GET", "/ten.txt", { host, "If-None-Match: *" }) + httpRequest("GET", "/ten.txt", { host }));
     QCOMPARE(connection.readReply(5000, true).status, 200);
+    QCOMPARE(connection.readReply().status, 304);
     QCOMPARE(connection.readReply().body, Content);
 }
 

@@ -32,6 +32,7 @@ private Q_SLOTS:
     void typesByContentThenExtension();
     void largeFilesAreReadOnceForAll();
     void largeFilesTakeTurns();
+    void readsNoMoreThanIsWaitedFor();
     void tellsOfAFileThatShrank();
 
 private:
@@ -42,10 +43,12 @@ private:
         file.write(content);
         return file.fileName();
     }
-    static StaticHandler::ETagCacheEntry entry(const QString& path)
+    static StaticHandler::ETagCacheEntry entry(const QString& path) { return entry(path, path); }
+    /// Of a file that had this path when it was mapped, and another name by now.
+    static StaticHandler::ETagCacheEntry entry(const QString& path, const QString& name)
     {
         GMappedFile* mapping = g_mapped_file_new(QFile::encodeName(path).constData(), FALSE, nullptr);
-        const auto result = StaticHandler::getCacheEntry(QFileInfo(path), mapping);
+        const auto result = StaticHandler::getCacheEntry(QFileInfo(name), mapping);
         g_mapped_file_unref(mapping);
         return result;
     }
@@ -57,14 +60,17 @@ private:
         ETagCache::instance().insert(path, marked);
     }
     static bool isCached(const QString& path) { return entry(path).contentType == Marked; }
-    static void build(const QString& path, const CacheEntryBuilder::Built& built)
+    bool build(const QString& path, const CacheEntryBuilder::Built& built, QObject* receiver = nullptr)
     {
         const LocalFile file(QFile::encodeName(path));
-        CacheEntryBuilder::instance().build(
-            QFileInfo(path), file.lastModified(), GuardedMapping::map(file.descriptor(), nullptr), built);
+        const auto mapping = GuardedMapping::map(file.descriptor(), nullptr);
+        m_lastMapping = mapping;
+        return CacheEntryBuilder::instance().build(
+            path, file.lastModified(), mapping, receiver ? receiver : this, built);
     }
 
     QTemporaryDir m_directory;
+    std::weak_ptr<GuardedMapping> m_lastMapping; ///< Gone when nobody reads the file any more.
 };
 
 void ETagCacheTest::digests_data()
@@ -73,15 +79,17 @@ void ETagCacheTest::digests_data()
     QTest::addColumn<QString>("etag");
     QTest::newRow("empty") << QByteArray() << EmptyDigest;
     QTest::newRow("abc") << QByteArray("abc") << QStringLiteral("900150983cd24fb0d6963f7d28e17f72");
-    QTest::newRow("with a NUL") << QByteArray("a\0b", 3) << QStringLiteral("70350f6027bce3713f6b76473084309b");
+    QTest::newRow("with a NUL") << QByteArray("a\0bc", 4) << QStringLiteral("a5f5d1ebd362d6639389a7e1fede534d");
 }
 
 void ETagCacheTest::digests()
 {
     QFETCH(QByteArray, content);
     QFETCH(QString, etag);
-    const auto made = entry(write(QTest::currentDataTag(), content));
+    const QString path = write(QTest::currentDataTag(), content);
+    const auto made = entry(path);
     QCOMPARE(made.etag, etag);
+    QCOMPARE(entry(path, m_directory.path()).etag, etag); // A directory took its name.
     QCOMPARE(made.size, quint64(content.size()));
     QCOMPARE(StaticHandler::calculateETag(QFileInfo(m_directory.path()), "abc", 3), QString());
 }
@@ -190,7 +198,8 @@ void ETagCacheTest::typesByContentThenExtension_data()
 void ETagCacheTest::typesByContentThenExtension()
 {
     QFETCH(QString, pattern);
-    const QString name = QStringLiteral("/nowhere/File.") + QString::fromLatin1(QTest::currentDataTag()).toUpper();
+    const QString name =
+        QStringLiteral("/no#where?/a#b?File.") + QString::fromLatin1(QTest::currentDataTag()).toUpper();
     const QByteArray text("{} plain words\n");
     for (const QString& file : { name, name.toLower() }) {
         const QString type = StaticHandler::getMimeType(QFileInfo(file), text.constData(), size_t(text.size()));
@@ -226,6 +235,28 @@ void ETagCacheTest::largeFilesTakeTurns()
     build(huge, [&](const ETagCacheEntry*) { finished.append("huge"); });
     build(small, [&](const ETagCacheEntry*) { finished.append("small"); });
     QTRY_COMPARE_WITH_TIMEOUT(finished, QStringList({ "small", "huge" }), 30000);
+}
+
+void ETagCacheTest::readsNoMoreThanIsWaitedFor()
+{
+    const QString next = write("next", "x");
+    const int before = CacheEntryBuilder::instance().finishedCount();
+    auto leaving = std::make_unique<QObject>();
+    const auto neverCalled = [](const ETagCacheEntry*) {
+        QFAIL("called for nobody");
+    };
+    for (int i = 0; i < CacheEntryBuilder::MaximumJobs; ++i) {
+        const QString huge = write(QStringLiteral("left%1").arg(i), QByteArray());
+        QFile::resize(huge, 512 * 1024 * 1024);
+        QVERIFY(build(huge, neverCalled, leaving.get()));
+    }
+    const auto mapping = m_lastMapping;
+    QVERIFY(!build(next, neverCalled));
+    bool built = false;
+    CacheEntryBuilder::instance().waitForRoom(this, [&] { build(next, [&](const ETagCacheEntry*) { built = true; }); });
+    leaving.reset();
+    QTRY_VERIFY(built && mapping.expired());
+    QCOMPARE(CacheEntryBuilder::instance().finishedCount(), before + 1);
 }
 
 void ETagCacheTest::tellsOfAFileThatShrank()

@@ -65,6 +65,16 @@ public:
 
     // The request.
     bool isMethod(const char* method) const; ///< In this letter case.
+    /// Whether the body is kept for requestBody(): by default, up to the limit `bodyBytes` (beyond: 413).
+    ///
+    /// An early handler that says false before it returns takes the body through gotChunk() alone, of any length, for
+    /// as long as it moves (limit `stalledSeconds`).
+    /// - While the handler pauses the exchange nothing is read, and "100 Continue" waits until it goes on.
+    /// - A body over the limit gets that line unasked, so that it can be refused unread; over HTTP/1.0 the limit stays.
+    /// - A status from 400 up that is set before the end of the body closes the connection after the answer. It leaves
+    ///   at once when nothing of a body was read that is over the limit or waited for, else after the rest of the body,
+    ///   of which three times `bodyBytes` are read at the most.
+    /// - A status has to be set by the end of the body, or the normal handler is called as well.
     void setAccumulate(bool accumulate);
     /// The whole body, valid until releaseInput() or the end of the exchange; not copied. Empty for a body that is not
     /// accumulated.

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "WebserverLog.h"
+
 namespace {
 
 constexpr int MaximumDigits = 18; ///< The longest numbers that always fit 63 bits.
@@ -86,6 +88,7 @@ RangeRequest clamped(qint64 start, qint64 end, qint64 length)
 
 RangeRequest readRange(SoupMessageHeaders* requestHeaders, qint64 length)
 {
+    dbglog_scopedFunction(webserverLog());
     const char* value = soup_message_headers_get_one(requestHeaders, "Range");
     if (!value)
         return {};

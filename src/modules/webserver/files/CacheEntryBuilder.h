@@ -1,10 +1,9 @@
 #pragma once
 
-#include <QFileInfo>
 #include <QObject>
+#include <QPointer>
 #include <QThreadPool>
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -15,30 +14,45 @@ class GuardedMapping;
 
 /// Reads large files for their cache entries on a thread of low priority, so that other requests do not wait for it.
 /// Files take turns, a slice each, so that a small one does not wait for a huge one; requests for the same file share
-/// one reading. One for the process; on the worker's thread, as are the callbacks.
+/// one reading, which ends when nobody waits for it any more. One for the process; on the worker's thread, as are the
+/// callbacks, which are dropped with their receivers.
 class CacheEntryBuilder : public QObject {
 public:
     /// Called once, from the event loop; null when the file became shorter meanwhile.
     using Built = std::function<void(const ETagCacheEntry* entry)>;
+    using Retry = std::function<void()>;
+
+    static constexpr int MaximumJobs = 16;
 
     static CacheEntryBuilder& instance();
     ~CacheEntryBuilder() override;
 
-    /// Builds the entry and puts it into the ETagCache.
-    void build(const QFileInfo& file, const QDateTime& lastModified, const std::shared_ptr<GuardedMapping>& mapping,
-        const Built& built);
-    /// How many files have been read, for tests.
+    /// Builds the entry and puts it into the ETagCache. False, and nothing happens, when as many files as may be are
+    /// being read: then waitForRoom(), without a mapping.
+    bool build(const QString& absolutePath, const QDateTime& lastModified,
+        const std::shared_ptr<GuardedMapping>& mapping, QObject* receiver, const Built& built);
+    /// Calls `retry` once there is room, in the order of these calls.
+    void waitForRoom(QObject* receiver, const Retry& retry);
+    /// How many files have been read to their end, for tests.
     int finishedCount() const { return m_finishedCount; }
 
 private:
     struct Job;
+    template <class Callback> struct Waiting {
+        QPointer<QObject> receiver;
+        Callback callback;
+    };
 
     CacheEntryBuilder();
+    template <class Callback>
+    void append(std::vector<Waiting<Callback>>* waiting, QObject* receiver, const Callback& callback);
+    void dropGone();
+    void serveWaiting();
     void readSlice(const std::shared_ptr<Job>& job);
     void finish(const std::shared_ptr<Job>& job);
 
     std::vector<std::shared_ptr<Job>> m_jobs;
-    std::atomic<bool> m_cancelled{ false };
+    std::vector<Waiting<Retry>> m_waitingForRoom;
     int m_finishedCount = 0;
     QThreadPool m_pool;
 };

@@ -1,9 +1,7 @@
 #include "FileReply.h"
 
 #include <QFile>
-#include <QPointer>
 
-#include "ByteRange.h"
 #include "CacheEntry.h"
 #include "CacheEntryBuilder.h"
 #include "GuardedMapping.h"
@@ -106,22 +104,31 @@ FileReply::Outcome FileReply::serveMapping(const QDateTime& lastModified, const 
         return serveMapped(*entry, mapping);
     if (mapping->length() > ReadAtOnceBytes)
         return serveLater(lastModified, mapping);
-    const ETagCacheEntry entry = cacheEntryOf(m_file, lastModified, mapping->file());
+    const ETagCacheEntry entry = buildCacheEntry(path, lastModified, mapping->file());
     return mapping->isDamaged() ? serveChanged() : serveMapped(entry, mapping);
 }
 
+// Without a mapping while there is no room: any number of clients may wait.
 FileReply::Outcome FileReply::serveLater(const QDateTime& lastModified, const Mapping& mapping)
 {
     m_message->pause();
     m_paused = true;
-    CacheEntryBuilder::instance().build(m_file, lastModified, mapping,
-        [reply = *this, guarded = QPointer<Message>(m_message), mapping](const ETagCacheEntry* entry) mutable {
-            if (!guarded || !guarded->isValid())
-                return;
-            if (reply.serveRead(entry, mapping) == Answered)
-                reply.finish();
-        });
+    const auto built = [reply = *this, mapping](const ETagCacheEntry* entry) mutable {
+        reply.goOn([&](FileReply* self) { return self->serveRead(entry, mapping); });
+    };
+    const auto retry = [reply = *this]() mutable {
+        reply.goOn([](FileReply* self) { return self->serveFile(self->m_file, QString(), self->m_contentType); });
+    };
+    CacheEntryBuilder& builder = CacheEntryBuilder::instance();
+    if (!builder.build(m_file.absoluteFilePath(), lastModified, mapping, m_message, built))
+        builder.waitForRoom(m_message, retry);
     return Waiting;
+}
+
+void FileReply::goOn(const std::function<Outcome(FileReply*)>& serve)
+{
+    if (m_message->isValid() && serve(this) == Answered)
+        finish();
 }
 
 // Any number of requests wait for one reading, more than one mapping can be sent to: the others get another.
@@ -143,73 +150,84 @@ FileReply::Outcome FileReply::serveChanged()
 
 FileReply::Outcome FileReply::serveMapped(const ETagCacheEntry& entry, const Mapping& mapping)
 {
-    const char* ifNoneMatch = soup_message_headers_get_list(requestHeaders(), "If-None-Match");
-    if (ifNoneMatch && (isMethod("GET") || isMethod("HEAD")) && matches(ifNoneMatch, entry.etag))
-        return empty(SOUP_STATUS_NOT_MODIFIED);
-    const char* ifMatch = soup_message_headers_get_list(requestHeaders(), "If-Match");
-    if (ifMatch && *ifMatch && !matches(ifMatch, entry.etag))
-        return empty(SOUP_STATUS_PRECONDITION_FAILED);
-
+    const int failure = failedCondition(entry.etag);
+    if (failure == SOUP_STATUS_NOT_MODIFIED)
+        return notModified();
+    if (failure != 0)
+        return empty(failure);
     m_message->setContentType(m_contentType.isEmpty() ? entry.contentType : m_contentType);
     if (m_message->isHttps())
         m_message->setHeader(
             QByteArrayLiteral("Content-Security-Policy"), QByteArrayLiteral("upgrade-insecure-requests"));
     m_message->setStatus(SOUP_STATUS_OK, QString());
     if (isMethod("GET"))
-        return serveGet(entry, mapping);
-    if (isMethod("HEAD")) {
-        dbglog_debug(webserverLog(), "Serving HEAD for " << m_message->fullUri());
-        m_message->setHeader(
-            QByteArrayLiteral("Content-Length"), QByteArray::number(static_cast<quint64>(mapping->length())));
-        return Answered;
-    }
-    if (isMethod("POST")) {
-        dbglog_debug(webserverLog(), "Serving POST for " << m_message->fullUri());
-        m_message->data().message->method = SOUP_METHOD_GET;
-        return serveFile(m_file, QString(), QString());
-    }
-    dbglog_debug(
-        webserverLog(), "Unsupported method " << m_message->data().message->method << " for " << m_message->fullUri());
-    m_message->setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, HEAD, POST"));
-    return empty(SOUP_STATUS_METHOD_NOT_ALLOWED);
+        return serveGet(entry.etag, mapping);
+    if (isMethod("HEAD"))
+        return serveHead(mapping);
+    return isMethod("POST") ? serveAsGet() : methodNotAllowed();
 }
 
-FileReply::Outcome FileReply::serveGet(const ETagCacheEntry& entry, const Mapping& mapping)
+// 0 when the client wants an answer with a body (RFC 9110, section 13.1).
+int FileReply::failedCondition(const QString& etag) const
+{
+    const char* ifNoneMatch = field("If-None-Match");
+    if (ifNoneMatch && (isMethod("GET") || isMethod("HEAD")) && matches(ifNoneMatch, etag))
+        return SOUP_STATUS_NOT_MODIFIED;
+    const char* ifMatch = field("If-Match");
+    return ifMatch && *ifMatch && !matches(ifMatch, etag) ? SOUP_STATUS_PRECONDITION_FAILED : 0;
+}
+
+FileReply::Outcome FileReply::serveGet(const QString& etag, const Mapping& mapping)
 {
     dbglog_debug(webserverLog(), "Serving GET for " << m_message->fullUri());
     const auto length = static_cast<qint64>(mapping->length());
+    const RangeRequest request = wantedRange(etag, length);
+    if (request.kind == RangeRequest::Unsatisfiable)
+        return unsatisfiable();
     ByteRange body{ 0, length - 1 };
-    const RangeRequest request = length > 0 ? readRange(requestHeaders(), length) : RangeRequest();
-    if (request.kind != RangeRequest::Whole) {
-        dbglog_trace(webserverLog(), "got " << request.count << " ranges in the request");
-        const char* ifRange = soup_message_headers_get_list(requestHeaders(), "If-Range");
-        if (ifRange && *ifRange && entry.etag != QLatin1String(ifRange))
-            return serveWithoutRange();
-    }
-    switch (request.kind) {
-    case RangeRequest::Whole:
-        break;
-    case RangeRequest::Several:
-        dbglog_warn(webserverLog(),
-            "Ignoring Range: header with multiple ranges: " << soup_message_headers_get_one(requestHeaders(), "Range"));
-        break;
-    case RangeRequest::Unsatisfiable:
-        return unsatisfiable(length);
-    case RangeRequest::Single:
-        dbglog_trace(webserverLog(), "got range request for " << m_message->fullUri() << " entityLength=" << length);
+    if (request.kind == RangeRequest::Single) {
         body = request.range;
         m_message->setStatus(SOUP_STATUS_PARTIAL_CONTENT, QString());
         soup_message_headers_set_content_range(responseHeaders(), body.first, body.last, length);
     }
-    m_message->setHeader(QByteArrayLiteral("ETag"), entry.etag.toLatin1());
+    m_message->setHeader(QByteArrayLiteral("ETag"), etag.toLatin1());
     if (body.length() > 0)
         appendBody(mapping, body.first, body.length());
     return Answered;
 }
 
-FileReply::Outcome FileReply::serveWithoutRange()
+// All of the file for a client that asks for several ranges, or for a part of another version.
+RangeRequest FileReply::wantedRange(const QString& etag, qint64 length) const
 {
-    soup_message_headers_remove(requestHeaders(), "Range");
+    const RangeRequest request = length > 0 ? readRange(requestHeaders(), length) : RangeRequest();
+    if (request.kind == RangeRequest::Whole)
+        return request;
+    dbglog_trace(webserverLog(), "got " << request.count << " ranges in the request");
+    const char* ifRange = field("If-Range");
+    if (ifRange && *ifRange && etag != QLatin1String(ifRange))
+        return {};
+    if (request.kind == RangeRequest::Several) {
+        dbglog_warn(webserverLog(), "Ignoring Range: header with multiple ranges: " << field("Range"));
+        return {};
+    }
+    dbglog_trace(webserverLog(), "got range request for " << m_message->fullUri() << " entityLength=" << length);
+    if (request.kind == RangeRequest::Unsatisfiable)
+        dbglog_debug(webserverLog(), "Unsatisfiable range: " << field("Range") << " length: " << length);
+    return request;
+}
+
+FileReply::Outcome FileReply::serveHead(const Mapping& mapping)
+{
+    dbglog_debug(webserverLog(), "Serving HEAD for " << m_message->fullUri());
+    m_message->setHeader(
+        QByteArrayLiteral("Content-Length"), QByteArray::number(static_cast<quint64>(mapping->length())));
+    return Answered;
+}
+
+FileReply::Outcome FileReply::serveAsGet()
+{
+    dbglog_debug(webserverLog(), "Serving POST for " << m_message->fullUri());
+    m_message->data().message->method = SOUP_METHOD_GET;
     return serveFile(m_file, QString(), QString());
 }
 
@@ -247,23 +265,40 @@ FileReply::Outcome FileReply::failed(const QString& reason)
     return text(SOUP_STATUS_INTERNAL_SERVER_ERROR, QStringLiteral("Error opening file: %1").arg(reason));
 }
 
+// Scheme and host as the client wrote them: not every name that people give a device is a host name to QUrl.
 FileReply::Outcome FileReply::redirect(const QString& appended)
 {
     ZarkUrl url = m_message->url();
     url.setPath(url.path(QUrl::FullyEncoded) + appended, QUrl::TolerantMode);
+    const QByteArray uri = m_message->fullUri().toUtf8();
+    const int pathStart = uri.indexOf('/', uri.indexOf("//") + 2);
     m_message->setStatus(SOUP_STATUS_MOVED_PERMANENTLY, QString());
-    m_message->setHeader(QByteArrayLiteral("Location"), url.toEncoded());
+    m_message->setHeader(
+        QByteArrayLiteral("Location"), uri.left(pathStart) + url.toEncoded(QUrl::RemoveScheme | QUrl::RemoveAuthority));
     m_message->setNoCache();
     return Answered;
 }
 
 // The words of a missing file, on purpose.
-FileReply::Outcome FileReply::unsatisfiable(qint64 length)
+FileReply::Outcome FileReply::unsatisfiable()
 {
-    dbglog_debug(webserverLog(),
-        "Unsatisfiable range: " << soup_message_headers_get_one(requestHeaders(), "Range") << " length: " << length);
     return text(SOUP_STATUS_REQUESTED_RANGE_NOT_SATISFIABLE,
         QStringLiteral("The requested url '%1' was not found.").arg(m_message->fullUri()));
+}
+
+// The length would be that of the file (RFC 9110, section 8.6), and not of the answer, as the library has it.
+FileReply::Outcome FileReply::notModified()
+{
+    soup_message_headers_set_encoding(responseHeaders(), SOUP_ENCODING_NONE);
+    return empty(SOUP_STATUS_NOT_MODIFIED);
+}
+
+FileReply::Outcome FileReply::methodNotAllowed()
+{
+    dbglog_debug(
+        webserverLog(), "Unsupported method " << m_message->data().message->method << " for " << m_message->fullUri());
+    m_message->setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, HEAD, POST"));
+    return empty(SOUP_STATUS_METHOD_NOT_ALLOWED);
 }
 
 FileReply::Outcome FileReply::text(int status, const QString& body)
@@ -277,6 +312,12 @@ FileReply::Outcome FileReply::empty(int status)
 {
     m_message->setStatus(status, QString());
     return Answered;
+}
+
+// All fields of that name, joined by ", "; null when there is none.
+const char* FileReply::field(const char* name) const
+{
+    return soup_message_headers_get_list(requestHeaders(), name);
 }
 
 SoupMessageHeaders* FileReply::requestHeaders() const

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+#include "ByteRange.h"
 #include "ETagCache.h"
 
 class GuardedMapping;
@@ -36,20 +37,27 @@ private:
     Outcome serveRegular(const LocalFile& local);
     Outcome serveMapping(const QDateTime& lastModified, const Mapping& mapping);
     Outcome serveLater(const QDateTime& lastModified, const Mapping& mapping);
+    void goOn(const std::function<Outcome(FileReply*)>& serve);
     Outcome serveRead(const ETagCacheEntry* entry, const Mapping& mapping);
     Outcome serveChanged();
     Outcome serveMapped(const ETagCacheEntry& entry, const Mapping& mapping);
-    Outcome serveGet(const ETagCacheEntry& entry, const Mapping& mapping);
-    Outcome serveWithoutRange();
+    int failedCondition(const QString& etag) const;
+    Outcome serveGet(const QString& etag, const Mapping& mapping);
+    Outcome serveHead(const Mapping& mapping);
+    Outcome serveAsGet();
+    RangeRequest wantedRange(const QString& etag, qint64 length) const;
 
     Outcome notFound(const LocalFile& local);
     Outcome forbidden();
     Outcome failed(const QString& reason);
     Outcome redirect(const QString& appended);
-    Outcome unsatisfiable(qint64 length);
+    Outcome unsatisfiable();
+    Outcome notModified();
+    Outcome methodNotAllowed();
     Outcome text(int status, const QString& body);
     Outcome empty(int status);
 
+    const char* field(const char* name) const;
     SoupMessageHeaders* requestHeaders() const;
     SoupMessageHeaders* responseHeaders() const;
     bool isMethod(const char* method) const;

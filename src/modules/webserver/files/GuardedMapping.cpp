@@ -4,16 +4,50 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <limits>
 #include <mutex>
 #include <vector>
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include "WebserverLog.h"
 
 namespace {
 
 constexpr int NoSocket = -1;
+constexpr quint64 ReservedBytes = 64 * 1024 * 1024;
+constexpr quint64 SmallAddressSpace = quint64(2) << 30; ///< Of a process with 32 bits, in the worst case.
+
+quint64 addressSpace()
+{
+    rlimit space{};
+    if (getrlimit(RLIMIT_AS, &space) == 0 && space.rlim_cur != RLIM_INFINITY)
+        return space.rlim_cur;
+    return sizeof(void*) > 4 ? std::numeric_limits<quint64>::max() : SmallAddressSpace;
+}
+
+quint64 usedAddressSpace()
+{
+    unsigned long pages = 0;
+    FILE* statistics = fopen("/proc/self/statm", "re");
+    if (!statistics)
+        return 0;
+    const bool known = fscanf(statistics, "%lu", &pages) == 1;
+    fclose(statistics);
+    return known ? quint64(pages) * static_cast<quint64>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+// Files must not take the address space that the rest of the process lives on.
+bool leavesRoom(quint64 length)
+{
+    const quint64 space = addressSpace();
+    return space == std::numeric_limits<quint64>::max() || usedAddressSpace() + length + ReservedBytes <= space;
+}
 
 } // namespace
 
@@ -139,6 +173,12 @@ void GuardedMapping::onBusError(int signal, siginfo_t* info, void* context)
 
 std::shared_ptr<GuardedMapping> GuardedMapping::map(int fd, GError** error)
 {
+    dbglog_scopedFunction(webserverLog());
+    struct stat status = {};
+    if (fstat(fd, &status) == 0 && !leavesRoom(static_cast<quint64>(status.st_size))) {
+        g_set_error_literal(error, G_FILE_ERROR, G_FILE_ERROR_NOMEM, "Too many files are being sent");
+        return nullptr;
+    }
     GMappedFile* file = g_mapped_file_new_from_fd(fd, FALSE, error);
     return file ? std::shared_ptr<GuardedMapping>(new GuardedMapping(file)) : nullptr;
 }

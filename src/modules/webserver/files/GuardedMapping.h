@@ -12,11 +12,12 @@
 /// Reading a mapping beyond the end of a file that has become shorter raises SIGBUS. A process-wide handler, installed
 /// with the first mapping, puts zeros in the place of the rest of a mapping made here, marks it as damaged, and shuts
 /// down the sockets that it is being sent to, so that no zero is taken for the file's content. A SIGBUS of any other
-/// origin goes to the handler that was there before. (The kernel itself, reading for send(), raises no signal: the
-/// call fails.) May be released on any thread.
+/// origin goes to the handler that was there before. (The kernel itself, reading for send(), raises no signal: the call
+/// fails.) May be released on any thread.
 class GuardedMapping {
 public:
-    /// Maps the open file `fd`, which may be closed afterwards. Null with `error` set when it cannot be mapped.
+    /// Maps the open file `fd`, which may be closed afterwards. Null with `error` set when it cannot be mapped, or
+    /// would leave less than 64 MiB of the process's address space to everything else.
     static std::shared_ptr<GuardedMapping> map(int fd, GError** error);
     ~GuardedMapping();
     GuardedMapping(const GuardedMapping&) = delete;

@@ -8,6 +8,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "WebserverLog.h"
+
 namespace {
 
 LocalFile::Kind kindOf(const struct stat& status)
@@ -39,6 +41,7 @@ QByteArray pathOfDescriptor(int descriptor)
 
 LocalFile::LocalFile(const QByteArray& name)
 {
+    dbglog_scopedFunction(webserverLog());
     // The system would take a name with a NUL for its first part. Looking comes before opening because opening
     // alone makes some devices act.
     if (name.contains('\0') || stat(name.constData(), &m_status) != 0)

@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstddef>
 #include <linux/tcp.h> // With the byte counts that the C library's tcp_info lacks.
 #include <netinet/in.h>
 #include <poll.h>
@@ -24,8 +23,8 @@ namespace {
 
 constexpr int BusySweepMilliseconds = 250;
 constexpr int IdleSweepMilliseconds = 1000;
-// A client that shuts down its sending side may still want the answer; one whose answer takes longer than this is
-// taken for gone.
+// A client that shuts down its sending side may still want the answer; one that for longer than this has nothing to
+// read is taken for gone.
 constexpr gint64 HalfClosedGrace = 500 * 1000;
 constexpr gint64 SilentHandshake = 250 * 1000;
 constexpr gint64 SlowHandshake = 1000 * 1000;
@@ -49,22 +48,27 @@ SoupSocket* socketOf(SoupClientContext* client)
     G_GNUC_END_IGNORE_DEPRECATIONS
 }
 
-bool hasSentSomething(GSocket* socket)
+// What the kernel does not tell is 0.
+tcp_info tcpInfo(GSocket* socket)
 {
     tcp_info info{};
     socklen_t size = sizeof info;
-    const bool known = getsockopt(g_socket_get_fd(socket), IPPROTO_TCP, TCP_INFO, &info, &size) == 0
-        && size >= offsetof(tcp_info, tcpi_bytes_received) + sizeof info.tcpi_bytes_received;
-    return !known || info.tcpi_bytes_received > 0;
+    getsockopt(g_socket_get_fd(socket), IPPROTO_TCP, TCP_INFO, &info, &size);
+    return info;
 }
 
-// A peer that lost power, or that never reads, is given up by the kernel.
-void setTcpTimeouts(int fd, int seconds)
+bool hasToRead(const tcp_info& info)
+{
+    return info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
+}
+
+// The kernel gives up a peer that is silent (it lost power), and one that takes nothing of what it is sent.
+void setTcpTimeouts(int fd, const ServerLimits& limits)
 {
     const int on = 1;
-    const unsigned int milliseconds = static_cast<unsigned int>(seconds) * 1000;
+    const unsigned int milliseconds = static_cast<unsigned int>(limits.stalledSeconds) * 1000;
     setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &seconds, sizeof seconds);
+    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &limits.idleSeconds, sizeof limits.idleSeconds);
     setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
 }
 
@@ -83,6 +87,7 @@ ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
 
 ConnectionTable::~ConnectionTable()
 {
+    dbglog_scopedFunction(webserverLog());
     g_signal_handler_disconnect(m_server, m_requestReadId);
     for (const auto& entry : m_connections)
         g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
@@ -94,12 +99,14 @@ ConnectionTable::~ConnectionTable()
 
 void ConnectionTable::start(SoupServerListenOptions options)
 {
+    dbglog_scopedFunction(webserverLog());
     m_options = options;
     scheduleSweep(IdleSweepMilliseconds);
 }
 
 void ConnectionTable::stop()
 {
+    dbglog_scopedFunction(webserverLog());
     stopSweep();
     // The library forgets these, and leaves each to a thread that waits for the client.
     for (const auto& entry : m_connections) {
@@ -127,12 +134,14 @@ void ConnectionTable::scheduleSweep(int milliseconds)
 
 bool ConnectionTable::isAnswering() const
 {
+    dbglog_scopedFunction(webserverLog());
     return std::any_of(m_connections.cbegin(), m_connections.cend(),
         [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
 ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client)
 {
+    dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
     Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
     const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
@@ -156,7 +165,7 @@ ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client
     m_numbered.emplace(connection->number, connection);
     g_signal_connect(connection->socket, "disconnected", G_CALLBACK(onDisconnected), connection);
     if (connection->gsocket) {
-        setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits.idleSeconds);
+        setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits);
         watchHangUp(connection);
     }
     scheduleSweep(BusySweepMilliseconds);
@@ -221,10 +230,17 @@ void ConnectionTable::handleHangUp(Connection* connection, quint32 events)
 
 void ConnectionTable::headRead(Connection* connection)
 {
+    dbglog_scopedFunction(webserverLog());
     connection->state = ReadingBody;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;
     connection->answeredBefore = true;
+}
+
+void ConnectionTable::bodyMoved(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
+    connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
 }
 
 void ConnectionTable::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
@@ -262,6 +278,7 @@ void ConnectionTable::doom(Connection* connection)
 
 void ConnectionTable::closeSoon(Connection* connection)
 {
+    dbglog_scopedFunction(webserverLog());
     doom(connection);
     QMetaObject::invokeMethod(
         this, [this] { closeDoomed(); }, Qt::QueuedConnection);
@@ -308,15 +325,34 @@ void ConnectionTable::timerEvent(QTimerEvent*)
         scheduleSweep(m_connections.empty() ? IdleSweepMilliseconds : BusySweepMilliseconds);
 }
 
+// An answer that is still on its way does not make an idle connection.
+bool ConnectionTable::isOverdue(const Connection& connection, gint64 now)
+{
+    if (connection.deadline == 0 || now < connection.deadline)
+        return false;
+    const bool isIdle = connection.state == ReadingHead && connection.answeredBefore;
+    return !isIdle || !connection.gsocket || !hasToRead(tcpInfo(connection.gsocket));
+}
+
+// What the client has yet to read, or has read since the last look, tells that it is there.
+bool ConnectionTable::isAbandoned(Connection* connection, gint64 now)
+{
+    if (connection->state != Answering || connection->halfClosedSince == 0)
+        return false;
+    const tcp_info info = connection->gsocket ? tcpInfo(connection->gsocket) : tcp_info{};
+    if (hasToRead(info) || info.tcpi_bytes_acked != connection->acknowledgedBytes)
+        connection->movedSince = now;
+    connection->acknowledgedBytes = info.tcpi_bytes_acked;
+    return now - std::max({ connection->halfClosedSince, connection->since, connection->movedSince })
+        >= HalfClosedGrace;
+}
+
 void ConnectionTable::closeOverdue()
 {
     const gint64 now = g_get_monotonic_time();
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
-        const bool overdue = connection->deadline != 0 && now >= connection->deadline;
-        const bool abandoned = connection->state == Answering && connection->halfClosedSince != 0
-            && now - std::max(connection->halfClosedSince, connection->since) >= HalfClosedGrace;
-        if (overdue || abandoned)
+        if (isOverdue(*connection, now) || isAbandoned(connection, now))
             doom(connection);
     }
 }
@@ -331,7 +367,7 @@ void ConnectionTable::closeSlowHandshakes()
         const gint64 age = now - connection->since;
         if (!mayBeShakingHands(*connection) || age < SilentHandshake)
             continue;
-        if (age >= SlowHandshake || !hasSentSomething(connection->gsocket))
+        if (age >= SlowHandshake || tcpInfo(connection->gsocket).tcpi_bytes_received == 0)
             slow.push_back(connection);
     }
     if (slow.size() <= MaximumSlowHandshakes)

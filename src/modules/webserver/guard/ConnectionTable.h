@@ -31,6 +31,8 @@ public:
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.
         gint64 halfClosedSince = 0; ///< When the peer's FIN was seen; 0: not yet.
+        gint64 movedSince = 0; ///< When a half-closed client was last seen to have something to read; 0: never.
+        quint64 acknowledgedBytes = 0; ///< At that time.
         bool answeredBefore = false;
         bool doomed = false; ///< Will be closed; the library may take a moment to notice.
         bool gone = false;
@@ -55,6 +57,8 @@ public:
     /// event loop has turned.
     Connection* requestStarted(SoupClientContext* client);
     static void headRead(Connection* connection);
+    /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
+    static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
     void closeSoon(Connection* connection);
 
@@ -70,7 +74,9 @@ private:
     void watchHangUp(const Connection* connection);
     void handleHangUp(Connection* connection, quint32 events);
     Connection* leastUseful(Connection* newest) const;
+    static bool isOverdue(const Connection& connection, gint64 now);
     bool mayBeShakingHands(const Connection& connection) const;
+    static bool isAbandoned(Connection* connection, gint64 now);
     void close(Connection* connection);
     void doom(Connection* connection);
     void closeDoomed();

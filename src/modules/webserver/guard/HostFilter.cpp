@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <array>
 
+#include "WebserverLog.h"
+
 namespace {
 
 bool parsesAsAddress(const QByteArray& text)
@@ -52,5 +54,6 @@ bool isLocalName(QByteArray name)
 
 bool isAcceptedHost(const QByteArray& host)
 {
+    dbglog_scopedFunction(webserverLog());
     return isAddress(host) || isLocalName(withoutPort(host));
 }

@@ -22,7 +22,6 @@ struct RequestHead {
 enum class HeadVerdict {
     Accept,
     BadRequest, ///< 400: contradictory or malformed (RFC 9112, sections 3.2 and 6).
-    ContentTooLarge, ///< 413 (RFC 9110, section 15.5.14)
     FieldsTooLarge, ///< 431 (RFC 6585, section 5)
 };
 
@@ -42,7 +41,7 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
 /// | chunked                                       | lax about where it ends        | closed after the answer   |
 /// | refused before its body was read              | the body passes for a request  | closed after the answer   |
 /// | POST, PUT, PATCH without a length             | the same                       | closed after the answer   |
-/// | a body over the limit                         | read into memory               | 413 unread, closed        |
+/// | a body over the limit, held in memory         | read into memory               | 413 unread, closed        |
 /// | too many fields                               | each name kept for good        | 431, closed               |
 /// | HTTP/1.0 without Host                         | path neither split nor cleaned | the address asked, as Host |
 class RequestGuard {

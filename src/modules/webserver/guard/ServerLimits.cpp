@@ -24,6 +24,7 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("headerSeconds", &limits.headerSeconds);
     readLimit("bodySeconds", &limits.bodySeconds);
     readLimit("idleSeconds", &limits.idleSeconds);
+    readLimit("stalledSeconds", &limits.stalledSeconds);
     readLimit("connections", &limits.connections);
     readLimit("proxyFetches", &limits.proxyFetches);
     readLimit("proxyFetchesPerClient", &limits.proxyFetchesPerClient);

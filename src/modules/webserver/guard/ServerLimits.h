@@ -4,11 +4,12 @@
 
 /// How much one server lets clients ask of it. Each is a node under the web server's settings.
 struct ServerLimits {
-    qint64 bodyBytes = 1024 * 1024; ///< Of a request that is read into memory; beyond: 413.
+    qint64 bodyBytes = 1024 * 1024; ///< Of a body that is read into memory; beyond: 413.
     int headerCount = 100; ///< Fields of one request; beyond: 431.
     int headerSeconds = 10; ///< From the connection to its first complete head, TLS handshake included.
-    int bodySeconds = 60; ///< From the head to the end of the body.
+    int bodySeconds = 60; ///< From the head to the end of a body that is read into memory.
     int idleSeconds = 60; ///< From an answer to the next complete head on the same connection.
+    int stalledSeconds = 300; ///< Without a byte of an answer taken, or of a streamed body sent, by the client.
     int connections = 2000; ///< At once; always kept well below the process's limit of open files.
     // Of the proxy, shared by all servers; beyond: 404.
     int proxyFetches = 32; ///< Under way or not yet sent.

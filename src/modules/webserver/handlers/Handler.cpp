@@ -6,6 +6,23 @@
 #include "MimeTypes.h"
 #include "WebserverLog.h"
 
+Handler::Handler(const QString& documentRoot, QObject* parent) : QObject(parent), m_documentRoot(documentRoot)
+{
+    dbglog_scopedFunction(webserverLog());
+}
+
+const QString& Handler::documentRoot() const
+{
+    dbglog_scopedFunction(webserverLog());
+    return m_documentRoot;
+}
+
+void Handler::setDocumentRoot(const QString& documentRoot)
+{
+    dbglog_scopedFunction(webserverLog());
+    m_documentRoot = documentRoot;
+}
+
 void Handler::handle(Message* message)
 {
     dbglog_scopedFunction(webserverLog());

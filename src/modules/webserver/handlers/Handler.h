@@ -9,12 +9,12 @@ class Message;
 class Handler : public QObject {
     Q_OBJECT
 public:
-    Handler(const QString& documentRoot, QObject* parent) : QObject(parent), m_documentRoot(documentRoot) { }
+    Handler(const QString& documentRoot, QObject* parent);
 
     virtual void handle(Message* message);
 
-    const QString& documentRoot() const { return m_documentRoot; }
-    void setDocumentRoot(const QString& documentRoot) { m_documentRoot = documentRoot; }
+    const QString& documentRoot() const;
+    void setDocumentRoot(const QString& documentRoot);
 
 private:
     QString m_documentRoot;

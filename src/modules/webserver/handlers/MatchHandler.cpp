@@ -7,6 +7,7 @@
 
 bool MatchHandler::MessagePredicate::operator()(const Message*) const
 {
+    dbglog_scopedFunction(webserverLog());
     return true;
 }
 
@@ -18,6 +19,7 @@ bool RegExpMessagePredicate::operator()(const Message* message) const
 
 MatchHandler::~MatchHandler()
 {
+    dbglog_scopedFunction(webserverLog());
     for (const auto& entry : qAsConst(m_handlers))
         delete entry.first;
 }

@@ -90,17 +90,20 @@ void StaticHandler::serveFile(const QFileInfo& file, const QString& rootPath, co
 StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(const QFileInfo& file, GMappedFile* mapping)
 {
     dbglog_scopedFunction(webserverLog());
-    return cacheEntryOf(file, file.lastModified(), mapping);
+    const QString path = file.absoluteFilePath();
+    const QDateTime lastModified = file.lastModified();
+    const ETagCacheEntry* entry = ETagCache::instance().find(path, g_mapped_file_get_length(mapping), lastModified);
+    return entry ? *entry : buildCacheEntry(path, lastModified, mapping);
 }
 
 QString StaticHandler::calculateETag(const QFileInfo& file, const char* data, size_t length)
 {
     dbglog_scopedFunction(webserverLog());
-    return fileETag(file, data, length);
+    return file.isDir() ? QString() : contentDigest(data, length);
 }
 
 QString StaticHandler::getMimeType(const QFileInfo& file, const char* data, size_t length)
 {
     dbglog_scopedFunction(webserverLog());
-    return fileMimeType(file, data, length);
+    return contentType(file.absoluteFilePath(), data, length);
 }
