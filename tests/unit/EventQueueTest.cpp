@@ -200,7 +200,7 @@ private Q_SLOTS:
 
         const Poll abandoned = poll(queue, 300);
         change(QStringLiteral("v3"));
-        queue->restore(abandoned.token);
+        queue->giveUp(abandoned.token);
         QCoreApplication::processEvents();
         QVERIFY(!abandoned.answer->done);
         QCOMPARE(abandoned.answer.use_count(), 1L); // The request is gone.
