@@ -110,7 +110,7 @@ void WebserverWorker::createSharedObjects()
     m_configuration->setAuthMode(setting(ZarkWebserverAuthModePath()).webserverAuthMode());
     if (isZarkFeatureEnabled(QStringLiteral("analytics")))
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
-    m_eventShared = QSharedPointer<EventResponderShared>::create();
+    m_eventShared = QSharedPointer<EventResponderShared>::create(ServerLimits::fromSettings().queuesPerClient);
     m_userDatabase = QSharedPointer<UserDatabase>::create();
 }
 

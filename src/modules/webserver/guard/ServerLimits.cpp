@@ -25,5 +25,6 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("bodySeconds", &limits.bodySeconds);
     readLimit("idleSeconds", &limits.idleSeconds);
     readLimit("connections", &limits.connections);
+    readLimit("queuesPerClient", &limits.queuesPerClient);
     return limits;
 }

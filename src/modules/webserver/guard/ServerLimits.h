@@ -10,6 +10,7 @@ struct ServerLimits {
     int bodySeconds = 60; ///< From the head to the end of the body.
     int idleSeconds = 60; ///< From an answer to the next complete head on the same connection.
     int connections = 2000; ///< At once; always kept well below the process's limit of open files.
+    int queuesPerClient = 100; ///< Event queues of one client address outside the device, of all servers together.
 
     /// Reads the nodes; a missing, wrong or negative one keeps the default above.
     static ServerLimits fromSettings();

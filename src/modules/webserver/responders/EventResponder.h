@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QPointer>
 #include <QSharedPointer>
 
 #include "EventRequests.h"
@@ -22,6 +23,7 @@ public:
     EventResponder(Request& request, const QString& path, const QSharedPointer<EventResponderShared>& shared,
         const QSharedPointer<UserDatabase>& userDatabase, const QSharedPointer<ResponderConfiguration>& configuration,
         QObject* parent);
+    ~EventResponder() override; ///< Gives up the poll that still waits.
 
     void respond() override;
     bool respondWillBlock() override { return false; }
@@ -29,6 +31,8 @@ public:
 
     EventResponderShared* shared() const { return m_shared.data(); }
 
+    /// The answer that follows is to tell `queue`, as poll `token`, whether it arrived.
+    void watchDelivery(CMEventQueue* queue, quint64 token);
     /// The answer to a poll.
     void queueRequestDone(const ZarkList<ZarkEvent>& events);
     /// Whether this client may hear of the node at `path` under the permissions and the mode of this moment. Internal
@@ -57,6 +61,8 @@ private:
     int m_requestId = 0;
     bool m_hasCredentials = false;
     bool m_verified = false;
+    QPointer<CMEventQueue> m_polled;
+    quint64 m_pollToken = 0;
     QSharedPointer<EventResponderShared> m_shared;
     QSharedPointer<UserDatabase> m_userDatabase;
     QSharedPointer<ResponderConfiguration> m_configuration;
