@@ -71,7 +71,8 @@ void EventDelivery::watch(const Message& message, CMEventQueue* queue, quint64 t
     if (!socket)
         return queue->restore(token);
     Connection* connection = connectionOf(message, g_socket_get_fd(socket));
-    connection->next = { queue, token, {} };
+    // Before the last byte leaves: the client may have read and spoken before this thread runs again.
+    connection->next = { queue, token, TcpCounters::of(connection->fd) };
     connection->writing = message.data().message;
     g_signal_connect(connection->writing, "wrote-body", G_CALLBACK(onWroteBody), connection);
     g_signal_connect(connection->writing, "finished", G_CALLBACK(onFinished), connection);
@@ -127,10 +128,11 @@ void EventDelivery::startWatching(Connection* connection, SoupMessage* message)
     Answer answer = std::exchange(connection->next, {});
     if (!answer.queue || !answer.queue->isHeld(answer.token))
         return;
-    answer.sent = TcpCounters::of(connection->fd);
+    const TcpCounters now = TcpCounters::of(connection->fd);
+    answer.sent.written = now.written;
+    answer.sent.clientEnded = now.clientEnded;
     const bool closes = !soup_message_is_keepalive(message);
-    const bool isKnown = answer.sent.clientEnded && answer.sent.isAllAcknowledged();
-    if (!answer.sent.isKnown || isKnown || (closes && connection->isEncrypted))
+    if (!now.isKnown || hasArrived(answer.sent, now) || (closes && connection->isEncrypted))
         return settleAnswer(answer, true);
     if (closes || answer.sent.clientEnded) {
         connection->kept = message;

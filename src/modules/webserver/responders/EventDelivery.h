@@ -47,7 +47,7 @@ private:
     struct Answer {
         QPointer<CMEventQueue> queue;
         quint64 token = 0;
-        TcpCounters sent; ///< Just after the answer was written.
+        TcpCounters sent; ///< When the answer had been written; `received` from before its first byte.
     };
     /// A connection on which some answer's fate is open. More than one is, when a client sends its polls in a row.
     struct Connection {
