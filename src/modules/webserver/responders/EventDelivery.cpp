@@ -53,7 +53,7 @@ EventDelivery::~EventDelivery()
 {
     g_source_destroy(m_source);
     g_source_unref(m_source);
-    lookOut(nullptr);
+    closeLookout();
     while (!m_connections.empty()) {
         Connection* connection = m_connections.begin()->second.get();
         stopWriting(connection);
@@ -118,6 +118,7 @@ void EventDelivery::onWroteBody(SoupMessage* message, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
     EventDelivery* delivery = connection->delivery;
+    delivery->endLookout(); // Which may be over this connection, and forgets none that is being written to.
     delivery->stopWriting(connection);
     delivery->startWatching(connection, message);
     delivery->forgetIfSettled(connection);
@@ -146,14 +147,29 @@ void EventDelivery::startWatching(Connection* connection, SoupMessage* message)
     lookOut(connection);
 }
 
-// The library reads on from inside the end of an exchange, and closes what it finds closed. One connection at a time
-// is therefore held by a second descriptor, until the library's turn is over.
-void EventDelivery::lookOut(const Connection* connection)
+// From inside the end of an exchange the library reads on: what it takes there no event tells of, and what it finds
+// closed it closes. One connection at a time is therefore held by a second descriptor, until the library's turn is
+// over.
+void EventDelivery::lookOut(Connection* connection)
+{
+    m_lookoutOver = connection;
+    m_lookoutFd = fcntl(connection->fd, F_DUPFD_CLOEXEC, 0);
+}
+
+void EventDelivery::endLookout()
+{
+    Connection* connection = m_lookoutOver;
+    closeLookout();
+    if (connection)
+        look(connection, TcpCounters::of(connection->fd), Heard);
+}
+
+void EventDelivery::closeLookout()
 {
     if (m_lookoutFd >= 0)
         ::close(m_lookoutFd);
-    m_lookoutOver = connection;
-    m_lookoutFd = connection ? fcntl(connection->fd, F_DUPFD_CLOEXEC, 0) : -1;
+    m_lookoutFd = -1;
+    m_lookoutOver = nullptr;
 }
 
 void EventDelivery::onFinished(SoupMessage*, gpointer data)
@@ -183,8 +199,7 @@ gboolean EventDelivery::onEvents(GSource* source)
 
 void EventDelivery::hear()
 {
-    if (m_lookoutFd >= 0)
-        lookOut(nullptr);
+    endLookout();
     if (m_connections.empty())
         return;
     std::array<epoll_event, 64> events{};
@@ -238,7 +253,7 @@ void EventDelivery::forgetIfSettled(Connection* connection)
         return;
     g_signal_handlers_disconnect_by_data(connection->socket, connection);
     if (m_lookoutOver == connection)
-        lookOut(nullptr);
+        closeLookout();
     epoll_ctl(m_epollFd, EPOLL_CTL_DEL, connection->fd, nullptr);
     if (connection->kept)
         soup_server_unpause_message(connection->server, connection->kept);

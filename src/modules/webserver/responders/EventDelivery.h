@@ -79,7 +79,9 @@ private:
     void settleAnswer(const Answer& answer, bool arrived);
     void forgetIfSettled(Connection* connection);
     void stopWriting(Connection* connection);
-    void lookOut(const Connection* connection);
+    void lookOut(Connection* connection);
+    void endLookout();
+    void closeLookout();
     void lookAtKept();
     void timerEvent(QTimerEvent* event) override;
 
@@ -87,6 +89,6 @@ private:
     GSource* m_source;
     std::unordered_map<int, std::unique_ptr<Connection>> m_connections;
     QBasicTimer m_acknowledgements; ///< No event tells of one; runs while an exchange is kept open for it.
-    const Connection* m_lookoutOver = nullptr;
+    Connection* m_lookoutOver = nullptr;
     int m_lookoutFd = -1;
 };
