@@ -322,6 +322,22 @@ private Q_SLOTS:
         QCOMPARE(summary(client.poll(queue)), QStringList("demo:permissions/internal"));
     }
 
+    void oneAddressHasABoundedNumberOfQueues()
+    {
+        Device target({ "settings:webserver/limits/queuesPerClient=2" });
+        const auto make = [&](bool remote) {
+            return ask(target, remote, 0, "/api/event/modifyQueue", "{}");
+        };
+        const QByteArray queue = EventClient::idOf(make(true));
+        QCOMPARE(make(true).status, 200);
+        const HttpReply refused = make(true);
+        QCOMPARE(refused.status, 429);
+        QCOMPARE(refused.body, QByteArray("Too many queues!"));
+        QCOMPARE(ask(target, true, 0, "/api/event/modifyQueue", "{\"queueId\":\"" + queue + "\"}").status, 200);
+        for (int i = 0; i < 4; ++i)
+            QCOMPARE(make(false).status, 200);
+    }
+
     // Setting the first password protects the command that set it.
     void accessFollowsTheNodesPermission()
     {

@@ -4,6 +4,7 @@
 #include <QJsonObject>
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -53,6 +54,13 @@ void HttpConnection::reset()
     const linger now{ 1, 0 };
     setsockopt(m_fd, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     close();
+}
+
+bool HttpConnection::holdBack()
+{
+    sock_filter drop = BPF_STMT(BPF_RET | BPF_K, 0);
+    const sock_fprog program{ 1, &drop };
+    return setsockopt(m_fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
 }
 
 void HttpConnection::shutDownSending()

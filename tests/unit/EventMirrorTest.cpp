@@ -224,11 +224,11 @@ private Q_SLOTS:
             return count;
         };
         const int rowEvents = countRowEvents();
-        QVERIFY2(rowEvents >= lists.count() && rowEvents < CMEventQueue::MaximumRowEvents,
+        QVERIFY2(rowEvents >= lists.count() && rowEvents < CMPendingChanges::MaximumRowEvents,
             qPrintable(QString::number(rowEvents)));
 
         // A queue that is polled never gets there, however long it lives.
-        for (int i = 1; i <= 2 * CMEventQueue::MaximumRowEvents; ++i) {
+        for (int i = 1; i <= 2 * CMPendingChanges::MaximumRowEvents; ++i) {
             lists.at(i % lists.count())->moveRow(0, 0);
             if (i % 500 == 0)
                 QCOMPARE(countRowEvents(), 500);

@@ -2,6 +2,8 @@
 #include <QSignalSpy>
 #include <QtTest>
 
+#include <limits>
+
 #include "CMEventQueueManager.h"
 #include "CMListNode.h"
 #include "CMNodes.h"
@@ -36,7 +38,7 @@ QString textOf(const ZarkList<ZarkRowEvent>& events)
     return texts.join(QLatin1Char(' '));
 }
 
-/// Events as text: "volume: value=3", "late: all type=null", "list: i0". Timestamps are left out.
+/// Events as text: "volume: value=3", "late: all type=null", "list: i0"; "undated" where a timestamp is missing.
 QString textOf(const ZarkList<ZarkEvent>& events)
 {
     QStringList texts;
@@ -51,6 +53,8 @@ QString textOf(const ZarkList<ZarkEvent>& events)
             words += QStringLiteral("value=") + ZarkValue(roles.value(ZarkRoles::Value())).plain().toString();
         if (!event.rowsEvents().isEmpty())
             words += textOf(event.rowsEvents());
+        if (words.count() > 1 && !roles.contains(ZarkRoles::Timestamp()) && !words.at(1).startsWith("title"))
+            words += QStringLiteral("undated");
         texts += words.join(QLatin1Char(' '));
     }
     return texts.join(QStringLiteral(", "));
@@ -148,9 +152,10 @@ private Q_SLOTS:
         row("missing though confirmed", "v1 count confirm v2 miss", "volume: value=1|volume: value=2");
         row("counted, and no more", "v1 count confirm poll", "volume: value=1|");
         row("counted, and never settled", "v1 count poll", "volume: value=1|volume: value=1");
-        row("an unknown count", "v1 count wild count",
-            "volume: value=1|volume: all type=value value=1, late: all type= value=, "
-            "list: all type=list value= *, values: all type=container value= *|");
+        const QString all = "volume: all type=value value=1, late: all type= value=, list: all type=list value= *, "
+                            "values: all type=container value= *";
+        row("an unknown count", "v1 count wild count", "volume: value=1|" + all + '|');
+        row("the greatest count", "v1 last", all);
     }
     void tellsWhatChanged()
     {
@@ -169,13 +174,15 @@ private Q_SLOTS:
                 queue->confirm(tokens.last());
             else if (word.startsWith(QLatin1String("lose")))
                 queue->restore(word == QLatin1String("lose") ? tokens.last() : tokens.first());
-            else if (!QStringLiteral("poll settle count miss wild").split(QLatin1Char(' ')).contains(word))
+            else if (!QStringLiteral("poll settle count miss wild last").split(QLatin1Char(' ')).contains(word))
                 change(word);
             else {
                 received += word == QLatin1String("miss") ? -1 : word == QLatin1String("wild") ? 5 : 0;
                 const bool plain = word == QLatin1String("poll") || word == QLatin1String("settle");
-                const Poll asked = poll(queue, 0, word == QLatin1String("poll") ? AtOnce : Settles,
-                    plain ? CMEventQueue::NotCounted : received);
+                const qint64 count = plain          ? CMEventQueue::NotCounted
+                    : word == QLatin1String("last") ? std::numeric_limits<qint64>::max()
+                                                    : received;
+                const Poll asked = poll(queue, 0, word == QLatin1String("poll") ? AtOnce : Settles, count);
                 QVERIFY(asked.answer->done);
                 tokens.append(asked.token);
                 received += asked.answer->events.isEmpty() ? 0 : 1;
@@ -200,7 +207,7 @@ private Q_SLOTS:
 
         const Poll abandoned = poll(queue, 300);
         change(QStringLiteral("v3"));
-        queue->restore(abandoned.token);
+        queue->giveUp(abandoned.token);
         QCoreApplication::processEvents();
         QVERIFY(!abandoned.answer->done);
         QCOMPARE(abandoned.answer.use_count(), 1L); // The request is gone.
@@ -228,6 +235,7 @@ private Q_SLOTS:
         QCOMPARE(expired.first().first().toString(), idle);
         QVERIFY(!m_manager->getQueue(idle));
         QVERIFY(!modify(idle, {}));
+        QVERIFY(!m_manager->getQueue(polled->textId() + QLatin1Char('x')));
         QTRY_VERIFY(waiting.answer->done);
         QCOMPARE(expired.count(), 1); // A waiting poll keeps its queue.
         QTRY_COMPARE(expired.count(), 2);

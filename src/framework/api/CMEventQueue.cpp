@@ -1,10 +1,8 @@
 #include "CMEventQueue.h"
 
 #include <QMetaObject>
-#include <QSet>
 #include <QTimerEvent>
 
-#include <algorithm>
 #include <utility>
 
 #include "CMUINode.h"
@@ -51,7 +49,12 @@ quint64 CMEventQueue::poll(CMEventQueueRequest* request, int timeout, qint64 rec
 {
     const quint64 token = ++m_lastToken;
     request->m_token = token;
-    settleBefore(received);
+    const CMSentAnswers::Settlement earlierAnswers = m_sent.settle(received);
+    m_pending.putBack(earlierAnswers.lost);
+    if (earlierAnswers.outOfStep) {
+        for (const ZarkEventSubscribe& subscription : qAsConst(m_subscribtions))
+            tellAll(subscription.path());
+    }
 
     const std::unique_ptr<CMEventQueueRequest> earlier = std::move(m_waiting);
     m_waiting.reset(request);
@@ -68,33 +71,23 @@ quint64 CMEventQueue::poll(CMEventQueueRequest* request, int timeout, qint64 rec
     return token;
 }
 
+void CMEventQueue::giveUp(quint64 token)
+{
+    if (!m_waiting || m_waiting->token() != token)
+        return;
+    m_waiting.reset();
+    startTimer();
+}
+
 void CMEventQueue::confirm(quint64 token)
 {
-    if (!isHeld(token))
-        return;
-    if (m_held.counted)
-        m_held.arrived = true;
-    else
-        m_held = {};
-    startTimer();
+    m_sent.confirm(token);
 }
 
 void CMEventQueue::restore(quint64 token)
 {
-    if (m_waiting && m_waiting->token() == token) {
-        m_waiting.reset();
-    } else if (isHeld(token)) {
-        if (!m_held.counted)
-            putBack();
-    } else {
-        return;
-    }
-    startTimer();
-}
-
-bool CMEventQueue::isHeld(quint64 token) const
-{
-    return token != 0 && token == m_held.token;
+    m_pending.putBack(m_sent.restore(token));
+    answerSoon();
 }
 
 void CMEventQueue::close()
@@ -102,48 +95,6 @@ void CMEventQueue::close()
     m_closed = true;
     if (m_waiting)
         answer(takeEvents());
-}
-
-// What a poll says of the answer before it.
-void CMEventQueue::settleBefore(qint64 received)
-{
-    const bool answerIsHeld = m_held.token != 0;
-    if (received == NotCounted) {
-        if (answerIsHeld && !m_held.arrived)
-            putBack();
-    } else if (answerIsHeld && received == m_answers - 1) {
-        putBack();
-    } else if (received != m_answers) {
-        m_answers = received;
-        for (const ZarkEventSubscribe& subscription : qAsConst(m_subscribtions))
-            touchAll(subscription.path(), m_paths[subscription.path()], m_tree->node(subscription.path()));
-    }
-    m_held = {};
-}
-
-// The held changes are older than all that came since, whatever path they are of.
-void CMEventQueue::putBack()
-{
-    const HeldAnswer held = std::exchange(m_held, {});
-    const QVector<CMPath> newer = std::exchange(m_touched, {});
-    --m_answers;
-    for (const auto& [path, changes] : held.changes) {
-        if (changes.isEmpty())
-            continue; // Its row events were unsubscribed meanwhile.
-        Subscription& subscription = m_paths[path];
-        subscription.changes.roles |= changes.roles;
-        CMRowChanges& rows = subscription.changes.rows;
-        const int before = rows.count();
-        rows.prepend(changes.rows);
-        countRows(rows, before);
-        m_touched.append(path);
-    }
-    const QSet<CMPath> older(m_touched.cbegin(), m_touched.cend());
-    for (const CMPath& path : newer) {
-        if (!older.contains(path))
-            m_touched.append(path);
-    }
-    answerSoon();
 }
 
 void CMEventQueue::setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscribtions)
@@ -161,7 +112,7 @@ void CMEventQueue::setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscrib
     }
     for (auto it = wanted.cbegin(); it != wanted.cend(); ++it) {
         const bool isNew = !m_paths.contains(it.key());
-        m_paths[it.key()].rows = it.value();
+        m_paths[it.key()] = it.value();
         if (isNew)
             m_tree->addListener(it.key(), this);
     }
@@ -173,106 +124,52 @@ void CMEventQueue::setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscrib
 void CMEventQueue::unsubscribe(const CMPath& path)
 {
     m_tree->removeListener(path, this);
-    unsubscribeRows(path);
     m_paths.remove(path);
-    m_touched.removeOne(path);
-    const auto isOfPath = [&path](const HeldChanges& held) {
-        return held.path == path;
-    };
-    m_held.changes.erase(std::remove_if(m_held.changes.begin(), m_held.changes.end(), isOfPath), m_held.changes.end());
+    m_pending.drop(path);
+    m_sent.drop(path);
 }
 
 // Row events from before a gap in the subscription must not meet those from after it.
 void CMEventQueue::unsubscribeRows(const CMPath& path)
 {
-    Subscription& subscription = m_paths[path];
-    if (!subscription.rows)
-        return;
-    subscription.rows = false;
-    dropRows(subscription.changes.rows);
-    if (subscription.changes.isEmpty())
-        m_touched.removeOne(path);
-    for (HeldChanges& held : m_held.changes) {
-        if (held.path == path)
-            held.changes.rows.clear();
-    }
+    m_pending.dropRows(path);
+    m_sent.dropRows(path);
 }
 
 void CMEventQueue::nodeChanged(CMUINode* node, const QStringList& roles)
 {
-    const auto it = m_paths.find(node->path());
-    const quint32 bits = roleBits(roles);
-    if (it != m_paths.end() && bits)
-        touched(it.key(), it.value()).roles |= bits;
+    m_pending.addRoles(node->path(), roleBits(roles));
     answerSoon();
 }
 
 void CMEventQueue::rowsChanged(CMUINode* node, const QList<ZarkRowEvent>& events)
 {
-    const auto it = m_paths.find(node->path());
-    if (it == m_paths.end() || !it->rows || events.isEmpty())
+    if (!m_paths.value(node->path()))
         return;
-    CMRowChanges& rows = touched(it.key(), it.value()).rows;
-    const int before = rows.count();
-    for (const ZarkRowEvent& event : events)
-        rows.append(event);
-    countRows(rows, before);
+    m_pending.addRows(node->path(), events);
     answerSoon();
 }
 
 void CMEventQueue::nodeAppeared(CMUINode* node)
 {
-    const auto it = m_paths.find(node->path());
-    if (it != m_paths.end())
-        touchAll(it.key(), it.value(), true);
+    m_pending.replace(node->path(), allRoles(), m_paths.value(node->path()));
     answerSoon();
 }
 
 void CMEventQueue::nodeVanished(const CMPath& path)
 {
-    const auto it = m_paths.find(path);
-    if (it != m_paths.end())
-        touchAll(it.key(), it.value(), false);
+    m_pending.replace(path, allRoles(), false);
     answerSoon();
 }
 
-CMEventQueue::Changes& CMEventQueue::touched(const CMPath& path, Subscription& subscription)
+void CMEventQueue::tellAll(const CMPath& path)
 {
-    if (subscription.changes.isEmpty())
-        m_touched.append(path);
-    return subscription.changes;
-}
-
-void CMEventQueue::touchAll(const CMPath& path, Subscription& subscription, bool exists)
-{
-    Changes& changes = touched(path, subscription);
-    changes.roles = allRoles();
-    dropRows(changes.rows);
-    if (exists && subscription.rows) {
-        changes.rows.reset();
-        ++m_rowEvents;
-    }
-}
-
-void CMEventQueue::countRows(CMRowChanges& rows, int before)
-{
-    m_rowEvents += rows.count() - before;
-    if (m_rowEvents <= MaximumRowEvents)
-        return;
-    dropRows(rows);
-    rows.reset();
-    ++m_rowEvents;
-}
-
-void CMEventQueue::dropRows(CMRowChanges& rows)
-{
-    m_rowEvents -= rows.count();
-    rows.clear();
+    m_pending.replace(path, allRoles(), m_paths.value(path) && m_tree->node(path));
 }
 
 void CMEventQueue::answerSoon()
 {
-    if (!m_waiting || m_answersSoon || m_touched.isEmpty())
+    if (!m_waiting || m_answersSoon || m_pending.isEmpty())
         return;
     m_answersSoon = true;
     QMetaObject::invokeMethod(this, &CMEventQueue::answerChanges, Qt::QueuedConnection);
@@ -290,47 +187,39 @@ void CMEventQueue::answerChanges()
 void CMEventQueue::answer(const ZarkList<ZarkEvent>& events)
 {
     const std::unique_ptr<CMEventQueueRequest> request = std::move(m_waiting);
-    if (!events.isEmpty()) {
-        ++m_answers;
-        m_held.token = request->token();
-        m_held.counted = m_waitingCounts;
-        m_held.arrived = !request->settles();
-        if (m_held.arrived && !m_held.counted)
-            m_held = {};
-    }
+    if (!events.isEmpty() && !request->settles())
+        m_sent.confirm(request->token());
     startTimer();
     request->done(m_id, events);
 }
 
 ZarkList<ZarkEvent> CMEventQueue::takeEvents()
 {
+    const QVector<CMPathChanges> told = m_pending.take([this](const CMPath& path) { return m_waiting->mayRead(path); });
     ZarkList<ZarkEvent> events;
-    const QVector<CMPath> paths = std::exchange(m_touched, {});
-    for (const CMPath& path : paths) {
-        if (!m_waiting->mayRead(path)) {
-            m_touched.append(path);
-            continue;
-        }
-        const Changes changes = std::exchange(m_paths[path].changes, {});
-        m_rowEvents -= changes.rows.count();
-        events.append(eventOf(path, changes));
-        m_held.changes.append({ path, changes });
-    }
+    for (const CMPathChanges& changes : told)
+        events.append(eventOf(changes));
+    if (!told.isEmpty())
+        m_sent.sent(m_waiting->token(), m_waitingCounts, told);
     return events;
 }
 
-ZarkEvent CMEventQueue::eventOf(const CMPath& path, const Changes& changes) const
+ZarkEvent CMEventQueue::eventOf(const CMPathChanges& changes) const
 {
-    const CMUINode* node = m_tree->node(path);
+    static const quint32 value = roleBits({ ZarkRoles::Value() });
+    static const quint32 timestamp = roleBits({ ZarkRoles::Timestamp() });
+    const CMUINode* node = m_tree->node(changes.path);
+    const bool isDated = (changes.roles & value) || !changes.rows.isEmpty();
+    const quint32 told = changes.roles | (isDated ? timestamp : 0);
     QVariantHash roles;
     for (int i = 0; i < CMAllRoles().count(); ++i) {
-        if (!(changes.roles & 1u << i))
+        if (!(told & 1u << i))
             continue;
         bool known = false;
         const QString& name = CMAllRoles().at(i);
         roles.insert(name, node ? node->role(name, &known) : QVariant());
     }
-    ZarkEvent event(path);
+    ZarkEvent event(changes.path);
     event.setRoles(roles);
     if (node && !changes.rows.isEmpty()) {
         ZarkList<ZarkRowEvent> rows = changes.rows.events();

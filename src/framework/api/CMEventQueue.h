@@ -4,13 +4,13 @@
 #include <QHash>
 #include <QObject>
 #include <QUuid>
-#include <QVector>
 
 #include <memory>
 
 #include "CMEventQueueRequest.h"
 #include "CMNodeTree.h"
-#include "CMRowChanges.h"
+#include "CMPendingChanges.h"
+#include "CMSentAnswers.h"
 #include "ZarkEvent.h"
 #include "ZarkList.h"
 
@@ -18,12 +18,14 @@
 /// expires: hold a QPointer, or ask the manager by id. Everything happens on the event loop's thread.
 ///
 /// **What a client gets.** One event a path, in the order of the first change:
-/// - "item" and "rows": the roles that changed, with the values that they have when the poll is answered.
+/// - "item" and "rows": the roles that changed, with the values that they have when the poll is answered; with `value`
+///   and with row events also `timestamp`.
 /// - "rows" of a list or a container: also the row events, in order, and the version that the rows have after them. A
 ///   container's rows are its children; nothing below them is told.
 /// - A path that gets a node: all roles, and for "rows" a reset. A path that loses its node: all roles, each null; the
 ///   role `type` is null then and only then. There are no row events of a node that is gone.
-/// - More than CMRowChanges::Maximum row events of a list, or MaximumRowEvents of a queue, make one reset of a list.
+/// - More than CMRowChanges::Maximum row events of a list, or CMPendingChanges::MaximumRowEvents of a queue, make one
+///   reset of a list.
 /// - Nothing at first: a client subscribes, then reads. Every change after the subscription is told.
 /// - Nothing of a path that the request may not read. Its changes wait until one may; they answer no poll.
 ///
@@ -36,7 +38,8 @@
 ///
 /// **Life of a poll.** poll() hands a request over. It waits until something changes and is answered from the next turn
 /// of the event loop, so that the changes of one turn make one answer; or at its timeout with no events. A second poll
-/// answers the first at once with no events. What an answer told is *held* until it is known to have arrived:
+/// answers the first at once with no events. What an answer told is *held* until it is known to have arrived
+/// (CMSentAnswers):
 ///
 /// | the request        | held until           | then                                                     |
 /// | ------------------ | -------------------- | -------------------------------------------------------- |
@@ -54,9 +57,8 @@ class CMEventQueue : public QObject, private CMNodeListener {
     Q_OBJECT
 public:
     static constexpr int MaximumSubscribtions = 1000;
-    static constexpr int MaximumRowEvents = 4096; ///< Of all lists together.
     static constexpr int MaximumTimeout = 300; ///< Seconds.
-    static constexpr qint64 NotCounted = -1;
+    static constexpr qint64 NotCounted = CMSentAnswers::NotCounted;
 
     ~CMEventQueue() override;
 
@@ -69,12 +71,16 @@ public:
     /// Returns the token for confirm() and restore(), never 0.
     quint64 poll(CMEventQueueRequest* request, int timeout, qint64 received = NotCounted);
 
+    /// The client of that poll is gone: its request is deleted unanswered. No effect when it does not wait any more.
+    void giveUp(quint64 token);
+
     /// Whether the answer to that poll told something and has not been settled.
-    bool isHeld(quint64 token) const;
+    bool isHeld(quint64 token) const { return m_sent.isHeld(token); }
+    /// Whether there is such an answer, and nobody has confirmed it.
+    bool isSettlingOpen() const { return m_sent.isOpen(); }
     /// The answer to that poll arrived. No effect for a token that is settled already or whose answer had no events.
     void confirm(quint64 token);
-    /// The answer to that poll did not arrive; the next poll gets its changes. For a poll that still waits: its client
-    /// is gone, and the request is deleted unanswered. Otherwise no effect, as confirm().
+    /// The answer to that poll did not arrive; the next poll gets its changes. Otherwise no effect, as confirm().
     void restore(quint64 token);
 
 Q_SIGNALS:
@@ -82,27 +88,6 @@ Q_SIGNALS:
 
 private:
     friend class CMEventQueueManager;
-
-    struct Changes {
-        quint32 roles = 0; // A bit for each of CMAllRoles().
-        CMRowChanges rows;
-
-        bool isEmpty() const { return !roles && rows.isEmpty(); }
-    };
-    struct Subscription {
-        bool rows = false;
-        Changes changes;
-    };
-    struct HeldChanges {
-        CMPath path;
-        Changes changes;
-    };
-    struct HeldAnswer {
-        quint64 token = 0; // 0: none is held.
-        bool counted = false;
-        bool arrived = false;
-        QVector<HeldChanges> changes;
-    };
 
     CMEventQueue(CMNodeTree* tree, int expiryMs, QObject* parent);
 
@@ -117,21 +102,15 @@ private:
     void nodeAppeared(CMUINode* node) override;
     void nodeVanished(const CMPath& path) override;
 
-    /// The changes of a subscribed path, which the caller adds to.
-    Changes& touched(const CMPath& path, Subscription& subscription);
-    void touchAll(const CMPath& path, Subscription& subscription, bool exists);
-    void countRows(CMRowChanges& rows, int before);
-    void dropRows(CMRowChanges& rows);
+    /// All roles, in place of what there is of the path; with a node also a reset of its rows.
+    void tellAll(const CMPath& path);
 
     void answerSoon();
     void answerChanges();
     void answer(const ZarkList<ZarkEvent>& events);
     /// What the waiting request may read, held from now on.
     ZarkList<ZarkEvent> takeEvents();
-    ZarkEvent eventOf(const CMPath& path, const Changes& changes) const;
-
-    void settleBefore(qint64 received);
-    void putBack();
+    ZarkEvent eventOf(const CMPathChanges& changes) const;
 
     void startTimer();
     void timerEvent(QTimerEvent* event) override;
@@ -145,13 +124,11 @@ private:
     bool m_answersSoon = false;
 
     ZarkList<ZarkEventSubscribe> m_subscribtions;
-    QHash<CMPath, Subscription> m_paths;
-    QVector<CMPath> m_touched; // The paths with changes, the first changed first.
-    int m_rowEvents = 0; // Of all m_paths.
+    QHash<CMPath, bool> m_paths; // Whether the rows are subscribed too.
+    CMPendingChanges m_pending;
+    CMSentAnswers m_sent;
 
     std::unique_ptr<CMEventQueueRequest> m_waiting;
     bool m_waitingCounts = false;
     quint64 m_lastToken = 0;
-    qint64 m_answers = 0; // With events, and not put back.
-    HeldAnswer m_held;
 };

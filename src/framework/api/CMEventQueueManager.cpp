@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr int TextLength = 36; // Of a UUID without braces (RFC 9562, section 4).
+
 /// `list` without `unsubscribe`, then with `subscribe`, each once.
 ZarkList<ZarkEventSubscribe> changedList(const ZarkList<ZarkEventSubscribe>& list,
     const ZarkList<ZarkEventSubscribe>& subscribe, const ZarkList<ZarkEventSubscribe>& unsubscribe)
@@ -68,7 +70,10 @@ CMEventQueue* CMEventQueueManager::modifyQueue(
 
 CMEventQueue* CMEventQueueManager::getQueue(const QString& queueId) const
 {
-    return m_queues.value(QUuid(queueId));
+    // QUuid overlooks what stands behind the id.
+    CMEventQueue* const queue = m_queues.value(QUuid(queueId));
+    const int braces = queueId.startsWith(QLatin1Char('{')) ? 2 : 0;
+    return queueId.size() == TextLength + braces ? queue : nullptr;
 }
 
 bool CMEventQueueManager::checkPermissions(

@@ -119,7 +119,7 @@ void WebserverWorker::createSharedObjects()
     m_configuration->setMaximumRows(limit("rows", m_configuration->maximumRows()));
     if (isZarkFeatureEnabled(QStringLiteral("analytics")))
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
-    m_eventShared = QSharedPointer<EventResponderShared>::create();
+    m_eventShared = QSharedPointer<EventResponderShared>::create(ServerLimits::fromSettings().queuesPerClient);
     m_userDatabase = QSharedPointer<UserDatabase>::create();
     const ServerLimits limits = ServerLimits::fromSettings();
     m_fetchBudget = QSharedPointer<FetchBudget>::create(

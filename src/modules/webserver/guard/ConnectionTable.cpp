@@ -298,9 +298,11 @@ void ConnectionTable::close(Connection* connection)
     // a client does not read is no reason to wait either, and a TLS connection would, for the room to say good-bye.
     const bool isTls = (m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket;
     const bool isIdle = connection->state == ReadingHead && connection->answeredBefore;
-    if (isTls)
+    // An idle plain connection ends in the same way, so that whoever still waits for what became of an answer on it can
+    // look before the library closes it.
+    if (isTls || (isIdle && connection->gsocket))
         ::shutdown(g_socket_get_fd(connection->gsocket), isIdle ? SHUT_RD : SHUT_RDWR);
-    if (!isTls || connection->state != ReadingHead)
+    if (!isIdle && (!isTls || connection->state != ReadingHead))
         soup_socket_disconnect(connection->socket);
 }
 

@@ -29,5 +29,6 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("proxyFetches", &limits.proxyFetches);
     readLimit("proxyFetchesPerClient", &limits.proxyFetchesPerClient);
     readLimit("proxyBytes", &limits.proxyBytes);
+    readLimit("queuesPerClient", &limits.queuesPerClient);
     return limits;
 }

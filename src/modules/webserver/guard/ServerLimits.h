@@ -15,6 +15,7 @@ struct ServerLimits {
     int proxyFetches = 32; ///< Under way or not yet sent.
     int proxyFetchesPerClient = 8; ///< Of those, for one client address; a browser asks for six things at once.
     qint64 proxyBytes = 32 * 1024 * 1024; ///< Held of their bodies; half of it for one client address.
+    int queuesPerClient = 100; ///< Event queues of one client address outside the device, of all servers together.
 
     /// Reads the nodes; a missing, wrong or negative one keeps the default above.
     static ServerLimits fromSettings();

@@ -9,6 +9,8 @@ void CMEventQueueHttpRequest::done(const QUuid& queueId, const ZarkList<ZarkEven
     dbglog_scopedFunction(webserverLog());
     if (!m_responder)
         return;
+    if (!events.isEmpty())
+        m_responder->watchDelivery(m_queue, token());
     ZarkList<ZarkEvent> told = events;
     if (m_responder->shared()->isLegacyQueue(queueId.toString(QUuid::WithoutBraces)))
         addLegacyPaths(&told);

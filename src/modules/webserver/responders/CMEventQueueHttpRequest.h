@@ -9,7 +9,7 @@
 /// nothing, and what it was to tell is kept for the client's next poll.
 class CMEventQueueHttpRequest : public CMEventQueueRequest {
 public:
-    explicit CMEventQueueHttpRequest(EventResponder* responder) : m_responder(responder) { }
+    CMEventQueueHttpRequest(EventResponder* responder, CMEventQueue* queue) : m_responder(responder), m_queue(queue) { }
 
     void done(const QUuid& queueId, const ZarkList<ZarkEvent>& events) override;
     bool mayRead(const CMPath& path) const override;
@@ -17,4 +17,5 @@ public:
 
 private:
     QPointer<EventResponder> m_responder;
+    CMEventQueue* m_queue; ///< The owner.
 };

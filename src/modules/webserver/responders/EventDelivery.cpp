@@ -1,136 +1,288 @@
 #include "EventDelivery.h"
 
+#include <algorithm>
+#include <array>
+#include <cerrno>
 #include <fcntl.h>
-#include <linux/sockios.h>
-#include <poll.h>
-#include <sys/ioctl.h>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include <utility>
 
 #include "Message.h"
 #include "WebserverLog.h"
 
 namespace {
 
-constexpr int DoubtMilliseconds = 3000;
-// Longer than any system holds an acknowledgement back, shorter than it takes to find another network.
-constexpr gint64 AcknowledgementMicroseconds = 300 * 1000;
+constexpr int AcknowledgementCheckMilliseconds = 20;
 
-bool has(int fd, int events)
+struct EventSource {
+    GSource base;
+    EventDelivery* delivery;
+};
+
+SoupSocket* socketOf(SoupClientContext* client)
 {
-    pollfd socket{ fd, static_cast<short>(events), 0 };
-    return fd >= 0 && ::poll(&socket, 1, 0) == 1 && (socket.revents & events) != 0;
+    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+    return soup_client_context_get_socket(client);
+    G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
+gboolean nothingToDispatch(GSource*, GSourceFunc, gpointer)
+{
+    return G_SOURCE_CONTINUE;
 }
 
 } // namespace
 
-void EventDelivery::watch(const Message& message, CMEventQueue* queue, quint64 token)
+// A source's check comes after the wait for events and before anything is dispatched.
+EventDelivery::EventDelivery() : m_epollFd(epoll_create1(EPOLL_CLOEXEC))
 {
-    dbglog_scopedFunction(webserverLog());
-    new EventDelivery(message, queue, token);
-}
-
-void EventDelivery::settleSent(CMEventQueue* queue)
-{
-    dbglog_scopedFunction(webserverLog());
-    const auto deliveries = queue->findChildren<EventDelivery*>(QString(), Qt::FindDirectChildrenOnly);
-    for (EventDelivery* delivery : deliveries) {
-        if (!delivery->m_message)
-            delivery->settle();
-    }
-}
-
-EventDelivery::EventDelivery(const Message& message, CMEventQueue* queue, quint64 token)
-    : QObject(queue), m_queue(queue), m_token(token), m_message(message.data().message),
-      m_client(message.data().client), m_encrypted(message.isHttps())
-{
-    g_signal_connect(m_message, "wrote-headers", G_CALLBACK(onWroteHeaders), this);
-    g_signal_connect(m_message, "finished", G_CALLBACK(onFinished), this);
+    static GSourceFuncs functions{ nullptr, onEvents, nothingToDispatch, nullptr, nullptr, nullptr };
+    m_source = g_source_new(&functions, sizeof(EventSource));
+    reinterpret_cast<EventSource*>(m_source)->delivery = this;
+    if (m_epollFd >= 0)
+        g_source_add_unix_fd(m_source, m_epollFd, G_IO_IN);
+    else
+        dbglog_error(webserverLog(), "Lost answers to polls may not be told again: epoll_create1: errno " << errno);
+    g_source_attach(m_source, nullptr);
 }
 
 EventDelivery::~EventDelivery()
 {
-    if (m_message)
-        g_signal_handlers_disconnect_by_data(m_message, this);
-    if (m_fd >= 0)
-        ::close(m_fd);
+    g_source_destroy(m_source);
+    g_source_unref(m_source);
+    closeLookout();
+    while (!m_connections.empty()) {
+        Connection* connection = m_connections.begin()->second.get();
+        stopWriting(connection);
+        connection->answers.clear();
+        forgetIfSettled(connection);
+    }
+    if (m_epollFd >= 0)
+        ::close(m_epollFd);
 }
 
-// Nobody has read the whole answer here: whoever closes at its end has not done so yet.
-void EventDelivery::onWroteHeaders(SoupMessage*, gpointer self)
+void EventDelivery::watch(const Message& message, CMEventQueue* queue, quint64 token)
 {
-    auto* delivery = static_cast<EventDelivery*>(self);
-    delivery->m_leftBeforeBody = has(delivery->clientSocket(), POLLRDHUP | POLLHUP | POLLERR);
+    dbglog_scopedFunction(webserverLog());
+    GSocket* socket = message.isValid() ? soup_client_context_get_gsocket(message.data().client) : nullptr;
+    if (!socket)
+        return queue->restore(token);
+    Connection* connection = connectionOf(message, g_socket_get_fd(socket));
+    // Before the last byte leaves: the client may have read and spoken before this thread runs again.
+    connection->next = { queue, token, TcpCounters::of(connection->fd) };
+    connection->writing = message.data().message;
+    g_signal_connect(connection->writing, "wrote-body", G_CALLBACK(onWroteBody), connection);
+    g_signal_connect(connection->writing, "finished", G_CALLBACK(onFinished), connection);
 }
 
-void EventDelivery::onFinished(SoupMessage* message, gpointer self)
+EventDelivery::Connection* EventDelivery::connectionOf(const Message& message, int fd)
 {
-    auto* delivery = static_cast<EventDelivery*>(self);
-    g_signal_handlers_disconnect_by_data(message, delivery);
-    delivery->m_message = nullptr;
-    // The library puts this in place of the status when the connection broke.
-    if (message->status_code == SOUP_STATUS_IO_ERROR || delivery->m_leftBeforeBody)
-        return delivery->settleAs(true);
-    if (delivery->m_encrypted || !delivery->m_queue->isHeld(delivery->m_token))
-        return delivery->settleAs(false);
-    delivery->m_closedByServer = !soup_message_is_keepalive(message);
-    delivery->keepSocket();
+    auto& entry = m_connections[fd];
+    if (entry)
+        return entry.get();
+    entry = std::make_unique<Connection>();
+    entry->delivery = this;
+    entry->fd = fd;
+    entry->socket = socketOf(message.data().client);
+    entry->server = message.data().server;
+    entry->isEncrypted = message.isHttps();
+    g_signal_connect(entry->socket, "disconnected", G_CALLBACK(onDisconnected), entry.get());
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLRDHUP | EPOLLET;
+    event.data.fd = fd;
+    epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event);
+    return entry.get();
 }
 
-int EventDelivery::clientSocket() const
+void EventDelivery::settle(CMEventQueue* queue)
 {
-    GSocket* socket = soup_client_context_get_gsocket(m_client);
-    return socket ? g_socket_get_fd(socket) : -1;
+    dbglog_scopedFunction(webserverLog());
+    if (!queue->isSettlingOpen())
+        return;
+    for (const auto& entry : m_connections) {
+        auto& answers = entry.second->answers;
+        const auto answer = std::find_if(answers.begin(), answers.end(),
+            [queue](const Answer& candidate) { return queue->isHeld(candidate.token) && candidate.queue == queue; });
+        if (answer == answers.end())
+            continue;
+        settleAnswer(*answer, TcpCounters::of(entry.first).acknowledged >= answer->sent.written);
+        answers.erase(answer);
+        return forgetIfSettled(entry.second.get());
+    }
 }
 
-void EventDelivery::keepSocket()
+void EventDelivery::onWroteBody(SoupMessage* message, gpointer data)
 {
-    // A duplicate, as the library may close its own before anything is known.
-    m_fd = fcntl(clientSocket(), F_DUPFD_CLOEXEC, 0);
-    if (m_fd < 0)
-        return settleAs(false);
-    m_sentAt = g_get_monotonic_time();
-    startTimer(DoubtMilliseconds);
-    if (m_closedByServer) {
-        // While there is a duplicate, the library's close() does not end the connection.
-        QMetaObject::invokeMethod(
-            this, [this] { ::shutdown(m_fd, SHUT_WR); }, Qt::QueuedConnection);
+    auto* connection = static_cast<Connection*>(data);
+    EventDelivery* delivery = connection->delivery;
+    delivery->endLookout(); // Which may be over this connection, and forgets none that is being written to.
+    delivery->stopWriting(connection);
+    delivery->startWatching(connection, message);
+    delivery->forgetIfSettled(connection);
+}
+
+void EventDelivery::startWatching(Connection* connection, SoupMessage* message)
+{
+    Answer answer = std::exchange(connection->next, {});
+    if (!answer.queue || !answer.queue->isHeld(answer.token))
+        return;
+    const TcpCounters now = TcpCounters::of(connection->fd);
+    answer.sent.written = now.written;
+    answer.sent.clientEnded = now.clientEnded;
+    const bool closes = !soup_message_is_keepalive(message);
+    if (!now.isKnown || hasArrived(answer.sent, now) || (closes && connection->isEncrypted))
+        return settleAnswer(answer, true);
+    if (closes || answer.sent.clientEnded) {
+        connection->kept = message;
+        soup_server_pause_message(connection->server, message);
+        connect(answer.queue, &QObject::destroyed, this, &EventDelivery::lookAtKept);
+        m_acknowledgements.start(AcknowledgementCheckMilliseconds, this);
+    }
+    if (closes)
+        ::shutdown(connection->fd, SHUT_WR);
+    connection->answers.push_back(answer);
+    lookOut(connection);
+}
+
+// From inside the end of an exchange the library reads on: what it takes there no event tells of, and what it finds
+// closed it closes. One connection at a time is therefore held by a second descriptor, until the library's turn is
+// over.
+void EventDelivery::lookOut(Connection* connection)
+{
+    m_lookoutOver = connection;
+    m_lookoutFd = fcntl(connection->fd, F_DUPFD_CLOEXEC, 0);
+}
+
+void EventDelivery::endLookout()
+{
+    Connection* connection = m_lookoutOver;
+    closeLookout();
+    if (connection)
+        look(connection, TcpCounters::of(connection->fd), Heard);
+}
+
+void EventDelivery::closeLookout()
+{
+    if (m_lookoutFd >= 0)
+        ::close(m_lookoutFd);
+    m_lookoutFd = -1;
+    m_lookoutOver = nullptr;
+}
+
+void EventDelivery::onFinished(SoupMessage*, gpointer data)
+{
+    // Before its answer was written.
+    auto* connection = static_cast<Connection*>(data);
+    EventDelivery* delivery = connection->delivery;
+    delivery->stopWriting(connection);
+    delivery->settleAnswer(std::exchange(connection->next, {}), false);
+    delivery->forgetIfSettled(connection);
+}
+
+void EventDelivery::onDisconnected(SoupSocket*, gpointer data)
+{
+    auto* connection = static_cast<Connection*>(data);
+    EventDelivery* delivery = connection->delivery;
+    const int fd = delivery->m_lookoutOver == connection ? delivery->m_lookoutFd : -1;
+    connection->kept = nullptr;
+    delivery->look(connection, TcpCounters::of(fd), Ended);
+}
+
+gboolean EventDelivery::onEvents(GSource* source)
+{
+    reinterpret_cast<EventSource*>(source)->delivery->hear();
+    return FALSE;
+}
+
+void EventDelivery::hear()
+{
+    endLookout();
+    if (m_connections.empty())
+        return;
+    std::array<epoll_event, 64> events{};
+    int count = 0;
+    do {
+        count = epoll_wait(m_epollFd, events.data(), static_cast<int>(events.size()), 0);
+        for (int i = 0; i < count; ++i) {
+            const auto& event = events.at(static_cast<size_t>(i));
+            const auto found = m_connections.find(event.data.fd);
+            if (found == m_connections.end())
+                continue;
+            const TcpCounters now = TcpCounters::of(event.data.fd);
+            // The end of the stream without an end from the client: this server closes the connection.
+            const bool givenUp = (event.events & EPOLLRDHUP) && !now.clientEnded && !now.isOver;
+            look(found->second.get(), now, now.isOver ? Ended : givenUp ? GivenUp : Heard);
+        }
+    } while (count == static_cast<int>(events.size()));
+}
+
+void EventDelivery::look(Connection* connection, const TcpCounters& now, Occasion occasion)
+{
+    const auto isSettled = [&](const Answer& answer) {
+        const bool arrived =
+            hasArrived(answer.sent, now) || (occasion == GivenUp && now.acknowledged >= answer.sent.written);
+        if (!arrived && occasion == Heard && answer.queue)
+            return false;
+        settleAnswer(answer, arrived);
+        return true;
+    };
+    auto& answers = connection->answers;
+    answers.erase(std::remove_if(answers.begin(), answers.end(), isSettled), answers.end());
+    forgetIfSettled(connection);
+}
+
+void EventDelivery::settleAnswer(const Answer& answer, bool arrived)
+{
+    if (!answer.queue || !answer.queue->isHeld(answer.token))
+        return;
+    dbglog_trace(webserverLog(),
+        "answer to poll " << answer.token << " of " << answer.queue->textId()
+                          << (arrived ? " has arrived" : " is lost"));
+    if (arrived)
+        answer.queue->confirm(answer.token);
+    else
+        answer.queue->restore(answer.token);
+}
+
+void EventDelivery::forgetIfSettled(Connection* connection)
+{
+    if (!connection->answers.empty() || connection->writing)
+        return;
+    g_signal_handlers_disconnect_by_data(connection->socket, connection);
+    if (m_lookoutOver == connection)
+        closeLookout();
+    epoll_ctl(m_epollFd, EPOLL_CTL_DEL, connection->fd, nullptr);
+    if (connection->kept)
+        soup_server_unpause_message(connection->server, connection->kept);
+    m_connections.erase(connection->fd);
+}
+
+void EventDelivery::stopWriting(Connection* connection)
+{
+    if (connection->writing)
+        g_signal_handlers_disconnect_by_data(connection->writing, connection);
+    connection->writing = nullptr;
+}
+
+void EventDelivery::lookAtKept()
+{
+    std::vector<Connection*> kept;
+    for (const auto& entry : m_connections) {
+        if (entry.second->kept)
+            kept.push_back(entry.second.get());
+    }
+    if (kept.empty())
+        m_acknowledgements.stop();
+    for (Connection* connection : kept) {
+        const TcpCounters now = TcpCounters::of(connection->fd);
+        look(connection, now, now.isOver ? Ended : Heard);
     }
 }
 
 void EventDelivery::timerEvent(QTimerEvent*)
 {
-    settle();
-}
-
-void EventDelivery::settle()
-{
-    settleAs(isRefused() || isUnacknowledged());
-}
-
-bool EventDelivery::isRefused() const
-{
-    // Both sides have ended a connection that the server closed: that it hangs up says nothing, but its error is still
-    // there. The error of another one the library may have taken away, but only a refusal ends that at once.
-    return has(m_fd, m_closedByServer ? POLLERR : POLLERR | POLLHUP);
-}
-
-bool EventDelivery::isUnacknowledged() const
-{
-    int bytes = 0;
-    return g_get_monotonic_time() - m_sentAt > AcknowledgementMicroseconds && ioctl(m_fd, SIOCOUTQ, &bytes) == 0
-        && bytes > 0;
-}
-
-void EventDelivery::settleAs(bool lost)
-{
-    dbglog_trace(webserverLog(),
-        "answer to poll " << m_token << " of " << m_queue->textId() << (lost ? " is lost" : " has arrived"));
-    CMEventQueue* queue = m_queue;
-    const quint64 token = m_token;
-    delete this;
-    if (lost)
-        queue->restore(token);
-    else
-        queue->confirm(token);
+    lookAtKept();
 }

@@ -4,7 +4,6 @@
 #include "CMNodeTree.h"
 #include "CMRoot.h"
 #include "CMUINode.h"
-#include "EventDelivery.h"
 #include "EventResponderShared.h"
 #include "EventRewriting.h"
 #include "MimeTypes.h"
@@ -15,6 +14,7 @@ namespace {
 
 constexpr int PrefixLength = 11; // Of "/api/event/".
 constexpr int DefaultTimeout = 5; // Seconds.
+constexpr int TooManyRequests = 429; // RFC 6585, section 4.
 
 QByteArray toText(const ZarkList<ZarkEventSubscribe>& subscriptions)
 {
@@ -28,6 +28,12 @@ EventResponder::EventResponder(Request& request, const QString& path,
     const QSharedPointer<ResponderConfiguration>& configuration, QObject* parent)
     : SignedResponder(request, path, userDatabase, configuration, parent), m_shared(shared)
 {
+}
+
+EventResponder::~EventResponder()
+{
+    if (m_polled)
+        m_polled->giveUp(m_pollToken);
 }
 
 void EventResponder::respond()
@@ -56,9 +62,14 @@ void EventResponder::modifyQueue()
     addCurrentPaths(&data.unsubscribe);
     if (!admit(true, data.subscribe))
         return;
+    const QString client = request().isFromLocalhost() ? QString() : request().sender();
+    if (data.queueId.isEmpty() && !m_shared->hasRoomFor(client))
+        return finishRespond(TooManyRequests, QStringLiteral("Too many queues!"));
     const CMEventQueue* queue = m_shared->eventQueues()->modifyQueue(data.queueId, data.subscribe, data.unsubscribe);
     if (!queue)
         return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unable to subscribe or unsubscribe paths!"));
+    if (data.queueId.isEmpty())
+        m_shared->addQueue(queue->textId(), client);
     if (legacy)
         m_shared->addLegacyQueue(queue->textId());
     respondWithJson(queue->textId());
@@ -77,10 +88,10 @@ void EventResponder::pollQueue()
         return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unknown queue id!"));
     if (!admit(false, queue->subscribtions()))
         return;
-    EventDelivery::settleSent(queue);
+    m_shared->delivery()->settle(queue);
     const int timeout = data.timeout < 0 ? DefaultTimeout : data.timeout;
-    const quint64 token = queue->poll(new CMEventQueueHttpRequest(this), timeout, data.received);
-    EventDelivery::watch(request(), queue, token);
+    m_polled = queue;
+    m_pollToken = queue->poll(new CMEventQueueHttpRequest(this, queue), timeout, data.received);
 }
 
 bool EventResponder::parseData(SubscribeData* data)
@@ -135,6 +146,12 @@ bool EventResponder::mayReadNow(const CMPath& path) const
         return false;
     const CMUINode* node = CMRoot()->tree()->node(path);
     return !node || node->permission() != ZarkPermission::Internal || caller().local;
+}
+
+void EventResponder::watchDelivery(CMEventQueue* queue, quint64 token)
+{
+    dbglog_scopedFunction(webserverLog());
+    m_shared->delivery()->watch(request(), queue, token);
 }
 
 void EventResponder::queueRequestDone(const ZarkList<ZarkEvent>& events)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QPointer>
 #include <QSharedPointer>
 
 #include "EventRequests.h"
@@ -20,11 +21,14 @@ public:
     EventResponder(Request& request, const QString& path, const QSharedPointer<EventResponderShared>& shared,
         const QSharedPointer<UserDatabase>& userDatabase, const QSharedPointer<ResponderConfiguration>& configuration,
         QObject* parent);
+    ~EventResponder() override; ///< Gives up the poll that still waits.
 
     void respond() override;
 
     EventResponderShared* shared() const { return m_shared.data(); }
 
+    /// The answer that follows is to tell `queue`, as poll `token`, whether it arrived.
+    void watchDelivery(CMEventQueue* queue, quint64 token);
     /// The answer to a poll.
     void queueRequestDone(const ZarkList<ZarkEvent>& events);
     /// Whether this client may hear of the node at `path` under the permissions and the mode of this moment. Internal
@@ -43,5 +47,7 @@ private:
 
     void finishRespond(int status, const QString& text);
 
+    QPointer<CMEventQueue> m_polled;
+    quint64 m_pollToken = 0;
     QSharedPointer<EventResponderShared> m_shared;
 };

@@ -2,13 +2,25 @@
 
 #include "WebserverLog.h"
 
-EventResponderShared::EventResponderShared() : m_eventQueues(nullptr)
+EventResponderShared::EventResponderShared(int queuesPerClient)
+    : m_eventQueues(nullptr), m_queuesPerClient(queuesPerClient)
 {
     connect(&m_eventQueues, &CMEventQueueManager::expired, this, &EventResponderShared::on_queue_expired);
+}
+
+void EventResponderShared::addQueue(const QString& queueId, const QString& client)
+{
+    if (client.isEmpty())
+        return;
+    m_clients.insert(queueId, client);
+    ++m_queueCounts[client];
 }
 
 void EventResponderShared::on_queue_expired(const QString& queueId)
 {
     dbglog_trace(webserverLog(), "Removing expired queue id: " << queueId << " from queueId legacy path set");
     m_legacyQueues.remove(queueId);
+    const QString client = m_clients.take(queueId);
+    if (!client.isEmpty() && --m_queueCounts[client] == 0)
+        m_queueCounts.remove(client);
 }

@@ -1,24 +1,37 @@
 #pragma once
 
+#include <QHash>
 #include <QObject>
 #include <QSet>
 #include <QString>
 
 #include "CMEventQueueManager.h"
+#include "EventDelivery.h"
 
-/// What all event responders share: the queues, and which of them belong to clients that use legacy paths.
+/// What all event responders share: the queues, which of them belong to clients that use legacy paths, which client
+/// made each, and what becomes of their answers.
 class EventResponderShared : public QObject {
     Q_OBJECT
 public:
-    EventResponderShared();
+    /// One client, by its address, may have so many queues.
+    explicit EventResponderShared(int queuesPerClient);
 
     CMEventQueueManager* eventQueues() { return &m_eventQueues; }
+    EventDelivery* delivery() { return &m_delivery; }
     void addLegacyQueue(const QString& queueId) { m_legacyQueues.insert(queueId); }
     bool isLegacyQueue(const QString& queueId) const { return m_legacyQueues.contains(queueId); }
+
+    /// Whether `client` may make another queue; an empty one, the device itself, may always.
+    bool hasRoomFor(const QString& client) const { return m_queueCounts.value(client) < m_queuesPerClient; }
+    void addQueue(const QString& queueId, const QString& client);
 
 private:
     void on_queue_expired(const QString& queueId);
 
     CMEventQueueManager m_eventQueues;
+    EventDelivery m_delivery;
     QSet<QString> m_legacyQueues;
+    int m_queuesPerClient;
+    QHash<QString, QString> m_clients; ///< By queue; without those of the device itself.
+    QHash<QString, int> m_queueCounts; ///< By client.
 };
