@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include <sys/stat.h>
 
@@ -27,10 +28,10 @@
 
 namespace {
 
-constexpr int settleLimitMs = 1000;
+constexpr int settleLimitMs = 1200;
 constexpr int pendingLimitMs = 30000;
 constexpr int pendingCheckMs = 10;
-/// Answers on their way out wait for the disk and for sockets; a pause this long means that nothing more comes.
+/// Answers on their way out wait for sockets; a pause this long means that nothing more comes.
 constexpr int lastAnswersQuietMs = 50;
 
 const DbgLogger& logger()
@@ -39,8 +40,8 @@ const DbgLogger& logger()
     return hostLogger;
 }
 
-/// Turns the event loop until nothing has happened for `quietMs`, for a second at the most.
-void settle(int quietMs)
+/// Turns the event loop until nothing has happened for `quietMs` and `isDone`, for a second or so at the most.
+void settle(int quietMs, const std::function<bool()>& isDone)
 {
     const QDeadlineTimer limit(settleLimitMs);
     QElapsedTimer idle;
@@ -50,7 +51,7 @@ void settle(int quietMs)
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         if (QCoreApplication::eventDispatcher()->processEvents(QEventLoop::AllEvents))
             idle.restart();
-        else if (idle.hasExpired(quietMs))
+        else if (idle.hasExpired(quietMs) && isDone())
             return;
         else
             QThread::msleep(1);
@@ -148,16 +149,18 @@ Host::ExitStatus Host::run()
     if (m_options.check)
         return Success;
     // Workers that start from queued calls get their turn before they are asked.
-    settle(0);
+    settle(0, [] { return true; });
     awaitWorkers();
     if (!announce())
         return NoServer;
     m_notifier->ready();
     m_isReady = true;
+    dbglog_info(logger(), "zark-host " ZARK_VERSION " started");
     // quit() before exec() would be forgotten.
     if (!m_isStopRequested)
         QCoreApplication::exec();
     m_notifier->stopping();
+    dbglog_info(logger(), "stopping");
     return Success;
 }
 
@@ -223,11 +226,14 @@ void Host::stop()
 {
     for (auto worker = m_workers.rbegin(); worker != m_workers.rend(); ++worker)
         (*worker)->shutDown();
+    // What is being written is answered when it is on the disk.
     if (!m_workers.empty())
-        settle(lastAnswersQuietMs);
+        settle(lastAnswersQuietMs, [this] { return m_store->isIdle(); });
     while (!m_workers.empty())
         m_workers.pop_back();
     m_nodes.reset();
     m_root.reset();
     m_store.reset();
+    if (m_isReady)
+        dbglog_info(logger(), "stopped");
 }

@@ -33,6 +33,8 @@ public:
     ZarkValue value(const CMPath& path) const { return m_values.value(path); }
     /// Answers CMError::StoreFailed when the disk refuses; the stored value is then the earlier one.
     void write(const CMPath& path, const ZarkValue& value, CMVoidReply reply);
+    /// No write waits for its answer.
+    bool isIdle() const { return m_pending.empty(); }
 
 private:
     class Writer;

@@ -277,6 +277,9 @@ void WebserverWorker::reload()
 void WebserverWorker::shutDown()
 {
     dbglog_scopedFunction(webserverLog());
+    m_renewal.stop();
+    for (Server* server : qAsConst(m_servers))
+        server->drain();
     m_eventShared->eventQueues()->shutDown();
 }
 
