@@ -261,6 +261,12 @@ private Q_SLOTS:
         const auto got = rows(path("a:b"), 0, 9, 0, { "path", "type" });
         QCOMPARE(got.value.rows(), QList<QVariantList>({ { "a:b/c", "value" }, { "a:b/d", "container" } }));
 
+        CMValueNode::create(m_nodes.get(), path("z:top"), ZarkValue::fromI32(1));
+        const auto roots = rows(path(":"), 0, 9, 0, { "path", "type", "permission" });
+        QCOMPARE(roots.value.rows(),
+            QList<QVariantList>({ { "a:b", "container", "default" }, { "z:top", "value", "default" } }));
+        QVERIFY(rows(path(":"), 0, 9, roots.value.rowsVersion(), { "path" }).error.isEmpty());
+
         CMUINode* const b = CMUINode::create(m_nodes.get(), path("a:b"));
         QVERIFY(b);
         QCOMPARE(b->children().size(), 2);
@@ -269,6 +275,10 @@ private Q_SLOTS:
         m_nodes->destroy(c);
         m_nodes->destroy(e);
         QCOMPARE(listener.take(), QStringList({ "rows 2 0 -1", "vanished a:b" }));
+        const auto left = rows(path(":"), 0, 9, 0, { "path" });
+        QCOMPARE(left.value.rows(), QList<QVariantList>({ { "z:top" } }));
+        QVERIFY(left.value.rowsVersion() > roots.value.rowsVersion());
+        m_nodes = std::make_unique<CMNodes>(tree);
         QVERIFY(tree->paths().isEmpty());
         tree->removeListener(path("a:b"), &listener);
     }
