@@ -113,9 +113,16 @@ bool Host::loadTree(QString* error)
 bool Host::loadModules(QString* error)
 {
     for (const QString& module : qAsConst(m_options.workers)) {
-        m_creates.push_back(m_loader.load(module, error));
-        if (!m_creates.back())
+        const CMWorkerCreate create = m_loader.load(module, error);
+        if (!create)
             return false;
+        const auto same = std::find(m_creates.cbegin(), m_creates.cend(), create);
+        if (same != m_creates.cend()) {
+            *error = QStringLiteral("module '%1' is the same as '%2'")
+                         .arg(module, m_options.workers.at(int(same - m_creates.cbegin())));
+            return false;
+        }
+        m_creates.push_back(create);
     }
     return true;
 }
@@ -127,13 +134,23 @@ bool Host::makeWorkers(QString* error)
     const QVariantHash arguments{ { QStringLiteral("state"), QFileInfo(m_options.stateDirectory).absoluteFilePath() } };
     for (size_t i = 0; i < m_creates.size(); ++i) {
         std::unique_ptr<CMNodesWorker> worker(m_creates[i](arguments));
-        if (!worker) {
-            *error = QStringLiteral("module '%1' made no worker").arg(m_options.workers.at(int(i)));
+        const QString fault = workerFault(worker.get());
+        if (!fault.isEmpty()) {
+            *error = QStringLiteral("module '%1': %2").arg(m_options.workers.at(int(i)), fault);
             return false;
         }
         m_workers.push_back(std::move(worker));
     }
     return true;
+}
+
+QString Host::workerFault(const CMNodesWorker* worker) const
+{
+    if (!worker)
+        return QStringLiteral("it made no worker");
+    const bool isTwice = std::any_of(m_workers.cbegin(), m_workers.cend(),
+        [worker](const std::unique_ptr<CMNodesWorker>& other) { return other->name() == worker->name(); });
+    return isTwice ? QStringLiteral("there is a worker \"%1\" already").arg(worker->name()) : worker->fault();
 }
 
 bool Host::applyLastOverrides(QString* error)

@@ -143,6 +143,11 @@ private Q_SLOTS:
         row("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
         row("module is no library", "--tree tree.json --check --worker ./tree.json",
             "module './tree.json': .*tree.json");
+        row("same module twice", "--tree tree.json --check --worker " RECORDER_FIRST " --worker /." RECORDER_FIRST,
+            "module '/\\./.*' is the same as '/.*'$");
+        row("status node taken", "--tree tree.json --state s --worker " RECORDER_FIRST,
+            "module '.*': the node \"first:status/errors\" is there already$",
+            R"({"nodes": [{"path": "first:status/errors", "type": "container"}]})");
         row("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
         row("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
         row("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
