@@ -22,7 +22,6 @@
 #include "CMTreeFile.h"
 #include "ServiceNotifier.h"
 #include "SignalWatch.h"
-#include "StartupPages.h"
 #include "WorkerStatus.h"
 #include "dbglog.h"
 
@@ -211,7 +210,6 @@ bool Host::announce()
     if (canServe)
         puts("ready");
     fflush(stdout);
-    releaseStartupPages();
     return canServe;
 }
 
