@@ -204,11 +204,42 @@ def latency_max(bench, name):
     return at_most(name, ours.max, 200.0, "ms", ours.max / 200.0, 1.0, f"the floor: {floor.max:.1f} ms")
 
 
-def resident_memory(bench, name):
-    with fresh_device(bench) as device, IdleFloor(bench.build) as idle:
-        time.sleep(1)  # What the start left to do in the background.
-        ours, reference = device.resident_kib(), idle.resident_kib()
-    return at_most(name, ours, reference, "KiB", ours / reference, 1.5)
+MIXED = [
+    Exchange(GET_VALUE),
+    Exchange(GET_ROWS),
+    write_exchange("demo:volatile/counter"),
+    write_exchange("demo:values/i32"),
+    Exchange("/" + FILE_64K),
+]
+
+
+@contextlib.contextmanager
+def used_device(bench):
+    """A device after 1,000 mixed requests, one of them over HTTPS, and with one event queue."""
+    (bench.scratch / FILE_64K).write_bytes(bytes(FILE_BYTES))
+    root = {"settings:webserver/documentRoot": bench.scratch}
+    with Device(bench.build, bench.scratch / "used", root) as device:
+        device.wait_for_https()
+        with WaitingPolls(device, 1) as polls:
+            polls.round_trip()
+            for number in range(1000):
+                ask_once(device, MIXED[number % len(MIXED)])
+            yield device
+
+
+def memory_share(bench, name):
+    """One after the other: side by side, each would bear half of the libraries that they share."""
+    with IdleFloor(bench.build) as idle:
+        reference = idle.memory_kib("Pss")
+    with used_device(bench) as device:
+        ours = device.memory_kib("Pss")
+    return at_most(name, ours, reference, "KiB", ours / reference, 1.3)
+
+
+def memory_dirty(bench, name):
+    with used_device(bench) as device:
+        ours = device.memory_kib("Private_Dirty")
+    return at_most(name, ours, 3584.0, "KiB", ours / 3584.0, 1.0)
 
 
 def start_to_first_answer(bench, name):
@@ -269,7 +300,8 @@ def fresh_device(bench):
 
 ROWS = [
     ("start to first answer", start_to_first_answer),
-    ("resident memory", resident_memory),
+    ("memory in use, Pss", memory_share),
+    ("memory in use, private dirty", memory_dirty),
     ("getData unsigned", get_data_unsigned),
     ("getData signed", get_data_signed),
     ("setData volatile", set_data_volatile),

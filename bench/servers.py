@@ -80,6 +80,11 @@ class Process:
         fields = stat[stat.rindex(")") + 2 :].split()
         return (int(fields[11]) + int(fields[12])) / TICKS
 
+    def memory_kib(self, kind):
+        """"Pss": its own pages and its share of others'; "Private_Dirty": what no file holds and nobody shares."""
+        pages = Path(f"/proc/{self.process.pid}/smaps_rollup").read_text()
+        return int(next(line for line in pages.splitlines() if line.startswith(kind + ":")).split()[1])
+
     def resident_kib(self):
         status = Path(f"/proc/{self.process.pid}/status").read_text()
         return int(next(line for line in status.splitlines() if line.startswith("VmRSS:")).split()[1])
@@ -121,9 +126,10 @@ class Device(Process):
 
     def __init__(self, build, state, settings=()):
         self.port = free_port()
+        self.https_port = free_port()
         values = {
             "settings:webserver/port": self.port,
-            "settings:webserver/httpsPort": free_port(),
+            "settings:webserver/httpsPort": self.https_port,
             "settings:webserver/users": f'[{{"name":"{USER}","password":"{PASSWORD}"}}]',
             **dict(settings),
         }
@@ -151,6 +157,20 @@ class Device(Process):
                 raise BenchError("the device does not start:\n  " + "\n  ".join(tail))
             time.sleep(0.001)
         self.start_seconds = time.monotonic() - self.started
+
+    def wait_for_https(self):
+        """Until it has answered one request over HTTPS: its first certificate takes a moment."""
+        while True:
+            connection = http.client.HTTPSConnection("127.0.0.1", self.https_port, timeout=START_SECONDS, context=ANYBODY)
+            try:
+                connection.request("GET", "/api/getData?path=player:player/volume&roles=value")
+                return connection.getresponse().read()
+            except OSError as error:
+                if time.monotonic() - self.started > 2 * START_SECONDS:
+                    raise BenchError(f"HTTPS: {error}") from error
+                time.sleep(0.05)
+            finally:
+                connection.close()
 
     def answers(self):
         connection = self.connect()

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 
 #include <sys/stat.h>
 
@@ -21,16 +22,15 @@
 #include "CMTreeFile.h"
 #include "ServiceNotifier.h"
 #include "SignalWatch.h"
-#include "StartupPages.h"
 #include "WorkerStatus.h"
 #include "dbglog.h"
 
 namespace {
 
-constexpr int settleLimitMs = 1000;
+constexpr int settleLimitMs = 1200;
 constexpr int pendingLimitMs = 30000;
 constexpr int pendingCheckMs = 10;
-/// Answers on their way out wait for the disk and for sockets; a pause this long means that nothing more comes.
+/// Answers on their way out wait for sockets; a pause this long means that nothing more comes.
 constexpr int lastAnswersQuietMs = 50;
 
 const DbgLogger& logger()
@@ -39,8 +39,8 @@ const DbgLogger& logger()
     return hostLogger;
 }
 
-/// Turns the event loop until nothing has happened for `quietMs`, for a second at the most.
-void settle(int quietMs)
+/// Turns the event loop until nothing has happened for `quietMs` and `isDone`, for a second or so at the most.
+void settle(int quietMs, const std::function<bool()>& isDone)
 {
     const QDeadlineTimer limit(settleLimitMs);
     QElapsedTimer idle;
@@ -50,7 +50,7 @@ void settle(int quietMs)
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         if (QCoreApplication::eventDispatcher()->processEvents(QEventLoop::AllEvents))
             idle.restart();
-        else if (idle.hasExpired(quietMs))
+        else if (idle.hasExpired(quietMs) && isDone())
             return;
         else
             QThread::msleep(1);
@@ -112,9 +112,16 @@ bool Host::loadTree(QString* error)
 bool Host::loadModules(QString* error)
 {
     for (const QString& module : qAsConst(m_options.workers)) {
-        m_creates.push_back(m_loader.load(module, error));
-        if (!m_creates.back())
+        const CMWorkerCreate create = m_loader.load(module, error);
+        if (!create)
             return false;
+        const auto same = std::find(m_creates.cbegin(), m_creates.cend(), create);
+        if (same != m_creates.cend()) {
+            *error = QStringLiteral("module '%1' is the same as '%2'")
+                         .arg(module, m_options.workers.at(int(same - m_creates.cbegin())));
+            return false;
+        }
+        m_creates.push_back(create);
     }
     return true;
 }
@@ -126,13 +133,23 @@ bool Host::makeWorkers(QString* error)
     const QVariantHash arguments{ { QStringLiteral("state"), QFileInfo(m_options.stateDirectory).absoluteFilePath() } };
     for (size_t i = 0; i < m_creates.size(); ++i) {
         std::unique_ptr<CMNodesWorker> worker(m_creates[i](arguments));
-        if (!worker) {
-            *error = QStringLiteral("module '%1' made no worker").arg(m_options.workers.at(int(i)));
+        const QString fault = workerFault(worker.get());
+        if (!fault.isEmpty()) {
+            *error = QStringLiteral("module '%1': %2").arg(m_options.workers.at(int(i)), fault);
             return false;
         }
         m_workers.push_back(std::move(worker));
     }
     return true;
+}
+
+QString Host::workerFault(const CMNodesWorker* worker) const
+{
+    if (!worker)
+        return QStringLiteral("it made no worker");
+    const bool isTwice = std::any_of(m_workers.cbegin(), m_workers.cend(),
+        [worker](const std::unique_ptr<CMNodesWorker>& other) { return other->name() == worker->name(); });
+    return isTwice ? QStringLiteral("there is a worker \"%1\" already").arg(worker->name()) : worker->fault();
 }
 
 bool Host::applyLastOverrides(QString* error)
@@ -148,16 +165,18 @@ Host::ExitStatus Host::run()
     if (m_options.check)
         return Success;
     // Workers that start from queued calls get their turn before they are asked.
-    settle(0);
+    settle(0, [] { return true; });
     awaitWorkers();
     if (!announce())
         return NoServer;
     m_notifier->ready();
     m_isReady = true;
+    dbglog_info(logger(), "zark-host " ZARK_VERSION " started");
     // quit() before exec() would be forgotten.
     if (!m_isStopRequested)
         QCoreApplication::exec();
     m_notifier->stopping();
+    dbglog_info(logger(), "stopping");
     return Success;
 }
 
@@ -191,7 +210,6 @@ bool Host::announce()
     if (canServe)
         puts("ready");
     fflush(stdout);
-    releaseStartupPages();
     return canServe;
 }
 
@@ -223,11 +241,14 @@ void Host::stop()
 {
     for (auto worker = m_workers.rbegin(); worker != m_workers.rend(); ++worker)
         (*worker)->shutDown();
+    // What is being written is answered when it is on the disk.
     if (!m_workers.empty())
-        settle(lastAnswersQuietMs);
+        settle(lastAnswersQuietMs, [this] { return m_store->isIdle(); });
     while (!m_workers.empty())
         m_workers.pop_back();
     m_nodes.reset();
     m_root.reset();
     m_store.reset();
+    if (m_isReady)
+        dbglog_info(logger(), "stopped");
 }

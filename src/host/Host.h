@@ -44,6 +44,7 @@ private:
     bool loadTree(QString* error);
     bool loadModules(QString* error);
     bool makeWorkers(QString* error);
+    QString workerFault(const CMNodesWorker* worker) const;
     bool applyLastOverrides(QString* error);
     void awaitWorkers();
     bool announce(); ///< False when some worker cannot serve.

@@ -1,8 +1,11 @@
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QtTest>
 
 #include <csignal>
 #include <cstddef>
 
+#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,7 +17,8 @@ namespace {
 
 const char* const testTree = R"({"nodes": [
   {"path": "test:value", "type": "value", "value": {"type": "i32", "value": 1}, "persistent": true,
-   "edit": {"minimum": 0, "maximum": 9}},
+   "modifiable": true, "edit": {"minimum": 0, "maximum": 9}},
+  {"path": "settings:webserver/port", "type": "value", "value": {"type": "i32", "value": 0}},
   {"path": "test:hangs", "type": "value", "value": {"type": "bool", "value": false}},
   {"path": "test:addresses", "type": "value", "value": {"type": "stringList", "value": []}},
   {"path": "test:errors", "type": "value", "value": {"type": "stringList", "value": []}}
@@ -53,6 +57,44 @@ private:
     bool m_isBound = false;
 };
 
+/// A client that writes a persistent value, again and again.
+class Writer {
+public:
+    explicit Writer(quint16 port)
+    {
+        QObject::connect(&m_socket, &QTcpSocket::connected, &m_socket, [this] { write(); });
+        QObject::connect(&m_socket, &QTcpSocket::readyRead, &m_socket, [this] { read(); });
+        m_socket.connectToHost(QHostAddress::LocalHost, port);
+    }
+    int answers() const { return m_answers; }
+    bool isRefused() const { return m_isRefused; } ///< Some answer was another than 200.
+
+private:
+    void write()
+    {
+        const QByteArray body =
+            R"({"path": "test:value", "role": "value", "value": )" + QByteArray::number(m_answers % 9) + "}";
+        m_socket.write("POST /api/setData HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
+                       "Content-Length: "
+            + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+    }
+    void read()
+    {
+        m_answer += m_socket.readAll();
+        if (!m_answer.endsWith('}'))
+            return;
+        m_isRefused = m_isRefused || !m_answer.startsWith("HTTP/1.1 200");
+        m_answer.clear();
+        ++m_answers;
+        write();
+    }
+
+    QTcpSocket m_socket;
+    QByteArray m_answer;
+    int m_answers = 0;
+    bool m_isRefused = false;
+};
+
 } // namespace
 
 class HostTest : public QObject {
@@ -85,6 +127,7 @@ private Q_SLOTS:
         };
         row("no state", "--tree tree.json", "--state DIR is missing$");
         row("log level", "--tree tree.json --state s --log-level loud", "--log-level loud: ");
+        row("log file with a fault", "--tree tree.json --check --log-config tree.json", "tree.json:1: ");
         row("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
         row("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
         row("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
@@ -100,6 +143,11 @@ private Q_SLOTS:
         row("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
         row("module is no library", "--tree tree.json --check --worker ./tree.json",
             "module './tree.json': .*tree.json");
+        row("same module twice", "--tree tree.json --check --worker " RECORDER_FIRST " --worker /." RECORDER_FIRST,
+            "module '/\\./.*' is the same as '/.*'$");
+        row("status node taken", "--tree tree.json --state s --worker " RECORDER_FIRST,
+            "module '.*': the node \"first:status/errors\" is there already$",
+            R"({"nodes": [{"path": "first:status/errors", "type": "container"}]})");
         row("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
         row("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
         row("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
@@ -193,7 +241,40 @@ private Q_SLOTS:
             QByteArray("first made with 1\nsecond made with 1\n"
                        "second shuts down\nfirst shuts down\nsecond answers\nfirst answers\n"
                        "second destroyed\nfirst destroyed\n"));
-        QCOMPARE(m_host->readAllStandardError(), QByteArray());
+        const QString log = QString::fromUtf8(m_host->readAllStandardError());
+        const QRegularExpression expected(QStringLiteral("^[^\n]* started\n[^\n]* stopping\n[^\n]* stopped\n$"));
+        QVERIFY2(expected.match(log).hasMatch(), qPrintable(log));
+    }
+
+    void answersWhatIsBeingWrittenWhenItStops()
+    {
+        QTcpServer probe;
+        QVERIFY(probe.listen(QHostAddress::LocalHost));
+        const quint16 port = probe.serverPort();
+        probe.close();
+        start({ "--tree", "tree.json", "--state", "state", "--worker", "webserver", "--set",
+            QStringLiteral("settings:webserver/port=%1").arg(port) });
+        QVERIFY(waitForReady());
+        Writer first(port);
+        Writer second(port);
+        QTRY_VERIFY(first.answers() > 3 && second.answers() > 3);
+        // The disk is slow from here on.
+        sqlite3* other = nullptr;
+        QCOMPARE(sqlite3_open(QFile::encodeName(path("state/state.db")).constData(), &other), SQLITE_OK);
+        sqlite3_busy_timeout(other, 5000);
+        QCOMPARE(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+        QTest::qWait(100);
+        const int before = first.answers() + second.answers();
+        QElapsedTimer timer;
+        timer.start();
+        m_host->terminate();
+        QTest::qWait(200);
+        sqlite3_close(other);
+        QTRY_COMPARE(m_host->state(), QProcess::NotRunning);
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
+        QCOMPARE(finish(), 0);
+        QCOMPARE(first.answers() + second.answers(), before + 2);
+        QVERIFY(!first.isRefused() && !second.isRefused());
     }
 
     void leavesAtOnceOnASecondSignal()
@@ -250,7 +331,8 @@ private Q_SLOTS:
     void runsTheDemoDeviceAndKeepsItsStatePrivate()
     {
         start({ QStringLiteral("--tree"), QStringLiteral(DEMO_TREE), QStringLiteral("--state"),
-            QStringLiteral("var/state"), QStringLiteral("--worker"), QStringLiteral("player") });
+            QStringLiteral("var/state"), QStringLiteral("--worker"), QStringLiteral("player"),
+            QStringLiteral("--log-level"), QStringLiteral("warn") });
         QVERIFY(waitForReady());
         const QFileInfo state(path(QStringLiteral("var/state")));
         QCOMPARE(int(state.permissions() & 0x0077), 0);

@@ -21,11 +21,8 @@ public:
           m_record(arguments.value(QStringLiteral("state")).toString() + QStringLiteral("/record"))
     {
         record("made with " + QByteArray::number(valueAt(QStringLiteral("test:value")).i32()));
-        // Servers start from the event loop too.
-        QTimer::singleShot(0, this, [this] {
-            publish(QStringLiteral("addresses"));
-            publish(QStringLiteral("errors"));
-        });
+        publish(QStringLiteral("addresses"));
+        publish(QStringLiteral("errors"));
     }
     ~RecorderWorker() override { record("destroyed"); }
 
@@ -41,9 +38,12 @@ public:
 private:
     void publish(const QString& name)
     {
-        const ZarkValue value = valueAt(QStringLiteral("test:") + name);
-        if (value.isValid())
-            CMValueNode::create(nodes(), CMPath::fromSegments(this->name(), { QStringLiteral("status"), name }), value);
+        CMValueNode* node = makeStatusNode(name);
+        // Servers start from the event loop too.
+        QTimer::singleShot(0, this, [node, name] {
+            if (node)
+                node->setMeasured(valueAt(QStringLiteral("test:") + name));
+        });
     }
     void record(const QByteArray& event)
     {

@@ -72,6 +72,9 @@ private Q_SLOTS:
                                   << QByteArray()
                                   << QByteArray(R"({"from":0,"roles":{"path":"demo:volatile","permission":"default",)"
                                                 R"("type":"container"},"rows":[["demo:volatile/counter","value"]])");
+        QTest::newRow("roots") << QByteArray("/api/getRows?path=:&roles=path&from=0&to=0") << QByteArray()
+                               << QByteArray(R"({"from":0,"roles":{"path":":","permission":"default"},)"
+                                             R"("rows":[["settings:webserver"]])");
     }
 
     void answers()

@@ -1,5 +1,7 @@
 #include <QTest>
 
+#include <thread>
+
 #include "CMReply.h"
 
 class CMReplyTest : public QObject {
@@ -56,6 +58,21 @@ private Q_SLOTS:
             reply.finish(1);
             QCoreApplication::processEvents();
         }
+        QCOMPARE(calls, 0);
+    }
+
+    void undeliveredAnswersEndWithTheirThread()
+    {
+        int calls = 0;
+        std::thread thread([this, &calls] {
+            CMReply<int> outer;
+            CMReply<int> inner; // Lives in the callback of the other one, and is abandoned with it.
+            inner.onFinished(this, [&calls](int, const CMError&) { ++calls; });
+            outer.onFinished(this, [inner](int, const CMError&) mutable { inner.finish(1); });
+            outer.finish(1);
+        });
+        thread.join();
+        QCoreApplication::processEvents();
         QCOMPARE(calls, 0);
     }
 

@@ -46,6 +46,24 @@ int writeForever(QCoreApplication& application, const QString& file)
     return application.exec();
 }
 
+/// As long as it lives, no file can grow beyond `bytes`: a disk that is full, for this process.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes)
+    {
+        std::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const struct rlimit tight {
+            bytes, m_before.rlim_max
+        };
+        ::setrlimit(RLIMIT_FSIZE, &tight);
+    }
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &m_before); }
+
+private:
+    struct rlimit m_before { };
+};
+
 } // namespace
 
 class CMStoreTest : public QObject {
@@ -193,24 +211,91 @@ private Q_SLOTS:
         CMStore store;
         QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
         QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
-        std::signal(SIGXFSZ, SIG_IGN);
-        struct rlimit before { };
-        QCOMPARE(::getrlimit(RLIMIT_FSIZE, &before), 0);
-        const struct rlimit tight {
-            96 * 1024, before.rlim_max
-        };
-        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &tight), 0);
+        auto disk = std::make_unique<FullDisk>(96 * 1024);
         CMVoidReply large;
         CMVoidReply small;
         store.write(numbered(1), ZarkValue::fromString(QString(1 << 20, 'x')), large);
         store.write(numbered(2), ZarkValue::fromI32(2), small); // In one batch with the large one, or after it.
         const QString largeError = errorOf(large);
         const QString smallError = errorOf(small);
-        QCOMPARE(::setrlimit(RLIMIT_FSIZE, &before), 0);
+        disk.reset();
         QCOMPARE(largeError, QString(CMError::StoreFailed));
         QCOMPARE(smallError, QString());
         QCOMPARE(store.value(numbered(1)).i32(), 1);
         QCOMPARE(write(store, 1, ZarkValue::fromString(QString(1 << 20, 'x'))), QString());
+    }
+
+    void aFullDiskDoesNotPreventAStart_data()
+    {
+        QTest::addColumn<int>("bytes");
+        QTest::addColumn<bool>("stored");
+        QTest::newRow("no room for the shared index") << 16384 << true;
+        QTest::newRow("no room at all") << 0 << true;
+        QTest::newRow("no database yet") << 0 << false;
+    }
+
+    void aFullDiskDoesNotPreventAStart()
+    {
+        QFETCH(int, bytes);
+        QFETCH(bool, stored);
+        if (stored)
+            fill(1);
+        auto disk = std::make_unique<FullDisk>(rlim_t(bytes));
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(store.value(numbered(0)).isValid(), stored);
+        CMVoidReply refused;
+        store.write(numbered(1), ZarkValue::fromString(QString(20000, 'x')), refused);
+        CMError error;
+        refused.onFinished(this, [&error](const CMError& failure) { error = failure; });
+        QTRY_COMPARE(error.name(), QString(CMError::StoreFailed));
+        QVERIFY2(error.message().source().contains("the disk at /"), qPrintable(error.message().source()));
+        disk.reset();
+        QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
+    }
+
+    void everySubsetOfTheFilesIsAStart()
+    {
+        const QStringList suffixes{ "", "-wal", "-shm", ".lock", ".damaged-20200101T000000Z" };
+        fill(30);
+        CMStore running;
+        QVERIFY2(running.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(write(running, 30, ZarkValue::fromI32(30)), QString());
+        for (int subset = 0; subset < 1 << suffixes.size(); ++subset) {
+            const QTemporaryDir killed;
+            const QString file = killed.filePath("state.db");
+            for (int i = 0; i < suffixes.size(); ++i) {
+                if ((subset >> i & 1) != 0 && QFile::exists(m_file + suffixes.at(i)))
+                    QVERIFY(QFile::copy(m_file + suffixes.at(i), file + suffixes.at(i)));
+            }
+            CMStore store;
+            QVERIFY2(store.open(file, &m_error), qPrintable(m_error));
+            QCOMPARE(store.value(numbered(29)).isValid(), (subset & 1) != 0);
+            QCOMPARE(store.value(numbered(30)).isValid(), (subset & 3) == 3);
+            QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
+        }
+    }
+
+    void storedValuesKeepToThePresentBounds_data()
+    {
+        QTest::addColumn<ZarkValue>("stored");
+        QTest::addColumn<int>("value");
+        QTest::newRow("within") << ZarkValue::fromI32(8) << 8;
+        QTest::newRow("above the maximum") << ZarkValue::fromI32(10) << 7;
+        QTest::newRow("of another type") << ZarkValue::fromI64(8) << 7;
+    }
+
+    void storedValuesKeepToThePresentBounds()
+    {
+        QFETCH(ZarkValue, stored);
+        CMStore store;
+        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        QCOMPARE(write(store, 1, stored), QString());
+        CMRootWorker root(&store);
+        CMNodes nodes(root.tree());
+        auto* const node = CMValueNode::create(&nodes, numbered(1), ZarkValue::fromI32(7), CMValueNode::Persistent);
+        node->setEdit({ { "maximum", 9 } });
+        QTEST(int(node->value().i32()), "value");
     }
 
     void nodesChangeAfterTheCommit()

@@ -86,7 +86,6 @@ private Q_SLOTS:
         row("i32", "5", R"({"minimum":1,"step":5})", "10",
             "outOfRange: The value must be a multiple of 5, counted from 1.");
         row("i32", "5", R"({"step":2})", "-3", "outOfRange: The value must be a multiple of 2, counted from 0.");
-        row("i32", "5", R"({"maximum":7.5})", "8", "outOfRange: The value must be at most 7.5.");
         const char* const huge = R"({"minimum":-9223372036854775808,"maximum":9223372036854775806,"step":2})";
         row("i64", "0", huge, "9223372036854775807", "outOfRange: The value must be at most 9223372036854775806.");
         row("i64", "0", huge, "9223372036854775805",
@@ -94,6 +93,11 @@ private Q_SLOTS:
         row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.3", "");
         row("double", "0", R"({"minimum":0,"maximum":1,"step":0.1})", "0.35",
             "outOfRange: The value must be a multiple of 0.1, counted from 0.");
+        row("double", "0", R"({"step":1})", "4000000000000000.5",
+            "outOfRange: The value must be a multiple of 1, counted from 0.");
+        row("double", "0", R"({"step":0.1})", "900000000000.3", "");
+        row("double", "0", R"({"minimum":1,"step":2})", "9007199254740994",
+            "outOfRange: The value must be a multiple of 2, counted from 1.");
         row("string", "\"a\"", R"({"options":["a",{"value":"b","title":"B"}]})", "\"b\"", "");
         row("string", "\"a\"", R"({"options":["a","b"]})", "\"c\"", "notAnOption: The value is none of the options.");
         row("stringList", "[]", R"({"options":["a","b"]})", R"(["b","a"])", "");
@@ -257,6 +261,12 @@ private Q_SLOTS:
         const auto got = rows(path("a:b"), 0, 9, 0, { "path", "type" });
         QCOMPARE(got.value.rows(), QList<QVariantList>({ { "a:b/c", "value" }, { "a:b/d", "container" } }));
 
+        CMValueNode::create(m_nodes.get(), path("z:top"), ZarkValue::fromI32(1));
+        const auto roots = rows(path(":"), 0, 9, 0, { "path", "type", "permission" });
+        QCOMPARE(roots.value.rows(),
+            QList<QVariantList>({ { "a:b", "container", "default" }, { "z:top", "value", "default" } }));
+        QVERIFY(rows(path(":"), 0, 9, roots.value.rowsVersion(), { "path" }).error.isEmpty());
+
         CMUINode* const b = CMUINode::create(m_nodes.get(), path("a:b"));
         QVERIFY(b);
         QCOMPARE(b->children().size(), 2);
@@ -265,6 +275,10 @@ private Q_SLOTS:
         m_nodes->destroy(c);
         m_nodes->destroy(e);
         QCOMPARE(listener.take(), QStringList({ "rows 2 0 -1", "vanished a:b" }));
+        const auto left = rows(path(":"), 0, 9, 0, { "path" });
+        QCOMPARE(left.value.rows(), QList<QVariantList>({ { "z:top" } }));
+        QVERIFY(left.value.rowsVersion() > roots.value.rowsVersion());
+        m_nodes = std::make_unique<CMNodes>(tree);
         QVERIFY(tree->paths().isEmpty());
         tree->removeListener(path("a:b"), &listener);
     }

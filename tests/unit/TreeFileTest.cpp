@@ -89,10 +89,19 @@ private Q_SLOTS:
         node("unknown value type", "\"type\": \"value\", \"value\":\n{\"type\": \"int\", \"value\": 7}",
             "4: unknown value type \"int\"");
         node("unknown key in edit", i32 + ",\n\"edit\": {\"min\": 1}", "4: unknown key \"min\"");
-        node("bound that is no number", i32 + ",\n\"edit\": {\"minimum\": \"1\"}", "4: \"minimum\" must be a number");
-        node("step of 0", i32 + ",\n\"edit\": {\"step\": 0}", "4: \"step\" must be above 0");
+        node("key that comes twice", i32 + ",\n\"title\": \"x\",\n\"type\": \"list\"",
+            "5: the key comes twice in this object");
+        node("bound that is no number", i32 + ",\n\"edit\": {\"minimum\": \"1\"}",
+            "4: \"minimum\": expected an i32, got a string");
+        node("bound beyond the type", i32 + ",\n\"edit\": {\"maximum\": 2147483648}",
+            "4: \"maximum\": 2147483648 is out of the range of an i32");
+        node("step of 0", i32 + ",\n\"edit\": {\"step\": 0}", "4: \"step\": must be above 0");
+        node("option of another type", i32 + ",\n\"edit\": {\"options\": [7,\n{\"value\": \"8\"}]}",
+            "5: \"options\": expected an i32, got a string");
+        node("unknown key in an option", i32 + ",\n\"edit\": {\"options\": [7,\n{\"value\": 8, \"titel\": \"8\"}]}",
+            "5: unknown key \"titel\"");
         node("bounds of a text", R"("type": "value", "value": {"type": "string", "value": ""}, "edit": {"step": 1})",
-            "3: \"step\" is for numbers only");
+            "3: \"step\": is for numbers only");
         node("value above its maximum", i32 + ",\n\"edit\": {\"maximum\": 6}", "2: The value must be at most 6.");
         node("value that is no option", i32 + ",\n\"edit\": {\"options\": [1, 2]}",
             "2: The value is none of the options.");
@@ -102,6 +111,10 @@ private Q_SLOTS:
             "4: \"count\" must be a number of rows");
         node("unknown role in a row", "\"type\": \"list\", \"rows\": [\n{\"titel\": \"x\"}]",
             "4: unknown key \"titel\"");
+        node("flag of a row", "\"type\": \"list\", \"rows\": [{},\n{\"modifiable\": 1}]",
+            "4: \"modifiable\" must be true or false");
+        node("bounds of a row", "\"type\": \"list\", \"rows\": [{},\n{\"edit\":\n{\"unit\": 1}}]",
+            "5: \"unit\" must be a text");
         node("second row of three", "\"type\": \"list\", \"rows\": [\n{},\n{\"permission\": \"none\"},\n{\"x\": 1}]",
             "5: unknown permission \"none\"");
     }

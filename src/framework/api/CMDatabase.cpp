@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QFile>
 #include <QFileInfo>
+#include <QStorageInfo>
 
 #include <cerrno>
 #include <cstring>
@@ -46,9 +47,29 @@ private:
     int m_result;
 };
 
+/// What SQLite keeps in files beside the database: the journal, and the index that is shared over it.
+const QString Journal = QStringLiteral("-wal");
+const QString SharedIndex = QStringLiteral("-shm");
+
 QString systemError(const QString& file)
 {
     return QStringLiteral("%1: %2.").arg(file, QString::fromLocal8Bit(std::strerror(errno)));
+}
+
+/// Whether a system call failed because nothing more can be stored, which may pass.
+bool meansNoRoom(int error)
+{
+    return error == ENOSPC || error == EDQUOT || error == EFBIG;
+}
+
+QString diskOf(const QString& file)
+{
+    return QStringLiteral("the disk at ") + QStorageInfo(QFileInfo(file).absolutePath()).rootPath();
+}
+
+QString noRoom(const QString& file)
+{
+    return diskOf(file) + QStringLiteral(" is full.");
 }
 
 /// Opens or makes `file` for its owner alone; -1 when it cannot be had.
@@ -62,47 +83,39 @@ int openOwned(const QString& file)
     return descriptor;
 }
 
-QString journal(const QString& file)
-{
-    return file + QStringLiteral("-wal");
-}
-
-QString sharedIndex(const QString& file)
-{
-    return file + QStringLiteral("-shm");
-}
-
 /// Makes the database file, so that SQLite takes over its mode for the files beside it.
-bool makeOwned(const QString& file, QString* error)
+bool makeOwned(const QString& file)
 {
     const int descriptor = openOwned(file);
-    if (descriptor < 0) {
-        *error = systemError(file);
+    if (descriptor < 0)
         return false;
-    }
     // No connection is open yet: closing a descriptor drops SQLite's locks on the file.
     ::close(descriptor);
-    for (const QString& beside : { journal(file), sharedIndex(file) })
+    for (const QString& beside : { file + Journal, file + SharedIndex })
         ::chmod(QFile::encodeName(beside).constData(), OwnerOnly);
     return true;
 }
 
-bool setAside(const QString& file, QString* error)
+QString freeNameAside(const QString& file)
 {
     const QString stamp = QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddThhmmssZ"));
     const QString first = file + QStringLiteral(".damaged-") + stamp;
     QString aside = first;
-    for (int i = 2; QFileInfo::exists(aside); ++i)
+    for (int i = 2; QFileInfo::exists(aside) || QFileInfo::exists(aside + Journal); ++i)
         aside = first + QLatin1Char('-') + QString::number(i);
-    if (!QFile::rename(file, aside)) {
-        *error = QStringLiteral("%1: damaged, and it cannot be renamed.").arg(file);
-        return false;
-    }
+    return aside;
+}
+
+/// Renames what there is of the three files: an earlier start may have ended between two of these renames.
+bool setAside(const QString& file, QString* error)
+{
+    const QString aside = freeNameAside(file);
     // A journal left behind would be replayed into the new database.
-    for (const auto beside : { journal, sharedIndex }) {
-        if (!QFileInfo::exists(beside(file)) || QFile::rename(beside(file), beside(aside)))
+    for (const QString& suffix : { QString(), Journal, SharedIndex }) {
+        const QByteArray from = QFile::encodeName(file + suffix);
+        if (::rename(from.constData(), QFile::encodeName(aside + suffix).constData()) == 0 || errno == ENOENT)
             continue;
-        *error = QStringLiteral("%1: damaged, and it cannot be renamed.").arg(beside(file));
+        *error = QStringLiteral("damaged, and it cannot be renamed: ") + systemError(file + suffix);
         return false;
     }
     dbglog_error(apiLogger(),
@@ -112,12 +125,13 @@ bool setAside(const QString& file, QString* error)
     return true;
 }
 
-/// Cut off before the end of its first page, which SQLite would take for a new database and drop the journal too.
+/// Missing beside its journal, or cut off before the end of its first page, which SQLite would take for a new database
+/// and drop the journal too.
 bool isCutOff(const QString& file)
 {
     constexpr qint64 SmallestPage = 512;
     const qint64 size = QFileInfo(file).size();
-    return size > 0 ? size < SmallestPage : QFileInfo(journal(file)).size() > 0;
+    return size > 0 ? size < SmallestPage : QFileInfo(file + Journal).size() > 0;
 }
 
 } // namespace
@@ -125,8 +139,7 @@ bool isCutOff(const QString& file)
 CMDatabase::~CMDatabase()
 {
     close();
-    if (m_lock >= 0)
-        ::close(m_lock);
+    unlock();
 }
 
 void CMDatabase::close()
@@ -137,56 +150,95 @@ void CMDatabase::close()
     m_connection = nullptr;
 }
 
-bool CMDatabase::lock(const QString& file, QString* error)
+void CMDatabase::unlock()
 {
-    const QString lockFile = file + QStringLiteral(".lock");
-    m_lock = openOwned(lockFile);
-    if (m_lock < 0) {
-        *error = systemError(lockFile);
-        return false;
-    }
-    if (::flock(m_lock, LOCK_EX | LOCK_NB) == 0)
-        return true;
-    *error = errno == EWOULDBLOCK ? QStringLiteral("%1: in use by another host.").arg(file) : systemError(lockFile);
-    ::close(m_lock);
+    if (m_lock >= 0)
+        ::close(m_lock);
     m_lock = -1;
-    return false;
+}
+
+CMDatabase::Opening CMDatabase::systemFailed(const QString& file, QString* error) const
+{
+    const bool isFull = meansNoRoom(errno);
+    *error = isFull ? noRoom(m_file) : systemError(file);
+    return isFull ? Opening::NoRoom : Opening::Failed;
+}
+
+CMDatabase::Opening CMDatabase::lock(QString* error)
+{
+    const QString lockFile = m_file + QStringLiteral(".lock");
+    m_lock = openOwned(lockFile);
+    if (m_lock < 0)
+        return systemFailed(lockFile, error);
+    if (::flock(m_lock, LOCK_EX | LOCK_NB) == 0)
+        return Opening::Opened;
+    *error = errno == EWOULDBLOCK ? QStringLiteral("%1: in use by another host.").arg(m_file) : systemError(lockFile);
+    return Opening::Failed;
 }
 
 bool CMDatabase::open(const QString& file, QString* error)
 {
-    if (!lock(file, error))
-        return false;
-    Opening opening = openFile(file, error);
-    if (opening == Opening::Damaged) {
-        close();
-        opening = setAside(file, error) ? openFile(file, error) : Opening::Failed;
-    }
-    if (opening == Opening::Opened)
-        return true;
-    close();
-    ::close(m_lock);
-    m_lock = -1;
-    return false;
+    m_file = file;
+    const Opening opening = tryOpen(error);
+    if (opening == Opening::Opened && !m_isIndexShared)
+        dbglog_error(
+            apiLogger(), "Stored values are read, and nothing is stored until there is room: " << noRoom(file));
+    if (opening == Opening::NoRoom)
+        dbglog_error(
+            apiLogger(), "Values start with their defaults, and none is stored until there is room: " << *error);
+    const bool canStart = opening == Opening::Opened || opening == Opening::NoRoom;
+    if (canStart)
+        error->clear();
+    return canStart;
 }
 
-CMDatabase::Opening CMDatabase::openFile(const QString& file, QString* error)
+/// All or nothing.
+CMDatabase::Opening CMDatabase::tryOpen(QString* error)
 {
-    if (isCutOff(file)) {
+    Opening opening = lock(error);
+    if (opening == Opening::Opened)
+        opening = openFile(error);
+    if (opening == Opening::Damaged) {
+        close();
+        opening = setAside(m_file, error) ? openFile(error) : Opening::Failed;
+    }
+    if (opening != Opening::Opened) {
+        close();
+        unlock();
+    }
+    return opening;
+}
+
+CMDatabase::Opening CMDatabase::openFile(QString* error)
+{
+    if (isCutOff(m_file)) {
         *error = QStringLiteral("the file is cut off");
         return Opening::Damaged;
     }
-    if (!makeOwned(file, error))
-        return Opening::Failed;
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
-    Opening opening = Opening::Opened;
-    if (sqlite3_open_v2(QFile::encodeName(file).constData(), &m_connection, flags, nullptr) != SQLITE_OK)
-        opening = failed(error);
-    else
-        opening = prepare(error);
+    if (!makeOwned(m_file))
+        return systemFailed(m_file, error);
+    m_isIndexShared = true;
+    Opening opening = connectFile(error);
+    if (opening == Opening::NoRoom) {
+        // The index over the journal takes 32 KiB of the disk, unless it is shared with nobody.
+        close();
+        m_isIndexShared = false;
+        opening = connectFile(error);
+    }
     if (opening == Opening::Failed)
-        error->prepend(file + QStringLiteral(": "));
+        error->prepend(m_file + QStringLiteral(": "));
     return opening;
+}
+
+CMDatabase::Opening CMDatabase::connectFile(QString* error)
+{
+    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
+    if (sqlite3_open_v2(QFile::encodeName(m_file).constData(), &m_connection, flags, nullptr) != SQLITE_OK)
+        return failed(error);
+    // Before the first look into the file, which settles where the index lives.
+    if (!m_isIndexShared && !run("PRAGMA locking_mode=EXCLUSIVE"))
+        return failed(error);
+    return prepare(error);
 }
 
 CMDatabase::Opening CMDatabase::prepare(QString* error)
@@ -253,7 +305,9 @@ CMDatabase::Opening CMDatabase::failed(QString* error) const
 {
     *error = message();
     const int code = sqlite3_errcode(m_connection) & 0xff;
-    return code == SQLITE_CORRUPT || code == SQLITE_NOTADB ? Opening::Damaged : Opening::Failed;
+    if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB)
+        return Opening::Damaged;
+    return isOutOfRoom() ? Opening::NoRoom : Opening::Failed;
 }
 
 bool CMDatabase::isFresh()
@@ -272,14 +326,28 @@ bool CMDatabase::run(const char* sql)
     return sqlite3_exec(m_connection, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
 }
 
+bool CMDatabase::isOutOfRoom() const
+{
+    const int code = sqlite3_extended_errcode(m_connection);
+    const bool isSystemError = (code & 0xff) == SQLITE_IOERR || (code & 0xff) == SQLITE_CANTOPEN;
+    return (code & 0xff) == SQLITE_FULL || code == SQLITE_IOERR_SHMSIZE
+        || (isSystemError && meansNoRoom(sqlite3_system_errno(m_connection)));
+}
+
 QString CMDatabase::message() const
 {
-    return QString::fromUtf8(sqlite3_errmsg(m_connection)) + QLatin1Char('.');
+    if (isOutOfRoom())
+        return noRoom(m_file);
+    const bool isDisk = (sqlite3_errcode(m_connection) & 0xff) == SQLITE_IOERR;
+    return QString::fromUtf8(sqlite3_errmsg(m_connection))
+        + (isDisk ? QStringLiteral(" on %1.").arg(diskOf(m_file)) : QStringLiteral("."));
 }
 
 QHash<CMPath, ZarkValue> CMDatabase::readAll()
 {
     QHash<CMPath, ZarkValue> values;
+    if (!m_connection)
+        return values;
     Statement rows(m_connection, "SELECT path, value FROM node");
     while (rows.step() == SQLITE_ROW) {
         const CMPath path = CMPath::fromEncoded(QString::fromUtf8(rows.text(0)));
@@ -294,6 +362,9 @@ QHash<CMPath, ZarkValue> CMDatabase::readAll()
 
 QVector<QString> CMDatabase::commit(const QVector<Write>& writes)
 {
+    QString error;
+    if (!m_connection && tryOpen(&error) != Opening::Opened)
+        return QVector<QString>(writes.size(), error);
     bool done = run("BEGIN IMMEDIATE");
     for (const Write& write : writes)
         done = done && put(write);

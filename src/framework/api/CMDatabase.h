@@ -13,7 +13,8 @@ struct sqlite3_stmt;
 /// The database file under a CMStore: one table from path to the JSON of a typed value.
 ///
 /// Opened on one thread, may then be written from another, never from two at once. Holds a lock on "<file>.lock" as
-/// long as it is open, so that a second host on the same file is refused.
+/// long as it is open, so that a second host on the same file is refused. On a disk that is full it opens what can be
+/// read, or nothing; each write then tries again.
 class CMDatabase {
 public:
     struct Write {
@@ -34,14 +35,24 @@ public:
     QVector<QString> commit(const QVector<Write>& writes);
 
 private:
-    enum class Opening { Opened, Damaged, Failed };
+    enum class Opening {
+        Opened,
+        Damaged,
+        NoRoom, ///< The disk is full.
+        Failed,
+    };
 
-    bool lock(const QString& file, QString* error);
-    Opening openFile(const QString& file, QString* error);
+    Opening tryOpen(QString* error);
+    Opening lock(QString* error);
+    void unlock();
+    Opening openFile(QString* error);
+    Opening connectFile(QString* error);
     Opening prepare(QString* error);
     Opening checkOwner(QString* error);
     Opening checkPages(QString* error);
-    Opening failed(QString* error) const; ///< What the last result means for opening.
+    Opening failed(QString* error) const; ///< What SQLite's last result means for opening.
+    Opening systemFailed(const QString& file, QString* error) const; ///< The same of the last system call.
+    bool isOutOfRoom() const;
     bool isFresh();
     bool makeTables();
     int pragma(const char* name);
@@ -51,6 +62,8 @@ private:
     QString message() const;
     void close();
 
+    QString m_file;
+    bool m_isIndexShared = true;
     sqlite3* m_connection = nullptr;
     sqlite3_stmt* m_put = nullptr;
     int m_lock = -1;

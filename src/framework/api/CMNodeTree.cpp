@@ -6,8 +6,14 @@ void CMNodeListener::rowsChanged(CMUINode*, const QList<ZarkRowEvent>&) { }
 void CMNodeListener::nodeAppeared(CMUINode*) { }
 void CMNodeListener::nodeVanished(const CMPath&) { }
 
+CMNodeTree::CMNodeTree(CMStore* store)
+    : m_store(store), m_top(new CMUINode(this, CMPath::fromEncoded(QStringLiteral(":"))))
+{
+}
+
 CMNodeTree::~CMNodeTree()
 {
+    m_top.reset();
     // Nodes that outlive the tree must not look for it when they go.
     for (CMUINode* node : qAsConst(m_nodes))
         node->m_tree = nullptr;
@@ -28,12 +34,10 @@ bool CMNodeTree::insert(CMUINode* node)
     if (implied)
         return takeImpliedPlace(implied, node);
 
-    CMUINode* const parent = path.parent().isValid() ? container(path.parent()) : nullptr;
+    CMUINode* const parent = makeParentOf(path);
     m_nodes.insert(path, node);
-    if (parent) {
-        parent->m_children.append(node);
-        parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Inserted, parent->m_children.size() - 1) });
-    }
+    parent->m_children.append(node);
+    parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Inserted, parent->m_children.size() - 1) });
     notify(node, [node](CMNodeListener* listener) { listener->nodeAppeared(node); });
     return true;
 }
@@ -45,25 +49,27 @@ bool CMNodeTree::takeImpliedPlace(CMUINode* implied, CMUINode* node)
     node->m_children.swap(implied->m_children);
     node->m_rowsVersion = implied->m_rowsVersion;
     m_nodes.insert(node->path(), node);
-    CMUINode* const parent = m_nodes.value(node->path().parent());
-    int index = -1;
-    if (parent) {
-        index = parent->m_children.lastIndexOf(implied);
-        parent->m_children[index] = node;
-    }
+    CMUINode* const parent = parentOf(node->path());
+    const int index = parent->m_children.lastIndexOf(implied);
+    parent->m_children[index] = node;
     implied->m_tree = nullptr;
     delete implied;
-    if (parent)
-        parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Updated, index) });
+    parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Updated, index) });
     notify(node, [node](CMNodeListener* listener) { listener->nodeAppeared(node); });
     return true;
 }
 
-CMUINode* CMNodeTree::container(const CMPath& path)
+CMUINode* CMNodeTree::parentOf(const CMPath& path) const
 {
-    if (CMUINode* const node = m_nodes.value(path))
-        return node;
-    auto* const made = new CMUINode(this, path);
+    const CMPath above = path.parent();
+    return above.isValid() ? m_nodes.value(above) : m_top.get();
+}
+
+CMUINode* CMNodeTree::makeParentOf(const CMPath& path)
+{
+    if (CMUINode* const parent = parentOf(path))
+        return parent;
+    auto* const made = new CMUINode(this, path.parent());
     m_implied.insert(made);
     insert(made);
     return made;
@@ -81,19 +87,18 @@ void CMNodeTree::remove(CMUINode* node)
     node->m_tree = nullptr;
     ++m_removals;
 
-    CMUINode* const parent = m_nodes.value(path.parent());
+    CMUINode* const parent = parentOf(path);
     // From the end, because nodes are mostly deleted in the reverse order of their making.
-    const int index = parent ? parent->m_children.lastIndexOf(node) : -1;
-    if (parent)
-        parent->m_children.removeAt(index);
+    const int index = parent->m_children.lastIndexOf(node);
+    parent->m_children.removeAt(index);
     if (!orphans.isEmpty()) {
         notifyVanished(path);
         adoptOrphans(path, parent, index, orphans);
         return;
     }
-    if (parent && parent->m_children.isEmpty() && m_implied.contains(parent))
+    if (parent->m_children.isEmpty() && m_implied.contains(parent))
         delete parent;
-    else if (parent)
+    else
         parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Removed, index) });
     notifyVanished(path);
 }
@@ -104,10 +109,8 @@ void CMNodeTree::adoptOrphans(const CMPath& path, CMUINode* parent, int index, c
     m_implied.insert(stand);
     m_nodes.insert(path, stand);
     stand->m_children = orphans;
-    if (parent) {
-        parent->m_children.insert(index, stand);
-        parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Updated, index) });
-    }
+    parent->m_children.insert(index, stand);
+    parent->bumpRows({ ZarkRowEvent(ZarkRowEventType::Updated, index) });
     notify(stand, [stand](CMNodeListener* listener) { listener->nodeAppeared(stand); });
 }
 

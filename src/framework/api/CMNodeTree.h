@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QVector>
 
+#include <memory>
+
 #include "CMPath.h"
 #include "ZarkRowEvent.h"
 
@@ -26,13 +28,16 @@ public:
 /// Every node of the device by path, in constant time, and who listens to which path.
 class CMNodeTree {
 public:
-    explicit CMNodeTree(CMStore* store) : m_store(store) { }
+    explicit CMNodeTree(CMStore* store);
     ~CMNodeTree();
     CMNodeTree(const CMNodeTree&) = delete;
     CMNodeTree& operator=(const CMNodeTree&) = delete;
 
     CMStore* store() const { return m_store; }
     CMUINode* node(const CMPath& path) const { return m_nodes.value(path); } ///< Null when there is none.
+    /// The container above all: its path is ":", its children are the nodes of one segment, and node() does not find
+    /// it.
+    CMUINode* top() const { return m_top.get(); }
     QList<CMPath> paths() const;
 
     /// False when the path is invalid, in the old form or taken by anything but an implied container, whose place is
@@ -54,11 +59,13 @@ private:
     template <class Call> void notify(CMUINode* node, Call call);
     void notifyVanished(const CMPath& path);
     bool takeImpliedPlace(CMUINode* implied, CMUINode* node);
-    CMUINode* container(const CMPath& path); ///< The node at `path`, made if there is none.
+    CMUINode* parentOf(const CMPath& path) const; ///< Null when there is none yet.
+    CMUINode* makeParentOf(const CMPath& path);
     /// Puts an implied container where a node with children was.
     void adoptOrphans(const CMPath& path, CMUINode* parent, int index, const QVector<CMUINode*>& orphans);
 
     CMStore* m_store;
+    std::unique_ptr<CMUINode> m_top;
     QHash<CMPath, CMUINode*> m_nodes;
     QMultiHash<CMPath, CMNodeListener*> m_listeners;
     QSet<CMUINode*> m_implied;

@@ -1,6 +1,8 @@
 #include "CMNodesWorker.h"
 
+#include "CMNodeTree.h"
 #include "CMRoot.h"
+#include "CMValueNode.h"
 
 CMNodesWorker::CMNodesWorker(const QString& name, const QVariantHash& arguments, QObject* parent)
     : CMAbstractWorker(name, parent), m_arguments(arguments)
@@ -10,6 +12,16 @@ CMNodesWorker::CMNodesWorker(const QString& name, const QVariantHash& arguments,
 }
 
 CMNodesWorker::~CMNodesWorker() = default;
+
+CMValueNode* CMNodesWorker::makeStatusNode(const QString& what)
+{
+    const CMPath path = CMPath::fromSegments(name(), { QStringLiteral("status"), what });
+    if (m_nodes->tree()->node(path)) {
+        m_fault = QStringLiteral("the node \"%1\" is there already").arg(path.toEncoded());
+        return nullptr;
+    }
+    return CMValueNode::create(m_nodes.get(), path, ZarkValue::fromStringList({}));
+}
 
 void CMNodesWorker::getData(const CMPath& path, const QStringList& roles, CMReply<QList<QVariant>> reply)
 {

@@ -55,7 +55,7 @@ void CMRootWorker::getData(const CMPath& path, const QStringList& roles, CMReply
 void CMRootWorker::getRows(
     const CMPath& path, int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply)
 {
-    CMUINode* const node = m_tree->node(path);
+    CMUINode* const node = path == m_tree->top()->path() ? m_tree->top() : m_tree->node(path);
     if (!node) {
         reply.fail(notFound());
         return;

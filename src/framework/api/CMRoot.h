@@ -8,6 +8,7 @@ class CMNodeTree;
 class CMStore;
 
 /// The root of the configuration tree: routes every request to the node of that path, whichever worker made it.
+/// getRows() on ":", which is no node's path, answers the nodes of one segment: there a walk through the tree begins.
 ///
 /// One exists at a time in a process; the host (or a test) makes it first and destroys it last, and CMRoot() finds it.
 class CMRootWorker : public CMAbstractWorker {

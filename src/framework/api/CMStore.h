@@ -25,14 +25,17 @@ public:
     ~CMStore() override;
 
     /// Opens or makes `file` and reads every value. A damaged database is renamed to "<file>.damaged-<date>", logged
-    /// as an error, and replaced by an empty one. False, with a sentence in `error`, when no database can be had
-    /// (directory not writable, disk full, locked by another host).
+    /// as an error, and replaced by an empty one. On a full disk the store opens all the same, and writes fail until
+    /// there is room. False, with a sentence in `error`, when no database can be had (directory not writable, locked
+    /// by another host).
     bool open(const QString& file, QString* error);
 
     /// The stored value; invalid when there is none.
     ZarkValue value(const CMPath& path) const { return m_values.value(path); }
     /// Answers CMError::StoreFailed when the disk refuses; the stored value is then the earlier one.
     void write(const CMPath& path, const ZarkValue& value, CMVoidReply reply);
+    /// No write waits for its answer.
+    bool isIdle() const { return m_pending.empty(); }
 
 private:
     class Writer;

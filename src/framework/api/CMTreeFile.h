@@ -15,7 +15,8 @@ class CMNodes;
 ///       {"path": "demo:lists", "type": "container", "title": "Lists"}
 ///     ]}
 ///
-/// Unknown keys, unknown types and values out of their own bounds are errors, so that a misspelling is found at once.
+/// Unknown keys, keys that come twice, unknown types, bounds and options of another type than the value's, and values
+/// out of their own bounds are errors, so that a misspelling is found at once.
 class CMTreeFile {
 public:
     /// Makes the nodes of `file`. False, with "<file>:<line>: <what>" in `error`, at the first fault; nodes made before

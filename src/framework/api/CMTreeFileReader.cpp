@@ -29,6 +29,7 @@ const QString Step = QStringLiteral("step");
 const QString Unit = QStringLiteral("unit");
 const QString Options = QStringLiteral("options");
 const QString Count = QStringLiteral("count");
+const QString Timestamp = QStringLiteral("timestamp");
 
 const QSet<QString> CommonKeys{ Path, Type, Title, Description, Icon, Permission };
 
@@ -54,16 +55,6 @@ QVariant withoutLines(const QVariant& json)
 bool isObject(const QVariant& json)
 {
     return json.userType() == QMetaType::QVariantHash;
-}
-
-bool isNumber(const QVariant& json)
-{
-    return json.userType() == QMetaType::LongLong || json.userType() == QMetaType::Double;
-}
-
-bool takesNumbers(ZarkValueType::Enum type)
-{
-    return type == ZarkValueType::I32 || type == ZarkValueType::I64 || type == ZarkValueType::Double;
 }
 
 } // namespace
@@ -185,7 +176,11 @@ CMUINode* CMTreeFileReader::makeValue(const QVariantHash& object, const CMPath& 
         || !expect(object, Modifiable, QMetaType::Bool, "true or false"))
         return nullptr;
     const ZarkValue value = readValue(object);
-    const QVariantHash edit = failed() ? QVariantHash() : readEdit(object, value);
+    const QVariantHash edit = failed() ? QVariantHash() : readEdit(object, value.type());
+    QString none;
+    const CMError error = CMValueBounds::read(edit, value.type(), &none).check(value);
+    if (!failed() && !error.isEmpty())
+        fail(object, error.message().source());
     if (failed())
         return nullptr;
     const bool persistent = object.value(Persistent).toBool();
@@ -218,7 +213,7 @@ ZarkValue CMTreeFileReader::readValue(const QVariantHash& owner)
     return value;
 }
 
-QVariantHash CMTreeFileReader::readEdit(const QVariantHash& owner, const ZarkValue& value)
+QVariantHash CMTreeFileReader::readEdit(const QVariantHash& owner, ZarkValueType::Enum type)
 {
     if (!owner.contains(Edit) || !expect(owner, Edit, QMetaType::QVariantHash, "an object"))
         return {};
@@ -226,29 +221,28 @@ QVariantHash CMTreeFileReader::readEdit(const QVariantHash& owner, const ZarkVal
     if (!allow(object, { Minimum, Maximum, Step, Unit, Options }) || !expect(object, Unit, QMetaType::QString, "a text")
         || !expect(object, Options, QMetaType::QVariantList, "a list"))
         return {};
-    for (const QString& key : { Minimum, Maximum, Step }) {
-        if (!checkNumber(object, key, value))
+    const QVariantList options = object.value(Options).toList();
+    for (const QVariant& option : options) {
+        if (!checkOption(option, object, type))
             return {};
     }
-    if (object.contains(Step) && object.value(Step).toDouble() <= 0) {
-        fail(object, QStringLiteral("\"step\" must be above 0"));
-        return {};
-    }
-    const QVariantHash edit = withoutLines(object).toHash();
-    const CMError error = CMValueBounds::check(value, edit);
-    if (!error.isEmpty())
-        fail(owner, error.message().source());
+    QVariantHash edit = withoutLines(object).toHash();
+    QString fault;
+    CMValueBounds::read(edit, type, &fault);
+    if (!fault.isEmpty())
+        fail(object, fault);
     return edit;
 }
 
-bool CMTreeFileReader::checkNumber(const QVariantHash& edit, const QString& key, const ZarkValue& value)
+bool CMTreeFileReader::checkOption(const QVariant& option, const QVariantHash& edit, ZarkValueType::Enum type)
 {
-    const auto bound = edit.constFind(key);
-    if (bound == edit.constEnd())
-        return true;
-    if (!takesNumbers(value.type()))
-        return fail(edit, QStringLiteral("\"%1\" is for numbers only").arg(key));
-    return isNumber(*bound) || fail(edit, QStringLiteral("\"%1\" must be a number").arg(key));
+    const QVariantHash object = option.toHash();
+    const bool isTitled = object.contains(Value) && !object.contains(Type);
+    if (isTitled && (!allow(object, { Value, Title }) || !expect(object, Title, QMetaType::QString, "a text")))
+        return false;
+    QString sentence;
+    return CMValueBounds::readOption(withoutLines(option), type, &sentence).isValid()
+        || fail(isObject(option) ? object : edit, QStringLiteral("\"%1\": %2").arg(Options, sentence));
 }
 
 CMUINode* CMTreeFileReader::makeList(const QVariantHash& object, const CMPath& path)
@@ -302,7 +296,9 @@ CMListNode::Row CMTreeFileReader::readRow(const QVariant& json, const QVariantHa
     }
     const QStringList& roles = CMAllRoles();
     if (!allow(object, QSet<QString>(roles.begin(), roles.end())) || !checkCommon(object)
-        || !expect(object, Path, QMetaType::QString, "a text"))
+        || !expect(object, Path, QMetaType::QString, "a text")
+        || !expect(object, Modifiable, QMetaType::Bool, "true or false")
+        || !expect(object, Timestamp, QMetaType::LongLong, "milliseconds since 1970"))
         return {};
     CMListNode::Row row = withoutLines(object).toHash();
     for (const QString& key : { Title, Description }) {
@@ -311,8 +307,11 @@ CMListNode::Row CMTreeFileReader::readRow(const QVariant& json, const QVariantHa
     }
     if (row.contains(Path) && !CMPath::fromEncoded(row.value(Path).toString()).isValid())
         fail(object, QStringLiteral("\"path\" must be a path"));
-    if (row.contains(Value))
-        row.insert(Value, QVariant::fromValue(readValue(object)));
+    const ZarkValue value = object.contains(Value) ? readValue(object) : ZarkValue();
+    if (value.isValid())
+        row.insert(Value, QVariant::fromValue(value));
+    if (object.contains(Edit) && !failed())
+        row.insert(Edit, readEdit(object, value.type()));
     return row;
 }
 

@@ -25,8 +25,8 @@ private:
     void readCommon(const QVariantHash& object, CMUINode* node);
     bool checkCommon(const QVariantHash& object);
     ZarkValue readValue(const QVariantHash& owner);
-    QVariantHash readEdit(const QVariantHash& owner, const ZarkValue& value);
-    bool checkNumber(const QVariantHash& edit, const QString& key, const ZarkValue& value);
+    QVariantHash readEdit(const QVariantHash& owner, ZarkValueType::Enum type);
+    bool checkOption(const QVariant& option, const QVariantHash& edit, ZarkValueType::Enum type);
     CMListNode::Row readRow(const QVariant& json, const QVariantHash& list);
     void fillGenerated(CMListNode* node, const QVariantHash& rows);
 

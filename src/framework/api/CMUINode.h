@@ -43,7 +43,7 @@ public:
     void setIcon(const QString& icon);
     /// {"minimum", "maximum", "step", "unit", "options"}, what applies.
     const QVariantHash& edit() const { return m_edit; }
-    void setEdit(const QVariantHash& edit);
+    virtual void setEdit(const QVariantHash& edit);
     qint64 timestamp() const { return m_timestamp; } ///< Last change of the value or rows, ms since the epoch.
 
     /// "container", "value", "list", "action" or "stream".

@@ -1,9 +1,20 @@
 #include "CMValueNode.h"
 
+#include "ApiLogger.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 #include "CMStore.h"
 #include "CMValueBounds.h"
+
+namespace {
+
+// The value itself may be a secret.
+void warnOfDefault(const CMPath& path, const QString& reason)
+{
+    dbglog_warn(apiLogger(), "The stored value of " << path.toEncoded() << " gives way to the default: " << reason);
+}
+
+} // namespace
 
 CMValueNode* CMValueNode::create(CMNodes* nodes, const CMPath& path, const ZarkValue& initial, Persistence persistence)
 {
@@ -14,11 +25,36 @@ CMValueNode* CMValueNode::create(CMNodes* nodes, const CMPath& path, const ZarkV
 CMValueNode::CMValueNode(CMNodeTree* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence)
     : CMUINode(tree, path), m_value(initial), m_persistence(persistence)
 {
-    if (m_persistence != Persistent || !tree->store())
+    if (m_persistence == Persistent && tree->store())
+        takeStored();
+}
+
+CMValueNode::~CMValueNode() = default;
+
+void CMValueNode::takeStored()
+{
+    const ZarkValue stored = tree()->store()->value(path());
+    if (!stored.isValid())
         return;
-    const ZarkValue stored = tree->store()->value(path);
-    if (stored.type() == initial.type()) // A node whose type has changed since starts with its default.
-        m_value = stored;
+    if (stored.type() != m_value.type())
+        return warnOfDefault(path(), QStringLiteral("it is of another type."));
+    m_default = std::make_unique<const ZarkValue>(m_value);
+    m_value = stored;
+}
+
+void CMValueNode::setEdit(const QVariantHash& edit)
+{
+    QString fault;
+    auto bounds = std::make_unique<const CMValueBounds>(CMValueBounds::read(edit, m_value.type(), &fault));
+    m_bounds = edit.isEmpty() ? nullptr : std::move(bounds);
+    if (!fault.isEmpty())
+        dbglog_error(apiLogger(), "The bounds of " << path().toEncoded() << " are wrong: " << fault);
+    CMUINode::setEdit(edit);
+    const CMError error = m_default && m_bounds ? m_bounds->check(m_value) : CMError();
+    if (error.isEmpty())
+        return;
+    warnOfDefault(path(), error.message().source());
+    apply(ZarkValue(*m_default));
 }
 
 QString CMValueNode::nodeType() const
@@ -37,7 +73,7 @@ CMError CMValueNode::check(const ZarkValue& value) const
         const QString type = ZarkValueType::toString(m_value.type());
         return CMError(CMError::InvalidType, QStringLiteral("The value must be of type %1.").arg(type));
     }
-    CMError error = CMValueBounds::check(value, edit());
+    CMError error = m_bounds ? m_bounds->check(value) : CMValueBounds().check(value);
     if (error.isEmpty() && m_validator)
         error = m_validator(value);
     return error;
@@ -48,6 +84,7 @@ void CMValueNode::apply(const ZarkValue& value)
     if (value == m_value)
         return;
     m_value = value;
+    m_default.reset();
     touch();
     changed({ ZarkRoles::Value() });
 }

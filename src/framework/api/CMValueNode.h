@@ -5,11 +5,16 @@
 
 #include "CMUINode.h"
 
+class CMValueBounds;
+
 /// A node that holds one value of a fixed type, within the bounds of edit(). A persistent one takes its value from the
-/// store when it is made, and a write is on disk before it is answered and before anybody sees it.
+/// store when it is made, and a write is on disk before it is answered and before anybody sees it. A stored value of
+/// another type, or out of the bounds, gives way to the default, with a line in the log: an older version wrote it.
 class CMValueNode : public CMUINode {
 public:
     enum Persistence { Volatile, Persistent };
+
+    ~CMValueNode() override;
 
     /// `initial` gives the type and the default. Null as CMUINode::create().
     static CMValueNode* create(
@@ -27,6 +32,8 @@ public:
     /// Runs after the value has changed through set() or invoke(), for nodes that act on the device.
     void setChangeHook(const std::function<void(const ZarkValue&)>& hook) { m_changeHook = hook; }
 
+    /// A bound that the value's type cannot have is logged and does not count.
+    void setEdit(const QVariantHash& edit) override;
     QString nodeType() const override;
     QVariant valueRole() const override;
     void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply) override;
@@ -34,6 +41,7 @@ public:
 private:
     CMValueNode(CMNodeTree* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence);
 
+    void takeStored();
     CMError check(const ZarkValue& value) const; ///< Type, range, step, options, validator.
     void apply(const ZarkValue& value); ///< Into memory, and tells the listeners.
     /// Applies a written value, runs the change hook, and returns what the node holds then.
@@ -45,6 +53,8 @@ private:
 
     ZarkValue m_value;
     Persistence m_persistence;
+    std::unique_ptr<const CMValueBounds> m_bounds; ///< Null: none.
+    std::unique_ptr<const ZarkValue> m_default; ///< As long as the value is the store's.
     std::function<CMError(const ZarkValue&)> m_validator;
     std::function<void(const ZarkValue&)> m_changeHook;
     std::shared_ptr<bool> m_alive; ///< Made with the first write that waits for the store.

@@ -26,7 +26,9 @@ class ZarkJson {
 public:
     enum Flag : unsigned {
         NoFlags = 0,
-        RecordLines = 1, ///< Every object gets the key "@line": the line of its "{". For files that people write.
+        /// For files that people write: every object gets the key "@line", the line of its "{", and a key that comes
+        /// twice in one object is refused.
+        RecordLines = 1,
     };
     static constexpr int MaximumDepth = 128;
     static constexpr int AnyNumber = std::numeric_limits<int>::max();

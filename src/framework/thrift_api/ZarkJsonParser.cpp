@@ -166,9 +166,12 @@ bool ZarkJsonParser::parseMember(QVariantHash& hash)
     skipSpace();
     if (m_pos == m_end || *m_pos != '"')
         return failUnexpected("expected a key");
+    const char* const begin = m_pos;
     QString key;
     if (!parseString(key))
         return false;
+    if (m_recordLines && hash.contains(key))
+        return failAt(begin, "the key comes twice in this object");
     skipSpace();
     if (m_pos == m_end || *m_pos != ':')
         return failUnexpected("expected ':'");

@@ -14,6 +14,8 @@
 #include <log4cplus/layout.h>
 #include <log4cplus/spi/loggingevent.h>
 
+#include "LogFileCheck.h"
+
 namespace {
 
 struct Registry {
@@ -189,6 +191,13 @@ bool DbgLogger::configureFromFile(const QString& file, QString* error)
         return false;
     }
     initializeOnce();
+    // The library would take it, complain to nobody who reads, and log nothing.
+    const QString fault = LogFileCheck::fault(readable.readAll());
+    if (!fault.isEmpty()) {
+        if (error)
+            *error = QStringLiteral("%1:%2").arg(file, fault);
+        return false;
+    }
     const std::lock_guard<std::mutex> lock(registry().mutex);
     try {
         log4cplus::Logger::getDefaultHierarchy().resetConfiguration();

@@ -28,7 +28,8 @@ public:
     /// Sends every logger to standard error at `level` ("trace", "debug", "info", "warn", "error", "fatal", "off"),
     /// with syslog priorities ("<6>") in front when `journal` is set. False for a level of another name.
     static bool configure(const QString& level, bool journal);
-    /// Reads a log4cplus property file; false with `error` when it cannot be read.
+    /// Reads a log4cplus property file; false with "<file>:<line>: <what>" in `error`, and everything as it was, when
+    /// it cannot be read or has a fault.
     static bool configureFromFile(const QString& file, QString* error);
 
 private:

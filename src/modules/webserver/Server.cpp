@@ -135,6 +135,8 @@ void Server::start()
         dbglog_info(webserverLog(), "SOUP server is already running");
         return;
     }
+    if (m_draining)
+        return;
     if (isHttps() && m_useDeviceCert && m_deviceCertificate.certificateFile().isEmpty()) {
         dbglog_info(webserverLog(), "No device-cert ready to start https server");
         return;
@@ -178,6 +180,15 @@ void Server::stop()
     soup_server_disconnect(m_soupServer);
     m_running = false;
     Q_EMIT stateChanged();
+}
+
+void Server::drain()
+{
+    dbglog_scopedFunction(webserverLog());
+    m_draining = true;
+    m_restartTimer.stop();
+    if (m_connectionTable)
+        m_connectionTable->drain();
 }
 
 void Server::updateIpAddresses(const QSet<QString>& addresses)

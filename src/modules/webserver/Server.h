@@ -56,6 +56,8 @@ public:
     void start();
     /// Stops listening and cuts every connection.
     void stop();
+    /// For good: takes no new connection and no new request, and answers those that it has. Stays running meanwhile.
+    void drain();
 
     /// Registers `handler` for every path that starts with `path`, in place of an earlier one, which is deleted.
     void addHandler(const QString& path, Handler* handler);
@@ -109,6 +111,7 @@ private:
     SoupServer* m_soupServer = nullptr;
     int m_port;
     bool m_running = false;
+    bool m_draining = false;
     QString m_certificatePem;
     QString m_keyPem;
     bool m_useDeviceCert;

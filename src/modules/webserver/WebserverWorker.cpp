@@ -89,6 +89,9 @@ CMNodesWorker* worker_create(const QVariantHash& arguments)
 WebserverWorker::WebserverWorker(const QVariantHash& arguments) : CMNodesWorker(QStringLiteral("SoupServer"), arguments)
 {
     dbglog_info(webserverLog(), toText(arguments));
+    createStatusNodes();
+    if (!fault().isEmpty())
+        return;
     // For the spread of delays after failed authentications.
     std::srand(static_cast<unsigned int>(g_get_monotonic_time() / 1000));
     m_documentRoot = setting(ZarkWebserverDocumentRootPath()).string();
@@ -96,7 +99,6 @@ WebserverWorker::WebserverWorker(const QVariantHash& arguments) : CMNodesWorker(
     HttpsSettings::restrictTls();
     createSharedObjects();
     createChangePasswordNode();
-    createStatusNodes();
     startServers();
     watchSettings();
 }
@@ -141,10 +143,9 @@ void WebserverWorker::createChangePasswordNode()
 
 void WebserverWorker::createStatusNodes()
 {
-    const ZarkValue none = ZarkValue::fromStringList({});
-    m_addressesNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "addresses" }), none);
-    m_errorsNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "errors" }), none);
-    m_pendingNode = CMValueNode::create(nodes(), CMPath::fromSegments(name(), { "status", "pending" }), none);
+    m_addressesNode = makeStatusNode(QStringLiteral("addresses"));
+    m_errorsNode = makeStatusNode(QStringLiteral("errors"));
+    m_pendingNode = makeStatusNode(QStringLiteral("pending"));
 }
 
 void WebserverWorker::startServers()
@@ -289,6 +290,9 @@ void WebserverWorker::reload()
 void WebserverWorker::shutDown()
 {
     dbglog_scopedFunction(webserverLog());
+    m_renewal.stop();
+    for (Server* server : qAsConst(m_servers))
+        server->drain();
     m_eventShared->eventQueues()->shutDown();
 }
 

@@ -4,10 +4,13 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <fcntl.h>
 #include <linux/tcp.h> // With the byte counts that the C library's tcp_info lacks.
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -115,6 +118,29 @@ void ConnectionTable::stop()
     }
 }
 
+void ConnectionTable::drain()
+{
+    m_draining = true;
+    closeListeners();
+    for (const auto& entry : m_connections) {
+        if (entry.second->state == ReadingHead)
+            closeSoon(entry.second.get());
+    }
+}
+
+// The library gives no listener up without its connections, and does not survive one that fails. So its descriptor
+// becomes one on which nothing ever happens, which closes the socket that it was.
+void ConnectionTable::closeListeners()
+{
+    const int silent = ::eventfd(0, EFD_CLOEXEC);
+    GSList* listeners = soup_server_get_listeners(m_server);
+    for (const GSList* entry = listeners; silent >= 0 && entry; entry = entry->next)
+        ::dup3(silent, g_socket_get_fd(static_cast<GSocket*>(entry->data)), O_CLOEXEC);
+    g_slist_free(listeners);
+    if (silent >= 0)
+        ::close(silent);
+}
+
 void ConnectionTable::stopSweep()
 {
     if (m_timer)
@@ -148,6 +174,8 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
     connection->state = ReadingHead;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + seconds * MicrosecondsPerSecond;
+    if (m_draining)
+        closeSoon(connection);
     return connection;
 }
 

@@ -49,6 +49,9 @@ public:
     void start(SoupServerListenOptions options);
     /// To be called before the library disconnects everybody.
     void stop();
+    /// Closes the listeners and the idle connections, and each other one when its client has its answer.
+    void drain();
+    bool isDraining() const { return m_draining; }
 
     /// Some client has sent a request, or is sending its body, and has no full answer yet.
     bool isAnswering() const;
@@ -80,6 +83,7 @@ private:
     void close(Connection* connection);
     void doom(Connection* connection);
     void closeDoomed();
+    void closeListeners();
     void closeOverdue();
     void closeSlowHandshakes();
     void reviveListeners();
@@ -98,6 +102,7 @@ private:
     quint64 m_acceptCount = 0;
     quint64 m_acceptCountAtSweep = 0;
     bool m_waitingAtSweep = false;
+    bool m_draining = false;
     std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
     std::unordered_map<quint64, Connection*> m_numbered; ///< The same.
     std::vector<std::unique_ptr<Connection>> m_gone; ///< Kept until the next sweep: callbacks may still hold them.

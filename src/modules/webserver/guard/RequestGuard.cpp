@@ -110,6 +110,9 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
     if (!message->method || connection->state != ConnectionTable::ReadingHead)
         return;
     ConnectionTable::headRead(connection);
+    // A request that was sent behind another one: its connection is about to be closed.
+    if (connection->limits->isDraining())
+        return soup_server_pause_message(connection->limits->server(), message);
     breakRecursion(message, connection);
     const RequestHead head = headOf(message);
     switch (examineHead(head, connection->limits->limits())) {
