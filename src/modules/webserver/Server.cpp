@@ -170,9 +170,21 @@ void Server::setCertificate(const QString& certificatePem, const QString& keyPem
         m_certificate->replace(certificatePem, keyPem, renew);
 }
 
+void Server::checkCertificate()
+{
+    dbglog_scopedFunction(webserverLog());
+    if (m_certificate)
+        m_certificate->renewWhenDue();
+}
+
 bool Server::isAnswering() const
 {
     return m_connectionTable->isAnswering();
+}
+
+bool Server::endHandshakes()
+{
+    return m_connectionTable->endHandshakes();
 }
 
 bool Server::useCertificateFiles(const QString& certificateFile, const QString& keyFile)

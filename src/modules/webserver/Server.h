@@ -63,7 +63,8 @@ public:
 
     const QString& language() const { return m_language; }
     /// Makes the device certificate for these addresses and serves it; stopped meanwhile, and after a failure. An empty
-    /// set stops the server. Only for HTTPS on the device certificate. Blocks: several runs of `openssl`.
+    /// set stops the server. Only for HTTPS on the device certificate. Blocks: several runs of `openssl`. A running
+    /// server first cuts those who shake hands, and stops some milliseconds later.
     void updateIpAddresses(const QSet<QString>& addresses);
     /// Serves another certificate, or makes the device certificate anew with this authority, once nobody waits for an
     /// answer, 2 s from now at the latest. The library binds a certificate to a listener, and gives no listener up
@@ -71,6 +72,9 @@ public:
     /// everything as it is, and is logged. Nothing happens for the certificate in use, except that with `renew` a
     /// device certificate is made anew.
     void setCertificate(const QString& certificatePem, const QString& keyPem, bool renew);
+    /// Makes a device certificate anew that today's date is not in, or only for another month, and tries again to make
+    /// one that could not be made. For whenever the clock was set, and now and then.
+    void checkCertificate();
     /// Still waiting for its first updateIpAddresses().
     bool waitsForAddresses() const { return m_certificate && m_certificate->waitsForAddresses(); }
 
@@ -96,6 +100,7 @@ private:
     static void deleteHandlerData(gpointer handlerData);
 
     bool isAnswering() const override;
+    bool endHandshakes() override;
     bool useCertificateFiles(const QString& certificateFile, const QString& keyFile) override;
     void certificateFailed(const QString& reason) override;
 

@@ -101,11 +101,19 @@ void ConnectionTable::start(SoupServerListenOptions options)
 void ConnectionTable::stop()
 {
     stopSweep();
-    // The library forgets these, and leaves each to a thread that waits for the client.
+    endHandshakes();
+}
+
+bool ConnectionTable::endHandshakes()
+{
+    bool found = false;
     for (const auto& entry : m_connections) {
-        if (mayBeShakingHands(*entry.second))
-            close(entry.second.get());
+        if (!mayBeShakingHands(*entry.second))
+            continue;
+        close(entry.second.get());
+        found = true;
     }
+    return !found;
 }
 
 void ConnectionTable::stopSweep()

@@ -16,6 +16,7 @@ public:
     virtual bool isRunning() const = 0;
     virtual bool isAnswering() const = 0; ///< Some client has no full answer yet.
     virtual void start() = 0;
+    virtual bool endHandshakes() = 0; ///< Cuts them. True when there is none any more, and stop() loses nothing.
     virtual void stop() = 0;
     /// Serves what these files hold from the next start() on, and needs them no longer when it returns. False, with the
     /// failure logged, when they cannot be used.
@@ -43,12 +44,15 @@ public:
 
     void updateIpAddresses(const QSet<QString>& addresses); ///< Server tells the story.
     void replace(const QString& certificatePem, const QString& keyPem, bool renew); ///< Server::setCertificate().
+    void renewWhenDue(); ///< Server::checkCertificate().
 
 private:
     static GTlsCertificate* load(const QString& certificatePem, const QString& keyPem, QString* error);
-    void makeDeviceCertificate();
     void restartWhenIdle();
-    void restartWithOwnCertificate();
+    void beginStop();
+    void restart();
+    void startOnDeviceCertificate();
+    void startOnOwnCertificate();
 
     QString m_certificatePem;
     QString m_keyPem;
@@ -57,6 +61,7 @@ private:
     bool m_addressesKnown = false;
     QSet<QString> m_addresses; ///< Of the last updateIpAddresses().
     DeviceCertificate m_deviceCertificate;
-    QTimer m_restartTimer; ///< Runs while a new certificate waits for the answers under way.
+    QTimer m_restartTimer; ///< Runs while a restart waits for answers, then for handshakes.
+    bool m_isStopping = false; ///< The restart waits for handshakes.
     QDeadlineTimer m_restartDeadline;
 };
