@@ -20,6 +20,7 @@
 #include "CMRoot.h"
 #include "CMStore.h"
 #include "CMTreeFile.h"
+#include "ClockWatch.h"
 #include "ServiceNotifier.h"
 #include "SignalWatch.h"
 #include "WorkerStatus.h"
@@ -105,8 +106,25 @@ bool Host::loadTree(QString* error)
 {
     m_root = std::make_unique<CMRootWorker>(m_store.get());
     m_nodes = std::make_unique<CMNodes>(m_root->tree());
-    return CMTreeFile::load(m_options.treeFile, m_nodes.get(), error) && m_overrides.applyFound(m_root->tree(), error)
-        && (m_options.check || m_authority.apply(m_root->tree(), error));
+    if (!CMTreeFile::load(m_options.treeFile, m_nodes.get(), error) || !m_overrides.applyFound(m_root->tree(), error))
+        return false;
+    if (!m_options.check)
+        applyAuthority();
+    return true;
+}
+
+// Without an authority there is no HTTPS, which is no reason to do without the rest.
+void Host::applyAuthority()
+{
+    QString error;
+    if (!m_authority.apply(m_root->tree(), &error))
+        dbglog_error(logger(), error);
+}
+
+void Host::checkAuthority()
+{
+    if (m_authority.isDue())
+        applyAuthority();
 }
 
 bool Host::loadModules(QString* error)
@@ -172,6 +190,7 @@ Host::ExitStatus Host::run()
     m_notifier->ready();
     m_isReady = true;
     dbglog_info(logger(), "zark-host " ZARK_VERSION " started");
+    const ClockWatch clockWatch([this] { checkAuthority(); });
     // quit() before exec() would be forgotten.
     if (!m_isStopRequested)
         QCoreApplication::exec();
@@ -196,6 +215,7 @@ void Host::awaitWorkers()
 bool Host::announce()
 {
     bool canServe = true;
+    bool serves = false;
     for (const auto& worker : m_workers) {
         const WorkerStatus status = WorkerStatus::of(worker.get());
         for (const QString& error : status.errors)
@@ -203,7 +223,10 @@ bool Host::announce()
         for (const QString& address : status.addresses)
             printf("listening on %s\n", qUtf8Printable(address));
         canServe = canServe && !status.failed();
+        serves = serves || !status.addresses.isEmpty();
     }
+    // Nobody asked for a server but for the one that lacks its authority.
+    canServe = canServe && (serves || !m_authority.isWanted() || m_authority.isUsed());
     if (canServe && m_authority.isUsed())
         printf("certificate authority %s, SHA-256 %s\n", qUtf8Printable(m_authority.certificateFile()),
             qUtf8Printable(m_authority.fingerprint()));
@@ -224,8 +247,8 @@ void Host::reload()
         dbglog_info(logger(), "read the log configuration again");
     else
         dbglog_error(logger(), error);
-    if (m_authority.isUsed() && !m_authority.apply(m_root->tree(), &error))
-        dbglog_error(logger(), error);
+    if (m_authority.isWanted())
+        applyAuthority();
     for (const auto& worker : m_workers)
         worker->reload();
     m_notifier->ready();

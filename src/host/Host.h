@@ -49,6 +49,8 @@ private:
     void awaitWorkers();
     bool announce(); ///< False when some worker cannot serve.
     void reload();
+    void applyAuthority();
+    void checkAuthority();
     void requestStop();
     void stop();
 

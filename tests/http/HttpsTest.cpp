@@ -6,7 +6,9 @@
 #include <QTest>
 
 #include <csignal>
+#include <functional>
 #include <memory>
+#include <sys/timex.h>
 #include <vector>
 
 #include "Device.h"
@@ -24,11 +26,24 @@ QString url(int port, const QByteArray& target)
     return QStringLiteral("https://127.0.0.1:%1%2").arg(port).arg(QString::fromLatin1(target));
 }
 
+QByteArray setSetting(const char* name, const QJsonObject& value)
+{
+    const QString path = QStringLiteral("settings:webserver/") + name;
+    return QJsonDocument({ { "path", path }, { "role", "value" }, { "value", value } }).toJson();
+}
+
 QByteArray setCertificate(const QByteArray& pem)
 {
-    const QJsonObject value{ { "type", "string" }, { "value", QString(pem) } };
-    return QJsonDocument({ { "path", "settings:webserver/httpsCert" }, { "role", "value" }, { "value", value } })
-        .toJson();
+    return setSetting("httpsCert", { { "type", "string" }, { "value", QString(pem) } });
+}
+
+/// Sets the machine's clock, by a nanosecond. False without the privilege.
+bool nudgeClock()
+{
+    timex change = {};
+    change.modes = ADJ_SETOFFSET | ADJ_NANO;
+    change.time.tv_usec = 1;
+    return ::adjtimex(&change) >= 0;
 }
 
 QByteArray contentOf(const QString& name)
@@ -57,7 +72,9 @@ private Q_SLOTS:
         QVERIFY(!m_pair.key.isEmpty());
         m_port = Device::freePort();
         const QStringList limits{ "settings:webserver/limits/headerSeconds=1" };
-        m_device = std::make_unique<Device>(httpsSettings(m_port, m_pair) + limits);
+        // Editors and shells drop the last line end.
+        const TestCertificate trimmed{ m_pair.certificate.trimmed(), m_pair.key.trimmed() };
+        m_device = std::make_unique<Device>(httpsSettings(m_port, trimmed) + limits);
         QVERIFY(m_device->isRunning());
     }
 
@@ -258,6 +275,104 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(isTrusted(port, file), 10000);
         QVERIFY(servedCertificate(port) != before);
         QCOMPARE(device.get(Value).status, 200);
+    }
+
+    void anAuthorityThatCannotBeUsedIsSetAsideAndMadeAnew()
+    {
+        const int port = Device::freePort();
+        Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
+        const QDir state(device.stateDirectory());
+        const QString certificate = state.filePath("authority.pem");
+        const QString key = state.filePath("authority-key.pem");
+        const QByteArray valid = contentOf(certificate);
+        const auto expire = [&] {
+            runTool("openssl", { "x509", "-in", certificate, "-signkey", key, "-days", "-1", "-out", certificate });
+        };
+        const std::vector<std::function<void()>> damages{ [&] { replace(certificate, {}); },
+            [&] { QFile::remove(key); }, [&] { replace(key, m_pair.key); }, expire };
+        for (const auto& damage : damages) {
+            QCOMPARE(device.stop(SIGTERM), 0);
+            const QByteArray before = contentOf(certificate);
+            damage();
+            replace(key + ".new", "left by a kill");
+            QVERIFY(device.start());
+            QTRY_VERIFY_WITH_TIMEOUT(isTrusted(port, certificate), 10000);
+            QVERIFY(contentOf(certificate) != before);
+            QVERIFY(!QFile::exists(key + ".new"));
+        }
+        QCOMPARE(state.entryList({ "authority.pem.unusable-*" }).size(), int(damages.size()));
+
+        // No tool to make one with costs HTTPS alone.
+        QCOMPARE(device.stop(SIGTERM), 0);
+        QVERIFY(QFile::remove(certificate));
+        const QByteArray path = qgetenv("PATH");
+        qputenv("PATH", "/nonexistent");
+        const bool started = device.start();
+        qputenv("PATH", path);
+        QVERIFY(started);
+        QCOMPARE(device.get(Value).status, 200);
+        QVERIFY(!HttpConnection(port).isConnected());
+    }
+
+    void aCertificateNearItsEndIsRenewedWhenTheClockIsSet()
+    {
+        // Certificates of 20 days, as long as its directory is there.
+        const QByteArray path = qgetenv("PATH");
+        auto tools = std::make_unique<QTemporaryDir>();
+        const QString tool = tools->filePath("openssl");
+        replace(tool, "#!/bin/bash\nexport PATH=" + path + "\nexec openssl \"${@/365/20}\"\n");
+        QFile::setPermissions(tool, QFile::Permissions(0x7700));
+        qputenv("PATH", QFile::encodeName(tools->path()) + ':' + path);
+        const int port = Device::freePort();
+        Device device({ QStringLiteral("settings:webserver/httpsPort=%1").arg(port) });
+        qputenv("PATH", path);
+        const QByteArray before = servedCertificate(port);
+        QVERIFY(!before.isEmpty());
+        tools.reset();
+        if (!nudgeClock())
+            QSKIP("needs the privilege to set the clock");
+        QTRY_VERIFY_WITH_TIMEOUT(isRenewed(port, before), 20000);
+        const QByteArray renewed = servedCertificate(port);
+        QVERIFY(nudgeClock());
+        QTest::qWait(1000);
+        QCOMPARE(servedCertificate(port), renewed);
+    }
+
+    void aChangedUseOfTheCertificateWaitsForARestart()
+    {
+        const auto use = [this](bool device) {
+            const QJsonObject value{ { "type", "bool" }, { "value", device } };
+            return m_device->postJson("/api/setData", setSetting("httpsUseDeviceCert", value)).status;
+        };
+        QCOMPARE(use(true), 200);
+        const QByteArray authority = makeCertificate(m_pair.key).certificate;
+        QCOMPARE(m_device->postJson("/api/setData", setCertificate(authority)).status, 200);
+        QTest::qWait(1000);
+        QCOMPARE(servedCertificate(m_port), m_pair.certificate);
+        QCOMPARE(m_device->postJson("/api/setData", setCertificate(m_pair.certificate)).status, 200);
+        QCOMPARE(use(false), 200);
+    }
+
+    void aRestartGivesTheDescriptorsOfHandshakesBack()
+    {
+        const int port = Device::freePort();
+        Device device(httpsSettings(port, m_pair));
+        servedCertificate(port);
+        const QDir descriptors(QStringLiteral("/proc/%1/fd").arg(device.pid()));
+        const auto count = [&] {
+            return descriptors.entryList(QDir::System | QDir::Files).size();
+        };
+        const auto most = count() + 3; // A restart makes some threads, which have something to wake them by.
+        for (int round = 0; round < 2; ++round) {
+            std::vector<std::unique_ptr<HttpConnection>> silent;
+            for (int i = 0; i < 20; ++i)
+                silent.push_back(std::make_unique<HttpConnection>(port));
+            QTRY_VERIFY(count() > most);
+            const TestCertificate renewed = makeCertificate(m_pair.key);
+            QCOMPARE(device.postJson("/api/setData", setCertificate(renewed.certificate)).status, 200);
+            QTRY_COMPARE_WITH_TIMEOUT(servedCertificate(port), renewed.certificate, 5000);
+            QTRY_VERIFY2(count() <= most, qPrintable(QString::number(count() - most)));
+        }
     }
 
     void aSecondHandshakeThatStallsGivesItsDescriptorBack()

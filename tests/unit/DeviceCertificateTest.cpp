@@ -38,6 +38,25 @@ QByteArray makePair(const QTemporaryDir& directory, const QString& name, const Q
     return contentOf(certificate) + contentOf(key);
 }
 
+/// In front of the real tool in PATH: treats what matches `command` (a branch of the shell's case) on its own, and
+/// notes what it was asked.
+class ToolInFront {
+public:
+    explicit ToolInFront(const QByteArray& command, const QString& asked = "/dev/null") : m_path(qgetenv("PATH"))
+    {
+        write(m_directory.filePath("openssl"),
+            "#!/bin/sh\necho \"$*\" >>" + QFile::encodeName(asked) + "\ncase $* in " + command
+                + ";; esac\nPATH=${PATH#*:} exec openssl \"$@\"\n");
+        QFile::setPermissions(m_directory.filePath("openssl"), QFile::Permissions(0x7700));
+        qputenv("PATH", QFile::encodeName(m_directory.path()) + ':' + m_path);
+    }
+    ~ToolInFront() { qputenv("PATH", m_path); }
+
+private:
+    QTemporaryDir m_directory;
+    QByteArray m_path;
+};
+
 } // namespace
 
 /// What is made with the real tool, in a directory of the test's own.
@@ -105,8 +124,10 @@ private Q_SLOTS:
         const QByteArray key = contentOf(certificate.keyFile());
         QVERIFY(key.contains("PRIVATE KEY"));
 
-        // Directories for temporary files are cleaned.
+        // Directories for temporary files are cleaned. Another process was killed at work.
         QFile::remove(certificate.keyFile());
+        QVERIFY(QDir(work.path()).mkpath("soup-dev-killed/x"));
+        certificate.lock();
         QVERIFY2(certificate.renew({ "2001:db8::9" }, &error), qPrintable(error));
         QCOMPARE(contentOf(certificate.keyFile()), key);
         const QString file = certificate.certificateFile();
@@ -115,8 +136,8 @@ private Q_SLOTS:
         QVERIFY(text.contains("O = Maker, CN = Tidekit-device"));
         QVERIFY(openssl({ "verify", "-CAfile", m_pairs.filePath("authority.pem"), file }).endsWith("OK\n"));
         QVERIFY(certificatePairFault(contentOf(file), key).isEmpty());
-        QCOMPARE(QDir(work.path()).entryList(QDir::Files),
-            QStringList({ "soup-cert.pem", "soup-dev-csr.pem", "soup-key.pem" }));
+        QCOMPARE(QDir(work.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot),
+            QStringList({ "soup-cert.pem", "soup-dev-csr.pem", "soup-dev.lock", "soup-key.pem" }));
         for (const QFileInfo& info : QDir(work.path()).entryInfoList(QDir::Files))
             QCOMPARE(info.permissions() & 0x77, QFile::Permissions());
     }
@@ -188,22 +209,38 @@ private Q_SLOTS:
         QVERIFY2(DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &error), qPrintable(error));
     }
 
-    // The tool in front of the real one in PATH refuses one step, and notes what it was asked.
-    void anAuthorityWithoutReadableSubjectStillSigns()
+    void whatTheToolCutsShortIsAFailureAndTriedAgain_data()
     {
-        const QTemporaryDir tools;
-        write(tools.filePath("openssl"),
-            "#!/bin/sh\necho \"$*\" >>" + QFile::encodeName(tools.filePath("asked"))
-                + "\ncase $* in *-subject*) echo no; exit 1;; esac\nPATH=${PATH#*:} exec openssl \"$@\"\n");
-        QFile::setPermissions(tools.filePath("openssl"), QFile::Permissions(0x7700));
-        const QByteArray path = qgetenv("PATH");
-        qputenv("PATH", QFile::encodeName(tools.path()) + ':' + path);
+        QTest::addColumn<QByteArray>("command");
+        QTest::newRow("no key") << QByteArray("genrsa*) : >$3; exit 0");
+        QTest::newRow("half a key") << QByteArray("genrsa*) echo -----BEGIN >$3; exit 0");
+        QTest::newRow("no certificate") << QByteArray("*x509*-req*) exit 0");
+    }
+
+    void whatTheToolCutsShortIsAFailureAndTriedAgain()
+    {
+        QFETCH(QByteArray, command);
         const QTemporaryDir work;
         DeviceCertificate certificate(m_authority, work.path());
         QString error;
-        const bool made = certificate.renew({ "192.0.2.7" }, &error);
-        qputenv("PATH", path);
-        QVERIFY2(made, qPrintable(error));
+        {
+            const ToolInFront tool(command);
+            QVERIFY(!certificate.renew({ "192.0.2.7" }, &error));
+        }
+        QVERIFY2(error.startsWith("Unable to create device key: "), qPrintable(error));
+        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+    }
+
+    void anAuthorityWithoutReadableSubjectStillSigns()
+    {
+        const QTemporaryDir tools;
+        const QTemporaryDir work;
+        DeviceCertificate certificate(m_authority, work.path());
+        QString error;
+        {
+            const ToolInFront tool("*-subject*) echo no; exit 1", tools.filePath("asked"));
+            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+        }
         const QByteArray asked = contentOf(tools.filePath("asked"));
         const QByteArray key = QFile::encodeName(work.filePath("soup-key.pem"));
         QVERIFY2(asked.startsWith("genrsa -out " + key + " 2048\nx509 -noout -subject -nameopt compat -in "),

@@ -1,11 +1,9 @@
 #include "Server.h"
 
 #include <QFile>
-#include <QTemporaryDir>
 
 #include <sys/socket.h>
 
-#include "CertificatePair.h"
 #include "ConnectionTable.h"
 #include "HostFilter.h"
 #include "Message.h"
@@ -19,9 +17,6 @@ namespace {
 constexpr int ListenBacklog = 512;
 constexpr int MaximumPort = 65535;
 
-constexpr int RestartCheckMilliseconds = 20;
-constexpr int RestartLimitMilliseconds = 2000;
-
 bool isTlsAvailable()
 {
     return g_tls_backend_supports_tls(g_tls_backend_get_default());
@@ -34,22 +29,6 @@ QString take(GError* error)
     return message;
 }
 
-/// Null, with the reason in `error`, when the two cannot serve.
-GTlsCertificate* loadCertificate(const QString& certificatePem, const QString& keyPem, QString* error)
-{
-    GError* failure = nullptr;
-    const QByteArray pem = (certificatePem + keyPem).toUtf8();
-    GTlsCertificate* certificate = g_tls_certificate_new_from_pem(pem.constData(), -1, &failure);
-    if (failure) {
-        *error = take(failure);
-        return nullptr;
-    }
-    *error = certificatePairFault(certificatePem, keyPem);
-    if (!error->isEmpty())
-        g_clear_object(&certificate);
-    return certificate;
-}
-
 } // namespace
 
 Server::HandlerData::~HandlerData()
@@ -59,12 +38,13 @@ Server::HandlerData::~HandlerData()
 
 Server::Server(int port, const QString& certificatePem, const QString& keyPem, bool useDeviceCert,
     const ServerLimits& limits, QObject* parent)
-    : QObject(parent), m_port(port), m_certificatePem(certificatePem), m_keyPem(keyPem), m_useDeviceCert(useDeviceCert),
-      m_deviceCertificate(certificatePem + keyPem)
+    : QObject(parent), m_port(port)
 {
     dbglog_scopedFunction(webserverLog());
-    connect(&m_restartTimer, &QTimer::timeout, this, &Server::restartWhenIdle);
-    m_soupServer = createSoupServer();
+    if (!certificatePem.isEmpty() && !keyPem.isEmpty())
+        m_certificate = std::make_unique<ServerCertificate>(
+            certificatePem, keyPem, useDeviceCert, static_cast<CertificateUser*>(this));
+    m_soupServer = m_certificate ? createHttpsServer() : createHttpServer();
     if (!m_soupServer)
         return;
     m_connectionTable = std::make_unique<ConnectionTable>(m_soupServer, limits);
@@ -84,35 +64,29 @@ Server::~Server()
     g_object_unref(m_soupServer);
 }
 
-SoupServer* Server::createSoupServer()
+SoupServer* Server::createHttpServer()
 {
     static const char* httpAliases[] = { "http", nullptr };
-    if (m_certificatePem.isEmpty() || m_keyPem.isEmpty())
-        return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_HTTP_ALIASES, httpAliases, nullptr);
+    return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_HTTP_ALIASES, httpAliases, nullptr);
+}
+
+SoupServer* Server::createHttpsServer()
+{
     m_listenOptions = SOUP_SERVER_LISTEN_HTTPS;
     if (!isTlsAvailable()) {
         m_lastError = QStringLiteral("TLS is not available: the package glib-networking is missing");
         dbglog_fatal(webserverLog(), m_lastError);
         return nullptr;
     }
-    if (m_useDeviceCert)
+    if (m_certificate->isDeviceCert())
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
-    GTlsCertificate* certificate = loadCertificate(m_certificatePem, m_keyPem, &m_lastError);
-    if (!certificate) {
-        loadFailed(m_lastError);
+    GTlsCertificate* certificate = m_certificate->load(&m_lastError);
+    if (!certificate)
         return nullptr;
-    }
     SoupServer* server =
         soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, SOUP_SERVER_TLS_CERTIFICATE, certificate, nullptr);
     g_object_unref(certificate);
     return server;
-}
-
-bool Server::loadFailed(const QString& reason)
-{
-    m_lastError = reason;
-    dbglog_error(webserverLog(), "Load certificate failed: " << reason);
-    return false;
 }
 
 int Server::listeningPort() const
@@ -137,7 +111,7 @@ void Server::start()
     }
     if (m_draining)
         return;
-    if (isHttps() && m_useDeviceCert && m_deviceCertificate.certificateFile().isEmpty()) {
+    if (m_certificate && m_certificate->isMissing()) {
         dbglog_info(webserverLog(), "No device-cert ready to start https server");
         return;
     }
@@ -194,82 +168,52 @@ void Server::drain()
 void Server::updateIpAddresses(const QSet<QString>& addresses)
 {
     dbglog_scopedFunction(webserverLog());
-    if (!isHttps() || !m_useDeviceCert)
+    if (!m_certificate)
         return;
-    m_addressesKnown = true;
-    m_addresses = addresses;
-    m_restartTimer.stop();
-    if (m_running)
-        stop();
-    if (!addresses.isEmpty())
-        makeDeviceCertificate();
+    m_certificate->updateIpAddresses(addresses);
     Q_EMIT stateChanged();
-}
-
-void Server::makeDeviceCertificate()
-{
-    // Until the library has read the files.
-    const auto lock = m_deviceCertificate.lock();
-    if (!m_deviceCertificate.renew(m_addresses, &m_lastError))
-        return;
-    if (applyCertificateFiles(m_deviceCertificate.certificateFile(), m_deviceCertificate.keyFile()))
-        start();
-}
-
-bool Server::applyCertificateFiles(const QString& certificateFile, const QString& keyFile)
-{
-    GError* error = nullptr;
-    if (soup_server_set_ssl_cert_file(m_soupServer, QFile::encodeName(certificateFile).constData(),
-            QFile::encodeName(keyFile).constData(), &error))
-        return true;
-    m_lastError = QStringLiteral("Apply cert failed: ") + take(error);
-    dbglog_error(webserverLog(), m_lastError);
-    return false;
 }
 
 void Server::setCertificate(const QString& certificatePem, const QString& keyPem, bool renew)
 {
     dbglog_scopedFunction(webserverLog());
-    const bool same = certificatePem == m_certificatePem && keyPem == m_keyPem;
-    if (!isHttps() || (same && !(renew && m_useDeviceCert)))
-        return;
-    QString error;
-    GTlsCertificate* certificate = loadCertificate(certificatePem, keyPem, &error);
-    if (!certificate) {
-        loadFailed(error);
-        return Q_EMIT stateChanged();
-    }
-    g_object_unref(certificate);
-    m_certificatePem = certificatePem;
-    m_keyPem = keyPem;
-    m_deviceCertificate.setAuthority(certificatePem + keyPem);
-    if (m_restartTimer.isActive())
-        return; // Requests that keep coming do not put it off.
-    m_restartDeadline = QDeadlineTimer(RestartLimitMilliseconds);
-    m_restartTimer.start(RestartCheckMilliseconds);
+    if (m_certificate)
+        m_certificate->replace(certificatePem, keyPem, renew);
 }
 
-void Server::restartWhenIdle()
+void Server::checkCertificate()
 {
-    if (m_connectionTable->isAnswering() && !m_restartDeadline.hasExpired())
-        return;
-    m_restartTimer.stop();
-    if (m_useDeviceCert) {
-        // Before the first addresses there is nothing to make anew.
-        if (m_addressesKnown)
-            updateIpAddresses(m_addresses);
-        return;
-    }
-    const QTemporaryDir directory; // Mode 0700. The library takes a new certificate from files alone.
-    const PrivateFile certificate(directory.filePath(QStringLiteral("certificate.pem")));
-    const PrivateFile key(directory.filePath(QStringLiteral("key.pem")));
-    if (!certificate.create(m_certificatePem.toUtf8(), &m_lastError) || !key.create(m_keyPem.toUtf8(), &m_lastError)) {
-        loadFailed(m_lastError);
-        return Q_EMIT stateChanged();
-    }
-    stop();
-    if (applyCertificateFiles(certificate.path(), key.path()))
-        start();
+    dbglog_scopedFunction(webserverLog());
+    if (m_certificate)
+        m_certificate->renewWhenDue();
+}
+
+bool Server::isAnswering() const
+{
+    return m_connectionTable->isAnswering();
+}
+
+bool Server::endHandshakes()
+{
+    return m_connectionTable->endHandshakes();
+}
+
+bool Server::useCertificateFiles(const QString& certificateFile, const QString& keyFile)
+{
+    GError* error = nullptr;
+    if (soup_server_set_ssl_cert_file(m_soupServer, QFile::encodeName(certificateFile).constData(),
+            QFile::encodeName(keyFile).constData(), &error))
+        return true;
+    const QString reason = QStringLiteral("Apply cert failed: ") + take(error);
+    dbglog_error(webserverLog(), reason);
+    certificateFailed(reason);
+    return false;
+}
+
+void Server::certificateFailed(const QString& reason)
+{
+    m_lastError = reason;
+    Q_EMIT stateChanged();
 }
 
 void Server::addHandler(const QString& path, Handler* handler)

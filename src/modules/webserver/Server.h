@@ -1,16 +1,14 @@
 #pragma once
 
-#include <QDeadlineTimer>
 #include <QObject>
 #include <QSet>
 #include <QString>
-#include <QTimer>
 
 #include <libsoup/soup.h>
 
 #include <memory>
 
-#include "DeviceCertificate.h"
+#include "ServerCertificate.h"
 
 class ConnectionTable;
 class Handler;
@@ -35,7 +33,7 @@ struct ServerLimits;
 /// 9. finished: the library reports the exchange sent, or the client gone, whichever comes first and at any of the
 ///    steps above; Message::finished() tells everybody who still works on it.
 /// 10. deletion: responder, request, devices and message are deleted later, from the event loop.
-class Server : public QObject {
+class Server : public QObject, private CertificateUser {
     Q_OBJECT
 public:
     /// Plain HTTP when `certificatePem` or `keyPem` is empty; otherwise HTTPS, with these two or, with
@@ -47,15 +45,15 @@ public:
     bool ok() const { return m_soupServer != nullptr; }
     int port() const { return m_port; } ///< As asked for; 0 lets the system choose.
     int listeningPort() const; ///< The port in use; 0 while the server does not run.
-    bool isRunning() const { return m_running; }
+    bool isRunning() const override { return m_running; }
     bool isHttps() const { return m_listenOptions & SOUP_SERVER_LISTEN_HTTPS; }
     SoupServer* soupServer() const { return m_soupServer; }
     const QString& lastError() const { return m_lastError; } ///< Why the last start() failed.
 
     /// Listens on all interfaces. An HTTPS server that still waits for its device certificate stays stopped.
-    void start();
+    void start() override;
     /// Stops listening and cuts every connection.
-    void stop();
+    void stop() override;
     /// For good: takes no new connection and no new request, and answers those that it has. Stays running meanwhile.
     void drain();
 
@@ -67,7 +65,8 @@ public:
 
     const QString& language() const { return m_language; }
     /// Makes the device certificate for these addresses and serves it; stopped meanwhile, and after a failure. An empty
-    /// set stops the server. Only for HTTPS on the device certificate. Blocks: several runs of `openssl`.
+    /// set stops the server. Only for HTTPS on the device certificate. Blocks: several runs of `openssl`. A running
+    /// server first cuts those who shake hands, and stops some milliseconds later.
     void updateIpAddresses(const QSet<QString>& addresses);
     /// Serves another certificate, or makes the device certificate anew with this authority, once nobody waits for an
     /// answer, 2 s from now at the latest. The library binds a certificate to a listener, and gives no listener up
@@ -75,8 +74,11 @@ public:
     /// everything as it is, and is logged. Nothing happens for the certificate in use, except that with `renew` a
     /// device certificate is made anew.
     void setCertificate(const QString& certificatePem, const QString& keyPem, bool renew);
+    /// Makes a device certificate anew that today's date is not in, or only for another month, and tries again to make
+    /// one that could not be made. For whenever the clock was set, and now and then.
+    void checkCertificate();
     /// Still waiting for its first updateIpAddresses().
-    bool waitsForAddresses() const { return isHttps() && m_useDeviceCert && !m_addressesKnown; }
+    bool waitsForAddresses() const { return m_certificate && m_certificate->waitsForAddresses(); }
 
     /// Announced as Content-Language to clients that send Accept-Language; empty: to none.
     void setLanguage(const QString& language) { m_language = language; }
@@ -99,12 +101,14 @@ private:
         SoupClientContext* client, gpointer handlerData);
     static void deleteHandlerData(gpointer handlerData);
 
-    SoupServer* createSoupServer();
-    bool loadFailed(const QString& reason);
+    bool isAnswering() const override;
+    bool endHandshakes() override;
+    bool useCertificateFiles(const QString& certificateFile, const QString& keyFile) override;
+    void certificateFailed(const QString& reason) override;
+
+    static SoupServer* createHttpServer();
+    SoupServer* createHttpsServer();
     void failed(const QString& reason);
-    bool applyCertificateFiles(const QString& certificateFile, const QString& keyFile);
-    void makeDeviceCertificate();
-    void restartWhenIdle();
     void deepenBacklog();
     void dispatch(Message* message, Handler* handler);
 
@@ -112,17 +116,10 @@ private:
     int m_port;
     bool m_running = false;
     bool m_draining = false;
-    QString m_certificatePem;
-    QString m_keyPem;
-    bool m_useDeviceCert;
-    bool m_addressesKnown = false;
-    QSet<QString> m_addresses; ///< Of the last updateIpAddresses().
-    DeviceCertificate m_deviceCertificate;
-    QTimer m_restartTimer; ///< Runs while a new certificate waits for the answers under way.
-    QDeadlineTimer m_restartDeadline;
     QString m_language;
     QString m_lastError;
     SoupServerListenOptions m_listenOptions = static_cast<SoupServerListenOptions>(0);
+    std::unique_ptr<ServerCertificate> m_certificate; ///< Null on plain HTTP.
     std::unique_ptr<ConnectionTable> m_connectionTable;
     std::unique_ptr<RequestGuard> m_requestGuard;
 };

@@ -1,7 +1,8 @@
 #include "WebserverWorker.h"
 
+#include <QTimer>
+
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 
 #include "ApiResponder.h"
@@ -9,6 +10,7 @@
 #include "CMGlobal.h"
 #include "CMRoot.h"
 #include "CMValueNode.h"
+#include "ClockWatch.h"
 #include "EventResponder.h"
 #include "EventResponderShared.h"
 #include "FileResponder.h"
@@ -31,8 +33,6 @@ namespace {
 
 constexpr int MinimumPasswordLength = 6;
 constexpr int FirstAnswersMilliseconds = 100;
-// A device certificate lasts a year; the longest time that a timer can measure is just above 24 days.
-constexpr int RenewalHours = 24 * 24;
 
 ZarkValue setting(const CMPath& path)
 {
@@ -155,6 +155,7 @@ void WebserverWorker::startServers()
         startServer(port, QString(), QString(), false);
 
     const HttpsSettings https = HttpsSettings::read();
+    m_useDeviceCert = https.useDeviceCert;
     if (https.isWanted())
         startServer(https.port, https.certificatePem, https.keyPem, https.useDeviceCert);
 }
@@ -179,8 +180,7 @@ void WebserverWorker::watchSettings()
                     followHttpsSettings(false);
             });
     }
-    connect(&m_renewal, &QTimer::timeout, this, &WebserverWorker::reload);
-    m_renewal.start(std::chrono::hours(RenewalHours));
+    m_clockWatch = std::make_unique<ClockWatch>([this] { checkCertificate(); });
 }
 
 void WebserverWorker::watchNetworkInfo()
@@ -189,6 +189,12 @@ void WebserverWorker::watchNetworkInfo()
     connect(networkInfo, &CMValueItem::changed, this, &WebserverWorker::on_networkInfo_changed);
     m_networkInfoExpected = setting(ZarkNetworkInfoPath()).isValid();
     publishStatus();
+}
+
+void WebserverWorker::checkCertificate()
+{
+    if (Server* server = httpsServer())
+        server->checkCertificate();
 }
 
 Server* WebserverWorker::httpsServer() const
@@ -205,6 +211,11 @@ void WebserverWorker::followHttpsSettings(bool renewUnchanged)
     Server* server = httpsServer();
     if (!https.isWanted())
         return;
+    // A pair that is meant for the other use would show: an authority as the server's own certificate.
+    if (https.useDeviceCert != m_useDeviceCert) {
+        dbglog_info(webserverLog(), "httpsUseDeviceCert has changed: HTTPS stays as it is until a restart");
+        return;
+    }
     if (server)
         return server->setCertificate(https.certificatePem, https.keyPem, renewUnchanged);
     startServer(https.port, https.certificatePem, https.keyPem, https.useDeviceCert);

@@ -4,7 +4,8 @@
 #include <QMap>
 #include <QSet>
 #include <QSharedPointer>
-#include <QTimer>
+
+#include <memory>
 
 #include "CMNodesWorker.h"
 #include "CMValueItem.h"
@@ -12,6 +13,7 @@
 class CMActivateNode;
 class CMSetDataRequest;
 class CMValueNode;
+class ClockWatch;
 class EventResponderShared;
 class FetchBudget;
 class ResponderConfiguration;
@@ -43,6 +45,7 @@ private:
     void watchSettings();
     void watchNetworkInfo();
     void followHttpsSettings(bool renewUnchanged);
+    void checkCertificate();
     Server* httpsServer() const;
     void registerHandlers(Server* server);
     void publishStatus();
@@ -64,7 +67,8 @@ private:
     CMValueNode* m_pendingNode = nullptr;
     QSet<QString> m_ipAddresses; ///< The last that the servers were told.
     bool m_networkInfoExpected = true; ///< Until the network information, or its absence, is known.
-    QTimer m_renewal;
+    bool m_useDeviceCert = false; ///< As it was at the start.
+    std::unique_ptr<ClockWatch> m_clockWatch;
     QSharedPointer<ResponderConfiguration> m_configuration;
     QSharedPointer<EventResponderShared> m_eventShared;
     QSharedPointer<UserDatabase> m_userDatabase;

@@ -111,11 +111,19 @@ void ConnectionTable::stop()
 {
     dbglog_scopedFunction(webserverLog());
     stopSweep();
-    // The library forgets these, and leaves each to a thread that waits for the client.
+    endHandshakes();
+}
+
+bool ConnectionTable::endHandshakes()
+{
+    bool found = false;
     for (const auto& entry : m_connections) {
-        if (mayBeShakingHands(*entry.second))
-            close(entry.second.get());
+        if (!mayBeShakingHands(*entry.second))
+            continue;
+        close(entry.second.get());
+        found = true;
     }
+    return !found;
 }
 
 void ConnectionTable::drain()

@@ -47,11 +47,14 @@ public:
     const ServerLimits& limits() const { return m_limits; }
 
     void start(SoupServerListenOptions options);
-    /// To be called before the library disconnects everybody.
+    /// To be called before the library disconnects everybody. Where there is time, endHandshakes() comes before.
     void stop();
     /// Closes the listeners and the idle connections, and each other one when its client has its answer.
     void drain();
     bool isDraining() const { return m_draining; }
+    /// Cuts those who shake hands; the library learns of it from the event loop. Disconnected before that, each would
+    /// leave a descriptor behind for good. True when there is none (any more): now is the time to stop().
+    bool endHandshakes();
 
     /// Some client has sent a request, or is sending its body, and has no full answer yet.
     bool isAnswering() const;

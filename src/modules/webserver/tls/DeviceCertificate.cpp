@@ -1,5 +1,6 @@
 #include "DeviceCertificate.h"
 
+#include <QDir>
 #include <QFile>
 #include <QHostAddress>
 #include <QRegularExpression>
@@ -7,6 +8,9 @@
 
 #include <algorithm>
 
+#include <unistd.h>
+
+#include "CertificatePair.h"
 #include "WebserverLog.h"
 #include "ZarkProcessHandler.h"
 
@@ -14,6 +18,7 @@ namespace {
 
 constexpr int ToolTimeoutMilliseconds = 5000;
 constexpr int LockTimeoutMilliseconds = 5000;
+const char WorkDirectory[] = "soup-dev-XXXXXX";
 const char CommonName[] = "/CN=Tidekit-device";
 const char FixedSubject[] = "/C=AT/ST=Vienna/O=Orvanta/CN=Tidekit-device";
 
@@ -29,10 +34,23 @@ bool failed(QString* error, const char* what, const QByteArray& output)
     return false;
 }
 
+/// The tool does not mind a full disk: what it wrote may be empty, or end in the middle.
+bool readBack(const PrivateFile& file, QByteArray* pem, QString* reason)
+{
+    *reason = file.path() + QStringLiteral(": empty");
+    return file.read(pem, reason) && !pem->isEmpty();
+}
+
+bool isPair(const QByteArray& certificatePem, const QByteArray& keyPem, QString* reason)
+{
+    *reason = certificatePairFault(QString::fromLatin1(certificatePem), QString::fromLatin1(keyPem));
+    return reason->isEmpty();
+}
+
 bool writeFile(const QString& path, const QByteArray& content)
 {
     QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
+    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size() && file.flush();
 }
 
 } // namespace
@@ -51,7 +69,21 @@ std::unique_ptr<PrivateFileLock> DeviceCertificate::lock() const
         std::make_unique<PrivateFileLock>(m_directory + QStringLiteral("/soup-dev.lock"), LockTimeoutMilliseconds);
     if (!lock->isLocked())
         dbglog_warn(webserverLog(), "Making the device certificate without a lock on " << m_directory);
+    else
+        removeLeftBehind();
     return lock;
+}
+
+void DeviceCertificate::removeLeftBehind() const
+{
+    // Nobody else of this user works there now.
+    const QFileInfoList found = QDir(m_directory)
+                                    .entryInfoList({ QString::fromLatin1(WorkDirectory).replace('X', '?') },
+                                        QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot);
+    for (const QFileInfo& directory : found) {
+        if (directory.ownerId() == ::geteuid())
+            QDir(directory.filePath()).removeRecursively();
+    }
 }
 
 bool DeviceCertificate::renew(const QSet<QString>& addresses, QString* error)
@@ -59,8 +91,8 @@ bool DeviceCertificate::renew(const QSet<QString>& addresses, QString* error)
     dbglog_scopedFunction(webserverLog());
     if (!provideKey(error))
         return false;
-    // In a directory of their own: the tool writes the authority's serial number next to its certificate.
-    const QTemporaryDir temporary;
+    // In a directory of their own: the tool writes the authority's serial number next to its certificate. Mode 0700.
+    const QTemporaryDir temporary(QDir(m_directory).filePath(QString::fromLatin1(WorkDirectory)));
     const QString authorityFile = temporary.filePath(QStringLiteral("authority.pem"));
     const QString extensionFile = temporary.filePath(QStringLiteral("extensions.cnf"));
     if (!temporary.isValid() || !writeFile(authorityFile, m_authorityPem.toUtf8())
@@ -84,8 +116,10 @@ bool DeviceCertificate::provideKey(QString* error)
         openssl({ QStringLiteral("genrsa"), QStringLiteral("-out"), m_key.path(), QStringLiteral("2048") });
     if (!made.finishedOk())
         return failed(error, what, made.getData());
-    if (!m_key.read(&m_keyPem, &reason))
+    QByteArray pem;
+    if (!readBack(m_key, &pem, &reason) || !isPair({}, pem, &reason))
         return failed(error, what, reason.toUtf8());
+    m_keyPem = pem;
     m_keyFile = m_key.path();
     return true;
 }
@@ -139,6 +173,10 @@ bool DeviceCertificate::sign(const QString& authorityFile, const QString& extens
         QStringLiteral("v3_ca"), QStringLiteral("-extfile"), extensionFile });
     if (!made.finishedOk())
         return failed(error, what, made.getData());
+    QByteArray pem;
+    if (!readBack(m_certificate, &pem, &reason) || !isPair(pem, m_keyPem, &reason))
+        return failed(error, what, reason.toUtf8());
+    m_certificatePem = pem;
     m_certificateFile = m_certificate.path();
     return true;
 }

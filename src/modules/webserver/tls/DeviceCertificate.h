@@ -23,10 +23,12 @@ public:
     /// Makes key (the first time), request and certificate. False, with the text that was logged in `error`, when a
     /// step fails. Call it, and read the files, with lock() held: other processes work under the same names.
     bool renew(const QSet<QString>& addresses, QString* error);
+    /// Also removes what a process that was killed has left behind, the authority's key among it.
     std::unique_ptr<PrivateFileLock> lock() const;
 
     const QString& certificateFile() const { return m_certificateFile; } ///< Empty until there is one.
     const QString& keyFile() const { return m_keyFile; } ///< Empty until there is one.
+    const QByteArray& certificatePem() const { return m_certificatePem; } ///< What certificateFile() was made with.
 
     /// The extension file of a certificate for these addresses; what is no address is left out.
     static QByteArray extensions(const QSet<QString>& addresses);
@@ -35,6 +37,7 @@ public:
 
 private:
     bool provideKey(QString* error);
+    void removeLeftBehind() const;
     QString subject(const QString& authorityFile) const;
     bool makeRequest(const QString& subject, QString* error) const;
     bool sign(const QString& authorityFile, const QString& extensionFile, QString* error);
@@ -47,4 +50,5 @@ private:
     QByteArray m_keyPem; ///< Outlives the file: directories for temporary files are cleaned.
     QString m_keyFile;
     QString m_certificateFile;
+    QByteArray m_certificatePem;
 };
