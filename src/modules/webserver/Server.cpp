@@ -160,7 +160,8 @@ void Server::drain()
 {
     dbglog_scopedFunction(webserverLog());
     m_draining = true;
-    m_restartTimer.stop();
+    if (m_certificate)
+        m_certificate->keep();
     if (m_connectionTable)
         m_connectionTable->drain();
 }

@@ -301,7 +301,7 @@ void WebserverWorker::reload()
 void WebserverWorker::shutDown()
 {
     dbglog_scopedFunction(webserverLog());
-    m_renewal.stop();
+    m_clockWatch.reset();
     for (Server* server : qAsConst(m_servers))
         server->drain();
     m_eventShared->eventQueues()->shutDown();

@@ -45,6 +45,7 @@ public:
     void updateIpAddresses(const QSet<QString>& addresses); ///< Server tells the story.
     void replace(const QString& certificatePem, const QString& keyPem, bool renew); ///< Server::setCertificate().
     void renewWhenDue(); ///< Server::checkCertificate().
+    void keep() { m_restartTimer.stop(); } ///< For good: a restart that waits is given up.
 
 private:
     static GTlsCertificate* load(const QString& certificatePem, const QString& keyPem, QString* error);
