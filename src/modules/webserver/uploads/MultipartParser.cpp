@@ -1,0 +1,212 @@
+#include "MultipartParser.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "PartHeader.h"
+
+namespace {
+
+constexpr int MaximumBoundaryLength = 70; // RFC 2046, section 5.1.1
+constexpr int MaximumPaddingLength = 256; // White space behind a boundary; more makes it data.
+constexpr qsizetype NeedsMore = -1;
+
+bool isBoundaryCharacter(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z')
+        || (c != '\0' && strchr("'()+_,-./:=? ", c));
+}
+
+/// How many bytes at the end of `data` could be the beginning of `delimiter`. Only its first byte is a CR.
+qsizetype heldBack(const char* data, qsizetype length, const QByteArray& delimiter)
+{
+    const qsizetype window = std::min<qsizetype>(length, delimiter.size() - 1);
+    const char* const end = data + length;
+    const auto* last = static_cast<const char*>(memrchr(end - window, '\r', static_cast<size_t>(window)));
+    if (!last || memcmp(last, delimiter.constData(), static_cast<size_t>(end - last)) != 0)
+        return 0;
+    return end - last;
+}
+
+} // namespace
+
+MultipartParser::MultipartParser(const QByteArray& boundary, const Limits& limits, MultipartSink* sink)
+    : m_delimiter("\r\n--" + boundary), m_limits(limits), m_sink(sink)
+{
+    if (boundaryOf(boundary) != boundary || boundary.isEmpty())
+        m_error = BadBoundary;
+}
+
+QByteArray MultipartParser::boundaryOf(const QByteArray& parameter)
+{
+    const bool quoted = parameter.startsWith('"');
+    const int end = parameter.indexOf(quoted ? '"' : ';', 1);
+    if (quoted && end < 0)
+        return {};
+    const QByteArray boundary = quoted ? parameter.mid(1, end - 1) : parameter.mid(0, end).trimmed();
+    const bool valid = boundary.size() <= MaximumBoundaryLength && !boundary.endsWith(' ')
+        && std::all_of(boundary.begin(), boundary.end(), isBoundaryCharacter);
+    return valid ? boundary : QByteArray();
+}
+
+bool MultipartParser::feed(const char* data, qsizetype length)
+{
+    if (m_error != NoError || m_state == Epilogue)
+        return m_error == NoError;
+    // What is held is short, and so are the pieces that a connection delivers.
+    m_held.append(data, static_cast<int>(length));
+    const QByteArray buffer = m_held;
+    qsizetype position = 0;
+    while (position < buffer.size() && m_state != Epilogue) {
+        const qsizetype taken = step(buffer.constData() + position, buffer.size() - position);
+        if (m_error != NoError)
+            return false;
+        if (taken == NeedsMore)
+            break;
+        position += taken;
+    }
+    m_held = m_state == Epilogue ? QByteArray() : buffer.mid(static_cast<int>(position));
+    return true;
+}
+
+bool MultipartParser::finish()
+{
+    if (m_error != NoError)
+        return false;
+    return m_state == Epilogue || fail(Unterminated);
+}
+
+// Gives how many bytes are done with: none when only the state has changed.
+qsizetype MultipartParser::step(const char* data, qsizetype length)
+{
+    switch (m_state) {
+    case Header:
+        return readHeader(data, length);
+    case DataBegin:
+        return readBlankLine(data, length);
+    default:
+        return readUntilBoundary(data, length);
+    }
+}
+
+qsizetype MultipartParser::readUntilBoundary(const char* data, qsizetype length)
+{
+    const auto* found = static_cast<const char*>(
+        memmem(data, static_cast<size_t>(length), m_delimiter.constData(), static_cast<size_t>(m_delimiter.size())));
+    const qsizetype before = found ? found - data : length - heldBack(data, length, m_delimiter);
+    if (before > 0) {
+        give(data, before);
+        return before;
+    }
+    return found ? readBoundary(data, length) : NeedsMore;
+}
+
+// `data` begins with the delimiter.
+qsizetype MultipartParser::readBoundary(const char* data, qsizetype length)
+{
+    qsizetype taken = 0;
+    switch (endingOf(data + m_delimiter.size(), length - m_delimiter.size(), &taken)) {
+    case Unknown:
+        return NeedsMore;
+    case None:
+        give(data, m_delimiter.size()); // No other boundary can begin inside it.
+        break;
+    case NextPart:
+        endPart(Header);
+        break;
+    case LastPart:
+        endPart(Epilogue);
+    }
+    return m_delimiter.size() + taken;
+}
+
+// What stands behind the boundary: "--", or white space and a line end (RFC 2046, section 5.1.1).
+MultipartParser::Ending MultipartParser::endingOf(const char* rest, qsizetype length, qsizetype* taken)
+{
+    if (length >= 2 && rest[0] == '-' && rest[1] == '-') {
+        *taken = 2;
+        return LastPart;
+    }
+    if (length < 2 && (length == 0 || rest[0] == '-'))
+        return Unknown;
+    const auto* const end = std::find_if_not(rest, rest + length, [](char c) { return c == ' ' || c == '\t'; });
+    const qsizetype padding = end - rest;
+    if (padding > MaximumPaddingLength)
+        return None;
+    const qsizetype left = length - padding;
+    if (left < 2)
+        return left == 0 || *end == '\r' ? Unknown : None;
+    if (end[0] != '\r' || end[1] != '\n')
+        return None;
+    *taken = padding + 2;
+    return NextPart;
+}
+
+void MultipartParser::endPart(State next)
+{
+    if (m_state == Data)
+        m_sink->partEnded();
+    m_state = next;
+}
+
+void MultipartParser::give(const char* data, qsizetype length)
+{
+    if (m_state == Data)
+        return m_sink->partData(data, length);
+    m_preambleBytes += length;
+    if (m_preambleBytes > m_limits.preambleBytes)
+        fail(PreambleTooLong);
+}
+
+// Up to the blank line, which is left: a part without a body ends with the boundary that begins there.
+qsizetype MultipartParser::readHeader(const char* data, qsizetype length)
+{
+    const bool empty = length >= 2 && memcmp(data, "\r\n", 2) == 0;
+    const auto* last = static_cast<const char*>(memmem(data, static_cast<size_t>(length), "\r\n\r\n", 4));
+    const qsizetype size = empty ? 0 : last ? last - data + 2 : length;
+    if (size > m_limits.headerBytes) {
+        fail(HeaderTooLong);
+        return NeedsMore;
+    }
+    if (!empty && !last)
+        return NeedsMore;
+    beginPart(QByteArray::fromRawData(data, static_cast<int>(size)));
+    return size;
+}
+
+// `data` begins with the line end of the blank line behind a part's header.
+qsizetype MultipartParser::readBlankLine(const char* data, qsizetype length)
+{
+    const auto common = static_cast<size_t>(std::min<qsizetype>(length, m_delimiter.size()));
+    const bool isBoundary = memcmp(data, m_delimiter.constData(), common) == 0;
+    if (isBoundary && length < m_delimiter.size())
+        return NeedsMore;
+    m_state = Data;
+    if (!isBoundary)
+        return 2;
+    const qsizetype taken = readBoundary(data, length);
+    if (taken == NeedsMore)
+        m_state = DataBegin;
+    return taken;
+}
+
+void MultipartParser::beginPart(const QByteArray& header)
+{
+    if (++m_partCount > m_limits.parts) {
+        fail(TooManyParts);
+        return;
+    }
+    MultipartPart part;
+    if (!parsePartHeader(header, &part)) {
+        fail(HeaderMalformed);
+        return;
+    }
+    m_state = DataBegin;
+    m_sink->partBegan(part);
+}
+
+bool MultipartParser::fail(Error error)
+{
+    m_error = error;
+    return false;
+}

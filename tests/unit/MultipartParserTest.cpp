@@ -1,0 +1,144 @@
+#include <QtTest>
+
+#include "MultipartParser.h"
+
+namespace {
+
+/// Writes down what it is told: "[name|fileName|contentType]data;" for each part, without the ";" when it did not end.
+class Transcript : public MultipartSink {
+public:
+    void partBegan(const MultipartPart& part) override
+    {
+        text += '[' + part.name + '|' + part.fileName + '|' + part.contentType + ']';
+    }
+    void partData(const char* data, qsizetype length) override { text.append(data, int(length)); }
+    void partEnded() override { text += ';'; }
+
+    QByteArray text;
+};
+
+struct Row {
+    const char* name;
+    QByteArray body; ///< With boundary "XyZ".
+    MultipartParser::Error error;
+    QByteArray transcript; ///< Of what is complete; not compared after an error.
+};
+
+QByteArray part(const QByteArray& disposition, const QByteArray& data)
+{
+    return "--XyZ\r\nContent-Disposition: " + disposition + "\r\n\r\n" + data + "\r\n";
+}
+
+const QByteArray A = "form-data; name=\"a\"";
+const QByteArray End = "--XyZ--\r\n";
+const QByteArray Long(9000, 'x');
+const QByteArray Nearly = "1\r\n--XyZ-\r\n--Xy\r\r\n--XyZw\r\n--XyZ \t2\r\n\r\n--XY\n--XyZ--\n";
+
+const std::vector<Row>& rows()
+{
+    using P = MultipartParser;
+    static const std::vector<Row> rows{
+        { "two parts", part(A, "1") + part("form-data; name=b; filename=\"c d.bin\"", "\r\n2\r\n") + End, P::NoError,
+            "[a||text/plain]1;[b|c d.bin|text/plain]\r\n2\r\n;" },
+        { "empty file", part(A, "") + End, P::NoError, "[a||text/plain];" },
+        { "part without a body", "--XyZ\r\nContent-Disposition: " + A + "\r\n\r\n--XyZ--", P::NoError,
+            "[a||text/plain];" },
+        { "nearly boundaries", part(A, Nearly) + End, P::NoError, "[a||text/plain]" + Nearly + ';' },
+        { "preamble, padding and epilogue",
+            "hello\r\n--XyZ \t\r\nContent-Disposition:" + A + "\r\n\r\n1\r\n" + End + End, P::NoError,
+            "[a||text/plain]1;" },
+        { "folded header, type, escapes",
+            "--XyZ\r\ncontent-TYPE: image/png\r\nContent-Disposition: form-data;\r\n name=\"a\\\"b\" ;\r\n\tfilename="
+            "\"C:\\x\\\\y\"\r\n\r\n1\r\n"
+                + End,
+            P::NoError, "[a\"b|C:\\x\\y|image/png]1;" },
+        { "no parts", End, P::NoError, "" },
+        { "no final boundary", part(A, "1"), P::Unterminated, {} },
+        { "no boundary", "hello", P::Unterminated, {} },
+        { "boundary without its line end", "--XyZ", P::Unterminated, {} },
+        { "nothing", "", P::Unterminated, {} },
+        { "long preamble", Long + "\r\n" + part(A, "1") + End, P::PreambleTooLong, {} },
+        { "long header", part(A + "; x=" + Long, "1") + End, P::HeaderTooLong, {} },
+        { "endless header", "--XyZ\r\n" + Long, P::HeaderTooLong, {} },
+        { "many parts", part(A, "1").repeated(4) + End, P::TooManyParts, {} },
+        { "no header", "--XyZ\r\n\r\n1\r\n" + End, P::HeaderMalformed, {} },
+        { "no name", part("form-data; filename=x", "1") + End, P::HeaderMalformed, {} },
+        { "not form-data", part("attachment; name=a", "1") + End, P::HeaderMalformed, {} },
+        { "two names", part(A + "; name=b", "1") + End, P::HeaderMalformed, {} },
+        { "open quote", part("form-data; name=\"a", "1") + End, P::HeaderMalformed, {} },
+        { "text behind a quote", part("form-data; name=\"a\"b", "1") + End, P::HeaderMalformed, {} },
+        { "blank before the colon", part(A + "\r\nX : y", "1") + End, P::HeaderMalformed, {} },
+        { "control character", part(A + "\r\nX: \r y", "1") + End, P::HeaderMalformed, {} },
+    };
+    return rows;
+}
+
+MultipartParser::Limits limits()
+{
+    MultipartParser::Limits limits;
+    limits.parts = 3;
+    return limits;
+}
+
+} // namespace
+
+class MultipartParserTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    // In one piece, in pieces of one byte, and cut in two at every place.
+    void cutAnywhere_data()
+    {
+        QTest::addColumn<int>("row");
+        for (size_t i = 0; i < rows().size(); ++i)
+            QTest::newRow(rows()[i].name) << int(i);
+    }
+    void cutAnywhere()
+    {
+        QFETCH(int, row);
+        const Row& expected = rows()[size_t(row)];
+        const int size = expected.body.size();
+        for (int cut = 0; cut <= std::min(size, 500) && !QTest::currentTestFailed(); ++cut)
+            check(expected, { cut, size - cut });
+        check(expected, QVector<int>(size, 1));
+    }
+
+    void boundaries_data()
+    {
+        QTest::addColumn<QByteArray>("parameter");
+        QTest::addColumn<QByteArray>("boundary");
+        QTest::newRow("bare") << QByteArray("XyZ") << QByteArray("XyZ");
+        QTest::newRow("later parameter") << QByteArray("XyZ ; charset=utf-8") << QByteArray("XyZ");
+        QTest::newRow("quoted") << QByteArray("\"X y:Z\"; charset=utf-8") << QByteArray("X y:Z");
+        QTest::newRow("no such character") << QByteArray("\"X;Z\"") << QByteArray();
+        QTest::newRow("quote left open") << QByteArray("\"XyZ") << QByteArray();
+        QTest::newRow("empty") << QByteArray() << QByteArray();
+        QTest::newRow("ends in a blank") << QByteArray("\"XyZ \"") << QByteArray();
+        QTest::newRow("71 characters") << QByteArray(71, 'x') << QByteArray();
+        QTest::newRow("line break") << QByteArray("X\r\nZ") << QByteArray();
+    }
+    void boundaries()
+    {
+        QFETCH(QByteArray, parameter);
+        QTEST(MultipartParser::boundaryOf(parameter), "boundary");
+    }
+
+private:
+    static void check(const Row& expected, const QVector<int>& pieces)
+    {
+        Transcript transcript;
+        MultipartParser parser("XyZ", limits(), &transcript);
+        int position = 0;
+        for (const int piece : pieces) {
+            parser.feed(expected.body.constData() + position, piece);
+            position += piece;
+        }
+        QCOMPARE(parser.finish(), expected.error == MultipartParser::NoError);
+        QCOMPARE(parser.error(), expected.error);
+        if (expected.error == MultipartParser::NoError)
+            QCOMPARE(transcript.text, expected.transcript);
+    }
+};
+
+QTEST_APPLESS_MAIN(MultipartParserTest)
+
+#include "MultipartParserTest.moc"
