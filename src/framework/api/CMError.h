@@ -21,6 +21,7 @@ public:
     static constexpr const char* InvalidRange = "invalidRange"; ///< Rows that the list does not have.
     static constexpr const char* OutdatedVersion = "outdatedVersion";
     static constexpr const char* StoreFailed = "storeFailed"; ///< Not written to disk, and therefore not set.
+    static constexpr const char* Busy = "busy"; ///< One at a time.
     static constexpr const char* Failed = "failed";
     static constexpr const char* Abandoned = "abandoned"; ///< Whoever should have answered has gone.
 

@@ -107,6 +107,12 @@ CMPath ZarkNetworkInfoPath()
     return path;
 }
 
+CMPath ZarkFirmwareUpdatePath()
+{
+    static const CMPath path = CMPath::fromEncoded(QStringLiteral("system:update"));
+    return path;
+}
+
 CMPath ZarkAnalyticsEnabledPath()
 {
     static const CMPath path = CMPath::fromEncoded(QStringLiteral("settings:analytics/enabled"));

@@ -6,11 +6,12 @@
 
 class NetworkNode;
 class SystemNodes;
+class UpdateNodes;
 
 /// The worker "system": real data of this machine as nodes.
 ///
 /// Arguments: "accessPoints" (a list of texts), names of interfaces that are soft access points besides those named
-/// "ap..." or "uap...".
+/// "ap..." or "uap..."; "state" (a text), the directory below which firmware images are kept.
 class SystemWorker : public CMNodesWorker {
     Q_OBJECT
 public:
@@ -21,4 +22,5 @@ private:
     // Gone before the nodes that they write to.
     std::unique_ptr<SystemNodes> m_systemNodes;
     std::unique_ptr<NetworkNode> m_networkNode;
+    std::unique_ptr<UpdateNodes> m_updateNodes;
 };
