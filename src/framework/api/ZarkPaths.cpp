@@ -107,6 +107,12 @@ CMPath ZarkNetworkInfoPath()
     return path;
 }
 
+CMPath ZarkWebserverUpdateBytesPath()
+{
+    static const CMPath path = CMPath::fromEncoded(QStringLiteral("settings:webserver/limits/updateBytes"));
+    return path;
+}
+
 CMPath ZarkFirmwareUpdatePath()
 {
     static const CMPath path = CMPath::fromEncoded(QStringLiteral("system:update"));

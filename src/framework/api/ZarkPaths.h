@@ -20,6 +20,7 @@ CMPath ZarkWebserverProxyAllowedHostsPath(); ///< stringList
 CMPath ZarkWebserverLimitPath(const QString& name); ///< i32 under settings:webserver/limits/
 CMPath ZarkUILanguagePath(); ///< string, such as "de".
 CMPath ZarkNetworkInfoPath(); ///< networkInfo
+CMPath ZarkWebserverUpdateBytesPath(); ///< i64, longest firmware image.
 CMPath ZarkFirmwareUpdatePath(); ///< Takes an image.
 CMPath ZarkAnalyticsEnabledPath(); ///< bool
 CMPath ZarkAnalyticsReportEventPath(); ///< command

@@ -3,6 +3,7 @@
 #include <QtEndian>
 
 #include <cmath>
+#include <limits>
 
 namespace {
 
@@ -28,7 +29,9 @@ QByteArray makeHeader(quint32 dataSize)
         + littleEndian(quint16(8 * bytesPerSample));
     const QByteArray chunks = QByteArrayLiteral("WAVEfmt ") + littleEndian(quint32(format.size())) + format
         + QByteArrayLiteral("data") + littleEndian(dataSize);
-    return QByteArrayLiteral("RIFF") + littleEndian(quint32(chunks.size()) + dataSize) + chunks;
+    const auto greatest = std::numeric_limits<quint32>::max();
+    const quint32 size = dataSize == greatest ? greatest : quint32(chunks.size()) + dataSize;
+    return QByteArrayLiteral("RIFF") + littleEndian(size) + chunks;
 }
 
 QByteArray makePeriod()
@@ -42,13 +45,15 @@ QByteArray makePeriod()
 } // namespace
 
 SineWav::SineWav(int seconds)
-    : m_dataSize(quint32(seconds) * sampleRate * bytesPerSample), m_header(makeHeader(m_dataSize))
+    : m_endless(seconds == Endless),
+      m_dataSize(m_endless ? std::numeric_limits<quint32>::max() : quint32(seconds) * sampleRate * bytesPerSample),
+      m_header(makeHeader(m_dataSize))
 {
 }
 
 qint64 SineWav::size() const
 {
-    return m_header.size() + qint64(m_dataSize);
+    return m_endless ? std::numeric_limits<qint64>::max() : m_header.size() + qint64(m_dataSize);
 }
 
 QByteArray SineWav::bytes(qint64 from, int count) const

@@ -6,6 +6,8 @@
 /// ever held but the header. Any thread.
 class SineWav {
 public:
+    static constexpr int Endless = 0; ///< Its header gives the greatest sizes there are, as streams have it.
+
     explicit SineWav(int seconds);
 
     qint64 size() const; ///< Bytes of the whole file, header included.
@@ -13,6 +15,7 @@ public:
     QByteArray bytes(qint64 from, int count) const;
 
 private:
+    bool m_endless;
     quint32 m_dataSize;
     QByteArray m_header;
 };

@@ -14,7 +14,6 @@ namespace {
 constexpr int maximumReaders = 256;
 constexpr int pipeSize = 8192; // The kernel rounds up to whole pages.
 constexpr int chunkSize = 4096;
-constexpr int toneSeconds = 3600;
 
 class ToneStream : public QObject {
 public:
@@ -37,7 +36,7 @@ private:
         if (written > 0)
             m_position += written;
         const bool isReaderGone = written < 0 && errno != EAGAIN && errno != EINTR;
-        if (!isReaderGone && m_position < m_tone.size())
+        if (!isReaderGone)
             return;
         m_notifier.setEnabled(false);
         deleteLater();
@@ -45,7 +44,7 @@ private:
 
     int m_writeEnd;
     QSocketNotifier m_notifier;
-    SineWav m_tone{ toneSeconds };
+    SineWav m_tone{ SineWav::Endless };
     qint64 m_position = 0;
 };
 

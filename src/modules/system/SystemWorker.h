@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include <log4cplus/appender.h>
+
 #include "CMNodesWorker.h"
 
 class NetworkNode;
@@ -18,7 +20,12 @@ public:
     explicit SystemWorker(const QVariantHash& arguments, QObject* parent = nullptr);
     ~SystemWorker() override;
 
+    void reload() override;
+
 private:
+    void createLogNode();
+
+    log4cplus::SharedAppenderPtr m_logStream;
     // Gone before the nodes that they write to.
     std::unique_ptr<SystemNodes> m_systemNodes;
     std::unique_ptr<NetworkNode> m_networkNode;

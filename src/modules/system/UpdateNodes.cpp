@@ -29,18 +29,17 @@ QString hex(const QByteArray& sum)
 
 class UpdateNodes::Update : public CMUpdate {
 public:
-    Update(UpdateNodes* nodes, int writeEnd) : m_nodes(nodes), m_writeEnd(writeEnd) { }
+    Update(UpdateNodes* nodes, quint64 number, int writeEnd)
+        : m_nodes(nodes), m_number(number), m_writeEnd(writeEnd) { }
     ~Update() override { closePipe(); }
 
     int descriptor() const override { return m_writeEnd; }
     void finish(const QByteArray& sha256, CMReply<CMUpdateResult> reply) override
     {
-        if (!m_nodes || !m_nodes->m_transfer) {
-            closePipe();
-            return reply.fail(CMError(CMError::Abandoned, "The device stops."));
-        }
-        m_nodes->m_reply = reply;
-        m_nodes->m_transfer->markWhole(sha256);
+        if (m_nodes)
+            m_nodes->finish(m_number, sha256, reply);
+        else
+            reply.fail(CMError(CMError::Abandoned, "The device stops."));
         closePipe();
     }
 
@@ -53,6 +52,7 @@ private:
     }
 
     QPointer<UpdateNodes> m_nodes;
+    quint64 m_number;
     int m_writeEnd;
 };
 
@@ -110,6 +110,7 @@ std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 byt
     fcntl(ends[1], F_SETPIPE_SZ, PipeBytes);
     m_fileName = fileName;
     m_expectedBytes = bytes;
+    ++m_number;
     m_reply = CMReply<CMUpdateResult>();
     m_transfer =
         std::make_unique<ImageTransfer>(m_directory, fileName, ends[0], [this](const ImageTransfer::Outcome& outcome) {
@@ -122,7 +123,16 @@ std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 byt
     showProgress();
     m_timer.start();
     dbglog_info(systemLog(), "Receiving an image");
-    return std::make_unique<Update>(this, ends[1]);
+    return std::make_unique<Update>(this, m_number, ends[1]);
+}
+
+void UpdateNodes::finish(quint64 number, const QByteArray& sha256, CMReply<CMUpdateResult> reply)
+{
+    // The reader may have given up before: then another image may be on its way already.
+    if (!m_transfer || number != m_number)
+        return reply.fail(CMError(CMError::Failed, TrString(m_lastError)));
+    m_reply = reply;
+    m_transfer->markWhole(sha256);
 }
 
 void UpdateNodes::showProgress()
@@ -148,6 +158,7 @@ void UpdateNodes::done(const ImageTransfer::Outcome& outcome)
     m_expectedBytes = outcome.error.isEmpty() ? outcome.bytes : m_expectedBytes;
     showProgress();
     m_transfer.reset();
+    m_lastError = outcome.error;
     m_error->setMeasured(ZarkValue::fromString(outcome.error));
     CMReply<CMUpdateResult> reply = std::exchange(m_reply, {});
     if (!outcome.error.isEmpty()) {

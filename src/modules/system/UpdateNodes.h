@@ -27,6 +27,7 @@ private:
 
     CMValueNode* add(CMNodes* nodes, const char* name, const char* title, const ZarkValue& initial);
     std::unique_ptr<CMUpdate> begin(const QString& fileName, qint64 bytes, CMError* error);
+    void finish(quint64 number, const QByteArray& sha256, CMReply<CMUpdateResult> reply);
     void showKept(const QString& fileName, const ImageTransfer::Outcome& kept);
     void showProgress();
     void done(const ImageTransfer::Outcome& outcome);
@@ -42,6 +43,8 @@ private:
     CMValueNode* m_error = nullptr;
     QTimer m_timer;
     QString m_fileName; ///< Of the transfer.
+    quint64 m_number = 0; ///< Of the transfer, or of the last one.
+    QString m_lastError;
     qint64 m_expectedBytes = -1;
     std::unique_ptr<ImageTransfer> m_transfer;
     CMReply<CMUpdateResult> m_reply;

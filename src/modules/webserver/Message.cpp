@@ -9,6 +9,8 @@
 
 namespace {
 
+constexpr const char* TakerKey = "zark-taker";
+
 GInetAddress* remoteInetAddress(SoupClientContext* client)
 {
     GSocketAddress* address = client ? soup_client_context_get_remote_address(client) : nullptr;
@@ -82,6 +84,8 @@ Message::Message(const Message& other)
 
 Message::~Message()
 {
+    if (m_valid && takerOf(m_data.message) == this)
+        g_object_set_data(G_OBJECT(m_data.message), TakerKey, nullptr);
     disconnectGlibSignals();
     if (m_data.query)
         g_hash_table_unref(m_data.query);
@@ -235,6 +239,18 @@ bool Message::isMethod(const char* method) const
 {
     dbglog_scopedFunction(webserverLog());
     return m_valid && std::strcmp(m_data.message->method, method) == 0;
+}
+
+void Message::take()
+{
+    dbglog_scopedFunction(webserverLog());
+    if (m_valid)
+        g_object_set_data(G_OBJECT(m_data.message), TakerKey, this);
+}
+
+Message* Message::takerOf(SoupMessage* message)
+{
+    return static_cast<Message*>(g_object_get_data(G_OBJECT(message), TakerKey));
 }
 
 void Message::setAccumulate(bool accumulate)

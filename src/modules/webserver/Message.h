@@ -74,8 +74,14 @@ public:
     /// - A status from 400 up that is set before the end of the body closes the connection after the answer. It leaves
     ///   at once when nothing of a body was read that is over the limit or waited for, else after the rest of the body,
     ///   of which three times `bodyBytes` are read at the most.
-    /// - A status has to be set by the end of the body, or the normal handler is called as well.
+    /// - A status has to be set by the end of the body, or the normal handler is called as well; unless the handler
+    ///   said take().
     void setAccumulate(bool accumulate);
+    /// For an early handler that answers later: gotBody() is emitted when the body has ended, in place of a call of the
+    /// normal handler. It has to set a status and pause the exchange, unless its answer is complete.
+    void take();
+    /// Whoever took the exchange; null when nobody did.
+    static Message* takerOf(SoupMessage* message);
     /// The whole body, valid until releaseInput() or the end of the exchange; not copied. Empty for a body that is not
     /// accumulated.
     QByteArray requestBody() const;
@@ -102,6 +108,7 @@ public:
 
 Q_SIGNALS:
     void gotChunk(const char* data, unsigned int length);
+    void gotBody(); ///< After take().
     void wroteChunk();
     void finished();
 

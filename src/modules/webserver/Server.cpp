@@ -229,8 +229,8 @@ void Server::addEarlyHandler(const QString& path, Handler* handler)
 {
     dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "addEarlyHandler: " << path << ' ' << static_cast<const void*>(handler));
-    soup_server_add_early_handler(
-        m_soupServer, path.toUtf8().constData(), server_callback, new HandlerData(this, handler), deleteHandlerData);
+    soup_server_add_early_handler(m_soupServer, path.toUtf8().constData(), early_server_callback,
+        new HandlerData(this, handler), deleteHandlerData);
 }
 
 void Server::deleteHandlerData(gpointer handlerData)
@@ -254,6 +254,8 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
     SoupClientContext* client, gpointer handlerData)
 {
     dbglog_trace(webserverLog(), "path: " << path);
+    if (Message* taker = Message::takerOf(message))
+        return Q_EMIT taker->gotBody();
     const auto* registration = static_cast<HandlerData*>(handlerData);
     auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
     registration->server->dispatch(wrapped, registration->handler);
@@ -266,6 +268,14 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
         connect(wrapped, &Message::finished, wrapped, &QObject::deleteLater, Qt::QueuedConnection);
     if (!connected)
         qFatal("connection");
+}
+
+void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
+    SoupClientContext* client, gpointer handlerData)
+{
+    // Most requests: they are spared a Message that nobody would look at.
+    if (soup_message_headers_get_encoding(message->request_headers) != SOUP_ENCODING_NONE)
+        server_callback(server, message, path, query, client, handlerData);
 }
 
 void Server::dispatch(Message* message, Handler* handler)

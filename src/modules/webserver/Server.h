@@ -59,7 +59,7 @@ public:
 
     /// Registers `handler` for every path that starts with `path`, in place of an earlier one, which is deleted.
     void addHandler(const QString& path, Handler* handler);
-    /// The same, but called when the head has been read and the body has not.
+    /// The same, but called when the head has been read and the body has not. Not for requests without a body.
     void addEarlyHandler(const QString& path, Handler* handler);
     void pauseMessage(bool pause, Message* message);
 
@@ -98,6 +98,8 @@ private:
     };
 
     static void server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
+        SoupClientContext* client, gpointer handlerData);
+    static void early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
         SoupClientContext* client, gpointer handlerData);
     static void deleteHandlerData(gpointer handlerData);
 

@@ -14,8 +14,11 @@
 #include "EventResponder.h"
 #include "EventResponderShared.h"
 #include "FileResponder.h"
+#include "FirmwareUpdateResponder.h"
 #include "HttpsSettings.h"
 #include "MatchHandler.h"
+#include "MultipartHandler.h"
+#include "MultipartResponderFactory.h"
 #include "NotFoundHandler.h"
 #include "ResponderConfiguration.h"
 #include "ResponderFactory.h"
@@ -24,6 +27,7 @@
 #include "Server.h"
 #include "ServerLimits.h"
 #include "StaticHandler.h"
+#include "StreamResponder.h"
 #include "UserDatabase.h"
 #include "WebserverLog.h"
 #include "ZarkJson.h"
@@ -123,6 +127,9 @@ void WebserverWorker::createSharedObjects()
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
     m_eventShared = QSharedPointer<EventResponderShared>::create(ServerLimits::fromSettings().queuesPerClient);
     m_userDatabase = QSharedPointer<UserDatabase>::create();
+    using UpdateFactory = DefaultMultipartResponderFactory<FirmwareUpdateResponder, QSharedPointer<UserDatabase>,
+        QSharedPointer<ResponderConfiguration>>;
+    m_updateFactory = std::make_unique<UpdateFactory>(m_userDatabase, m_configuration);
     const ServerLimits limits = ServerLimits::fromSettings();
     m_fetchBudget = QSharedPointer<FetchBudget>::create(
         FetchBudget::Limits{ limits.proxyFetches, limits.proxyFetchesPerClient, limits.proxyBytes });
@@ -257,6 +264,9 @@ void WebserverWorker::registerHandlers(Server* server)
         new ResponderHandler(
             keep(makeDefaultResponderFactory<EventResponder>(m_eventShared, m_userDatabase, m_configuration)), root,
             nullptr));
+    server->addHandler(QStringLiteral("/api/stream/"),
+        new ResponderHandler(
+            keep(makeDefaultResponderFactory<StreamResponder>(m_userDatabase, m_configuration)), root, nullptr));
     server->addHandler(QStringLiteral("/file/stream/"),
         new ResponderHandler(keep(makeDefaultResponderFactory<FileResponder>()), root, nullptr));
 
@@ -264,6 +274,7 @@ void WebserverWorker::registerHandlers(Server* server)
     server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr, m_fetchBudget));
     files->addHandler(new StaticHandler(root, m_defaultLocation, QString(), nullptr));
     server->addHandler(QStringLiteral("/"), files);
+    server->addEarlyHandler(QStringLiteral("/"), new MultipartHandler(m_updateFactory.get(), root, nullptr));
 }
 
 ResponderFactory* WebserverWorker::keep(ResponderFactory* factory)

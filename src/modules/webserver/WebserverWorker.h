@@ -7,6 +7,8 @@
 
 #include <memory>
 
+#include <memory>
+
 #include "CMNodesWorker.h"
 #include "CMValueItem.h"
 
@@ -17,6 +19,7 @@ class ClockWatch;
 class EventResponderShared;
 class FetchBudget;
 class ResponderConfiguration;
+class MultipartResponderFactory;
 class ResponderFactory;
 class Server;
 class UserDatabase;
@@ -60,6 +63,7 @@ private:
     QString m_defaultLocation;
     QList<Server*> m_servers;
     QList<ResponderFactory*> m_factories; ///< Owned.
+    std::unique_ptr<MultipartResponderFactory> m_updateFactory;
     QMap<int, QString> m_failures; ///< Servers that could not be built, by port.
     CMActivateNode* m_changePasswordNode = nullptr;
     CMValueNode* m_addressesNode = nullptr;

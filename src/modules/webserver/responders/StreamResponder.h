@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+
+#include "SignedResponder.h"
+
+class CMStreamNode;
+class QSocketNotifier;
+
+/// /api/stream/<encoded path>: what a stream node's pipe holds, as it comes, under the node's MIME type.
+///
+/// Whoever may read the node may read the stream. At most 256 KiB wait for the client: as long as they do, nothing is
+/// read from the pipe, and its writer waits too. The pipe is closed with the responder, which dies with its request.
+class StreamResponder : public SignedResponder {
+    Q_OBJECT
+public:
+    using SignedResponder::SignedResponder;
+    ~StreamResponder() override;
+
+    void respond() override;
+
+private:
+    const CMStreamNode* findStream(QString* path) const;
+    void start(const CMStreamNode& stream);
+    void readSome();
+    void goOn();
+
+    int m_pipe = -1; ///< The reading end.
+    std::unique_ptr<QSocketNotifier> m_readable;
+};

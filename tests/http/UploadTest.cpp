@@ -1,0 +1,168 @@
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QTest>
+
+#include <csignal>
+
+#include "Device.h"
+#include "Signer.h"
+
+namespace {
+
+const QByteArray Type = "Content-Type: multipart/form-data; boundary=XyZ";
+const QByteArray End = "--XyZ--\r\n";
+constexpr int LimitBytes = 3 * 1024 * 1024;
+
+QByteArray part(const QByteArray& name, const QByteArray& data)
+{
+    return "--XyZ\r\nContent-Disposition: form-data; name=\"" + name + "\"; filename=\"x.bin\"\r\n\r\n" + data + "\r\n";
+}
+
+QByteArray sum(const QByteArray& data)
+{
+    return QCryptographicHash::hash(data, QCryptographicHash::Sha256).toHex();
+}
+
+QByteArray text(const QByteArray& value)
+{
+    return '"' + value + '"';
+}
+
+QByteArray kept(const QByteArray& data)
+{
+    return "{\"bytes\":" + QByteArray::number(data.size()) + ",\"sha256\":\"" + sum(data) + "\"}";
+}
+
+QByteArray image()
+{
+    QByteArray data(2 * 1024 * 1024, '\0');
+    for (int i = 0; i < data.size(); ++i)
+        data[i] = char((i * 7919) >> 7);
+    return data;
+}
+
+struct Row {
+    const char* name;
+    QByteArray body;
+    int status;
+    QByteArray answer; ///< The body, or the error's message.
+    QByteArray type = Type;
+};
+
+} // namespace
+
+/// POST /firmware/update: what is kept, what is refused, and that the last whole image stays whatever happens.
+class UploadTest : public QObject {
+    Q_OBJECT
+private Q_SLOTS:
+    void initTestCase() { QVERIFY(m_device.isRunning()); }
+
+    void bodies()
+    {
+        const QByteArray data = image();
+        const QByteArray whole = part("firmware", data) + End;
+        const QByteArray unfinished = "The body ended before its last boundary.";
+        const Row rows[] = {
+            { "one part", whole, 200, kept(data) },
+            { "quoted boundary", whole, 200, kept(data), "Content-Type: multipart/form-data; boundary=\"XyZ\"; a=b" },
+            { "sum before", part("sha256", sum(data)) + whole, 200, kept(data) },
+            { "sum behind", part("firmware", data) + part("sha256", sum(data) + "  x.bin\n") + End, 200, kept(data) },
+            { "other parts, preamble, epilogue", "hello\r\n" + part("a", "b") + whole + "\r\n" + whole.left(999), 200, kept(data) },
+            { "wrong sum", part("sha256", sum("x")) + whole, 500,
+                "The image does not have the SHA-256 sum that was sent with it" },
+            { "no sum", part("sha256", "beef") + whole, 400, "The sum is no SHA-256 sum in hexadecimal digits." },
+            { "two images", part("firmware", "x") + whole, 400, "There are two images." },
+            { "no image", part("a", data) + End, 400, "There is no part \"firmware\"." },
+            { "empty image", part("firmware", "") + End, 400, "The image is empty." },
+            { "no final boundary", part("firmware", data), 400, unfinished },
+            { "nothing of it", "x", 400, unfinished },
+            { "no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.",
+                "Content-Type: multipart/form-data" },
+            { "10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts." },
+            { "over the limit", part("firmware", QByteArray(LimitBytes, 'x')) + End, 413, "The image is too large." },
+        };
+        for (const Row& row : rows) {
+            const HttpReply reply = m_device.request("POST", "/firmware/update", { row.type }, row.body);
+            QVERIFY2(reply.status == row.status, row.name);
+            QCOMPARE(reply.status == 200 ? reply.body : reply.errorMessage(), row.answer);
+            QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
+            QTRY_VERIFY2(m_device.value("system:update/state") != text("receiving"), row.name);
+        }
+        QCOMPARE(storedImage(), data);
+    }
+
+    // A client that leaves, another that comes meanwhile, and a kill: none of them touches what is kept.
+    void interrupted()
+    {
+        const QByteArray before = storedImage();
+        HttpConnection leaver(m_device.port());
+        const QByteArray half = part("firmware", QByteArray(500000, 'x'));
+        const auto begin = [&half](HttpConnection& connection) {
+            return connection.send("POST /firmware/update HTTP/1.1\r\nHost: localhost\r\n" + Type
+                + "\r\nContent-Length: 1000000\r\n\r\n" + half);
+        };
+        QVERIFY(begin(leaver));
+        QTRY_COMPARE(m_device.value("system:update/state"), text("receiving"));
+        const HttpReply busy = m_device.request("POST", "/firmware/update", { Type }, part("firmware", "y") + End);
+        QCOMPARE(busy.status, 409);
+        leaver.reset();
+        QTRY_COMPARE(m_device.value("system:update/error"), text("The image is incomplete"));
+        QCOMPARE(storedImage(), before);
+
+        HttpConnection victim(m_device.port());
+        QVERIFY(begin(victim));
+        QTRY_COMPARE(m_device.value("system:update/state"), text("receiving"));
+        m_device.stop(SIGKILL);
+        QVERIFY(m_device.start());
+        QCOMPARE(storedImage(), before);
+        QVERIFY(!QFile::exists(m_device.stateDirectory() + "/update/incoming"));
+        QCOMPARE(m_device.value("system:update/sha256"), text(sum(before)));
+        const HttpReply again = m_device.request("POST", "/firmware/update", { Type }, part("firmware", "new") + End);
+        QCOMPARE(again.body, kept("new"));
+        QCOMPARE(storedImage(), QByteArray("new"));
+    }
+
+    // Signed over the URI alone; a wrong signature is refused before the body, which the client is not told to send.
+    void authorizedBeforeTheBody()
+    {
+        const QByteArray uri = m_device.baseUrl() + "/firmware/update";
+        const QByteArray body = part("firmware", "signed") + End;
+        const HttpReply good =
+            m_device.request("POST", "/firmware/update", { Type, Signer("admin", "").forGet(uri) }, body);
+        QCOMPARE(good.status, 200);
+        for (const char* length : { "50", "5000000" }) {
+            HttpConnection connection(m_device.port());
+            connection.send("POST /firmware/update HTTP/1.1\r\nHost: localhost\r\nExpect: 100-continue\r\n" + Type
+                + "\r\n" + Signer("admin", "wrong").forGet(uri) + "\r\nContent-Length: " + length + "\r\n\r\n");
+            const HttpReply refused = connection.readReply();
+            QCOMPARE(refused.status, 401);
+            QVERIFY(connection.isClosedWithin(2000));
+        }
+        QCOMPARE(storedImage(), QByteArray("signed"));
+    }
+
+    // Other multipart bodies go to their handlers as they are, within the limit that all bodies have.
+    void othersAreUntouched()
+    {
+        const QByteArray body = part("firmware", "x") + End;
+        QCOMPARE(m_device.request("POST", "/firmware/updates", { Type }, body).status, 404);
+        QCOMPARE(m_device.request("POST", "/api/setData", { Type }, body).status, 415);
+        QCOMPARE(m_device.request("POST", "/api/setData", { Type }, QByteArray(1024 * 1024 + 1, 'x')).status, 413);
+        QCOMPARE(m_device.request("PUT", "/firmware/update", { Type }, body).status, 404);
+        QCOMPARE(storedImage(), QByteArray("signed"));
+    }
+
+private:
+    QByteArray storedImage() const
+    {
+        QFile file(m_device.stateDirectory() + "/update/current/image");
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
+    Device m_device{ { "settings:webserver/limits/updateBytes=" + QString::number(LimitBytes) } };
+};
+
+QTEST_GUILESS_MAIN(UploadTest)
+
+#include "UploadTest.moc"
