@@ -1,0 +1,11 @@
+export { Device } from "./Device.js";
+export type { Credentials, DeviceOptions, RequestOptions, Value } from "./Device.js";
+export { DeviceError } from "./DeviceError.js";
+export type { ErrorKind } from "./DeviceError.js";
+export type { DeviceEvent, RowEvent, Target } from "./events.js";
+export { formatJson, parseJson } from "./json.js";
+export type { LiveRows, Rows, RowsOptions } from "./LiveRows.js";
+export type { RetryDelay } from "./Pause.js";
+export type { Row } from "./RowWindow.js";
+export type { Subscription } from "./Subscription.js";
+export type { Uploaded, UploadOptions } from "./upload.js";
