@@ -237,7 +237,6 @@ function withPlainError(event: DeviceEvent): DeviceEvent {
 }
 
 function withError(event: DeviceEvent): DeviceEvent {
-  if (!event.error) return event;
-  const { status, name, message, kind, heldBack } = event.error;
-  return { ...event, error: new DeviceError(status, name, message, { kind, heldBack }) };
+  const { error } = event;
+  return error ? { ...event, error: Object.assign(new DeviceError(0, "", ""), error) } : event;
 }

@@ -150,10 +150,10 @@ export class EventQueue {
   }
 
   async #failed(error: unknown): Promise<void> {
-    const refused = error instanceof DeviceError && (error.kind === "refused" || error.kind === "throttled");
-    if (refused) this.#lose();
+    if (!isRefused(error)) return this.#pause.wait();
+    this.#lose();
     // A wrong signature does not get better, and each one holds others back. Without one, some paths may do.
-    if (!refused || !this.#connection.signer) return this.#pause.wait();
+    if (!this.#connection.signer) return this.#pause.wait();
     this.#owner.refused(error);
     this.#fail(this.#all(), error);
   }
@@ -200,7 +200,7 @@ export class EventQueue {
     try {
       await this.#request(add, drop);
     } catch (error) {
-      if (!(error instanceof DeviceError) || !this.#mayBeOfOnePath(error)) throw error;
+      if (!this.#mayBeOfOnePath(error)) throw error;
       // Is it the queue?
       const id = this.#queueId;
       try {
@@ -213,15 +213,15 @@ export class EventQueue {
     }
   }
 
-  #mayBeOfOnePath(error: DeviceError): boolean {
-    return error.status === 400 || (error.kind === "refused" && !this.#connection.signer);
+  #mayBeOfOnePath(error: unknown): error is DeviceError {
+    return isUnknown(error) || (isRefused(error) && !this.#connection.signer);
   }
 
   async #addOne(target: Target): Promise<void> {
     try {
       await this.#request([target], []);
     } catch (error) {
-      if (!(error instanceof DeviceError) || !this.#mayBeOfOnePath(error)) throw error;
+      if (!this.#mayBeOfOnePath(error)) throw error;
       this.#fail(this.#all().filter((watch) => keyOf(watch.target) === keyOf(target)), error);
     }
   }
@@ -326,6 +326,10 @@ function byPathOf(watches: Watch[]): Map<string, Watch[]> {
   return map;
 }
 
-function isUnknown(error: unknown): boolean {
+function isUnknown(error: unknown): error is DeviceError {
   return error instanceof DeviceError && error.status === 400;
+}
+
+function isRefused(error: unknown): error is DeviceError {
+  return error instanceof DeviceError && (error.kind === "refused" || error.kind === "throttled");
 }

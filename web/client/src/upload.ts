@@ -45,24 +45,19 @@ export async function upload(connection: Connection, file: Blob, options: Upload
 function postFromPage(connection: Connection, { url, headers, form, size, onProgress, signal }: Posting): Promise<unknown> {
   return new Promise((resolve, reject) => {
     const request = new XMLHttpRequest();
-    const abort = () => request.abort();
-    const settle = (act: () => void) => () => {
-      signal?.removeEventListener("abort", abort);
-      act();
-    };
     request.open("POST", url);
     for (const [name, value] of Object.entries(headers)) request.setRequestHeader(name, value);
     request.upload.onprogress = ({ loaded }) => onProgress?.(Math.min(loaded, size), size);
-    request.onload = settle(() => {
+    request.onload = () => {
       try {
         resolve(connection.read(request.status, request.responseText));
       } catch (error) {
         reject(error);
       }
-    });
-    request.onerror = settle(() => reject(connection.lost()));
-    request.onabort = settle(() => reject(signal?.reason));
-    signal?.addEventListener("abort", abort);
+    };
+    request.onerror = () => reject(connection.lost());
+    request.onabort = () => reject(signal?.reason);
+    signal?.addEventListener("abort", () => request.abort());
     request.send(form);
   });
 }
