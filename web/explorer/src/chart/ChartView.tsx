@@ -73,14 +73,13 @@ interface LegendProps {
 function LegendLine({ node, index, marked }: LegendProps) {
   const roles = node.roles.value;
   const title = roles?.title || nameOf(node.path);
-  const then = marked === null ? undefined : node.samples.at(marked);
-  const value = then === undefined ? roles?.value : { type: "double", value: then };
+  const value = marked === null ? roles?.value : { type: "double", value: node.samples.at(marked) ?? null };
   return (
     <li class="split">
       <span>
         <span class={`swatch series-${index % COLOURS}`} /> <a href={hrefOfNode(node.path)}>{title}</a>
       </span>
-      <span>
+      <span class="field">
         <strong class="numeric">{formatValue(value, roles?.edit, onOff())}</strong>
         <IconButton icon="close" name={t("removeFromChart", title)} onClick={() => charted.toggle(node.path)} />
       </span>

@@ -17,9 +17,9 @@ export function Sparkline({ node, from = NaN }: { node: LiveNode; from?: number 
   node.changes.value;
   const { times, values } = node.samples.from(now.value - SPAN_S);
   const low = Math.min(...values, Number.isNaN(from) ? Infinity : from);
-  const high = Math.max(...values, low + 1e-9);
+  const range = Math.max(...values) - low || 1;
   const x = (time: number) => Math.max(0, WIDTH - ((now.value - time) * WIDTH) / SPAN_S);
-  const y = (value: number) => HEIGHT - 3 - ((value - low) / (high - low)) * (HEIGHT - 6);
+  const y = (value: number) => HEIGHT - 3 - ((value - low) / range) * (HEIGHT - 6);
   // A value holds until the next one: steps, the last of which goes on until now.
   const steps = values.map((value, i) => `${i ? `H${x(times[i] ?? 0).toFixed(1)}V` : `M${x(times[0] ?? 0).toFixed(1)} `}${y(value).toFixed(1)}`);
   return (

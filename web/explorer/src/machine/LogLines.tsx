@@ -37,7 +37,7 @@ export function LogLines({ path }: { path: string }) {
   return (
     <div class="stack">
       {problem.value && <p class="note">{t("noLog", problem.value)}</p>}
-      <pre class="log mono" ref={box} tabIndex={0} aria-label={t("log")}>
+      <pre class="log mono" ref={box} tabIndex={0} aria-label={t("log")} hidden={problem.value !== null && lines.value.length === 0}>
         {lines.value.join("\n")}
       </pre>
       <div class="actions">

@@ -13,6 +13,8 @@ import { hrefOfNode } from "../shell/route.js";
 import { CHILD_ROLES, toChild, type Child } from "../tree/Branch.js";
 import { Button } from "../widgets/Button.js";
 
+const WEB_SERVER = toChild(["settings:webserver", null, "container", null, null, null, null]);
+
 interface Section {
   container: Child;
   values: Child[];
@@ -32,7 +34,8 @@ async function sectionsBelow(container: Child): Promise<Section[]> {
 }
 
 async function readSections(): Promise<Section[]> {
-  const roots = await childrenOf(ROOT);
+  // A device that does not list its tree has the web server's settings all the same.
+  const roots = await childrenOf(ROOT).catch(() => [WEB_SERVER]);
   const settings = roots.filter((root) => root.path.startsWith("settings:") && root.type === "container");
   return (await Promise.all(settings.map(sectionsBelow))).flat();
 }
@@ -51,7 +54,7 @@ export function Settings() {
       {sections.value.map(({ container, values }) => (
         <details class="section" key={container.path}>
           <summary>
-            {container.title || nameOf(container.path)} <span class="quiet">{values.length}</span>
+            <span>{container.title || nameOf(container.path)}</span> <span class="quiet">{values.length}</span>
           </summary>
           {values.map((child) => (
             <Setting key={child.path} path={child.path} />

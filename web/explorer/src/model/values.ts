@@ -47,14 +47,14 @@ export function base64Length(text: string): number {
 
 function formatNumber(value: number | bigint, unit: string | undefined): string {
   if (unit === "B" || unit === "bytes") return formatBytes(Number(value));
-  const text = typeof value === "number" && !Number.isInteger(value) ? String(Number(value.toPrecision(8))) : String(value);
+  const text = typeof value === "number" && !Number.isInteger(value) ? String(Number(value.toPrecision(6))) : String(value);
   return unit ? `${text} ${unit}` : text;
 }
 
 /** One line for people; what is on and off in their language is the caller's to give. */
 export function formatValue(typed: Typed | null | undefined, rules?: EditRules | null, words = ["on", "off"]): string {
-  if (!typed) return "";
-  const { type, value } = typed;
+  const { type, value } = typed ?? { type: "", value: null };
+  if (value === null || value === undefined) return "";
   if (typeof value === "boolean") return words[value ? 0 : 1] ?? "";
   if (typeof value === "number" || typeof value === "bigint") return formatNumber(value, rules?.unit);
   if (type === "bytes" && typeof value === "string") return formatBytes(base64Length(value));

@@ -11,6 +11,7 @@ import { nameOf } from "../model/paths.js";
 import { formatValue } from "../model/values.js";
 import { hrefOfNode } from "../shell/route.js";
 import { Virtual } from "../widgets/Virtual.js";
+import { LiveText } from "./LiveText.js";
 
 const ROLES = ["path", "title", "description", "value", "type"];
 const ROW_HEIGHT = 40;
@@ -72,7 +73,7 @@ export function ListTable({ path, isContainer }: { path: string; isContainer: bo
         onRange={onRange}
         head={<Head />}
         row={(index, style) => (
-          <ListRow key={index} index={index} style={style} rows={rows} newcomers={newcomers} list={path} />
+          <ListRow key={index} index={index} style={style} rows={rows} newcomers={newcomers} list={path} isContainer={isContainer} />
         )}
       />
     </section>
@@ -97,9 +98,10 @@ interface RowProps {
   rows: LiveRows;
   newcomers: Newcomers;
   list: string;
+  isContainer: boolean;
 }
 
-function ListRow({ index, style, rows, newcomers, list }: RowProps) {
+function ListRow({ index, style, rows, newcomers, list, isContainer }: RowProps) {
   const row = rows.at(index);
   if (!row) return <div role="row" class="row waiting" style={style} aria-rowindex={index + 2} />;
   const [path, title, description, value, type] = row as [string | null, string | null, string | null, Typed | null, string | null];
@@ -114,9 +116,13 @@ function ListRow({ index, style, rows, newcomers, list }: RowProps) {
       <span role="cell" class="clip">
         {isNode ? <a href={hrefOfNode(path)}>{name}</a> : name} {description && <small class="quiet">{description}</small>}
       </span>
-      <span role="cell" class="clip">
-        {formatValue(value, null, onOff()) || (type && type !== "value" ? <small class="quiet">{type}</small> : "")}
-      </span>
+      {isContainer && path && type === "value" ? (
+        <LiveText node={{ path, value }} role="cell" />
+      ) : (
+        <span role="cell" class="clip quiet">
+          {formatValue(value, null, onOff()) || (type !== "value" && type)}
+        </span>
+      )}
     </div>
   );
 }

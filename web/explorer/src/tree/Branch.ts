@@ -34,9 +34,6 @@ export class Branch {
 
   /** Reads the pages with the children from..to, unless they are there. */
   async need(from: number, to: number): Promise<void> {
-    this.subscription ??= this.device.subscribe([{ path: this.path, type: "rows" }], (event) => {
-      if (!event.error) this.reloadSoon();
-    });
     const pages: Promise<void>[] = [];
     for (let page = Math.floor(from / PAGE); page <= Math.floor(to / PAGE); ++page) pages.push(this.page(page));
     await Promise.all(pages);
@@ -59,9 +56,12 @@ export class Branch {
     await Promise.all([...pages].map((page) => this.page(page).catch(() => undefined)));
   }
 
-  close(): void {
+  /** Hears no more of children that come and go, until something is read again. */
+  rest(): void {
     clearTimeout(this.stale);
+    this.stale = undefined;
     this.subscription?.close();
+    this.subscription = undefined;
   }
 
   private reloadSoon(): void {
@@ -83,6 +83,9 @@ export class Branch {
   }
 
   private async read(from: number): Promise<void> {
+    this.subscription ??= this.device.subscribe([{ path: this.path, type: "rows" }], (event) => {
+      if (!event.error) this.reloadSoon();
+    });
     const { rows, rowsCount } = await this.device.getRows(this.path, CHILD_ROLES, from, from + PAGE - 1);
     this.count = rowsCount;
     this.children.length = rowsCount;

@@ -31,6 +31,11 @@ export class TreeModel {
     this.layOut();
   }
 
+  /** Follows nothing until load(): nobody looks. */
+  rest(): void {
+    for (const branch of this.branches.values()) branch.rest();
+  }
+
   isOpen(path: string): boolean {
     return this.opened.value.has(path);
   }
@@ -47,7 +52,7 @@ export class TreeModel {
     this.opened.value = new Set(rest);
     for (const [at, branch] of this.branches) {
       if (at !== path && !isInside(at, path)) continue;
-      branch.close();
+      branch.rest();
       this.branches.delete(at);
       this.opened.value = new Set([...this.opened.value].filter((each) => each !== at));
     }

@@ -2,11 +2,10 @@ import { useSignal } from "@preact/signals";
 import type { CSSProperties } from "preact";
 import { useCallback, useEffect, useRef } from "preact/hooks";
 
-import { useFlash, useLive } from "../device/live.js";
 import { rights } from "../device/session.js";
-import { onOff, t } from "../i18n/index.js";
+import { t } from "../i18n/index.js";
 import { nameOf } from "../model/paths.js";
-import { formatValue } from "../model/values.js";
+import { LiveText } from "../node/LiveText.js";
 import { go, hrefOfNode } from "../shell/route.js";
 import { Icon, iconOf } from "../widgets/Icon.js";
 import { Virtual } from "../widgets/Virtual.js";
@@ -15,8 +14,6 @@ import { forgetIndex, found, query, reading, search } from "./search.js";
 import { tree } from "./TreeModel.js";
 
 const ROW_HEIGHT = 36;
-/** A node that scrolls by is not followed; one that stays is. */
-const STAYS_MS = 150;
 const TYPING_MS = 200;
 
 /** A line, of the tree or of a search, as both are drawn and moved through. */
@@ -33,6 +30,7 @@ export function TreeView({ selected }: { selected: string | null }) {
     <section class="tree" aria-label={t("tree")}>
       <SearchField />
       <SearchStatus />
+      {tree.failed.value && <p class="empty quiet">{t("noRoots")}</p>}
       <TreeGrid lines={lines} isSearch={!!hits} selected={selected} />
     </section>
   );
@@ -89,6 +87,7 @@ function TreeGrid({ lines, isSearch, selected }: GridProps) {
   useEffect(() => {
     forgetIndex();
     void tree.load();
+    return () => tree.rest();
   }, [caller]);
   useEffect(() => {
     if (!selected || isSearch) return;
@@ -206,23 +205,18 @@ function TreeRow({ line, index, style, isActive, isSelected, isOpen, onPick }: R
             </button>
             <Icon name={iconOf(child)} size={18} />
             <a href={hrefOfNode(child.path)} tabIndex={-1} class="clip">
-              {child.title || (child.path.includes("/") ? nameOf(child.path) : child.path)}
+              {child.title || nameOf(child.path)}
             </a>
           </span>
-          {child.type === "value" ? <LiveCell child={child} /> : <span role="gridcell" class="quiet" />}
+          {child.type === "value" ? (
+            <LiveText node={child} role="gridcell" />
+          ) : (
+            <span role="gridcell" class="clip worth">
+              {depth === 0 && child.path}
+            </span>
+          )}
         </>
       )}
     </div>
-  );
-}
-
-function LiveCell({ child }: { child: Child }) {
-  const node = useLive(child.path, STAYS_MS);
-  const flash = useFlash(node);
-  const roles = node.roles.value ?? child;
-  return (
-    <span role="gridcell" class={flash ? "clip worth flash" : "clip worth"}>
-      {formatValue(roles.value, roles.edit, onOff())}
-    </span>
   );
 }
