@@ -1,7 +1,7 @@
 #include <QElapsedTimer>
 #include <QTest>
 
-#include "handlers/ByteRange.h"
+#include "ByteRange.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 
 #include <unistd.h>
 
-#include "handlers/CacheEntryBuilder.h"
-#include "handlers/GuardedMapping.h"
-#include "handlers/LocalFile.h"
-#include "handlers/StaticHandler.h"
+#include "CacheEntryBuilder.h"
+#include "GuardedMapping.h"
+#include "LocalFile.h"
+#include "StaticHandler.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 
 #include "CMNodes.h"
 #include "CMRoot.h"
-#include "responders/EventRequests.h"
-#include "responders/EventResponderShared.h"
-#include "responders/EventRewriting.h"
+#include "EventRequests.h"
+#include "EventResponderShared.h"
+#include "EventRewriting.h"
 
 class EventRequestsTest : public QObject {
     Q_OBJECT

@@ -11,8 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "handlers/GuardedMapping.h"
-#include "handlers/LocalFile.h"
+#include "GuardedMapping.h"
+#include "LocalFile.h"
 
 namespace {
 

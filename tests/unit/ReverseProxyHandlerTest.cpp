@@ -1,7 +1,7 @@
 #include <QHostAddress>
 #include <QTest>
 
-#include "handlers/ReverseProxyHandler.h"
+#include "ReverseProxyHandler.h"
 
 class ReverseProxyHandlerTest : public QObject {
     Q_OBJECT

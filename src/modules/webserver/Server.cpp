@@ -6,12 +6,12 @@
 #include <sys/socket.h>
 
 #include "CertificatePair.h"
-#include "ConnectionLimits.h"
+#include "ConnectionTable.h"
 #include "HostFilter.h"
 #include "Message.h"
+#include "NotFoundHandler.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
-#include "handlers/NotFoundHandler.h"
 
 namespace {
 
@@ -67,8 +67,8 @@ Server::Server(int port, const QString& certificatePem, const QString& keyPem, b
     m_soupServer = createSoupServer();
     if (!m_soupServer)
         return;
-    m_connectionLimits = std::make_unique<ConnectionLimits>(m_soupServer, limits);
-    m_requestGuard = std::make_unique<RequestGuard>(m_soupServer, m_connectionLimits.get());
+    m_connectionTable = std::make_unique<ConnectionTable>(m_soupServer, limits);
+    m_requestGuard = std::make_unique<RequestGuard>(m_soupServer, m_connectionTable.get());
     // "OPTIONS *" names no path, so no path prefix matches it.
     addHandler(QStringLiteral("*"), new NotFoundHandler(QString(), nullptr));
 }
@@ -80,7 +80,7 @@ Server::~Server()
         return;
     stop();
     m_requestGuard.reset();
-    m_connectionLimits.reset();
+    m_connectionTable.reset();
     g_object_unref(m_soupServer);
 }
 
@@ -145,7 +145,7 @@ void Server::start()
     m_running = soup_server_listen_all(m_soupServer, static_cast<guint>(m_port), m_listenOptions, &error);
     if (m_running) {
         deepenBacklog();
-        m_connectionLimits->start(m_listenOptions);
+        m_connectionTable->start(m_listenOptions);
         m_lastError.clear();
         dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
         Q_EMIT stateChanged();
@@ -174,7 +174,7 @@ void Server::stop()
     dbglog_scopedFunction(webserverLog());
     if (!m_soupServer)
         qFatal("m_soupServer");
-    m_connectionLimits->stop();
+    m_connectionTable->stop();
     soup_server_disconnect(m_soupServer);
     m_running = false;
     Q_EMIT stateChanged();
@@ -240,7 +240,7 @@ void Server::setCertificate(const QString& certificatePem, const QString& keyPem
 
 void Server::restartWhenIdle()
 {
-    if (m_connectionLimits->isAnswering() && !m_restartDeadline.hasExpired())
+    if (m_connectionTable->isAnswering() && !m_restartDeadline.hasExpired())
         return;
     m_restartTimer.stop();
     if (m_useDeviceCert) {

@@ -12,7 +12,7 @@
 
 #include "DeviceCertificate.h"
 
-class ConnectionLimits;
+class ConnectionTable;
 class Handler;
 class Message;
 class RequestGuard;
@@ -22,7 +22,7 @@ struct ServerLimits;
 ///
 /// The life of a request, in call order:
 ///
-/// 1. accept: the library accepts a connection; ConnectionLimits counts it and gives it a deadline.
+/// 1. accept: the library accepts a connection; ConnectionTable counts it and gives it a deadline.
 /// 2. guard: RequestGuard looks at the parsed head, and refuses what the library itself would not survive.
 /// 3. dispatch: the library reads the body, picks the registration with the longest matching path prefix and calls
 ///    server_callback(), which wraps the exchange in a Message.
@@ -120,6 +120,6 @@ private:
     QString m_language;
     QString m_lastError;
     SoupServerListenOptions m_listenOptions = static_cast<SoupServerListenOptions>(0);
-    std::unique_ptr<ConnectionLimits> m_connectionLimits;
+    std::unique_ptr<ConnectionTable> m_connectionTable;
     std::unique_ptr<RequestGuard> m_requestGuard;
 };

@@ -5,10 +5,10 @@
 #include <utility>
 
 #include "Request.h"
+#include "Responder.h"
+#include "ResponderFactory.h"
 #include "ServerMessageDevice.h"
 #include "WebserverLog.h"
-#include "responders/Responder.h"
-#include "responders/ResponderFactory.h"
 
 void ResponderHandler::handle(Message* message)
 {

@@ -1,22 +1,17 @@
 #include "StaticHandler.h"
 
-#include <QCryptographicHash>
-#include <QFile>
-
 #include <algorithm>
 
 #include <libsoup/soup.h>
 
 #include "CMValueItem.h"
+#include "CacheEntry.h"
 #include "FileReply.h"
 #include "Message.h"
-#include "MimeTypes.h"
 #include "WebserverLog.h"
 #include "ZarkPaths.h"
 
 namespace {
-
-constexpr size_t HashSliceBytes = 1 << 30; ///< The hash counts with an int.
 
 bool isPlain(char c)
 {
@@ -95,53 +90,17 @@ void StaticHandler::serveFile(const QFileInfo& file, const QString& rootPath, co
 StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(const QFileInfo& file, GMappedFile* mapping)
 {
     dbglog_scopedFunction(webserverLog());
-    return getCacheEntry(file, file.lastModified(), mapping);
-}
-
-StaticHandler::ETagCacheEntry StaticHandler::getCacheEntry(
-    const QFileInfo& file, const QDateTime& lastModified, GMappedFile* mapping)
-{
-    dbglog_scopedFunction(webserverLog());
-    ETagCache& cache = ETagCache::instance();
-    const QString path = file.absoluteFilePath();
-    const size_t length = g_mapped_file_get_length(mapping);
-    if (const ETagCacheEntry* entry = cache.find(path, length, lastModified))
-        return *entry;
-    const char* data = g_mapped_file_get_contents(mapping);
-    const ETagCacheEntry entry{ length, lastModified, calculateETag(file, data, length),
-        getMimeType(file, data, length) };
-    cache.insert(path, entry);
-    return entry;
+    return cacheEntryOf(file, file.lastModified(), mapping);
 }
 
 QString StaticHandler::calculateETag(const QFileInfo& file, const char* data, size_t length)
 {
     dbglog_scopedFunction(webserverLog());
-    if (file.isDir())
-        return {};
-    QCryptographicHash hash(QCryptographicHash::Md5);
-    for (size_t position = 0; position < length; position += HashSliceBytes)
-        hash.addData(data + position, static_cast<int>(std::min(HashSliceBytes, length - position)));
-    return QString::fromLatin1(hash.result().toHex());
+    return fileETag(file, data, length);
 }
 
 QString StaticHandler::getMimeType(const QFileInfo& file, const char* data, size_t length)
 {
     dbglog_scopedFunction(webserverLog());
-    const QString path = file.absoluteFilePath();
-    gboolean uncertain = FALSE;
-    char* type = g_content_type_guess(
-        QFile::encodeName(path).constData(), reinterpret_cast<const guchar*>(data), length, &uncertain);
-    dbglog_trace(webserverLog(), "getMimeType: contentType: " << type);
-    char* mimeType = g_content_type_get_mime_type(type);
-    const QString guess = QString::fromUtf8(mimeType);
-    g_free(mimeType);
-    g_free(type);
-    if (!uncertain && guess != MimeTypes::Text::plain())
-        return guess;
-    dbglog_trace(webserverLog(),
-        "getMimeType: g_content_type_guess uncertain (" << uncertain << ") trying our extension / mimetype map");
-    const QString result = MimeTypes::URIToMimeType(path, guess);
-    dbglog_trace(webserverLog(), "getMimeType: got " << result);
-    return result;
+    return fileMimeType(file, data, length);
 }

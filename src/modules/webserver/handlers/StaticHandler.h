@@ -37,8 +37,6 @@ public:
 
     /// The file's entry in the process's cache, made if it is missing or outdated. Reads the whole mapping then.
     static ETagCacheEntry getCacheEntry(const QFileInfo& file, GMappedFile* mapping);
-    /// The same for the time at which the mapped file was modified, whatever has its name by now.
-    static ETagCacheEntry getCacheEntry(const QFileInfo& file, const QDateTime& lastModified, GMappedFile* mapping);
     /// The MD5 digest in hexadecimal digits; empty for a directory. Any thread.
     static QString calculateETag(const QFileInfo& file, const char* data, size_t length);
     /// What GIO makes of name and content; the framework's map of extensions where GIO is unsure or sees but text.

@@ -6,11 +6,11 @@
 
 #include <libsoup/soup.h>
 
+#include "FileReply.h"
 #include "MimeTypes.h"
 #include "Request.h"
 #include "WebserverLog.h"
 #include "ZarkPaths.h"
-#include "handlers/StaticHandler.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ void FileResponder::serve(const QString& fileName)
         if (responder)
             Q_EMIT responder->finished(responder->request().requestId());
     };
-    StaticHandler::serveFile(QFileInfo(fileName), QString(), QString(), &request(), QString(), answered);
+    FileReply(&request(), QString(), answered).serve(QFileInfo(fileName), QString(), QString());
 }
 
 void FileResponder::refuse(const QString& fileName)

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ConnectionLimits.h"
+#include "ConnectionTable.h"
 #include "WebserverLog.h"
 
 namespace {
 
-using Connection = ConnectionLimits::Connection;
+using Connection = ConnectionTable::Connection;
 
 constexpr int MaximumContentLengthDigits = 15;
 constexpr int MaximumMethodLength = 32;
@@ -198,9 +198,9 @@ void breakRecursion(SoupMessage* message, Connection* connection)
 void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
-    if (!message->method || connection->state != ConnectionLimits::ReadingHead)
+    if (!message->method || connection->state != ConnectionTable::ReadingHead)
         return;
-    ConnectionLimits::headRead(connection);
+    ConnectionTable::headRead(connection);
     breakRecursion(message, connection);
     const RequestHead head = headOf(message);
     switch (examineHead(head, connection->limits->limits())) {
@@ -246,8 +246,8 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
     return HeadVerdict::Accept;
 }
 
-RequestGuard::RequestGuard(SoupServer* server, ConnectionLimits* connectionLimits)
-    : m_server(server), m_connectionLimits(connectionLimits),
+RequestGuard::RequestGuard(SoupServer* server, ConnectionTable* connectionTable)
+    : m_server(server), m_connectionTable(connectionTable),
       m_requestStartedId(g_signal_connect(server, "request-started", G_CALLBACK(onRequestStarted), this))
 {
 }
@@ -260,7 +260,7 @@ RequestGuard::~RequestGuard()
 void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClientContext* client, gpointer self)
 {
     auto* guard = static_cast<RequestGuard*>(self);
-    Connection* connection = guard->m_connectionLimits->requestStarted(client);
+    Connection* connection = guard->m_connectionTable->requestStarted(client);
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
     g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);

@@ -4,13 +4,13 @@
 #include <QPointer>
 
 #include "ByteRange.h"
+#include "CacheEntry.h"
 #include "CacheEntryBuilder.h"
 #include "GuardedMapping.h"
 #include "LocalFile.h"
 #include "Message.h"
 #include "MimeTypes.h"
 #include "OpenFiles.h"
-#include "StaticHandler.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -106,7 +106,7 @@ FileReply::Outcome FileReply::serveMapping(const QDateTime& lastModified, const 
         return serveMapped(*entry, mapping);
     if (mapping->length() > ReadAtOnceBytes)
         return serveLater(lastModified, mapping);
-    const ETagCacheEntry entry = StaticHandler::getCacheEntry(m_file, lastModified, mapping->file());
+    const ETagCacheEntry entry = cacheEntryOf(m_file, lastModified, mapping->file());
     return mapping->isDamaged() ? serveChanged() : serveMapped(entry, mapping);
 }
 

@@ -1,4 +1,4 @@
-#include "ConnectionLimits.h"
+#include "ConnectionTable.h"
 
 #include <glib-unix.h>
 
@@ -70,7 +70,7 @@ void setTcpTimeouts(int fd, int seconds)
 
 } // namespace
 
-ConnectionLimits::ConnectionLimits(SoupServer* server, const ServerLimits& limits)
+ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
     : m_server(server), m_limits(limits), m_maximumConnections(maximumConnections(limits.connections)),
       m_requestReadId(g_signal_connect(server, "request-read", G_CALLBACK(onRequestRead), this)),
       m_epollFd(epoll_create1(EPOLL_CLOEXEC))
@@ -81,7 +81,7 @@ ConnectionLimits::ConnectionLimits(SoupServer* server, const ServerLimits& limit
         dbglog_error(webserverLog(), "Clients that leave early will not be noticed: epoll_create1: errno " << errno);
 }
 
-ConnectionLimits::~ConnectionLimits()
+ConnectionTable::~ConnectionTable()
 {
     g_signal_handler_disconnect(m_server, m_requestReadId);
     for (const auto& entry : m_connections)
@@ -92,13 +92,13 @@ ConnectionLimits::~ConnectionLimits()
         ::close(m_epollFd);
 }
 
-void ConnectionLimits::start(SoupServerListenOptions options)
+void ConnectionTable::start(SoupServerListenOptions options)
 {
     m_options = options;
     scheduleSweep(IdleSweepMilliseconds);
 }
 
-void ConnectionLimits::stop()
+void ConnectionTable::stop()
 {
     stopSweep();
     // The library forgets these, and leaves each to a thread that waits for the client.
@@ -108,7 +108,7 @@ void ConnectionLimits::stop()
     }
 }
 
-void ConnectionLimits::stopSweep()
+void ConnectionTable::stopSweep()
 {
     if (m_timer)
         killTimer(m_timer);
@@ -116,7 +116,7 @@ void ConnectionLimits::stopSweep()
     m_timerMilliseconds = 0;
 }
 
-void ConnectionLimits::scheduleSweep(int milliseconds)
+void ConnectionTable::scheduleSweep(int milliseconds)
 {
     if (m_timerMilliseconds == milliseconds)
         return;
@@ -125,13 +125,13 @@ void ConnectionLimits::scheduleSweep(int milliseconds)
     m_timerMilliseconds = milliseconds;
 }
 
-bool ConnectionLimits::isAnswering() const
+bool ConnectionTable::isAnswering() const
 {
     return std::any_of(m_connections.cbegin(), m_connections.cend(),
         [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
-ConnectionLimits::Connection* ConnectionLimits::requestStarted(SoupClientContext* client)
+ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client)
 {
     const auto found = m_connections.find(client);
     Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
@@ -142,7 +142,7 @@ ConnectionLimits::Connection* ConnectionLimits::requestStarted(SoupClientContext
     return connection;
 }
 
-ConnectionLimits::Connection* ConnectionLimits::accepted(SoupClientContext* client)
+ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client)
 {
     ++m_acceptCount;
     auto record = std::make_unique<Connection>();
@@ -169,7 +169,7 @@ ConnectionLimits::Connection* ConnectionLimits::accepted(SoupClientContext* clie
 
 // The one that has been idle longest; when all others are at work, the one that has been at it longest, so that held
 // answers never lock everybody else out.
-ConnectionLimits::Connection* ConnectionLimits::leastUseful(Connection* newest) const
+ConnectionTable::Connection* ConnectionTable::leastUseful(Connection* newest) const
 {
     Connection* chosen = newest;
     for (const auto& entry : m_connections) {
@@ -186,7 +186,7 @@ ConnectionLimits::Connection* ConnectionLimits::leastUseful(Connection* newest) 
 
 // One epoll set for all connections: a watch each on the main loop would double the work of every turn. A socket that
 // somebody has duplicated stays in the set after it was closed.
-void ConnectionLimits::watchHangUp(const Connection* connection)
+void ConnectionTable::watchHangUp(const Connection* connection)
 {
     if (m_epollFd < 0)
         return;
@@ -196,9 +196,9 @@ void ConnectionLimits::watchHangUp(const Connection* connection)
     epoll_ctl(m_epollFd, EPOLL_CTL_ADD, g_socket_get_fd(connection->gsocket), &event);
 }
 
-gboolean ConnectionLimits::onHangUps(gint fd, GIOCondition, gpointer self)
+gboolean ConnectionTable::onHangUps(gint fd, GIOCondition, gpointer self)
 {
-    auto* limits = static_cast<ConnectionLimits*>(self);
+    auto* limits = static_cast<ConnectionTable*>(self);
     std::array<epoll_event, 64> events{};
     const int count = epoll_wait(fd, events.data(), static_cast<int>(events.size()), 0);
     for (int i = 0; i < count; ++i) {
@@ -210,7 +210,7 @@ gboolean ConnectionLimits::onHangUps(gint fd, GIOCondition, gpointer self)
     return G_SOURCE_CONTINUE;
 }
 
-void ConnectionLimits::handleHangUp(Connection* connection, quint32 events)
+void ConnectionTable::handleHangUp(Connection* connection, quint32 events)
 {
     if (connection->halfClosedSince == 0)
         connection->halfClosedSince = g_get_monotonic_time();
@@ -219,7 +219,7 @@ void ConnectionLimits::handleHangUp(Connection* connection, quint32 events)
         closeSoon(connection);
 }
 
-void ConnectionLimits::headRead(Connection* connection)
+void ConnectionTable::headRead(Connection* connection)
 {
     connection->state = ReadingBody;
     connection->since = g_get_monotonic_time();
@@ -227,9 +227,9 @@ void ConnectionLimits::headRead(Connection* connection)
     connection->answeredBefore = true;
 }
 
-void ConnectionLimits::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
+void ConnectionTable::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
 {
-    auto* limits = static_cast<ConnectionLimits*>(self);
+    auto* limits = static_cast<ConnectionTable*>(self);
     const auto found = limits->m_connections.find(client);
     if (found == limits->m_connections.end())
         return;
@@ -239,10 +239,10 @@ void ConnectionLimits::onRequestRead(SoupServer*, SoupMessage*, SoupClientContex
     connection->deadline = 0;
 }
 
-void ConnectionLimits::onDisconnected(SoupSocket* socket, gpointer data)
+void ConnectionTable::onDisconnected(SoupSocket* socket, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
-    ConnectionLimits* limits = connection->limits;
+    ConnectionTable* limits = connection->limits;
     g_signal_handlers_disconnect_by_data(socket, data);
     connection->gone = true;
     const auto found = limits->m_connections.find(connection->client);
@@ -253,27 +253,27 @@ void ConnectionLimits::onDisconnected(SoupSocket* socket, gpointer data)
     limits->m_connections.erase(found);
 }
 
-void ConnectionLimits::doom(Connection* connection)
+void ConnectionTable::doom(Connection* connection)
 {
     if (!connection->doomed)
         m_doomed.push_back(connection);
     connection->doomed = true;
 }
 
-void ConnectionLimits::closeSoon(Connection* connection)
+void ConnectionTable::closeSoon(Connection* connection)
 {
     doom(connection);
     QMetaObject::invokeMethod(
         this, [this] { closeDoomed(); }, Qt::QueuedConnection);
 }
 
-bool ConnectionLimits::mayBeShakingHands(const Connection& connection) const
+bool ConnectionTable::mayBeShakingHands(const Connection& connection) const
 {
     const bool isTls = m_options & SOUP_SERVER_LISTEN_HTTPS;
     return isTls && connection.gsocket && connection.state == ReadingHead && !connection.answeredBefore;
 }
 
-void ConnectionLimits::close(Connection* connection)
+void ConnectionTable::close(Connection* connection)
 {
     // A TLS handshake runs in a thread that holds the descriptor until the client speaks. Nothing but the end of the
     // stream ends it, and tells the library, which then disconnects. The same goes for an idle connection, whose client
@@ -287,7 +287,7 @@ void ConnectionLimits::close(Connection* connection)
         soup_socket_disconnect(connection->socket);
 }
 
-void ConnectionLimits::closeDoomed()
+void ConnectionTable::closeDoomed()
 {
     // Closing runs callbacks that may doom others.
     const std::vector<Connection*> doomed = std::exchange(m_doomed, {});
@@ -297,7 +297,7 @@ void ConnectionLimits::closeDoomed()
     }
 }
 
-void ConnectionLimits::timerEvent(QTimerEvent*)
+void ConnectionTable::timerEvent(QTimerEvent*)
 {
     closeOverdue();
     closeSlowHandshakes();
@@ -308,7 +308,7 @@ void ConnectionLimits::timerEvent(QTimerEvent*)
         scheduleSweep(m_connections.empty() ? IdleSweepMilliseconds : BusySweepMilliseconds);
 }
 
-void ConnectionLimits::closeOverdue()
+void ConnectionTable::closeOverdue()
 {
     const gint64 now = g_get_monotonic_time();
     for (const auto& entry : m_connections) {
@@ -322,7 +322,7 @@ void ConnectionLimits::closeOverdue()
 }
 
 // Handshakes share a pool of ten threads: as many silent clients would keep everybody else waiting.
-void ConnectionLimits::closeSlowHandshakes()
+void ConnectionTable::closeSlowHandshakes()
 {
     const gint64 now = g_get_monotonic_time();
     std::vector<Connection*> slow;
@@ -344,7 +344,7 @@ void ConnectionLimits::closeSlowHandshakes()
 
 // The library stops accepting for good when accept() fails once. A listener with a client waiting at two sweeps, and
 // none accepted in between, has stopped.
-void ConnectionLimits::reviveListeners()
+void ConnectionTable::reviveListeners()
 {
     GSList* listeners = soup_server_get_listeners(m_server);
     bool waiting = false;

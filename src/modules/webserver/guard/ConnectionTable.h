@@ -13,7 +13,7 @@
 /// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
 /// there are, notice of a client that leaves while its exchange is paused, and a listener that survives running out of
 /// file descriptors. On the server's thread; lives from the server's construction to just before its destruction.
-class ConnectionLimits : public QObject {
+class ConnectionTable : public QObject {
 public:
     enum State {
         ReadingHead, ///< Idle, or in the middle of a head: the library does not tell which.
@@ -22,7 +22,7 @@ public:
     };
 
     struct Connection {
-        ConnectionLimits* limits = nullptr;
+        ConnectionTable* limits = nullptr;
         SoupClientContext* client = nullptr; ///< The key of the table; not owned.
         quint64 number = 0; ///< Never used again, unlike the pointers.
         SoupSocket* socket = nullptr; ///< Not owned.
@@ -36,10 +36,10 @@ public:
         bool gone = false;
     };
 
-    ConnectionLimits(SoupServer* server, const ServerLimits& limits);
-    ~ConnectionLimits() override;
-    ConnectionLimits(const ConnectionLimits&) = delete;
-    ConnectionLimits& operator=(const ConnectionLimits&) = delete;
+    ConnectionTable(SoupServer* server, const ServerLimits& limits);
+    ~ConnectionTable() override;
+    ConnectionTable(const ConnectionTable&) = delete;
+    ConnectionTable& operator=(const ConnectionTable&) = delete;
 
     SoupServer* server() const { return m_server; }
     const ServerLimits& limits() const { return m_limits; }

@@ -4,7 +4,7 @@
 
 #include <libsoup/soup.h>
 
-class ConnectionLimits;
+class ConnectionTable;
 struct ServerLimits;
 
 /// What decides on a request's head, counted from its fields.
@@ -48,7 +48,7 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
 class RequestGuard {
 public:
     /// Neither is owned; both outlive this object.
-    RequestGuard(SoupServer* server, ConnectionLimits* connectionLimits);
+    RequestGuard(SoupServer* server, ConnectionTable* connectionTable);
     ~RequestGuard();
     RequestGuard(const RequestGuard&) = delete;
     RequestGuard& operator=(const RequestGuard&) = delete;
@@ -57,6 +57,6 @@ private:
     static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
 
     SoupServer* m_server;
-    ConnectionLimits* m_connectionLimits;
+    ConnectionTable* m_connectionTable;
     gulong m_requestStartedId;
 };

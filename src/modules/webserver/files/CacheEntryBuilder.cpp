@@ -8,8 +8,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "CacheEntry.h"
 #include "GuardedMapping.h"
-#include "StaticHandler.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -85,7 +85,7 @@ void CacheEntryBuilder::readSlice(const std::shared_ptr<Job>& job)
         return;
     }
     job->entry.etag = QString::fromLatin1(job->hash.result().toHex());
-    job->entry.contentType = StaticHandler::getMimeType(job->file, job->mapping->data(), length);
+    job->entry.contentType = fileMimeType(job->file, job->mapping->data(), length);
     QMetaObject::invokeMethod(
         this, [this, job] { finish(job); }, Qt::QueuedConnection);
 }
