@@ -9,6 +9,7 @@ import type { Roles, Typed } from "./types.js";
 
 /** How long a node is still followed after the last one let go of it: the next view often wants it again. */
 const LINGER_MS = 2_000;
+const FLASH_MS = 700;
 
 /** What this page knows of a node, kept up to date by the page's event queue as long as somebody holds it. */
 export class LiveNode {
@@ -97,12 +98,14 @@ export function followed(path: string): ReadonlySignal<Partial<Roles> | undefine
 
 /** Whether the value has just changed, for a moment after each change. */
 export function useFlash(node: LiveNode): boolean {
-  const [seen, setSeen] = useState(node.changes.peek());
+  const [seen, setSeen] = useState({ node, changes: node.changes.peek() });
   const changes = node.changes.value;
+  const isNew = seen.node === node && seen.changes !== changes;
   useEffect(() => {
-    if (changes === seen) return undefined;
-    const timer = setTimeout(() => setSeen(changes), 700);
+    if (seen.node !== node) setSeen({ node, changes });
+    if (!isNew) return undefined;
+    const timer = setTimeout(() => setSeen({ node, changes }), FLASH_MS);
     return () => clearTimeout(timer);
-  }, [changes, seen]);
-  return changes !== seen;
+  }, [node, changes, isNew, seen]);
+  return isNew;
 }

@@ -72,8 +72,8 @@ export function ListTable({ path, isContainer }: { path: string; isContainer: bo
         rowHeight={ROW_HEIGHT}
         onRange={onRange}
         head={<Head />}
-        row={(index, style) => (
-          <ListRow key={index} index={index} style={style} rows={rows} newcomers={newcomers} list={path} isContainer={isContainer} />
+        row={(index, style, slot) => (
+          <ListRow key={slot} index={index} style={style} rows={rows} newcomers={newcomers} list={path} isContainer={isContainer} />
         )}
       />
     </section>

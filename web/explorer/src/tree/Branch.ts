@@ -1,6 +1,7 @@
 import type { Device } from "@zark/client";
 
 import type { NodeType, Roles, Typed } from "../device/types.js";
+import { ROOT } from "../model/paths.js";
 
 /** What the tree shows of a node. */
 export type Child = Pick<Roles, "path" | "title" | "icon" | "permission" | "edit"> & { type: NodeType; value: Typed | null };
@@ -64,6 +65,14 @@ export class Branch {
     this.subscription = undefined;
   }
 
+  /** The top of the tree is no node, and tells nothing. */
+  private follow(): void {
+    if (this.path === ROOT) return;
+    this.subscription ??= this.device.subscribe([{ path: this.path, type: "rows" }], (event) => {
+      if (!event.error) this.reloadSoon();
+    });
+  }
+
   private reloadSoon(): void {
     this.stale ??= setTimeout(() => {
       this.stale = undefined;
@@ -83,9 +92,7 @@ export class Branch {
   }
 
   private async read(from: number): Promise<void> {
-    this.subscription ??= this.device.subscribe([{ path: this.path, type: "rows" }], (event) => {
-      if (!event.error) this.reloadSoon();
-    });
+    this.follow();
     const { rows, rowsCount } = await this.device.getRows(this.path, CHILD_ROLES, from, from + PAGE - 1);
     this.count = rowsCount;
     this.children.length = rowsCount;

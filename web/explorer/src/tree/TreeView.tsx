@@ -119,9 +119,9 @@ function TreeGrid({ lines, isSearch, selected }: GridProps) {
       onKeyDown={(event) => {
         if (onKey(event.key, lines, active.value, isSearch, move)) event.preventDefault();
       }}
-      row={(index, style) => (
+      row={(index, style, slot) => (
         <TreeRow
-          key={lines[index]?.child?.path ?? index}
+          key={slot}
           line={lines[index] as Line}
           index={index}
           style={style}

@@ -9,8 +9,8 @@ const MARGIN = 6;
 interface Props extends Omit<HTMLAttributes<HTMLDivElement>, "children"> {
   count: number;
   rowHeight: number;
-  /** One row; `style` puts it in its place. */
-  row: (index: number, style: CSSProperties) => ComponentChildren;
+  /** One row; `style` puts it in its place. Elements of rows that have gone are used again by way of the key `slot`. */
+  row: (index: number, style: CSSProperties, slot: number) => ComponentChildren;
   /** Called with the rows that are in sight, whenever these are others. */
   onRange?: (from: number, to: number) => void;
   /** A row to bring into sight; each new object does so again. */
@@ -53,9 +53,11 @@ export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest 
     else if (at + rowHeight > seen + element.clientHeight) element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
   }, [reveal, rowHeight, scale]);
 
+  // As many slots as rows can be in sight at a time, which changes with the height alone.
+  const slots = Math.ceil(height.value / rowHeight) + 2 * MARGIN + 2;
   const rows: ComponentChildren[] = [];
   for (let index = first; index <= last; ++index) {
-    rows.push(row(index, { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` }));
+    rows.push(row(index, { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` }, index % slots));
   }
   return (
     <div {...rest} ref={frame} onScroll={() => (top.value = frame.current?.scrollTop ?? 0)}>
