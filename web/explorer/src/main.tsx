@@ -5,7 +5,7 @@ import { liveNode, type LiveNode } from "./device/live.js";
 import { language } from "./i18n/index.js";
 import { charted } from "./model/preferences.js";
 import { App } from "./shell/App.js";
-import { listenForShortcuts } from "./shell/shortcuts.js";
+import { closeMenus, listenForShortcuts } from "./shell/shortcuts.js";
 
 /** What is charted is followed on every view, so that its curve has no gaps. */
 function followCharted(): void {
@@ -31,4 +31,5 @@ effect(() => {
 });
 followCharted();
 listenForShortcuts();
+closeMenus();
 render(<App />, document.getElementById("app") as HTMLElement);

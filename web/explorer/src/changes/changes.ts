@@ -1,7 +1,7 @@
 import { computed, signal } from "@preact/signals";
 
 import { writer } from "../device/connection.js";
-import { liveNode } from "../device/live.js";
+import { followedNode } from "../device/live.js";
 import { notify } from "../device/notices.js";
 import { attempt } from "../device/problems.js";
 import type { Roles, Typed } from "../device/types.js";
@@ -67,15 +67,18 @@ const arrow = ({ from, to, edit }: Change): string => `${formatValue(from, edit)
 
 /** Writes the value now. False when the device did not take it, which the reader has then been told. */
 export async function write(change: Change, quiet = false): Promise<boolean> {
+  const node = followedNode(change.path);
+  // What is collected may be old by now.
+  const written = { ...change, from: node?.roles.peek()?.value ?? change.from };
   const answer = await attempt(change.title, async () => {
     await writer().setData(change.path, change.to);
     return true;
   });
   if (!answer) return false;
-  liveNode(change.path).wrote(change.to);
-  remember(change);
-  const action = { label: t("undo"), run: () => void undo(change) };
-  if (!quiet) notify({ id: change.title, kind: "done", text: `${change.title}: ${arrow(change)}`, action });
+  node?.wrote(change.to);
+  remember(written);
+  const action = { label: t("undo"), run: () => void undo(written) };
+  if (!quiet) notify({ id: change.title, kind: "done", text: `${change.title}: ${arrow(written)}`, action });
   return true;
 }
 

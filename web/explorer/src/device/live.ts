@@ -10,6 +10,7 @@ import type { Roles, Typed } from "./types.js";
 /** How long a node is still followed after the last one let go of it: the next view often wants it again. */
 const LINGER_MS = 2_000;
 const FLASH_MS = 700;
+const REREAD_MS = 3_000;
 
 /** What this page knows of a node, kept up to date by the page's event queue as long as somebody holds it. */
 export class LiveNode {
@@ -24,6 +25,7 @@ export class LiveNode {
   holders = 0;
   private subscription: { close(): void } | undefined;
   private lingering: ReturnType<typeof setTimeout> | undefined;
+  private rereading: ReturnType<typeof setTimeout> | undefined;
 
   constructor(readonly path: string) {}
 
@@ -48,9 +50,25 @@ export class LiveNode {
   }
 
   private take({ roles, error }: DeviceEvent): void {
-    if (error) this.problem.value = error;
+    if (error?.kind === "refused") void this.readNow();
+    else if (error) this.problem.value = error;
     else if (roles.type === null) this.problem.value = new DeviceError(0, "notFound", "");
-    else this.accept(roles as Partial<Roles>);
+    else {
+      clearTimeout(this.rereading);
+      this.accept(roles as Partial<Roles>);
+    }
+  }
+
+  /** A device may let everybody read, and only those follow that sign: then it is read again now and then. */
+  private async readNow(): Promise<void> {
+    try {
+      this.accept(await device.getData(this.path, ["@all"]));
+    } catch (error) {
+      if (error instanceof DeviceError) this.problem.value = error;
+      return;
+    }
+    clearTimeout(this.rereading);
+    this.rereading = setTimeout(() => this.subscription && void this.readNow(), REREAD_MS);
   }
 
   private accept(roles: Partial<Roles>): void {
@@ -70,6 +88,9 @@ export function liveNode(path: string): LiveNode {
   if (!node) nodes.set(path, (node = new LiveNode(path)));
   return node;
 }
+
+/** The node if it is followed. */
+export const followedNode = (path: string): LiveNode | undefined => nodes.get(path);
 
 /** The node, followed as long as the component shows it. `delay` is for what scrolls by: it is followed when it stays. */
 export function useLive(path: string, delay = 0): LiveNode {

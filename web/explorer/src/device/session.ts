@@ -34,12 +34,9 @@ function settle(name: string | null): void {
 
 /** Signs requests from now on, if the device accepts the password; false when it does not. */
 export async function signIn(name: string, password: string): Promise<boolean> {
-  signFrom(name, password);
   try {
-    await device.getData(CHANGE_PASSWORD, ["permission"]);
+    await signFrom(name, password, CHANGE_PASSWORD);
   } catch (error) {
-    if (user.value !== null) settle(null);
-    signNoMore();
     if (!(error instanceof DeviceError) || (error.kind !== "refused" && error.kind !== "throttled")) throw error;
     wrongPasswords.value++;
     return false;

@@ -1,3 +1,4 @@
+import { parseJson } from "@zark/client";
 import { useSignal } from "@preact/signals";
 
 import { optionsOf } from "../device/types.js";
@@ -150,19 +151,19 @@ export function JsonEditor({ id, value, disabled, onDraft }: EditorProps) {
       rows={6}
       spellcheck={false}
       disabled={disabled}
-      value={typed.value ?? toPrettyJson(value.value)}
-      aria-invalid={value.value === null && typed.value !== null}
+      value={typed.value !== null && sameValue(parsed(typed.value), value.value) ? typed.value : toPrettyJson(value.value)}
+      aria-invalid={value.value === null}
       onInput={(event) => {
         typed.value = event.currentTarget.value;
-        onDraft(parsedJson(event.currentTarget.value));
+        onDraft(parsed(event.currentTarget.value));
       }}
     />
   );
 }
 
-function parsedJson(text: string): unknown {
+function parsed(text: string): unknown {
   try {
-    return JSON.parse(text);
+    return parseJson(text);
   } catch {
     return null;
   }

@@ -1,3 +1,4 @@
+import { parseJson } from "@zark/client";
 import { useSignal } from "@preact/signals";
 import { useId } from "preact/hooks";
 
@@ -15,7 +16,7 @@ import { Button } from "../widgets/Button.js";
 function argumentOf(text: string): unknown {
   if (text.trim() === "") return null;
   try {
-    return JSON.parse(text);
+    return parseJson(text);
   } catch {
     return text;
   }

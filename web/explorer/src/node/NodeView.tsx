@@ -1,9 +1,12 @@
+import type { DeviceError } from "@zark/client";
 import type { ComponentChildren } from "preact";
 
 import { Sparkline } from "../chart/Sparkline.js";
 import { done, undo } from "../changes/changes.js";
 import { type LiveNode, useFlash, useLive } from "../device/live.js";
+import { notify } from "../device/notices.js";
 import { describe } from "../device/problems.js";
+import { askToSignIn, user } from "../device/session.js";
 import type { Roles } from "../device/types.js";
 import { ValueEditor } from "../editors/ValueEditor.js";
 import { language, onOff, t } from "../i18n/index.js";
@@ -15,7 +18,6 @@ import { hrefOfNode } from "../shell/route.js";
 import { Button } from "../widgets/Button.js";
 import { copy } from "../widgets/files.js";
 import { Icon, iconOf } from "../widgets/Icon.js";
-import { notify } from "../device/notices.js";
 import { CommandForm } from "./CommandForm.js";
 import { ListTable } from "./ListTable.js";
 import { StreamBox } from "./StreamBox.js";
@@ -28,7 +30,7 @@ export function NodeView({ path }: { path: string }) {
   return (
     <article class="node" aria-label={roles?.title ?? nameOf(path)}>
       <Crumbs path={path} />
-      {problem && <p class="alarm">{describe(problem)}</p>}
+      {problem && <Problem error={problem} />}
       {!roles && !problem && <p class="quiet">{t("reading")}</p>}
       {roles && (
         <>
@@ -39,6 +41,19 @@ export function NodeView({ path }: { path: string }) {
         </>
       )}
     </article>
+  );
+}
+
+function Problem({ error }: { error: DeviceError }) {
+  return (
+    <p class="card alarm">
+      {describe(error)}{" "}
+      {error.kind === "refused" && user.value === null && (
+        <button type="button" class="link" onClick={askToSignIn}>
+          {t("signIn")}
+        </button>
+      )}
+    </p>
   );
 }
 

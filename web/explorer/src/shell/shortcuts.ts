@@ -47,6 +47,15 @@ const isTyping = (target: EventTarget | null): boolean =>
 
 const SEQUENCE_MS = 1000;
 
+/** A menu closes when the reader turns to something else. */
+export function closeMenus(): void {
+  const close = (except: Node | null) => {
+    for (const menu of document.querySelectorAll("details.menu[open]")) if (!menu.contains(except)) menu.removeAttribute("open");
+  };
+  addEventListener("click", (event) => close(event.target as Node));
+  addEventListener("keydown", (event) => event.key === "Escape" && close(null));
+}
+
 /** Listens for the shortcuts, except where somebody types. */
 export function listenForShortcuts(): void {
   let first = { key: "", time: 0 };

@@ -7,7 +7,7 @@ import { ROOT } from "../model/paths.js";
 export type Child = Pick<Roles, "path" | "title" | "icon" | "permission" | "edit"> & { type: NodeType; value: Typed | null };
 
 export const CHILD_ROLES = ["path", "title", "type", "value", "icon", "permission", "edit"];
-const PAGE = 200;
+const PAGE = 500;
 
 export const toChild = (row: unknown[]): Child => {
   const [path, title, type, value, icon, permission, edit] = row;

@@ -142,7 +142,7 @@ function onKey(key: string, lines: Line[], at: number, isSearch: boolean, move: 
   const line = lines[at];
   const steps: Record<string, number> = { ArrowDown: at + 1, ArrowUp: at - 1, Home: 0, End: lines.length - 1, PageDown: at + PAGE_ROWS, PageUp: at - PAGE_ROWS };
   if (key in steps) move(steps[key] as number);
-  else if (key === "Enter" && line?.child) go({ view: "node", path: line.child.path });
+  else if (key === "Enter" && line?.child?.path) go({ view: "node", path: line.child.path });
   else if (key === "ArrowRight" && line?.child) openOrEnter(line.child, at, isSearch, move);
   else if (key === "ArrowLeft" && line) closeOrLeave(lines, at, isSearch, move);
   else return false;
@@ -204,9 +204,13 @@ function TreeRow({ line, index, style, isActive, isSelected, isOpen, onPick }: R
               <Icon name="chevron" size={16} />
             </button>
             <Icon name={iconOf(child)} size={18} />
-            <a href={hrefOfNode(child.path)} tabIndex={-1} class="clip">
-              {child.title || nameOf(child.path)}
-            </a>
+            {child.path ? (
+              <a href={hrefOfNode(child.path)} tabIndex={-1} class="clip">
+                {child.title || nameOf(child.path)}
+              </a>
+            ) : (
+              <span class="clip">{child.title}</span>
+            )}
           </span>
           {child.type === "value" ? (
             <LiveText node={child} role="gridcell" />

@@ -51,7 +51,7 @@ export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest 
     const seen = element.scrollTop * scale;
     if (at < seen) element.scrollTop = at / scale;
     else if (at + rowHeight > seen + element.clientHeight) element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
-  }, [reveal, rowHeight, scale]);
+  }, [reveal]);
 
   // As many slots as rows can be in sight at a time, which changes with the height alone.
   const slots = Math.ceil(height.value / rowHeight) + 2 * MARGIN + 2;
