@@ -19,8 +19,11 @@ const readsAtATime = 4;
 interface Watch {
   id: string;
   target: Target;
-  /** `waiting` for its snapshot, `reading` it, `live` when events are passed on, `failed` when there will be none. */
-  state: "waiting" | "reading" | "live" | "failed";
+  /**
+   * `waiting` for its snapshot, `reading` it, `fresh` when it has it and a poll is under way that began before, `live` when
+   * events are passed on, `failed` when there will be none.
+   */
+  state: "waiting" | "reading" | "fresh" | "live" | "failed";
   /** An event came while the snapshot was read, which may be older or newer. */
   outrun: boolean;
 }
@@ -46,8 +49,8 @@ export interface QueueOwner {
  * taken in, so that the device repeats what did not arrive. When the device does not know the queue (it was restarted,
  * or out of reach for too long), a new one is made and every watch begins again.
  *
- * A snapshot and the events are answers to different requests, and either may be the newer. So an event that comes while
- * the snapshot is read makes it be read once more, and the next poll waits for that.
+ * A snapshot and the events are answers to different requests, and either may be the newer. So an event of a poll that was
+ * under way while the snapshot was read makes it be read once more, and the next poll waits for that.
  */
 export class EventQueue {
   readonly #connection: Connection;
@@ -61,6 +64,7 @@ export class EventQueue {
   #settling: Promise<void> | undefined;
   #running = false;
   #held = false;
+  #isPolling = false;
   #polling = new AbortController();
   #wake: (() => void) | undefined;
   #emptyTimer: ReturnType<typeof setTimeout> | undefined;
@@ -260,7 +264,7 @@ export class EventQueue {
       event = await this.#readRoles(path);
     } while (watches.some(({ outrun }) => outrun));
     if (queue !== this.#queueId) return; // It was lost meanwhile, and with it what came after this.
-    for (const watch of watches) watch.state = "live";
+    for (const watch of watches) watch.state = this.#isPolling ? "fresh" : "live";
     for (const watch of watches) this.#tell(watch, event);
   }
 
@@ -283,6 +287,8 @@ export class EventQueue {
     const seconds = this.#connection.isOnline ? this.#options.pollSeconds : 0;
     const start = Date.now();
     let events: DeviceEvent[];
+    for (const watch of this.#all()) if (watch.state === "fresh") watch.state = "live";
+    this.#isPolling = true;
     try {
       events = (await this.#connection.exchange(pollQueue, {
         body: { queueId: this.#queueId, timeout: seconds, received: this.#received },
@@ -292,6 +298,8 @@ export class EventQueue {
     } catch (error) {
       if (!isUnknown(error)) throw error;
       return this.#lose();
+    } finally {
+      this.#isPolling = false;
     }
     if (events.length) {
       this.#received++;
@@ -309,6 +317,7 @@ export class EventQueue {
         const wanted = part(event, watch.target.type);
         if (!wanted) continue;
         watch.outrun = true;
+        if (watch.state === "fresh") watch.state = "waiting";
         if (watch.state === "live") this.#tell(watch, wanted);
       }
     }

@@ -45,6 +45,7 @@ export class LiveRows {
   #loading = false;
   #outdated = 0;
   #newest = 0; // Version that an event told.
+  #resets = 0;
   #isBeyond = false; // The list ends before what is shown, and nobody knows where.
   #news: (() => void) | undefined;
   #settle: [resolve: () => void, reject: (error: DeviceError) => void] | undefined;
@@ -114,9 +115,13 @@ export class LiveRows {
     const { rowsEvents = [], rowsVersions = [], rowsVersion = 0 } = event;
     const isReset = rowsEvents.some(({ type }) => type === 0);
     this.#newest = Math.max(this.#newest, rowsVersion);
-    if (isReset) this.#window.version = 0;
-    else if (this.#window.version && this.#window.apply(rowsEvents, rowsVersions, rowsVersion)) this.#listeners.call();
-    if (isReset) this.#error = null;
+    if (isReset) {
+      ++this.#resets;
+      this.#error = null;
+      this.#window.version = 0;
+    } else if (this.#window.version && this.#window.apply(rowsEvents, rowsVersions, rowsVersion)) {
+      this.#listeners.call();
+    }
     this.#news?.();
     void this.#load();
   }
@@ -145,8 +150,11 @@ export class LiveRows {
   async #loadRange(from: number, to: number): Promise<void> {
     const version = this.#outdated < mostOutdated ? this.#window.version : 0;
     if (!version) [from, to] = this.#isBeyond ? [0, 0] : this.#window.wholeFrame();
+    const resets = this.#resets;
     try {
-      this.#adopt(await this.#read(from, to, version, this.#ending.signal), version);
+      const answer = await this.#read(from, to, version, this.#ending.signal);
+      // What was asked before a reset may be older than what the reset stands for.
+      if (resets === this.#resets) this.#adopt(answer, version);
       this.#pause.succeeded();
     } catch (error) {
       await this.#failed(error);
