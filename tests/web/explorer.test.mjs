@@ -35,11 +35,15 @@ async function open(hash = "", { width = 1280, height = 900, host = "127.0.0.1",
 function watch(each) {
   each.on("pageerror", (error) => complaints.push(error.message));
   each.on("console", (message) => {
-    if (message.type() === "error" && !message.text().startsWith("Failed to load resource")) complaints.push(message.text());
+    if (message.type() === "error" && !message.text().startsWith("Failed to load resource"))
+      complaints.push(message.text());
   });
 }
 
-const show = (path) => page.evaluate((to) => { location.hash = `#/${to}`; }, path);
+const show = (path) =>
+  page.evaluate((to) => {
+    location.hash = `#/${to}`;
+  }, path);
 const text = (content) => page.getByText(content, { exact: true }).first().waitFor();
 const value = (shown) => page.locator("article .value", { hasText: shown }).waitFor();
 const button = (name) => page.getByRole("button", { name, exact: true });
@@ -83,7 +87,10 @@ const SCENARIOS = {
     await page.locator("[role=row]").first().waitFor();
     const grid = page.getByRole("treegrid");
     await grid.focus();
-    const at = () => page.evaluate(() => document.getElementById(document.activeElement.getAttribute("aria-activedescendant"))?.innerText);
+    const at = () =>
+      page.evaluate(
+        () => document.getElementById(document.activeElement.getAttribute("aria-activedescendant"))?.innerText,
+      );
     for (let i = 0; i < 40 && !(await at())?.startsWith("Player"); ++i) await page.keyboard.press("ArrowDown");
     await page.keyboard.press("ArrowRight");
     await grid.getByText("Volume", { exact: true }).waitFor();
@@ -201,7 +208,9 @@ const SCENARIOS = {
     await open(`webclient/#/${VOLUME}`);
     const [first, second] = [page, await page.context().newPage()];
     const polls = new Set();
-    page.context().on("request", (request) => request.url().endsWith("/pollQueue") && polls.add(request.frame().page()));
+    page
+      .context()
+      .on("request", (request) => request.url().endsWith("/pollQueue") && polls.add(request.frame().page()));
     watch(second);
     await second.goto(`${device.url}/webclient/#/${VOLUME}`);
     for (const volume of [20, 21, 22]) {
@@ -260,7 +269,11 @@ async function look({ width, ...options }) {
     await page.screenshot({ path: join(SHOTS, `${name}-${width}-${options.colorScheme}.png`) });
     const { violations } = await page.evaluate(() => window.axe.run());
     const serious = violations.filter(({ impact }) => impact === "serious" || impact === "critical");
-    assert.deepEqual(serious.map(({ id, nodes }) => [id, nodes.map(({ html }) => html)]), [], name);
+    assert.deepEqual(
+      serious.map(({ id, nodes }) => [id, nodes.map(({ html }) => html)]),
+      [],
+      name,
+    );
   }
 }
 
@@ -270,7 +283,14 @@ describe("the explorer", () => {
     device = await startDevice(ZARK_HOST, PROJECT);
     browser = await chromium.launch({
       executablePath: "/usr/bin/chromium",
-      args: ["--no-sandbox", "--disable-gpu", "--disable-quic", `--host-resolver-rules=MAP ${ELSEWHERE} 127.0.0.1`, "--disable-background-networking", "--disable-sync"],
+      args: [
+        "--no-sandbox",
+        "--disable-gpu",
+        "--disable-quic",
+        `--host-resolver-rules=MAP ${ELSEWHERE} 127.0.0.1`,
+        "--disable-background-networking",
+        "--disable-sync",
+      ],
     });
   });
 

@@ -26,9 +26,13 @@ await build({
 for (const name of ["index.html", "icon.svg"]) await copyFile(here(`src/${name}`), join(out, name));
 
 const names = await readdir(out);
-const sizes = await Promise.all(names.map(async (name) => gzipSync(await readFile(join(out, name)), { level: 9 }).length));
+const sizes = await Promise.all(
+  names.map(async (name) => gzipSync(await readFile(join(out, name)), { level: 9 }).length),
+);
 const whole = sizes.reduce((sum, size) => sum + size, 0);
-console.log(`explorer: ${whole} of ${MOST_BYTES} bytes, compressed (${names.map((name, i) => `${name} ${sizes[i]}`).join(", ")})`);
+console.log(
+  `explorer: ${whole} of ${MOST_BYTES} bytes, compressed (${names.map((name, i) => `${name} ${sizes[i]}`).join(", ")})`,
+);
 if (whole > MOST_BYTES) {
   console.error(`explorer: too large by ${whole - MOST_BYTES} bytes`);
   process.exit(1);

@@ -2,7 +2,18 @@ import { language, onOff, t } from "../i18n/index.js";
 import { formatValue } from "../model/values.js";
 import { Button, IconButton } from "../widgets/Button.js";
 import { Modal } from "../widgets/Modal.js";
-import { applyAll, applying, type Change, collecting, discardAll, done, isPanelOpen, staged, undo, unstage } from "./changes.js";
+import {
+  applyAll,
+  applying,
+  type Change,
+  collecting,
+  discardAll,
+  done,
+  isPanelOpen,
+  staged,
+  undo,
+  unstage,
+} from "./changes.js";
 import { riskOf } from "./risks.js";
 
 /** What is collected, as a difference that is applied together, and what was changed, each to be undone. */
@@ -14,7 +25,13 @@ export function ChangesPanel() {
     <Modal side title={t("changes")} onClose={() => (isPanelOpen.value = false)}>
       <label class="split">
         <span>{t("collectAll")}</span>
-        <input type="checkbox" role="switch" class="switch" checked={collecting.value} onChange={(event) => (collecting.value = event.currentTarget.checked)} />
+        <input
+          type="checkbox"
+          role="switch"
+          class="switch"
+          checked={collecting.value}
+          onChange={(event) => (collecting.value = event.currentTarget.checked)}
+        />
       </label>
       <h3>{t("collected")}</h3>
       {changes.length === 0 && <p class="quiet">{t("nothingCollected")}</p>}
@@ -33,7 +50,12 @@ export function ChangesPanel() {
       ))}
       {changes.length > 0 && (
         <div class="actions">
-          <Button kind={risks.length ? "danger" : "main"} icon="check" disabled={applying.value} onClick={() => void applyAll()}>
+          <Button
+            kind={risks.length ? "danger" : "main"}
+            icon="check"
+            disabled={applying.value}
+            onClick={() => void applyAll()}
+          >
             {t("applyAll", changes.length)}
           </Button>
           <Button onClick={discardAll}>{t("discardAll")}</Button>
@@ -58,9 +80,11 @@ export function ChangesPanel() {
 export function Difference({ change, time }: { change: Change; time?: number }) {
   return (
     <div class="difference">
-      <strong>{change.title}</strong> {time && <small class="quiet">{new Date(time).toLocaleTimeString(language.value)}</small>}
+      <strong>{change.title}</strong>{" "}
+      {time && <small class="quiet">{new Date(time).toLocaleTimeString(language.value)}</small>}
       <div>
-        <del>{formatValue(change.from, change.edit, onOff()) || "–"}</del> → <ins>{formatValue(change.to, change.edit, onOff()) || "–"}</ins>
+        <del>{formatValue(change.from, change.edit, onOff()) || "–"}</del> →{" "}
+        <ins>{formatValue(change.to, change.edit, onOff()) || "–"}</ins>
       </div>
     </div>
   );

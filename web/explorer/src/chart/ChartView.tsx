@@ -28,7 +28,11 @@ export function ChartView() {
       <header class="split">
         <h1>{t("chart")}</h1>
         <div class="actions">
-          <select aria-label={t("span")} value={String(span.value)} onChange={(event) => (span.value = Number(event.currentTarget.value))}>
+          <select
+            aria-label={t("span")}
+            value={String(span.value)}
+            onChange={(event) => (span.value = Number(event.currentTarget.value))}
+          >
             {SPANS.map((each) => (
               <option key={each} value={String(each)}>
                 {t("minutes", each / 60)}
@@ -42,7 +46,11 @@ export function ChartView() {
           >
             {t(stopped.value ? "resume" : "pause")}
           </Button>
-          <Button icon="download" disabled={nodes.length === 0} onClick={() => saveAs("chart.csv", toCsv(nodes), "text/csv")}>
+          <Button
+            icon="download"
+            disabled={nodes.length === 0}
+            onClick={() => saveAs("chart.csv", toCsv(nodes), "text/csv")}
+          >
             CSV
           </Button>
         </div>
@@ -51,7 +59,13 @@ export function ChartView() {
         <p class="card quiet">{t("chartEmpty")}</p>
       ) : (
         <section class="card">
-          <Plot nodes={nodes} span={span.value} stopped={stopped.value} onMark={(time) => (marked.value = time)} marked={marked.value} />
+          <Plot
+            nodes={nodes}
+            span={span.value}
+            stopped={stopped.value}
+            onMark={(time) => (marked.value = time)}
+            marked={marked.value}
+          />
           <ul class="legend plain-list">
             {nodes.map((node, index) => (
               <LegendLine key={node.path} node={node} index={index} marked={marked.value} />
@@ -110,7 +124,9 @@ function Plot({ nodes, span, stopped, marked, onMark }: PlotProps) {
       class="plot"
       role="img"
       aria-label={t("chart")}
-      onPointerMove={(event) => canvas.current && onMark(timeAt(canvas.current, seriesOf(nodes), event.offsetX, window()))}
+      onPointerMove={(event) =>
+        canvas.current && onMark(timeAt(canvas.current, seriesOf(nodes), event.offsetX, window()))
+      }
       onPointerLeave={() => onMark(null)}
     />
   );

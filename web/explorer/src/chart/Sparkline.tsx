@@ -21,7 +21,10 @@ export function Sparkline({ node, from = NaN }: { node: LiveNode; from?: number 
   const x = (time: number) => Math.max(0, WIDTH - ((now.value - time) * WIDTH) / SPAN_S);
   const y = (value: number) => HEIGHT - 3 - ((value - low) / range) * (HEIGHT - 6);
   // A value holds until the next one: steps, the last of which goes on until now.
-  const steps = values.map((value, i) => `${i ? `H${x(times[i] ?? 0).toFixed(1)}V` : `M${x(times[0] ?? 0).toFixed(1)} `}${y(value).toFixed(1)}`);
+  const steps = values.map(
+    (value, i) =>
+      `${i ? `H${x(times[i] ?? 0).toFixed(1)}V` : `M${x(times[0] ?? 0).toFixed(1)} `}${y(value).toFixed(1)}`,
+  );
   return (
     <svg class="sparkline" viewBox={`0 0 ${WIDTH} ${HEIGHT}`} preserveAspectRatio="none" aria-hidden="true">
       {values.length > 0 && <path d={`${steps.join("")}H${WIDTH}`} />}

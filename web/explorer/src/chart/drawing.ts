@@ -45,7 +45,13 @@ export function timeAt(canvas: HTMLCanvasElement, series: Series[], x: number, {
 }
 
 /** Draws several series over the same time. Those of one unit share an axis; the first two of these are labelled. */
-export function draw(canvas: HTMLCanvasElement, series: Series[], window: Window, look: Look, marked: number | null): void {
+export function draw(
+  canvas: HTMLCanvasElement,
+  series: Series[],
+  window: Window,
+  look: Look,
+  marked: number | null,
+): void {
   const pen = canvas.getContext("2d");
   if (!pen) return;
   const density = devicePixelRatio;
@@ -60,16 +66,21 @@ export function draw(canvas: HTMLCanvasElement, series: Series[], window: Window
   units.forEach((unit, axis) => {
     const own = series.filter((each) => each.unit === unit);
     const curves = own.map(({ samples }) => samples.from(window.from));
-    const scale = scaleOf(curves.flatMap(({ values }) => values), Math.max(2, Math.floor((area.bottom - area.top) / 50)));
+    const scale = scaleOf(
+      curves.flatMap(({ values }) => values),
+      Math.max(2, Math.floor((area.bottom - area.top) / 50)),
+    );
     if (axis < 2) drawAxis(pen, area, scale, unit, axis, look);
     own.forEach(({ colour, samples }) => drawCurve(pen, area, scale, window, samples, colour));
   });
   if (marked !== null) drawMark(pen, area, window, marked, look);
 }
 
-const xOf = ({ left, right }: Area, { from, to }: Window, time: number): number => left + ((time - from) / (to - from)) * (right - left);
+const xOf = ({ left, right }: Area, { from, to }: Window, time: number): number =>
+  left + ((time - from) / (to - from)) * (right - left);
 
-const yOf = ({ top, bottom }: Area, { low, high }: Scale, value: number): number => bottom - ((value - low) / (high - low)) * (bottom - top);
+const yOf = ({ top, bottom }: Area, { low, high }: Scale, value: number): number =>
+  bottom - ((value - low) / (high - low)) * (bottom - top);
 
 function drawTimes(pen: CanvasRenderingContext2D, area: Area, window: Window, { quiet, language }: Look): void {
   const ticks = timeTicks(window.from, window.to, Math.max(2, Math.floor((area.right - area.left) / 90)));
@@ -84,7 +95,14 @@ function drawTimes(pen: CanvasRenderingContext2D, area: Area, window: Window, { 
   }
 }
 
-function drawAxis(pen: CanvasRenderingContext2D, area: Area, scale: Scale, unit: string, axis: number, { line, quiet }: Look): void {
+function drawAxis(
+  pen: CanvasRenderingContext2D,
+  area: Area,
+  scale: Scale,
+  unit: string,
+  axis: number,
+  { line, quiet }: Look,
+): void {
   pen.fillStyle = quiet;
   pen.strokeStyle = line;
   pen.lineWidth = 1;
@@ -102,7 +120,14 @@ function drawAxis(pen: CanvasRenderingContext2D, area: Area, scale: Scale, unit:
 }
 
 /** A value holds until the next one, and the last one until now: steps. */
-function drawCurve(pen: CanvasRenderingContext2D, area: Area, scale: Scale, window: Window, samples: Samples, colour: string): void {
+function drawCurve(
+  pen: CanvasRenderingContext2D,
+  area: Area,
+  scale: Scale,
+  window: Window,
+  samples: Samples,
+  colour: string,
+): void {
   const { times, values } = samples.from(window.from);
   pen.strokeStyle = colour;
   pen.lineWidth = 2;

@@ -11,8 +11,14 @@ interface Interface {
 
 /** The addresses of all interfaces, the device's access points among them. */
 function addressesOf(value: unknown): string[] {
-  const { wired, wireless, softAp } = (value ?? {}) as { wired?: Interface; wireless?: Interface; softAp?: { aps?: Interface[] } };
-  return [wired, wireless, ...(softAp?.aps ?? [])].flatMap((each) => (each?.addresses ?? []).map(({ ip }) => ip)).filter(Boolean);
+  const { wired, wireless, softAp } = (value ?? {}) as {
+    wired?: Interface;
+    wireless?: Interface;
+    softAp?: { aps?: Interface[] };
+  };
+  return [wired, wireless, ...(softAp?.aps ?? [])]
+    .flatMap((each) => (each?.addresses ?? []).map(({ ip }) => ip))
+    .filter(Boolean);
 }
 
 const useNumber = (path: string): number | undefined => {
@@ -38,7 +44,9 @@ export function MachineCard() {
       <Sparkline node={load} from={0} />
       <dl>
         {cpu !== undefined && <Share name={t("processor")} part={cpu / 100} text={`${Math.round(cpu)} %`} />}
-        {used !== undefined && total && <Share name={t("memory")} part={used / total} text={`${formatBytes(used)} / ${formatBytes(total)}`} />}
+        {used !== undefined && total && (
+          <Share name={t("memory")} part={used / total} text={`${formatBytes(used)} / ${formatBytes(total)}`} />
+        )}
         {uptime !== undefined && (
           <>
             <dt>{t("uptime")}</dt>

@@ -18,7 +18,10 @@ export function PinCard({ path }: { path: string }) {
   const roles = node.roles.value;
   const title = roles?.title || nameOf(path);
   return (
-    <Card title={title} tools={<IconButton icon="close" name={t("unpinNode", title)} onClick={() => pins.toggle(path)} />}>
+    <Card
+      title={title}
+      tools={<IconButton icon="close" name={t("unpinNode", title)} onClick={() => pins.toggle(path)} />}
+    >
       {node.problem.value && <p class="alarm">{describe(node.problem.value)}</p>}
       {roles?.type === "value" && (
         <>

@@ -25,12 +25,21 @@ export function PlayerCard() {
   const reason = control ? whyReadOnly(control, caller.value) : null;
   const run = (command: string) => void attempt(t("player"), () => writer().invoke(`${PLAYER}/control`, command));
   const button = (command: string, icon: string, kind = "") => (
-    <button type="button" class={`transport ${kind}`} aria-label={t(icon as "play")} disabled={reason !== null} onClick={() => run(command)}>
+    <button
+      type="button"
+      class={`transport ${kind}`}
+      aria-label={t(icon as "play")}
+      disabled={reason !== null}
+      onClick={() => run(command)}
+    >
       <Icon name={icon} size={kind ? 28 : 22} />
     </button>
   );
   return (
-    <Card title={whole.roles.value.title ?? t("player")} tools={<a href={hrefOfNode(`${PLAYER}/playlist`)}>{t("playlist")}</a>}>
+    <Card
+      title={whole.roles.value.title ?? t("player")}
+      tools={<a href={hrefOfNode(`${PLAYER}/playlist`)}>{t("playlist")}</a>}
+    >
       <p class="track">{String(track ?? "–")}</p>
       <p class="quiet numeric" aria-live="off">
         {typeof state === "string" && t(`player_${state as "playing"}`)} · {formatClock(position / 1000)}

@@ -23,5 +23,8 @@ export function dismiss(id: string): void {
 export function notify(notice: Notice): void {
   dismiss(notice.id);
   notices.value = [...notices.value, notice].slice(-4);
-  timers.set(notice.id, setTimeout(() => dismiss(notice.id), SHOWN_MS[notice.kind]));
+  timers.set(
+    notice.id,
+    setTimeout(() => dismiss(notice.id), SHOWN_MS[notice.kind]),
+  );
 }

@@ -7,7 +7,8 @@ import type { EditorProps } from "./contract.js";
 const SHOWN = 64;
 
 const hex = (bytes: Uint8Array): string =>
-  Array.from(bytes.subarray(0, SHOWN), (byte) => byte.toString(16).padStart(2, "0")).join(" ") + (bytes.length > SHOWN ? " …" : "");
+  Array.from(bytes.subarray(0, SHOWN), (byte) => byte.toString(16).padStart(2, "0")).join(" ") +
+  (bytes.length > SHOWN ? " …" : "");
 
 /** Bytes come from a file and go into one; the first of them are shown. */
 export function BytesEditor({ id, value, disabled, onDraft }: EditorProps) {

@@ -4,7 +4,7 @@ import { useEffect, useId, useMemo } from "preact/hooks";
 import { collecting, propose, stage, staged, unstage } from "../changes/changes.js";
 import type { LiveNode } from "../device/live.js";
 import { askToSignIn, caller, whyReadOnly, type ReadOnlyReason } from "../device/session.js";
-import type { Roles, Typed } from "../device/types.js";
+import type { Typed } from "../device/types.js";
 import { type MessageKey, t } from "../i18n/index.js";
 import { nameOf } from "../model/paths.js";
 import { sameValue } from "../model/values.js";
@@ -13,7 +13,11 @@ import { Icon } from "../widgets/Icon.js";
 import { editorFor, rulesFor } from "./index.js";
 import { LatestWriter } from "./LatestWriter.js";
 
-export const REASONS: Record<ReadOnlyReason, MessageKey> = { fixed: "readOnlyFixed", signIn: "readOnlySignIn", internal: "readOnlyInternal" };
+export const REASONS: Record<ReadOnlyReason, MessageKey> = {
+  fixed: "readOnlyFixed",
+  signIn: "readOnlySignIn",
+  internal: "readOnlyInternal",
+};
 
 export function ReadOnlyNote({ reason }: { reason: ReadOnlyReason }) {
   return (
@@ -86,38 +90,61 @@ export function ValueEditor({ node, label, collect = false, quiet = false }: Pro
       </label>
       <Editor id={id} value={shown} edit={edit} disabled={reason !== null} onDraft={onDraft} onCommit={commit} />
       {draft.value && (
-        <div class="actions">
-          <Button kind="main" type="submit" disabled={draft.value.value === null}>
-            {t("apply")}
-          </Button>
-          <Button disabled={draft.value.value === null} onClick={() => collectDraft(change(draft.value?.value), () => (draft.value = null))}>
-            {t("collect")}
-          </Button>
-          <Button kind="quiet" onClick={() => (draft.value = null)}>
-            {t("revert")}
-          </Button>
-        </div>
+        <DraftActions
+          isValid={draft.value.value !== null}
+          onCollect={() => {
+            stage(change(draft.value?.value));
+            draft.value = null;
+          }}
+          onRevert={() => (draft.value = null)}
+        />
       )}
-      {waiting && (
-        <p class="note">
-          {t("isStaged")}{" "}
-          <button type="button" class="link" onClick={() => unstage(node.path)}>
-            {t("takeBack")}
-          </button>
-        </p>
-      )}
+      {waiting && <StagedNote path={node.path} />}
       {reason && <ReadOnlyNote reason={reason} />}
     </form>
   );
 }
 
-function collectDraft(change: { path: string; title: string; from: Typed | null; to: Typed; edit: Roles["edit"] }, done: () => void): void {
-  stage(change);
-  done();
+interface DraftProps {
+  isValid: boolean;
+  onCollect: () => void;
+  onRevert: () => void;
+}
+
+function DraftActions({ isValid, onCollect, onRevert }: DraftProps) {
+  return (
+    <div class="actions">
+      <Button kind="main" type="submit" disabled={!isValid}>
+        {t("apply")}
+      </Button>
+      <Button disabled={!isValid} onClick={onCollect}>
+        {t("collect")}
+      </Button>
+      <Button kind="quiet" onClick={onRevert}>
+        {t("revert")}
+      </Button>
+    </div>
+  );
+}
+
+function StagedNote({ path }: { path: string }) {
+  return (
+    <p class="note">
+      {t("isStaged")}{" "}
+      <button type="button" class="link" onClick={() => unstage(path)}>
+        {t("takeBack")}
+      </button>
+    </p>
+  );
 }
 
 /** What the reader is at comes first, then what is collected or on its way, then what the device has. */
-function shownValue(current: Typed, draft: { value: unknown } | null, stagedTo: Typed | undefined, wanted: { value: unknown } | null): Typed {
+function shownValue(
+  current: Typed,
+  draft: { value: unknown } | null,
+  stagedTo: Typed | undefined,
+  wanted: { value: unknown } | null,
+): Typed {
   if (draft) return { type: current.type, value: draft.value };
   if (stagedTo) return stagedTo;
   return wanted ? { type: current.type, value: wanted.value } : current;

@@ -103,13 +103,28 @@ export function SelectEditor({ id, value, edit, disabled, onCommit }: EditorProp
   );
 }
 
+const MOST_LINES = 12;
+
+/** One line, as most texts are, and more when there are: a certificate that is pasted keeps its lines. */
 export function TextEditor({ id, value, disabled, onDraft }: EditorProps) {
   const text = String(value.value ?? "");
-  const onInput = (event: { currentTarget: { value: string } }) => onDraft(event.currentTarget.value);
-  if (text.includes("\n")) {
-    return <textarea id={id} class="mono" rows={6} value={text} disabled={disabled} onInput={onInput} spellcheck={false} />;
-  }
-  return <input id={id} class="text" value={text} disabled={disabled} onInput={onInput} />;
+  const lines = Math.min(text.split("\n").length, MOST_LINES);
+  return (
+    <textarea
+      id={id}
+      class={lines > 1 ? "mono" : "one-line"}
+      rows={lines}
+      spellcheck={false}
+      value={text}
+      disabled={disabled}
+      onInput={(event) => onDraft(event.currentTarget.value)}
+      onKeyDown={(event) => {
+        if (event.key !== "Enter" || event.shiftKey || lines > 1) return;
+        event.preventDefault();
+        event.currentTarget.form?.requestSubmit();
+      }}
+    />
+  );
 }
 
 export function TextListEditor({ id, value, disabled, onDraft }: EditorProps) {
@@ -128,12 +143,21 @@ export function TextListEditor({ id, value, disabled, onDraft }: EditorProps) {
             onInput={(event) => put(index, event.currentTarget.value)}
           />
           {!disabled && (
-            <IconButton icon="close" name={t("removeEntry", index + 1)} onClick={() => onDraft(texts.filter((_, i) => i !== index))} />
+            <IconButton
+              icon="close"
+              name={t("removeEntry", index + 1)}
+              onClick={() => onDraft(texts.filter((_, i) => i !== index))}
+            />
           )}
         </div>
       ))}
       {!disabled && (
-        <button type="button" id={texts.length ? undefined : id} class="button plain" onClick={() => onDraft([...texts, ""])}>
+        <button
+          type="button"
+          id={texts.length ? undefined : id}
+          class="button plain"
+          onClick={() => onDraft([...texts, ""])}
+        >
           {t("addEntry")}
         </button>
       )}
@@ -151,7 +175,9 @@ export function JsonEditor({ id, value, disabled, onDraft }: EditorProps) {
       rows={6}
       spellcheck={false}
       disabled={disabled}
-      value={typed.value !== null && sameValue(parsed(typed.value), value.value) ? typed.value : toPrettyJson(value.value)}
+      value={
+        typed.value !== null && sameValue(parsed(typed.value), value.value) ? typed.value : toPrettyJson(value.value)
+      }
       aria-invalid={value.value === null}
       onInput={(event) => {
         typed.value = event.currentTarget.value;

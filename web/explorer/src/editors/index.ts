@@ -1,7 +1,15 @@
 import { type EditRules, optionsOf, type Typed } from "../device/types.js";
 import { BytesEditor } from "./BytesEditor.js";
 import type { Editor } from "./contract.js";
-import { JsonEditor, NumberEditor, SelectEditor, SliderEditor, SwitchEditor, TextEditor, TextListEditor } from "./editors.js";
+import {
+  JsonEditor,
+  NumberEditor,
+  SelectEditor,
+  SliderEditor,
+  SwitchEditor,
+  TextEditor,
+  TextListEditor,
+} from "./editors.js";
 
 const AUTH_MODES = ["off", "writes", "writesAndEvents", "everything"];
 /** A slider that has more steps than this cannot be set exactly with a finger. */

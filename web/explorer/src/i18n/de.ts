@@ -61,7 +61,8 @@ export const de: Record<MessageKey, string> = {
   addToChart: "In den Verlauf",
   unchart: "Im Verlauf",
   removeFromChart: "{0} aus dem Verlauf nehmen",
-  chartEmpty: "Noch nichts hier. Öffnen Sie einen Knoten mit einer Zahl und wählen Sie „In den Verlauf“; ab dann werden seine Werte gezeichnet.",
+  chartEmpty:
+    "Noch nichts hier. Öffnen Sie einen Knoten mit einer Zahl und wählen Sie „In den Verlauf“; ab dann werden seine Werte gezeichnet.",
   span: "Gezeigte Zeit",
   minutes: "{0} min",
   search: "Suche",
@@ -70,7 +71,8 @@ export const de: Record<MessageKey, string> = {
   hits: "{0} Treffer",
   oneHit: "1 Treffer",
   pickNode: "Wählen Sie einen Knoten, um ihn zu sehen und zu ändern.",
-  noRoots: "Dieses Gerät listet seinen Baum nicht auf. Geben Sie einen Pfad in der Adresse an, etwa #/player:player/volume.",
+  noRoots:
+    "Dieses Gerät listet seinen Baum nicht auf. Geben Sie einen Pfad in der Adresse an, etwa #/player:player/volume.",
   reading: "Wird gelesen …",
   breadcrumbs: "Pfad des Knotens",
   details: "Einzelheiten",
@@ -117,7 +119,8 @@ export const de: Record<MessageKey, string> = {
   nothingChanged: "Noch nichts.",
   areYouSure: "Das kann Sie aussperren",
   changeAnyway: "Trotzdem ändern",
-  riskPort: "Das Gerät antwortet nach seinem Neustart an einem anderen Port: Diese Seite findet es dort nicht von selbst.",
+  riskPort:
+    "Das Gerät antwortet nach seinem Neustart an einem anderen Port: Diese Seite findet es dort nicht von selbst.",
   riskCertificate: "Mit einem Zertifikat, dem Browser nicht vertrauen, ist das Gerät über HTTPS nicht erreichbar.",
   riskRights: "Vielleicht dürfen Sie danach nicht mehr lesen oder ändern, was Sie jetzt können.",
   riskPage: "Das Gerät liefert diese Seite vielleicht nicht mehr aus.",
@@ -138,7 +141,8 @@ export const de: Record<MessageKey, string> = {
   passwordChanged: "Das Passwort wurde geändert.",
   firstPasswordAbout: "Danach kann nur noch ändern, wer es kennt.",
   signInNoPassword: "Dieses Gerät hat noch kein Passwort: leer lassen.",
-  signInAbout: "Das Passwort verlässt diesen Browser nicht; der daraus gebildete Schlüssel wird mit diesem Tab vergessen.",
+  signInAbout:
+    "Das Passwort verlässt diesen Browser nicht; der daraus gebildete Schlüssel wird mit diesem Tab vergessen.",
   wrongPassword: "Das Gerät kennt diesen Benutzer mit diesem Passwort nicht.",
   heldBack: "Nach falschen Passwörtern antwortet das Gerät später: höchstens {0} s.",
   tooShort: "Das Passwort braucht mindestens 6 Zeichen.",
@@ -158,23 +162,29 @@ export const de: Record<MessageKey, string> = {
   sending: "Wird gesendet … {0} %",
   uploaded: "{0} empfangen, SHA-256",
   authority: "Zertifizierungsstelle",
-  authorityAbout: "Dieses Gerät signiert sein HTTPS-Zertifikat selbst. Vertrauen Sie seiner Stelle einmal, und Ihr Browser öffnet es ohne Warnung.",
+  authorityAbout:
+    "Dieses Gerät signiert sein HTTPS-Zertifikat selbst. Vertrauen Sie seiner Stelle einmal, und Ihr Browser öffnet es ohne Warnung.",
   certificateAbout: "Dieses Gerät hat ein eigenes Zertifikat.",
   noAuthority: "Dieses Gerät zeigt hier kein Zertifikat, oder nicht ohne Anmeldung.",
   fingerprint: "SHA-256-Fingerabdruck",
   openHttps: "Über HTTPS öffnen",
   howToTrust: "So vertrauen Sie ihr",
-  compareFirst: "Vergleichen Sie zuerst den Fingerabdruck mit dem, den das Gerät beim Start ausgegeben hat. Vertrauen Sie nur Ihrem eigenen Gerät.",
-  trustWindows: "Datei in authority.crt umbenennen und öffnen, Zertifikat installieren, Lokaler Computer, Speicher „Vertrauenswürdige Stammzertifizierungsstellen“.",
+  compareFirst:
+    "Vergleichen Sie zuerst den Fingerabdruck mit dem, den das Gerät beim Start ausgegeben hat. Vertrauen Sie nur Ihrem eigenen Gerät.",
+  trustWindows:
+    "Datei in authority.crt umbenennen und öffnen, Zertifikat installieren, Lokaler Computer, Speicher „Vertrauenswürdige Stammzertifizierungsstellen“.",
   trustMac: "Datei in der Schlüsselbundverwaltung öffnen, das Zertifikat doppelklicken, Vertrauen, „Immer vertrauen“.",
-  trustIos: "Datei öffnen, Profil installieren unter Einstellungen, Allgemein, VPN und Geräteverwaltung; dann einschalten unter Allgemein, Info, Zertifikatsvertrauenseinstellungen.",
+  trustIos:
+    "Datei öffnen, Profil installieren unter Einstellungen, Allgemein, VPN und Geräteverwaltung; dann einschalten unter Allgemein, Info, Zertifikatsvertrauenseinstellungen.",
   trustAndroid: "Einstellungen, Sicherheit, Verschlüsselung und Anmeldedaten, Zertifikat installieren, CA-Zertifikat.",
   trustLinux: "certutil -d sql:$HOME/.pki/nssdb -A -t C,, -n device -i authority.pem",
-  trustFirefox: "Einstellungen, Datenschutz & Sicherheit, Zertifikate anzeigen, Zertifizierungsstellen, Importieren, „um Websites zu identifizieren“.",
+  trustFirefox:
+    "Einstellungen, Datenschutz & Sicherheit, Zertifikate anzeigen, Zertifizierungsstellen, Importieren, „um Websites zu identifizieren“.",
   log: "Protokoll",
   noLog: "Keine Zeilen: {0}",
   help: "Hilfe und Tastenkürzel",
-  helpAbout: "Alles, was dieses Gerät weiß und kann, ist ein Knoten seines Baums, und jeder Knoten hat eine eigene Adresse. Werte ändern sich vor Ihren Augen.",
+  helpAbout:
+    "Alles, was dieses Gerät weiß und kann, ist ein Knoten seines Baums, und jeder Knoten hat eine eigene Adresse. Werte ändern sich vor Ihren Augen.",
   shortcuts: "Tastenkürzel",
   inTree: "Im Baum",
   keysMove: "Bewegen",

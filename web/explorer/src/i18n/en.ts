@@ -60,7 +60,8 @@ export const en = {
   addToChart: "Add to chart",
   unchart: "In the chart",
   removeFromChart: "Remove {0} from the chart",
-  chartEmpty: "Nothing here yet. Open a node with a number and choose “Add to chart”; its values are drawn from then on.",
+  chartEmpty:
+    "Nothing here yet. Open a node with a number and choose “Add to chart”; its values are drawn from then on.",
   span: "Time shown",
   minutes: "{0} min",
   search: "Search",
@@ -157,23 +158,29 @@ export const en = {
   sending: "Sending … {0} %",
   uploaded: "{0} received, SHA-256",
   authority: "Certificate authority",
-  authorityAbout: "This device signs its own HTTPS certificate. Trust its authority once, and your browser opens it without a warning.",
+  authorityAbout:
+    "This device signs its own HTTPS certificate. Trust its authority once, and your browser opens it without a warning.",
   certificateAbout: "This device has a certificate of its own.",
   noAuthority: "This device shows no certificate here, or not to who is not signed in.",
   fingerprint: "SHA-256 fingerprint",
   openHttps: "Open over HTTPS",
   howToTrust: "How to trust it",
-  compareFirst: "First compare the fingerprint with the one that the device printed when it started. Trust only your own device.",
-  trustWindows: "Rename the file to authority.crt and open it, Install Certificate, Local Machine, place it in “Trusted Root Certification Authorities”.",
+  compareFirst:
+    "First compare the fingerprint with the one that the device printed when it started. Trust only your own device.",
+  trustWindows:
+    "Rename the file to authority.crt and open it, Install Certificate, Local Machine, place it in “Trusted Root Certification Authorities”.",
   trustMac: "Open the file in Keychain Access, then double-click the certificate, Trust, “Always Trust”.",
-  trustIos: "Open the file, install the profile in Settings, General, VPN & Device Management; then switch it on in General, About, Certificate Trust Settings.",
+  trustIos:
+    "Open the file, install the profile in Settings, General, VPN & Device Management; then switch it on in General, About, Certificate Trust Settings.",
   trustAndroid: "Settings, Security, Encryption & credentials, Install a certificate, CA certificate.",
   trustLinux: "certutil -d sql:$HOME/.pki/nssdb -A -t C,, -n device -i authority.pem",
-  trustFirefox: "Settings, Privacy & Security, View Certificates, Authorities, Import, “trust this CA to identify websites”.",
+  trustFirefox:
+    "Settings, Privacy & Security, View Certificates, Authorities, Import, “trust this CA to identify websites”.",
   log: "Log",
   noLog: "No lines: {0}",
   help: "Help and shortcuts",
-  helpAbout: "Everything this device knows and can do is a node of its tree, and every node has an address of its own. Values change in front of your eyes.",
+  helpAbout:
+    "Everything this device knows and can do is a node of its tree, and every node has an address of its own. Values change in front of your eyes.",
   shortcuts: "Shortcuts",
   inTree: "In the tree",
   keysMove: "Move",

@@ -66,9 +66,7 @@ function Trusting() {
     <details>
       <summary>{t("howToTrust")}</summary>
       <p>{t("compareFirst")}</p>
-      <dl class="wide">
-        {SYSTEMS.map(([name, how]) => [<dt key={name}>{name}</dt>, <dd key={how}>{t(how)}</dd>])}
-      </dl>
+      <dl class="wide">{SYSTEMS.map(([name, how]) => [<dt key={name}>{name}</dt>, <dd key={how}>{t(how)}</dd>])}</dl>
     </details>
   );
 }

@@ -38,7 +38,8 @@ export function Firmware() {
     const { signal } = (ending.current = new AbortController());
     const answer = await attempt(t("firmware"), async () => {
       const sum = await sumOf(image, signal, (part) => (stage.value = { name: "summing", part }));
-      const onProgress = (sent: number, total: number) => (stage.value = { name: "sending", part: total ? sent / total : 0 });
+      const onProgress = (sent: number, total: number) =>
+        (stage.value = { name: "sending", part: total ? sent / total : 0 });
       return device.upload(image, { name: image.name, sha256: sum, onProgress, signal });
     });
     stage.value = answer ? { name: "done", ...answer } : null;
@@ -53,8 +54,18 @@ export function Firmware() {
         <label for={id} class="sr-only">
           {t("chooseImage")}
         </label>
-        <input id={id} type="file" disabled={isBusy} onChange={(event) => (file.value = event.currentTarget.files?.[0] ?? null)} />
-        <Button icon="upload" kind="main" disabled={!file.value || isBusy} onClick={() => file.value && void send(file.value)}>
+        <input
+          id={id}
+          type="file"
+          disabled={isBusy}
+          onChange={(event) => (file.value = event.currentTarget.files?.[0] ?? null)}
+        />
+        <Button
+          icon="upload"
+          kind="main"
+          disabled={!file.value || isBusy}
+          onClick={() => file.value && void send(file.value)}
+        >
           {t("upload")}
         </Button>
         {isBusy && (
@@ -85,11 +96,15 @@ export function Firmware() {
 function DeviceProgress() {
   const nodes = Object.fromEntries(NODES.map((name) => [name, useLive(`system:update/${name}`)]));
   const progress = useLive("system:update/progress").roles.value?.value?.value;
-  const shown = NODES.map((name) => [name, nodes[name]?.roles.value] as const).filter(([, roles]) => formatValue(roles?.value));
+  const shown = NODES.map((name) => [name, nodes[name]?.roles.value] as const).filter(([, roles]) =>
+    formatValue(roles?.value),
+  );
   if (shown.length === 0) return null;
   return (
     <>
-      {typeof progress === "number" && progress > 0 && progress < 100 && <progress value={progress} max={100} aria-label={t("firmware")} />}
+      {typeof progress === "number" && progress > 0 && progress < 100 && (
+        <progress value={progress} max={100} aria-label={t("firmware")} />
+      )}
       <dl>
         {shown.map(([name, roles]) => [
           <dt key={name}>{roles?.title ?? name}</dt>,

@@ -31,13 +31,20 @@ export function LogLines({ path }: { path: string }) {
 
   useEffect(() => {
     const element = box.current;
-    if (element && element.scrollHeight - element.scrollTop - element.clientHeight < 80) element.scrollTop = element.scrollHeight;
+    if (element && element.scrollHeight - element.scrollTop - element.clientHeight < 80)
+      element.scrollTop = element.scrollHeight;
   }, [lines.value]);
 
   return (
     <div class="stack">
       {problem.value && <p class="note">{t("noLog", problem.value)}</p>}
-      <pre class="log mono" ref={box} tabIndex={0} aria-label={t("log")} hidden={problem.value !== null && lines.value.length === 0}>
+      <pre
+        class="log mono"
+        ref={box}
+        tabIndex={0}
+        aria-label={t("log")}
+        hidden={problem.value !== null && lines.value.length === 0}
+      >
         {lines.value.join("\n")}
       </pre>
       <div class="actions">
@@ -55,7 +62,7 @@ export function LogLines({ path }: { path: string }) {
 async function follow(path: string, signal: AbortSignal, tell: (lines: string[]) => void): Promise<void> {
   const reader = (await openStream(path, signal)).getReader();
   const decoder = new TextDecoder();
-  for (let rest = ""; ; ) {
+  for (let rest = ""; ;) {
     const { done, value } = await reader.read();
     if (done) return;
     const lines = (rest + decoder.decode(value, { stream: true })).split("\n");

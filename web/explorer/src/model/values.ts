@@ -7,7 +7,11 @@ export function toJson(value: unknown, indent = ""): string {
   const inner = indent && `${indent}  `;
   const [open, close, parts] = Array.isArray(value)
     ? ["[", "]", value.map((each) => toJson(each, inner))]
-    : ["{", "}", Object.entries(value).map(([key, each]) => `${JSON.stringify(key)}:${indent && " "}${toJson(each, inner)}`)];
+    : [
+        "{",
+        "}",
+        Object.entries(value).map(([key, each]) => `${JSON.stringify(key)}:${indent && " "}${toJson(each, inner)}`),
+      ];
   if (parts.length === 0) return open + close;
   return indent ? `${open}${inner}${parts.join(`,${inner}`)}${indent}${close}` : open + parts.join(",") + close;
 }
@@ -47,7 +51,8 @@ export function base64Length(text: string): number {
 
 function formatNumber(value: number | bigint, unit: string | undefined): string {
   if (unit === "B" || unit === "bytes") return formatBytes(Number(value));
-  const text = typeof value === "number" && !Number.isInteger(value) ? String(Number(value.toPrecision(6))) : String(value);
+  const text =
+    typeof value === "number" && !Number.isInteger(value) ? String(Number(value.toPrecision(6))) : String(value);
   return unit ? `${text} ${unit}` : text;
 }
 

@@ -44,7 +44,11 @@ export function CommandForm({ path, roles }: { path: string; roles: Partial<Role
       {options.length > 0 ? (
         <div class="actions">
           {options.map((option) => (
-            <Button key={option.title} disabled={reason !== null || running.value} onClick={() => void run(option.value)}>
+            <Button
+              key={option.title}
+              disabled={reason !== null || running.value}
+              onClick={() => void run(option.value)}
+            >
               {option.title}
             </Button>
           ))}

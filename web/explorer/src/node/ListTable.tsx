@@ -73,7 +73,15 @@ export function ListTable({ path, isContainer }: { path: string; isContainer: bo
         onRange={onRange}
         head={<Head />}
         row={(index, style, slot) => (
-          <ListRow key={slot} index={index} style={style} rows={rows} newcomers={newcomers} list={path} isContainer={isContainer} />
+          <ListRow
+            key={slot}
+            index={index}
+            style={style}
+            rows={rows}
+            newcomers={newcomers}
+            list={path}
+            isContainer={isContainer}
+          />
         )}
       />
     </section>
@@ -104,7 +112,13 @@ interface RowProps {
 function ListRow({ index, style, rows, newcomers, list, isContainer }: RowProps) {
   const row = rows.at(index);
   if (!row) return <div role="row" class="row waiting" style={style} aria-rowindex={index + 2} />;
-  const [path, title, description, value, type] = row as [string | null, string | null, string | null, Typed | null, string | null];
+  const [path, title, description, value, type] = row as [
+    string | null,
+    string | null,
+    string | null,
+    Typed | null,
+    string | null,
+  ];
   // A row without a node of its own has a path that nothing answers to.
   const isNode = path !== null && !path.startsWith(`${list}.row`);
   const name = title || (path ? nameOf(path) : "–");
@@ -114,7 +128,8 @@ function ListRow({ index, style, rows, newcomers, list, isContainer }: RowProps)
         {index}
       </span>
       <span role="cell" class="clip">
-        {isNode ? <a href={hrefOfNode(path)}>{name}</a> : name} {description && <small class="quiet">{description}</small>}
+        {isNode ? <a href={hrefOfNode(path)}>{name}</a> : name}{" "}
+        {description && <small class="quiet">{description}</small>}
       </span>
       {isContainer && path && type === "value" ? (
         <LiveText node={{ path, value }} role="cell" />

@@ -10,7 +10,13 @@ export function AudioBox({ path }: { path: string }) {
   const failed = useSignal(false);
   return (
     <>
-      <audio controls preload="none" src={device.streamUrl(path)} aria-label={t("audio")} onError={() => (failed.value = true)} />
+      <audio
+        controls
+        preload="none"
+        src={device.streamUrl(path)}
+        aria-label={t("audio")}
+        onError={() => (failed.value = true)}
+      />
       {failed.value && <p class="note">{t("noStream")}</p>}
     </>
   );
@@ -18,7 +24,9 @@ export function AudioBox({ path }: { path: string }) {
 
 /** A stream: sound is played, text is shown line by line. What it is tells only the stream itself, so the reader asks. */
 export function StreamBox({ path }: { path: string }) {
-  const shown = useSignal<"audio" | "text" | null>(/audio|sound/.test(path) ? "audio" : /log|lines/.test(path) ? "text" : null);
+  const shown = useSignal<"audio" | "text" | null>(
+    /audio|sound/.test(path) ? "audio" : /log|lines/.test(path) ? "text" : null,
+  );
   return (
     <section class="card stack">
       {shown.value === "audio" && <AudioBox path={path} />}

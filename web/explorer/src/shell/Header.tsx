@@ -97,7 +97,11 @@ function Menu() {
       <button type="button" onClick={() => (theme.value = NEXT_THEME[theme.value])}>
         <Icon name={theme.value} size={18} /> {t(`theme_${theme.value}`)}
       </button>
-      <button type="button" lang={language.value === "en" ? "de" : "en"} onClick={() => (language.value = language.value === "en" ? "de" : "en")}>
+      <button
+        type="button"
+        lang={language.value === "en" ? "de" : "en"}
+        onClick={() => (language.value = language.value === "en" ? "de" : "en")}
+      >
         <Icon name="language" size={18} /> {t("otherLanguage")}
       </button>
       <button type="button" onClick={() => (isHelpOpen.value = true)}>
@@ -106,4 +110,3 @@ function Menu() {
     </div>
   );
 }
-

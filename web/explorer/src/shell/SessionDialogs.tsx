@@ -3,7 +3,15 @@ import { useEffect, useId } from "preact/hooks";
 
 import { notify } from "../device/notices.js";
 import { attempt } from "../device/problems.js";
-import { changePassword, isWithoutPassword, longestHold, sessionDialog, signIn, user, wrongPasswords } from "../device/session.js";
+import {
+  changePassword,
+  isWithoutPassword,
+  longestHold,
+  sessionDialog,
+  signIn,
+  user,
+  wrongPasswords,
+} from "../device/session.js";
 import { type MessageKey, t } from "../i18n/index.js";
 import { Button } from "../widgets/Button.js";
 import { Modal } from "../widgets/Modal.js";
@@ -23,11 +31,21 @@ interface FieldProps {
 
 function Field({ label, value, onInput, secret, autofocus = false }: FieldProps) {
   const id = useId();
-  const common = { id, class: "text", autofocus, value, onInput: (event: InputEvent) => onInput((event.currentTarget as HTMLInputElement).value) };
+  const common = {
+    id,
+    class: "text",
+    autofocus,
+    value,
+    onInput: (event: InputEvent) => onInput((event.currentTarget as HTMLInputElement).value),
+  };
   return (
     <div class="stack tight">
       <label for={id}>{label}</label>
-      {secret ? <input {...common} type="password" autocomplete={secret} /> : <input {...common} type="text" autocomplete="username" />}
+      {secret ? (
+        <input {...common} type="password" autocomplete={secret} />
+      ) : (
+        <input {...common} type="text" autocomplete="username" />
+      )}
     </div>
   );
 }
@@ -51,7 +69,13 @@ export function SignInDialog() {
       <form class="stack" onSubmit={(event) => (event.preventDefault(), void submit())}>
         {isWithoutPassword.value && <p class="note">{t("signInNoPassword")}</p>}
         <Field label={t("user")} value={name.value} onInput={(text) => (name.value = text)} />
-        <Field label={t("password")} value={password.value} onInput={(text) => (password.value = text)} secret="current-password" autofocus />
+        <Field
+          label={t("password")}
+          value={password.value}
+          onInput={(text) => (password.value = text)}
+          secret="current-password"
+          autofocus
+        />
         <p class="quiet">{t("signInAbout")}</p>
         <div role="alert">
           {isWrong.value && <p class="alarm">{t("wrongPassword")}</p>}
@@ -112,9 +136,28 @@ export function PasswordDialog() {
       <form class="stack" onSubmit={(event) => (event.preventDefault(), void submit())}>
         {isFirst && <p class="note">{t("firstPasswordAbout")}</p>}
         <Field label={t("user")} value={name.value} onInput={(text) => (name.value = text)} />
-        {!isFirst && <Field label={t("oldPassword")} value={old.value} onInput={(text) => (old.value = text)} secret="current-password" autofocus />}
-        <Field label={t("newPassword")} value={fresh.value} onInput={(text) => (fresh.value = text)} secret="new-password" autofocus={isFirst} />
-        <Field label={t("newPasswordAgain")} value={again.value} onInput={(text) => (again.value = text)} secret="new-password" />
+        {!isFirst && (
+          <Field
+            label={t("oldPassword")}
+            value={old.value}
+            onInput={(text) => (old.value = text)}
+            secret="current-password"
+            autofocus
+          />
+        )}
+        <Field
+          label={t("newPassword")}
+          value={fresh.value}
+          onInput={(text) => (fresh.value = text)}
+          secret="new-password"
+          autofocus={isFirst}
+        />
+        <Field
+          label={t("newPasswordAgain")}
+          value={again.value}
+          onInput={(text) => (again.value = text)}
+          secret="new-password"
+        />
         <p class="alarm" role="alert">
           {wrong && (wrong === "tooShort" || again.value) ? t(wrong) : ""}
         </p>

@@ -22,7 +22,8 @@ function focusSearch(): void {
   setTimeout(() => document.getElementById("search")?.focus(), 50);
 }
 
-const focusEditor = (): void => document.querySelector<HTMLElement>(".node .editor :is(input, select, textarea, button)")?.focus();
+const focusEditor = (): void =>
+  document.querySelector<HTMLElement>(".node .editor :is(input, select, textarea, button)")?.focus();
 
 export const SHORTCUTS: Shortcut[] = [
   { keys: "?", what: "help", run: () => (isHelpOpen.value = true) },
@@ -43,14 +44,16 @@ export const SHORTCUTS: Shortcut[] = [
 ];
 
 const isTyping = (target: EventTarget | null): boolean =>
-  target instanceof HTMLElement && target.matches("input:not([type=checkbox]):not([type=range]), select, textarea, dialog *");
+  target instanceof HTMLElement &&
+  target.matches("input:not([type=checkbox]):not([type=range]), select, textarea, dialog *");
 
 const SEQUENCE_MS = 1000;
 
 /** A menu closes when the reader turns to something else. */
 export function closeMenus(): void {
   const close = (except: Node | null) => {
-    for (const menu of document.querySelectorAll("details.menu[open]")) if (!menu.contains(except)) menu.removeAttribute("open");
+    for (const menu of document.querySelectorAll("details.menu[open]"))
+      if (!menu.contains(except)) menu.removeAttribute("open");
   };
   addEventListener("click", (event) => close(event.target as Node));
   addEventListener("keydown", (event) => event.key === "Escape" && close(null));

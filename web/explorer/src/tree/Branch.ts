@@ -4,7 +4,10 @@ import type { NodeType, Roles, Typed } from "../device/types.js";
 import { ROOT } from "../model/paths.js";
 
 /** What the tree shows of a node. */
-export type Child = Pick<Roles, "path" | "title" | "icon" | "permission" | "edit"> & { type: NodeType; value: Typed | null };
+export type Child = Pick<Roles, "path" | "title" | "icon" | "permission" | "edit"> & {
+  type: NodeType;
+  value: Typed | null;
+};
 
 export const CHILD_ROLES = ["path", "title", "type", "value", "icon", "permission", "edit"];
 const PAGE = 500;

@@ -1,27 +1,17 @@
 import { useSignal } from "@preact/signals";
-import type { CSSProperties } from "preact";
 import { useCallback, useEffect, useRef } from "preact/hooks";
 
 import { rights } from "../device/session.js";
 import { t } from "../i18n/index.js";
-import { nameOf } from "../model/paths.js";
-import { LiveText } from "../node/LiveText.js";
-import { go, hrefOfNode } from "../shell/route.js";
-import { Icon, iconOf } from "../widgets/Icon.js";
+import { Icon } from "../widgets/Icon.js";
 import { Virtual } from "../widgets/Virtual.js";
-import type { Child } from "./Branch.js";
+import { type Line, onKey } from "./keys.js";
 import { forgetIndex, found, query, reading, search } from "./search.js";
 import { tree } from "./TreeModel.js";
+import { TreeRow } from "./TreeRow.js";
 
 const ROW_HEIGHT = 36;
 const TYPING_MS = 200;
-
-/** A line, of the tree or of a search, as both are drawn and moved through. */
-interface Line {
-  child: Child | undefined;
-  depth: number;
-  dim?: boolean;
-}
 
 export function TreeView({ selected }: { selected: string | null }) {
   const hits = found.value?.hits;
@@ -65,7 +55,11 @@ function SearchField() {
 function SearchStatus() {
   const hits = found.value;
   const text =
-    reading.value !== null ? t("searching", reading.value) : hits ? t(hits.count === 1 ? "oneHit" : "hits", hits.count) : "";
+    reading.value !== null
+      ? t("searching", reading.value)
+      : hits
+        ? t(hits.count === 1 ? "oneHit" : "hits", hits.count)
+        : "";
   return (
     <p class="search-status quiet" role="status">
       {text}
@@ -132,95 +126,5 @@ function TreeGrid({ lines, isSearch, selected }: GridProps) {
         />
       )}
     />
-  );
-}
-
-const PAGE_ROWS = 12;
-
-/** What the keys do, as the pattern of a tree grid has it. Returns whether the key was one of them. */
-function onKey(key: string, lines: Line[], at: number, isSearch: boolean, move: (index: number) => void): boolean {
-  const line = lines[at];
-  const steps: Record<string, number> = { ArrowDown: at + 1, ArrowUp: at - 1, Home: 0, End: lines.length - 1, PageDown: at + PAGE_ROWS, PageUp: at - PAGE_ROWS };
-  if (key in steps) move(steps[key] as number);
-  else if (key === "Enter" && line?.child?.path) go({ view: "node", path: line.child.path });
-  else if (key === "ArrowRight" && line?.child) openOrEnter(line.child, at, isSearch, move);
-  else if (key === "ArrowLeft" && line) closeOrLeave(lines, at, isSearch, move);
-  else return false;
-  return true;
-}
-
-function openOrEnter(child: Child, at: number, isSearch: boolean, move: (index: number) => void): void {
-  if (child.type !== "container") return;
-  if (isSearch || tree.isOpen(child.path)) move(at + 1);
-  else void tree.open(child.path);
-}
-
-function closeOrLeave(lines: Line[], at: number, isSearch: boolean, move: (index: number) => void): void {
-  const { child, depth } = lines[at] as Line;
-  if (!isSearch && child && child.type === "container" && tree.isOpen(child.path)) tree.close(child.path);
-  else {
-    let above = at - 1;
-    while (above >= 0 && (lines[above] as Line).depth >= depth) --above;
-    if (above >= 0) move(above);
-  }
-}
-
-interface RowProps {
-  line: Line;
-  index: number;
-  style: CSSProperties;
-  isActive: boolean;
-  isSelected: boolean;
-  isOpen: boolean;
-  onPick: () => void;
-}
-
-function TreeRow({ line, index, style, isActive, isSelected, isOpen, onPick }: RowProps) {
-  const { child, depth, dim } = line;
-  const classes = ["line", isActive && "active", isSelected && "selected", dim && "dim", !child && "waiting"].filter(Boolean).join(" ");
-  const isContainer = child?.type === "container";
-  return (
-    <div
-      id={`line-${index}`}
-      role="row"
-      class={classes}
-      style={{ ...style, "--depth": String(depth) }}
-      aria-level={depth + 1}
-      aria-rowindex={index + 1}
-      aria-selected={isSelected}
-      aria-expanded={isContainer ? isOpen : undefined}
-      onClick={onPick}
-    >
-      {child && (
-        <>
-          <span role="gridcell" class="name">
-            <button
-              type="button"
-              class={isContainer ? "twist" : "twist hidden"}
-              tabIndex={-1}
-              aria-hidden="true"
-              onClick={() => (tree.isOpen(child.path) ? tree.close(child.path) : void tree.open(child.path))}
-            >
-              <Icon name="chevron" size={16} />
-            </button>
-            <Icon name={iconOf(child)} size={18} />
-            {child.path ? (
-              <a href={hrefOfNode(child.path)} tabIndex={-1} class="clip">
-                {child.title || nameOf(child.path)}
-              </a>
-            ) : (
-              <span class="clip">{child.title}</span>
-            )}
-          </span>
-          {child.type === "value" ? (
-            <LiveText node={child} role="gridcell" />
-          ) : (
-            <span role="gridcell" class="clip worth">
-              {depth === 0 && child.path}
-            </span>
-          )}
-        </>
-      )}
-    </div>
   );
 }

@@ -50,14 +50,21 @@ export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest 
     const at = reveal.index * rowHeight;
     const seen = element.scrollTop * scale;
     if (at < seen) element.scrollTop = at / scale;
-    else if (at + rowHeight > seen + element.clientHeight) element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
+    else if (at + rowHeight > seen + element.clientHeight)
+      element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
   }, [reveal]);
 
   // As many slots as rows can be in sight at a time, which changes with the height alone.
   const slots = Math.ceil(height.value / rowHeight) + 2 * MARGIN + 2;
   const rows: ComponentChildren[] = [];
   for (let index = first; index <= last; ++index) {
-    rows.push(row(index, { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` }, index % slots));
+    rows.push(
+      row(
+        index,
+        { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` },
+        index % slots,
+      ),
+    );
   }
   return (
     <div {...rest} ref={frame} onScroll={() => (top.value = frame.current?.scrollTop ?? 0)}>
