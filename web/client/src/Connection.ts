@@ -69,6 +69,21 @@ export class Connection {
     return this.send(url, { ...init, headers }, exchange.signal, exchange.timeout ?? patience);
   }
 
+  async stream(path: string, signal?: AbortSignal): Promise<ReadableStream<Uint8Array>> {
+    const signer = await this.signer;
+    const url = this.url(path);
+    const init: RequestInit = { cache: "no-store", headers: signer ? { Authorization: signer.authorization(url) } : {} };
+    if (signal) init.signal = signal;
+    let reply: Response;
+    try {
+      reply = await this.#fetch(url, init);
+    } catch (error) {
+      signal?.throwIfAborted();
+      throw this.lost(error);
+    }
+    return reply.ok && reply.body ? reply.body : (this.read(reply.status, await reply.text()) as never);
+  }
+
   /** As it is sent, which is as it is signed. */
   url(path: string, query?: Record<string, string | number>): string {
     const url = new URL(this.base + path);

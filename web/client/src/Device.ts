@@ -124,7 +124,12 @@ export class Device {
     return upload(this.#connection, file, options);
   }
 
-  /** Where the stream of a stream node is to be had. */
+  /** The bytes of a stream node as they come, signed for where they are not for everybody. */
+  stream(path: string, { signal }: RequestOptions = {}): Promise<ReadableStream<Uint8Array>> {
+    return this.#connection.stream(`/api/stream/${path}`, signal);
+  }
+
+  /** Where the stream of a stream node is to be had, for the browser's own players. */
   streamUrl(path: string): string {
     return this.#connection.url(`/api/stream/${path}`);
   }

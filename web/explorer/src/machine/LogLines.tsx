@@ -1,7 +1,7 @@
 import { useSignal } from "@preact/signals";
 import { useEffect, useRef } from "preact/hooks";
 
-import { openStream } from "../device/streams.js";
+import { device } from "../device/connection.js";
 import { describe } from "../device/problems.js";
 import { rights } from "../device/session.js";
 import { t } from "../i18n/index.js";
@@ -60,7 +60,7 @@ export function LogLines({ path }: { path: string }) {
 }
 
 async function follow(path: string, signal: AbortSignal, tell: (lines: string[]) => void): Promise<void> {
-  const reader = (await openStream(path, signal)).getReader();
+  const reader = (await device.stream(path, { signal })).getReader();
   const decoder = new TextDecoder();
   for (let rest = ""; ;) {
     const { done, value } = await reader.read();
