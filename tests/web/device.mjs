@@ -65,6 +65,8 @@ export async function setData(device, path, value, role = "value") {
   if (!reply.ok) throw new Error(`setData: ${reply.status} ${await reply.text()}`);
 }
 
+export const setVolume = (device, value) => setData(device, "player:player/volume", value);
+
 /** The answer as text, since not every number survives JSON.parse. */
 export async function getValue(device, path) {
   const reply = await fetch(`${device.url}/api/getData?path=${path}&roles=value`);

@@ -1,6 +1,7 @@
 // The explorer in a browser, against one real device. The host's program and the project are named by the environment.
 
 import assert from "node:assert/strict";
+import { createHash, randomBytes } from "node:crypto";
 import { mkdir, readFile } from "node:fs/promises";
 import { createRequire } from "node:module";
 import { join } from "node:path";
@@ -74,7 +75,7 @@ const SCENARIOS = {
     const slider = page.getByRole("slider", { name: "Volume" });
     for (const volume of [73, 0]) {
       await setData(device, VOLUME, volume);
-      await page.waitForFunction((wanted) => document.querySelector("[type=range]").value === wanted, String(volume));
+      await page.locator(`[aria-valuetext="${volume} %"]`).waitFor();
     }
     await slider.fill("41");
     await becomes(VOLUME, '[{"type":"i32","value":41}]');
@@ -136,7 +137,7 @@ const SCENARIOS = {
     await page.getByLabel("Exact value").fill("150");
     await page.keyboard.press("Tab");
     await text("Volume: The value must be at most 100.");
-    await page.waitForFunction(() => document.querySelector("[type=range]").value === "30");
+    await page.locator('[aria-valuetext="30 %"]').waitFor();
     await show("player:player/playlistRemove");
     await page.getByLabel(/^Argument/).fill('{"index": 99999}');
     await button("Run").click();
@@ -179,6 +180,23 @@ const SCENARIOS = {
     await text("This may cut you off");
     await button("Cancel").click();
     assert.match(await getValue(device, "settings:webserver/authMode"), /"writes"/);
+  },
+
+  "sends an image and shows what the device got, and plays its sound": async () => {
+    const image = randomBytes(300_000);
+    const sum = createHash("sha256").update(image).digest("hex");
+    await open("webclient/#/machine");
+    await page
+      .getByLabel("Image")
+      .setInputFiles({ name: "image.bin", mimeType: "application/octet-stream", buffer: image });
+    await button("Upload").click();
+    await page.locator("dd", { hasText: sum }).waitFor();
+    await text("ready");
+    await show("");
+    await page.locator("audio").evaluate(async (audio) => {
+      await audio.play();
+      while (audio.currentTime < 0.5) await new Promise((resolve) => setTimeout(resolve, 50));
+    });
   },
 
   "draws what it has seen, and gives it away": async () => {

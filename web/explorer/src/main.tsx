@@ -32,4 +32,6 @@ effect(() => {
 followCharted();
 listenForShortcuts();
 closeMenus();
-render(<App />, document.getElementById("app") as HTMLElement);
+const place = document.getElementById("app") as HTMLElement;
+place.replaceChildren(); // The bar that is shown until now.
+render(<App />, place);

@@ -1,4 +1,4 @@
-import { computed, signal } from "@preact/signals";
+import { signal } from "@preact/signals";
 
 import { writer } from "../device/connection.js";
 import { followedNode } from "../device/live.js";
@@ -19,7 +19,7 @@ export interface Change {
   edit: Roles["edit"];
 }
 
-export interface DoneChange extends Change {
+interface DoneChange extends Change {
   time: number;
 }
 
@@ -36,8 +36,6 @@ export const isPanelOpen = signal(false);
 export const applying = signal(false);
 /** A change that waits for the reader to accept what it may cost. */
 export const risky = signal<{ change: Change; risk: Risk } | null>(null);
-
-export const stagedRisks = computed(() => [...staged.value.values()].filter((change) => riskOf(change.path)));
 
 export function stage(change: Change): void {
   const next = new Map(staged.value);

@@ -5,7 +5,7 @@ import { device, isLocal, signFrom, signNoMore } from "./connection.js";
 import { followed } from "./live.js";
 import type { Permission, Roles } from "./types.js";
 
-export const CHANGE_PASSWORD = "settings:webserver/changePassword";
+const CHANGE_PASSWORD = "settings:webserver/changePassword";
 const AUTH_MODE = "settings:webserver/authMode";
 
 /** Who has signed in on this page; null for nobody. Reloading the page forgets it. */

@@ -15,7 +15,7 @@ export interface Roles {
 export type NodeType = "container" | "value" | "list" | "action" | "stream";
 export type Permission = "open" | "default" | "protected" | "internal";
 export type Typed = { type: string; value: unknown };
-export type Bound = number | bigint;
+type Bound = number | bigint;
 
 export interface EditRules {
   minimum?: Bound;

@@ -13,7 +13,7 @@ import { Icon } from "../widgets/Icon.js";
 import { editorFor, rulesFor } from "./index.js";
 import { LatestWriter } from "./LatestWriter.js";
 
-export const REASONS: Record<ReadOnlyReason, MessageKey> = {
+const REASONS: Record<ReadOnlyReason, MessageKey> = {
   fixed: "readOnlyFixed",
   signIn: "readOnlySignIn",
   internal: "readOnlyInternal",

@@ -16,7 +16,7 @@ const SYSTEMS: Array<[name: string, how: MessageKey]> = [
 ];
 
 /** SHA-256 over the first certificate of a PEM text, as certificate viewers show it; null when there is none. */
-export function fingerprintOf(pem: string): string | null {
+function fingerprintOf(pem: string): string | null {
   const body = /-----BEGIN CERTIFICATE-----([\s\S]*?)-----END CERTIFICATE-----/.exec(pem)?.[1];
   if (!body) return null;
   const hex = bytesToHex(sha256(bytesOf(body.replace(/\s/g, "")))).toUpperCase();

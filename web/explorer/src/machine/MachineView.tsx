@@ -4,7 +4,7 @@ import { Firmware } from "./Firmware.js";
 import { LogLines } from "./LogLines.js";
 import { Settings } from "./Settings.js";
 
-export const LOG = "system:log/lines";
+const LOG = "system:log/lines";
 
 /** What concerns the device as a machine rather than what it does. */
 export function MachineView() {

@@ -26,7 +26,7 @@ export function preference<T>(key: string, initial: T): Signal<T> {
 }
 
 /** Paths that the reader chose, in their order. */
-export function pathSet(key: string, initial: string[]) {
+function pathSet(key: string, initial: string[]) {
   const paths = preference<string[]>(key, initial);
   return {
     paths,

@@ -45,7 +45,7 @@ export function formatClock(seconds: number): string {
 }
 
 /** Bytes that a Base64 text stands for. */
-export function base64Length(text: string): number {
+function base64Length(text: string): number {
   return Math.max(0, Math.floor((text.length * 3) / 4) - (text.endsWith("==") ? 2 : text.endsWith("=") ? 1 : 0));
 }
 

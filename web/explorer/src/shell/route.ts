@@ -6,7 +6,7 @@ export type Route = { view: "dashboard" | "tree" | "chart" | "machine" } | { vie
 const VIEWS = ["tree", "chart", "machine"] as const;
 
 /** `#/player:player/volume` is a node, since every path has a colon; anything else names a view. */
-export function routeOf(hash: string): Route {
+function routeOf(hash: string): Route {
   const text = hash.replace(/^#\/?/, "");
   if (text.includes(":")) return { view: "node", path: pathOf(text) };
   return { view: VIEWS.find((view) => view === text) ?? "dashboard" };

@@ -76,7 +76,7 @@ async function makeIndex(signal: AbortSignal): Promise<void> {
 }
 
 /** Every word must be in the path, the title or the value. Containers on the way to a hit come with it. */
-export function pick(entries: Entry[], words: string[]): Hit[] {
+function pick(entries: Entry[], words: string[]): Hit[] {
   const hits: Hit[] = [];
   // From the end, where a container comes after what is inside it: whether the next one at this depth is on the way.
   const onTheWay: boolean[] = [];
