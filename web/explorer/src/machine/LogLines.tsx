@@ -40,6 +40,8 @@ export function LogLines({ path }: { path: string }) {
       {problem.value && <p class="note">{t("noLog", problem.value)}</p>}
       <pre
         class="log mono"
+        role="log"
+        aria-live="off"
         ref={box}
         tabIndex={0}
         aria-label={t("log")}
