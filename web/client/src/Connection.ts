@@ -25,6 +25,8 @@ export interface Exchange {
 export class Connection {
   readonly base: string;
   readonly online = new Listeners();
+  /** Who signs; null when nobody does. */
+  user: string | null = null;
   signer: Promise<Signer> | null = null;
   readonly #fetch: typeof fetch;
   #isOnline = true;
@@ -49,10 +51,6 @@ export class Connection {
     return this.exchange(path, { query, signal });
   }
 
-  post(path: string, body: unknown, signal?: AbortSignal): Promise<unknown> {
-    return this.exchange(path, { body, signal });
-  }
-
   /** Rejects with a DeviceError, or with the reason of the signal. */
   async exchange(path: string, exchange: Exchange): Promise<unknown> {
     const signer = exchange.signer ?? (await this.signer);
@@ -69,19 +67,10 @@ export class Connection {
     return this.send(url, { ...init, headers }, exchange.signal, exchange.timeout ?? patience);
   }
 
-  async stream(path: string, signal?: AbortSignal): Promise<ReadableStream<Uint8Array>> {
+  /** Of a GET. */
+  async headers(url: string): Promise<Record<string, string>> {
     const signer = await this.signer;
-    const url = this.url(path);
-    const init: RequestInit = { cache: "no-store", headers: signer ? { Authorization: signer.authorization(url) } : {} };
-    if (signal) init.signal = signal;
-    let reply: Response;
-    try {
-      reply = await this.#fetch(url, init);
-    } catch (error) {
-      signal?.throwIfAborted();
-      throw this.lost(error);
-    }
-    return reply.ok && reply.body ? reply.body : (this.read(reply.status, await reply.text()) as never);
+    return signer ? { Authorization: signer.authorization(url) } : {};
   }
 
   /** As it is sent, which is as it is signed. */
@@ -90,6 +79,18 @@ export class Connection {
     const pairs = Object.entries(query ?? {}).map(([name, value]) => `${name}=${encodeURIComponent(value)}`);
     url.search = pairs.join("&");
     return url.href;
+  }
+
+  /** A GET whose body is read by the caller. */
+  async open(path: string, signal?: AbortSignal): Promise<Response> {
+    const url = this.url(path);
+    const headers = await this.headers(url);
+    const reply = await this.#fetch(url, { cache: "no-store", headers, signal: signal ?? null }).catch((error) => {
+      signal?.throwIfAborted();
+      throw this.lost(error);
+    });
+    if (!reply.ok) this.read(reply.status, await reply.text());
+    return reply;
   }
 
   async send(url: string, init: RequestInit, signal?: AbortSignal, timeout?: number): Promise<unknown> {

@@ -48,7 +48,6 @@ export class Device {
   readonly #hub: EventHub;
   readonly #encrypt: boolean;
   readonly #retryDelay: RetryDelay;
-  #user: string | null = null;
 
   /** `baseUrl` is the device's origin, such as `http://192.0.2.1`; in a page that of the page by default. */
   constructor(baseUrl = globalThis.location?.origin, options: DeviceOptions = {}) {
@@ -64,7 +63,7 @@ export class Device {
 
   /** Who signs from now on; null when nobody does. */
   get user(): string | null {
-    return this.#user;
+    return this.#connection.user;
   }
 
   /**
@@ -80,7 +79,7 @@ export class Device {
   }
 
   #sign(user: string | null, signer: Promise<Signer> | null): void {
-    this.#user = user;
+    this.#connection.user = user;
     this.#connection.signer = signer;
     this.#hub.restart();
   }
@@ -101,7 +100,7 @@ export class Device {
 
   /** A typed or a plain value. Resolves with what the node holds afterwards. */
   async setData(path: string, value: Value | unknown, { role = "value", signal }: RequestOptions & { role?: string } = {}): Promise<unknown> {
-    if (this.#encrypt && !this.#user) throw new DeviceError(0, "", "Sign in to send encrypted values.", { kind: "refused" });
+    if (this.#encrypt && !this.user) throw new DeviceError(0, "", "Sign in to send encrypted values.", { kind: "refused" });
     return this.#connection.exchange(setData, { body: { path, role, value }, encrypt: this.#encrypt, signal });
   }
 
@@ -116,7 +115,7 @@ export class Device {
     const value = { type: "webserverChangePassword", value: { name, oldPassword, newPassword } };
     const body = { path: changePasswordPath, role: "activate", value };
     await this.#connection.exchange(setData, { body, signer, encrypt: true, signal });
-    if (this.#user === name) this.signIn(name, newPassword);
+    if (this.user === name) this.signIn(name, newPassword);
   }
 
   /** Sends a firmware image. */
@@ -124,24 +123,28 @@ export class Device {
     return upload(this.#connection, file, options);
   }
 
-  /** The bytes of a stream node as they come, signed for where they are not for everybody. */
-  stream(path: string, { signal }: RequestOptions = {}): Promise<ReadableStream<Uint8Array>> {
-    return this.#connection.stream(`/api/stream/${path}`, signal);
-  }
-
-  /** Where the stream of a stream node is to be had, for the browser's own players. */
+  /** Where the stream of a stream node is to be had, by whoever does not sign, such as an `<audio>`. */
   streamUrl(path: string): string {
     return this.#connection.url(`/api/stream/${path}`);
+  }
+
+  /** Reads a stream node. The answer's body goes on until the signal ends it, or the device does. */
+  openStream(path: string, { signal }: RequestOptions = {}): Promise<Response> {
+    return this.#connection.open(`/api/stream/${path}`, signal);
   }
 
   /**
    * Tells how the nodes are, then each change, none lost and none twice. All subscriptions share one event queue.
    * Without a callback the events wait for `for await`.
    */
-  subscribe(paths: Array<string | Target>, callback?: (event: DeviceEvent) => void): Subscription {
+  subscribe(paths: Array<string | Target>, callback?: (event: DeviceEvent) => void, { signal }: RequestOptions = {}): Subscription {
     const targets = paths.map((path) => (typeof path === "string" ? { path, type: "item" as const } : path));
     const once = [...new Map(targets.map((target) => [keyOf(target), target])).values()];
-    return new Subscription(callback, (take) => this.#hub.subscribe(once, take));
+    const subscription = new Subscription(callback, (take) => this.#hub.subscribe(once, take));
+    const close = () => subscription.close();
+    if (signal?.aborted) close();
+    signal?.addEventListener("abort", close);
+    return subscription;
   }
 
   /** A list as it is, whatever its size: show() says which rows are wanted. */

@@ -14,7 +14,7 @@ interface Entry {
 
 /** Brings subscriptions to a queue, wherever that is. */
 interface Carrier {
-  open(id: string, targets: Target[]): void;
+  open(id: string, targets: Target[]): unknown;
   close(id: string): void;
   hurry(): void;
   stop(): void;
@@ -22,11 +22,10 @@ interface Carrier {
   hold?(held: boolean): void;
 }
 
-/** What tabs tell each other. `hello` comes of a new leader; the others belong to one subscription or to the device. */
+/** What tabs tell each other: a new leader that it is one, another tab what it wants, the leader what there is. */
 type Note =
   | { is: "hello" }
-  | { is: "open"; tab: string; id: string; targets: Target[] }
-  | { is: "close"; id: string }
+  | { is: "open"; id: string; targets: Target[] }
   | { is: "event"; id: string; event: DeviceEvent }
   | { is: "online"; online: boolean };
 
@@ -40,15 +39,14 @@ export class EventHub {
   readonly #options: QueueOptions;
   readonly #entries = new Map<string, Entry>();
   #carrier: Carrier | undefined;
-  // Many hidden tabs with a queue each would take all connections to the device.
-  readonly #look = () => this.#carrier?.hold?.(document.visibilityState === "hidden");
-  readonly #hurry = () => this.#carrier?.hurry();
+  readonly #ending = new AbortController();
 
   constructor(connection: Connection, options: QueueOptions) {
     this.#connection = connection;
     this.#options = options;
-    globalThis.addEventListener?.("online", this.#hurry);
-    globalThis.document?.addEventListener("visibilitychange", this.#look);
+    const { signal } = this.#ending;
+    globalThis.addEventListener?.("online", () => this.#carrier?.hurry(), { signal });
+    globalThis.document?.addEventListener("visibilitychange", () => this.#look(), { signal });
   }
 
   /** The returned function ends it. */
@@ -70,8 +68,7 @@ export class EventHub {
   }
 
   close(): void {
-    globalThis.removeEventListener?.("online", this.#hurry);
-    globalThis.document?.removeEventListener("visibilitychange", this.#look);
+    this.#ending.abort();
     this.#entries.clear();
     this.restart();
   }
@@ -79,8 +76,16 @@ export class EventHub {
   #open(entry: Entry): void {
     entry.id = randomName();
     this.#entries.set(entry.id, entry);
-    this.#carrier ??= this.#newCarrier();
+    if (!this.#carrier) {
+      this.#carrier = this.#newCarrier();
+      this.#look();
+    }
     this.#carrier.open(entry.id, entry.targets);
+  }
+
+  // Many hidden tabs with a queue each would take all connections to the device.
+  #look(): void {
+    this.#carrier?.hold?.(globalThis.document?.visibilityState === "hidden");
   }
 
   #newCarrier(): Carrier {
@@ -92,24 +97,29 @@ export class EventHub {
   }
 }
 
+/** A subscription of this tab. */
+interface Own {
+  targets: Target[];
+  /** Its lock, which nobody may ask for before. */
+  isHeld: boolean;
+  release(): void;
+}
+
 /**
  * The queue of all tabs. Whoever holds the lock `leader` polls for all; when that tab goes, the browser gives the lock to
- * another one, which makes a queue of its own and asks everybody what they want. Each tab also holds a lock of its own,
- * by which the leader learns that it has gone.
+ * another one, which makes a queue of its own and asks everybody what they want. Each subscription holds a lock, too, by
+ * which the leader learns that it has ended, or its tab with it.
  */
 class SharedQueue implements Carrier {
   readonly #connection: Connection;
   readonly #queue: EventQueue;
   readonly #deliver: Deliver;
   readonly #resigned: () => void;
-  readonly #tab = randomName();
-  readonly #name: Promise<string>;
+  readonly #name: string;
+  readonly #channel: BroadcastChannel;
   readonly #ending = new AbortController();
-  readonly #own = new Map<string, Target[]>();
-  readonly #others = new Map<string, Set<string>>();
-  #channel: BroadcastChannel | undefined;
+  readonly #own = new Map<string, Own>();
   #leads = false;
-  #stopOnline = () => {};
 
   /** `resigned` is called when this tab's signature is wrong, after its subscriptions have been told and all is over. */
   constructor(connection: Connection, options: QueueOptions, deliver: Deliver, resigned: () => void) {
@@ -117,40 +127,37 @@ class SharedQueue implements Carrier {
     this.#queue = new EventQueue(connection, this, options);
     this.#deliver = deliver;
     this.#resigned = resigned;
-    this.#name = this.#userName().then((user) => `zark ${connection.base} ${user}`);
-    void this.#join();
-  }
-
-  async #userName(): Promise<string> {
-    const signer = await this.#connection.signer;
-    return signer ? `of ${signer.user}` : "";
-  }
-
-  async #join(): Promise<void> {
-    const name = await this.#name;
-    await this.#hold(`${name} ${this.#tab}`, () => {
-      this.#channel = new BroadcastChannel(name);
-      this.#channel.onmessage = ({ data }) => this.#heard(data as Note);
-      this.#sendOwn();
-      void this.#hold(`${name} leader`, () => this.#lead());
+    this.#name = `zark ${connection.base} ${connection.user ? `of ${connection.user}` : ""}`;
+    this.#channel = new BroadcastChannel(this.#name);
+    this.#channel.onmessage = ({ data }) => this.#heard(data as Note);
+    const release = this.#hold("leader", () => this.#lead());
+    const stopTelling = connection.online.on(() => this.#leads && this.#send({ is: "online", online: connection.isOnline }));
+    this.#ending.signal.addEventListener("abort", () => {
+      release();
+      stopTelling();
     });
   }
 
-  /** Holds a lock until the end. */
-  async #hold(lock: string, then: () => void): Promise<void> {
-    const { signal } = this.#ending;
-    const held = () => {
+  /** The returned function gives the lock back. */
+  #hold(lock: string, then: () => void): () => void {
+    let release = () => {};
+    const held = new Promise<void>((resolve) => (release = resolve));
+    this.#request(lock, "exclusive", () => {
       then();
-      return new Promise<void>((resolve) => signal.addEventListener("abort", () => resolve()));
-    };
-    await navigator.locks.request(lock, { signal }, held).catch(() => {});
+      return held;
+    });
+    return release;
+  }
+
+  #request(lock: string, mode: LockMode, then: () => void | Promise<void>): void {
+    const { signal } = this.#ending;
+    navigator.locks.request(`${this.#name} ${lock}`, { signal, mode }, then).catch(() => {}); // Of the end alone.
   }
 
   #lead(): void {
     this.#leads = true;
     this.#send({ is: "hello" });
-    for (const [id, targets] of this.#own) this.#queue.open(id, targets);
-    this.#stopOnline = this.#connection.online.on(() => this.#send({ is: "online", online: this.#connection.isOnline }));
+    this.#announce();
   }
 
   deliver(id: string, event: DeviceEvent): void {
@@ -160,21 +167,24 @@ class SharedQueue implements Carrier {
 
   /** Another tab may do better. */
   refused(error: DeviceError): void {
-    for (const [id, targets] of this.#own) for (const { path } of targets) this.#deliver(id, { path, roles: {}, error });
+    for (const [id, { targets }] of this.#own) for (const { path } of targets) this.#deliver(id, { path, roles: {}, error });
     this.stop();
     this.#resigned();
   }
 
   open(id: string, targets: Target[]): void {
-    this.#own.set(id, targets);
-    if (this.#leads) this.#queue.open(id, targets);
-    else this.#send({ is: "open", tab: this.#tab, id, targets });
+    const own: Own = { targets, isHeld: false, release: () => {} };
+    this.#own.set(id, own);
+    own.release = this.#hold(id, () => {
+      own.isHeld = true;
+      if (this.#own.has(id)) this.#announce([[id, own]]);
+    });
   }
 
   close(id: string): void {
+    this.#own.get(id)?.release();
     this.#own.delete(id);
-    if (this.#leads) this.#queue.close(id);
-    else this.#send({ is: "close", id });
+    this.#queue.close(id);
   }
 
   hurry(): void {
@@ -182,48 +192,34 @@ class SharedQueue implements Carrier {
   }
 
   stop(): void {
-    for (const id of this.#own.keys()) this.#send({ is: "close", id });
-    this.#stopOnline();
+    for (const id of [...this.#own.keys()]) this.close(id);
     this.#queue.stop();
     this.#ending.abort();
-    this.#channel?.close();
-    this.#channel = undefined;
+    this.#channel.close();
   }
 
-  #sendOwn(): void {
-    for (const [id, targets] of this.#own) this.#send({ is: "open", tab: this.#tab, id, targets });
+  /** What this tab wants. The queue knows what it has heard before. */
+  #announce(subscriptions: Iterable<[string, Own]> = this.#own): void {
+    for (const [id, { targets, isHeld }] of subscriptions) {
+      if (this.#leads) this.#queue.open(id, targets);
+      else if (isHeld) this.#send({ is: "open", id, targets });
+    }
   }
 
   #send(note: Note): void {
-    this.#channel?.postMessage(note);
+    this.#channel.postMessage(note);
   }
 
   #heard(note: Note): void {
     if (this.#leads) {
-      if (note.is === "close") this.#queue.close(note.id);
-      if (note.is === "open") this.#openFor(note.tab, note.id, note.targets);
+      if (note.is !== "open") return;
+      const isNew = this.#queue.open(note.id, note.targets);
+      if (isNew) this.#request(note.id, "shared", () => this.#queue.close(note.id));
     } else {
-      if (note.is === "hello") this.#sendOwn();
+      if (note.is === "hello") this.#announce();
       if (note.is === "online") this.#connection.isOnline = note.online;
       if (note.is === "event" && this.#own.has(note.id)) this.#deliver(note.id, withError(note.event));
     }
-  }
-
-  #openFor(tab: string, id: string, targets: Target[]): void {
-    if (!this.#others.has(tab)) void this.#follow(tab);
-    this.#others.get(tab)?.add(id);
-    this.#queue.open(id, targets);
-  }
-
-  /** Until that tab has gone, which gives its lock away. */
-  async #follow(tab: string): Promise<void> {
-    this.#others.set(tab, new Set());
-    await navigator.locks
-      .request(`${await this.#name} ${tab}`, { signal: this.#ending.signal, mode: "shared" }, () => {
-        for (const id of this.#others.get(tab) ?? []) this.#queue.close(id);
-        this.#others.delete(tab);
-      })
-      .catch(() => {});
   }
 }
 

@@ -76,10 +76,12 @@ export class EventQueue {
     this.#pause = new Pause(options.retryDelay);
   }
 
-  open(id: string, targets: Target[]): void {
-    if (this.#watches.has(id)) return;
+  /** False when it is open. */
+  open(id: string, targets: Target[]): boolean {
+    if (this.#watches.has(id)) return false;
     this.#watches.set(id, targets.map((target) => ({ id, target, state: "waiting", outrun: false })));
     this.#changed();
+    return true;
   }
 
   close(id: string): void {
@@ -232,7 +234,7 @@ export class EventQueue {
 
   async #request(subscribe: Target[], unsubscribe: Target[]): Promise<void> {
     const body = { ...(this.#queueId && { queueId: this.#queueId }), subscribe, unsubscribe };
-    this.#queueId = String(await this.#connection.post(modifyQueue, body, this.#polling.signal));
+    this.#queueId = String(await this.#connection.exchange(modifyQueue, { body, signal: this.#polling.signal }));
     for (const target of unsubscribe) this.#subscribed.delete(keyOf(target));
     for (const target of subscribe) this.#subscribed.set(keyOf(target), target);
   }

@@ -10,19 +10,17 @@ export class Listeners<T = void> {
   }
 
   call(value: T): void {
-    for (const callback of [...this.#callbacks]) {
-      try {
-        callback(value);
-      } catch (error) {
-        reportLater(error);
-      }
-    }
+    for (const callback of [...this.#callbacks]) callSafely(callback, value);
   }
 }
 
-/** An error of the program's own callback, shown as uncaught. */
-export function reportLater(error: unknown): void {
-  queueMicrotask(() => {
-    throw error;
-  });
+/** Shows an error of the program's own callback as uncaught, and goes on. */
+export function callSafely<T>(callback: (value: T) => void, value: T): void {
+  try {
+    callback(value);
+  } catch (error) {
+    queueMicrotask(() => {
+      throw error;
+    });
+  }
 }

@@ -1,4 +1,5 @@
 import { merged, type DeviceEvent } from "./events.js";
+import { callSafely } from "./Listeners.js";
 
 /** The events of some paths, for a callback or for `for await`. */
 export class Subscription implements AsyncIterable<DeviceEvent> {
@@ -25,7 +26,7 @@ export class Subscription implements AsyncIterable<DeviceEvent> {
 
   #take(event: DeviceEvent): void {
     if (this.#closed) return;
-    if (this.#callback) return this.#callback(event);
+    if (this.#callback) return callSafely(this.#callback, event);
     const key = `${event.rowsEvents ? "rows" : "item"} ${event.path}`;
     const older = this.#waiting.get(key);
     this.#waiting.set(key, older ? merged(older, event) : event);

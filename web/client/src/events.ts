@@ -20,7 +20,7 @@ export interface DeviceEvent {
   /** The version that the list had after each of `rowsEvents`. */
   rowsVersions?: number[];
   rowsVersion?: number;
-  /** This is how things stand, not what changed: the first event of each path, and the first after events were lost. */
+  /** This is how things stand, not what changed: the first event of each path, and whenever changes may have been missed. */
   snapshot?: true;
   /** The device tells nothing of this path, until a snapshot says otherwise. */
   error?: DeviceError;
@@ -39,7 +39,7 @@ export function part(event: DeviceEvent, type: Target["type"]): DeviceEvent | nu
   const { rowsEvents, rowsVersions, rowsVersion, ...item } = event;
   if (type === "item") return Object.keys(item.roles).length ? item : null;
   if (rowsEvents) return { ...event, roles: {} };
-  return item.roles["type"] === null ? { ...reset(event.path), roles: { type: null } } : null;
+  return item.roles["type"] === null ? reset(event.path) : null;
 }
 
 /** One event in place of two of the same path and kind, `newer` after `older`. Of rows it says no more than to read them. */

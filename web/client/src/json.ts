@@ -3,8 +3,9 @@
 // Texts that no device can know, so that none of its own is taken for an integer.
 const mark = `int${Math.random().toString(36).slice(2)}:`;
 
-const longInteger = /(?:\d{17}|9\d{15})/;
-const stringOrLongInteger = /"(?:[^"\\]|\\.)*"|-?\d{16,}(?![\d.eE])/g;
+const manyDigits = /\d{17}|9\d{15}/;
+const stringOrNumber = /"(?:[^"\\]|\\.)*"|-?\d+(?:\.\d+)?(?:[eE][+-]?\d+)?/g;
+const longInteger = /^-?[1-9]\d{15,}$/;
 const markedInteger = new RegExp(`"${mark}(-?\\d+)"`, "g");
 
 function revive(_key: string, value: unknown): unknown {
@@ -20,8 +21,8 @@ function revive(_key: string, value: unknown): unknown {
 
 /** Throws SyntaxError for what is no JSON. */
 export function parseJson(text: string): unknown {
-  if (!longInteger.test(text)) return JSON.parse(text);
-  const marked = text.replace(stringOrLongInteger, (token) => (token[0] === '"' ? token : `"${mark}${token}"`));
+  if (!manyDigits.test(text)) return JSON.parse(text);
+  const marked = text.replace(stringOrNumber, (token) => (longInteger.test(token) ? `"${mark}${token}"` : token));
   return JSON.parse(marked, revive);
 }
 

@@ -16,7 +16,23 @@ export interface Uploaded {
   sha256: string;
 }
 
-interface Posting extends UploadOptions {
+/** Rejects with a DeviceError, or with the reason of the signal. */
+export async function upload(connection: Connection, file: Blob, options: UploadOptions): Promise<Uploaded> {
+  const url = connection.url("/firmware/update");
+  // Only the URI is signed, as of a GET: nobody could tell the sum before the last byte.
+  const headers = await connection.headers(url);
+  const form = new FormData();
+  if (options.sha256) form.append("sha256", options.sha256);
+  form.append("firmware", file, options.name ?? (file as { name?: string }).name ?? "firmware");
+  options.signal?.throwIfAborted();
+  // Pages have a way that tells the progress.
+  const answer = globalThis.XMLHttpRequest
+    ? await post(connection, { url, headers, form, size: file.size }, options)
+    : await connection.send(url, { method: "POST", body: form, headers }, options.signal);
+  return answer as Uploaded;
+}
+
+interface Post {
   url: string;
   headers: Record<string, string>;
   form: FormData;
@@ -24,29 +40,11 @@ interface Posting extends UploadOptions {
   size: number;
 }
 
-/** Rejects with a DeviceError, or with the reason of the signal. */
-export async function upload(connection: Connection, file: Blob, options: UploadOptions): Promise<Uploaded> {
-  const url = connection.url("/firmware/update");
-  const signer = await connection.signer;
-  const form = new FormData();
-  if (options.sha256) form.append("sha256", options.sha256);
-  form.append("firmware", file, options.name ?? (file as { name?: string }).name ?? "firmware");
-  // Only the URI is signed, as of a GET: nobody could tell the sum before the last byte.
-  const headers: Record<string, string> = signer ? { Authorization: signer.authorization(url) } : {};
-  const posting = { ...options, url, headers, form, size: file.size };
-  options.signal?.throwIfAborted();
-  // Only this one tells the progress.
-  const fromPage = typeof XMLHttpRequest === "function";
-  const init = { method: "POST", body: form, headers };
-  const answer = await (fromPage ? postFromPage(connection, posting) : connection.send(url, init, options.signal));
-  return answer as Uploaded;
-}
-
-function postFromPage(connection: Connection, { url, headers, form, size, onProgress, signal }: Posting): Promise<unknown> {
+function post(connection: Connection, { url, headers, form, size }: Post, { onProgress, signal }: UploadOptions): Promise<unknown> {
   return new Promise((resolve, reject) => {
     const request = new XMLHttpRequest();
     request.open("POST", url);
-    for (const [name, value] of Object.entries(headers)) request.setRequestHeader(name, value);
+    for (const name in headers) request.setRequestHeader(name, headers[name]!);
     request.upload.onprogress = ({ loaded }) => onProgress?.(Math.min(loaded, size), size);
     request.onload = () => {
       try {

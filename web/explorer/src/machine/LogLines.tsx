@@ -62,10 +62,11 @@ export function LogLines({ path }: { path: string }) {
 }
 
 async function follow(path: string, signal: AbortSignal, tell: (lines: string[]) => void): Promise<void> {
-  const reader = (await device.stream(path, { signal })).getReader();
+  const { body } = await device.openStream(path, { signal });
+  const reader = body?.getReader();
   const decoder = new TextDecoder();
   for (let rest = ""; ;) {
-    const { done, value } = await reader.read();
+    const { done, value } = (await reader?.read()) ?? { done: true };
     if (done) return;
     const lines = (rest + decoder.decode(value, { stream: true })).split("\n");
     rest = lines.pop() ?? "";
