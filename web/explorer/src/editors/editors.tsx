@@ -22,6 +22,8 @@ export function SwitchEditor({ id, value, disabled, onCommit }: EditorProps) {
 }
 
 export function SliderEditor({ id, value, edit, disabled, onCommit }: EditorProps) {
+  /** What is being typed, which a change of the value from elsewhere must not take away. */
+  const typed = useSignal<string | null>(null);
   const bounds = { min: String(edit?.minimum), max: String(edit?.maximum), step: String(edit?.step ?? "any") };
   const unit = edit?.unit ?? "";
   return (
@@ -40,10 +42,13 @@ export function SliderEditor({ id, value, edit, disabled, onCommit }: EditorProp
         type="number"
         class="number"
         aria-label={t("exactValue")}
-        aria-describedby={`${id}-hint`}
-        value={String(value.value)}
+        value={typed.value ?? String(value.value)}
         disabled={disabled}
-        onChange={(event) => event.currentTarget.value !== "" && onCommit(event.currentTarget.valueAsNumber)}
+        onInput={(event) => (typed.value = event.currentTarget.value)}
+        onChange={(event) => {
+          typed.value = null;
+          if (event.currentTarget.value !== "") onCommit(event.currentTarget.valueAsNumber);
+        }}
       />
       {unit && <span class="quiet">{unit}</span>}
     </span>
