@@ -17,42 +17,58 @@ async function freePort() {
   return port;
 }
 
-/** Starts `host` with the project's demo tree and pages, and waits until it is ready. */
-export async function startDevice(host, project) {
-  const state = await mkdtemp(join(tmpdir(), "zark-web-"));
-  const port = await freePort();
-  const settings = { port, httpsPort: 0, documentRoot: join(project, "share/demo/www") };
+async function startHost(host, project, state, port) {
+  const settings = { port, httpsPort: 0, documentRoot: join(project, "build/www") };
   const program = spawn(host, [
     "--tree", join(project, "share/demo/tree.json"), "--state", state, "--log-level", "error",
     ...["system", "player", "webserver"].flatMap((worker) => ["--worker", worker]),
     ...Object.entries(settings).flatMap(([name, value]) => ["--set", `settings:webserver/${name}=${value}`]),
   ], { stdio: ["ignore", "pipe", "inherit"] });
   const exited = once(program, "exit");
-
-  const stop = async () => {
-    program.kill("SIGTERM");
+  const end = async (signal) => {
+    program.kill(signal);
     const [code] = await exited;
-    await rm(state, { recursive: true, force: true });
     return code;
   };
-  for await (const line of createInterface({ input: program.stdout })) {
-    if (line === "ready") return { url: `http://127.0.0.1:${port}`, stop };
-  }
-  await stop();
+  for await (const line of createInterface({ input: program.stdout })) if (line === "ready") return end;
+  await end("SIGKILL");
   throw new Error("the device did not start");
 }
 
-export async function setVolume(device, value) {
+/** Starts `host` with the project's demo tree and pages, and waits until it is ready. */
+export async function startDevice(host, project) {
+  const state = await mkdtemp(join(tmpdir(), "zark-web-"));
+  const port = await freePort();
+  let end = await startHost(host, project, state, port);
+  return {
+    url: `http://127.0.0.1:${port}`,
+    kill: () => end("SIGKILL"),
+    /** After kill(): the same device, with the same state, at the same address. */
+    restart: async () => {
+      end = await startHost(host, project, state, port);
+    },
+    stop: async () => {
+      const code = await end("SIGTERM");
+      await rm(state, { recursive: true, force: true });
+      return code;
+    },
+  };
+}
+
+/** Writes a value, or runs a command, as another client would. */
+export async function setData(device, path, value, role = "value") {
   const reply = await fetch(`${device.url}/api/setData`, {
     method: "POST",
     headers: { "Content-Type": "application/json" },
-    body: JSON.stringify({ path: "player:player/volume", role: "value", value: { type: "i32", value } }),
+    body: JSON.stringify({ path, role, value }),
   });
   if (!reply.ok) throw new Error(`setData: ${reply.status} ${await reply.text()}`);
 }
 
-export async function volume(device) {
-  const reply = await fetch(`${device.url}/api/getData?path=player:player/volume&roles=value`);
-  const [{ value }] = await reply.json();
-  return value;
+export const setVolume = (device, value) => setData(device, "player:player/volume", value);
+
+/** The answer as text, since not every number survives JSON.parse. */
+export async function getValue(device, path) {
+  const reply = await fetch(`${device.url}/api/getData?path=${path}&roles=value`);
+  return reply.text();
 }
