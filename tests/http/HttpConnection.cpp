@@ -56,11 +56,11 @@ void HttpConnection::reset()
     close();
 }
 
-bool HttpConnection::holdBack()
+bool HttpConnection::holdBack(bool hold)
 {
     sock_filter drop = BPF_STMT(BPF_RET | BPF_K, 0);
     const sock_fprog program{ 1, &drop };
-    return setsockopt(m_fd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0;
+    return setsockopt(m_fd, SOL_SOCKET, hold ? SO_ATTACH_FILTER : SO_DETACH_FILTER, &program, sizeof program) == 0;
 }
 
 void HttpConnection::shutDownSending()

@@ -35,8 +35,8 @@ public:
     /// True when the server closes within `timeoutMs` (what it sends meanwhile is dropped).
     bool isClosedWithin(int timeoutMs);
     bool hasData(int timeoutMs); ///< Something has arrived that was not read.
-    /// From now on nothing that the server sends reaches this end, as if it were on the way.
-    bool holdBack();
+    /// Until it is let go, nothing that the server sends reaches this end, as if it were on the way.
+    bool holdBack(bool hold);
     void shutDownSending();
     void reset(); ///< Closes with RST.
     void close();

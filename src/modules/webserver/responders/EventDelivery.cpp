@@ -138,9 +138,11 @@ void EventDelivery::startWatching(Connection* connection, SoupMessage* message)
     if (closes || answer.sent.clientEnded) {
         connection->kept = message;
         soup_server_pause_message(connection->server, message);
-        connect(answer.queue, &QObject::destroyed, this, &EventDelivery::lookAtKept);
-        m_acknowledgements.start(AcknowledgementCheckMilliseconds, this);
+        connect(answer.queue, &QObject::destroyed, this, &EventDelivery::lookAtKept, Qt::UniqueConnection);
     }
+    // What else there is to come from the client, an event tells.
+    if (answer.sent.clientEnded)
+        m_acknowledgements.start(AcknowledgementCheckMilliseconds, this);
     if (closes)
         ::shutdown(connection->fd, SHUT_WR);
     connection->answers.push_back(answer);
@@ -270,11 +272,14 @@ void EventDelivery::stopWriting(Connection* connection)
 void EventDelivery::lookAtKept()
 {
     std::vector<Connection*> kept;
+    bool isAcknowledgementDue = false;
     for (const auto& entry : m_connections) {
-        if (entry.second->kept)
-            kept.push_back(entry.second.get());
+        if (!entry.second->kept)
+            continue;
+        kept.push_back(entry.second.get());
+        isAcknowledgementDue |= entry.second->answers.back().sent.clientEnded;
     }
-    if (kept.empty())
+    if (!isAcknowledgementDue)
         m_acknowledgements.stop();
     for (Connection* connection : kept) {
         const TcpCounters now = TcpCounters::of(connection->fd);
