@@ -67,7 +67,7 @@ private Q_SLOTS:
     void anExpiredQueueIsNoLegacyQueue()
     {
         CMRootWorker root;
-        EventResponderShared shared;
+        EventResponderShared shared(1);
         QSignalSpy expired(shared.eventQueues(), &CMEventQueueManager::expired);
         shared.eventQueues()->setExpiry(50);
         ZarkList<ZarkEventSubscribe> none;

@@ -373,7 +373,7 @@ void Message::releaseInput()
 {
     dbglog_scopedFunction(webserverLog());
     m_url = ZarkUrl();
-    m_query = ZarkUrlQuery();
+    m_query = QUrlQuery();
     m_querySplit = false;
     if (m_valid)
         soup_message_body_truncate(m_data.message->request_body);

@@ -93,5 +93,7 @@ void MultipartHandler::finalize(int requestId)
     dbglog_debug(webserverLog(), "Responder finished request " << requestId << ": status: " << request->status());
     if (request->isValid())
         request->responseBodyComplete();
-    request->deleteLater(); // The responder goes with it.
+    // The responder first: it may look at its request to its end.
+    exchange->responder->deleteLater();
+    request->deleteLater();
 }

@@ -21,7 +21,7 @@ qint64 toInteger(const QVariant& value, bool* ok)
 
 QVariant RequestParameters::value(const QString& key) const
 {
-    return m_query.hasItem(key) ? m_query.value(key) : m_body.value(key);
+    return m_query.hasQueryItem(key) ? m_query.queryItemValue(key, QUrl::FullyDecoded) : m_body.value(key);
 }
 
 bool RequestParameters::readText(const QString& key, QString* text) const

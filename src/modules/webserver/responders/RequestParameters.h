@@ -2,12 +2,12 @@
 
 #include <QString>
 #include <QStringList>
+#include <QUrlQuery>
 #include <QVariant>
 
 #include <limits>
 
 #include "ZarkJson.h"
-#include "ZarkUrlQuery.h"
 
 /// The parameters of one request, wherever they stood: in a query or in a form, where all are texts, or in a JSON
 /// object. A JSON null is a parameter that is not there, except to value().
@@ -15,7 +15,7 @@ class RequestParameters {
 public:
     RequestParameters() = default;
     /// `maximumValues` bounds the JSON inside texts.
-    explicit RequestParameters(const ZarkUrlQuery& query, int maximumValues = ZarkJson::AnyNumber)
+    explicit RequestParameters(const QUrlQuery& query, int maximumValues = ZarkJson::AnyNumber)
         : m_query(query), m_maximumValues(maximumValues)
     {
     }
@@ -48,7 +48,7 @@ public:
 private:
     bool readInteger(const QString& key, qint64 minimum, qint64 maximum, qint64* integer) const;
 
-    ZarkUrlQuery m_query;
+    QUrlQuery m_query;
     QVariantHash m_body;
     int m_maximumValues = ZarkJson::AnyNumber;
 };
