@@ -4,6 +4,7 @@
 #include <memory>
 #include <vector>
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "Device.h"
@@ -22,23 +23,25 @@ int descriptorsOf(qint64 pid)
     return QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::Files | QDir::System).size();
 }
 
-/// The first `length` bytes of a chunked answer's body; empty when the head is not that of a stream.
+/// The first `length` bytes of a chunked answer's body; shorter when the answer is no stream or stalls.
 QByteArray streamed(int descriptor, int length)
 {
     QByteArray received;
     QByteArray body;
+    bool inBody = false;
     char buffer[65536];
     while (body.size() < length) {
-        const ssize_t count = recv(descriptor, buffer, sizeof buffer, 0);
+        pollfd polled = { descriptor, POLLIN, 0 };
+        const ssize_t count = poll(&polled, 1, 10000) > 0 ? recv(descriptor, buffer, sizeof buffer, 0) : 0;
         if (count <= 0)
-            return {};
+            return body;
         received.append(buffer, int(count));
         const int head = received.indexOf("\r\n\r\n");
-        if (body.isEmpty() && (head < 0 || !received.left(head).contains("Transfer-Encoding: chunked")))
-            continue;
-        if (body.isEmpty())
+        if (!inBody && head >= 0) {
+            inBody = received.left(head).contains("Transfer-Encoding: chunked");
             received.remove(0, head + 4);
-        for (int line = received.indexOf("\r\n"); line > 0; line = received.indexOf("\r\n")) {
+        }
+        for (int line = received.indexOf("\r\n"); inBody && line > 0; line = received.indexOf("\r\n")) {
             const int size = received.left(line).toInt(nullptr, 16);
             if (received.size() < line + size + 4)
                 break;
