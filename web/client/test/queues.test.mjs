@@ -241,6 +241,16 @@ test("a list that shrank, went or changes all the time is shown as it is", async
   await until(() => live.at(0)?.[0] === "new");
   server.fate = () => null;
 
+  // The answer to what was asked before comes after the list has changed and the queue was lost.
+  server.fate = (path) => (path === "/api/getRows" ? 60 : null);
+  const reads = server.asked("getRows").length;
+  server.replaceRows("list", ["older"]);
+  await until(() => server.asked("getRows").length > reads);
+  Object.assign(list, { rows: ["newer"], version: list.version + 1 });
+  server.forgetQueues();
+  await until(() => live.at(0)?.[0] === "newer");
+  server.fate = () => null;
+
   server.lists.delete("list");
   server.forgetQueues();
   await until(() => live.error?.kind === "notFound" && live.count === 0);
