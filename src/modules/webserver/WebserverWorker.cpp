@@ -44,12 +44,6 @@ ZarkValue setting(const CMPath& path)
 }
 
 // The fallback for a missing or wrong one.
-int limit(const char* name, int fallback)
-{
-    const ZarkValue value = setting(ZarkWebserverLimitPath(QString::fromLatin1(name)));
-    return value.type() == ZarkValueType::I32 && value.i32() > 0 ? value.i32() : fallback;
-}
-
 QString toText(const QVariantHash& arguments)
 {
     QStringList pairs;
@@ -118,19 +112,19 @@ WebserverWorker::~WebserverWorker()
 
 void WebserverWorker::createSharedObjects()
 {
+    const ServerLimits limits = ServerLimits::fromSettings();
     m_configuration = QSharedPointer<ResponderConfiguration>::create();
     m_configuration->setStrictRequests(setting(ZarkWebserverStrictPath()).bool_());
     m_configuration->setAuthMode(setting(ZarkWebserverAuthModePath()).webserverAuthMode());
-    m_configuration->setMaximumValues(limit("values", m_configuration->maximumValues()));
-    m_configuration->setMaximumRows(limit("rows", m_configuration->maximumRows()));
+    m_configuration->setMaximumValues(limits.values);
+    m_configuration->setMaximumRows(limits.rows);
     if (isZarkFeatureEnabled(QStringLiteral("analytics")))
         m_configuration->watchAnalyticsEnabled(ZarkAnalyticsEnabledPath());
-    m_eventShared = QSharedPointer<EventResponderShared>::create(ServerLimits::fromSettings().queuesPerClient);
+    m_eventShared = QSharedPointer<EventResponderShared>::create(limits.queuesPerClient);
     m_userDatabase = QSharedPointer<UserDatabase>::create();
     using UpdateFactory = DefaultMultipartResponderFactory<FirmwareUpdateResponder, QSharedPointer<UserDatabase>,
         QSharedPointer<ResponderConfiguration>>;
     m_updateFactory = std::make_unique<UpdateFactory>(m_userDatabase, m_configuration);
-    const ServerLimits limits = ServerLimits::fromSettings();
     m_fetchBudget = QSharedPointer<FetchBudget>::create(
         FetchBudget::Limits{ limits.proxyFetches, limits.proxyFetchesPerClient, limits.proxyBytes });
 }

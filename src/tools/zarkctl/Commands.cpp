@@ -87,14 +87,17 @@ ApiReply Commands::readAllRows(
     ApiReply reply;
     QString version = "0";
     qint64 last = to;
-    for (qint64 next = from; next == from || next <= last; next += PageSize) {
+    qint64 got = 0; // A device may give fewer than were asked for.
+    for (qint64 next = from; next == from || (got > 0 && next <= last); next += got) {
         const qint64 pageEnd = next + PageSize - 1;
         reply = m_client->get("/api/getRows",
             { { "path", path }, { "roles", roles }, { "from", QString::number(next) },
                 { "to", QString::number(last < 0 ? pageEnd : qMin(last, pageEnd)) }, { "version", version } });
         if (!reply.isOk())
             break;
-        rows->append(JsonText::elements(JsonText::member(reply.body, "rows")));
+        const QList<QByteArray> page = JsonText::elements(JsonText::member(reply.body, "rows"));
+        got = page.size();
+        rows->append(page);
         version = QString::fromLatin1(JsonText::member(reply.body, "rowsVersion"));
         const qint64 end = JsonText::member(reply.body, "rowsCount").toLongLong() - 1;
         last = to < 0 ? end : qMin(to, end);

@@ -25,6 +25,8 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("bodySeconds", &limits.bodySeconds);
     readLimit("idleSeconds", &limits.idleSeconds);
     readLimit("stalledSeconds", &limits.stalledSeconds);
+    readLimit("values", &limits.values);
+    readLimit("rows", &limits.rows);
     readLimit("connections", &limits.connections);
     readLimit("proxyFetches", &limits.proxyFetches);
     readLimit("proxyFetchesPerClient", &limits.proxyFetchesPerClient);

@@ -10,6 +10,8 @@ struct ServerLimits {
     int bodySeconds = 60; ///< From the head to the end of a body that is read into memory.
     int idleSeconds = 60; ///< From an answer to the next complete head on the same connection.
     int stalledSeconds = 300; ///< Without a byte of an answer taken, or of a streamed body sent, by the client.
+    int values = 20000; ///< JSON values of a body, inner ones included, or fields of a form.
+    int rows = 1000; ///< In one answer of getRows.
     int connections = 2000; ///< At once; always kept well below the process's limit of open files.
     // Of the proxy, shared by all servers; beyond: 404.
     int proxyFetches = 32; ///< Under way or not yet sent.

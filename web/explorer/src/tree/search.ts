@@ -49,9 +49,10 @@ const turns = limited(4);
 
 async function readBelow(path: string, depth: number, signal: AbortSignal): Promise<Entry[]> {
   const entries: Array<Entry | Promise<Entry[]>> = [];
-  for (let from = 0, count = 1; from < count; from += PAGE) {
+  for (let from = 0, count = 1, got = 1; from < count && got; from += got) {
     const answer = await turns(() => device.getRows(path, CHILD_ROLES, from, from + PAGE - 1, { signal }));
     count = answer.rowsCount;
+    got = answer.rows.length; // A device may give fewer than were asked for.
     reading.value = (reading.value ?? 0) + answer.rows.length;
     for (const child of answer.rows.map(toChild)) {
       if (!child.path) continue; // A child that this page may not see.
