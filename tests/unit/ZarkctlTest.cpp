@@ -280,10 +280,10 @@ private Q_SLOTS:
     {
         const QByteArray outdated = "{\"error\":{\"name\":\"outdatedVersion\",\"message\":\"Changed\"}}";
         ScriptedServer server({
-            answer(200, "{\"rows\":[[\"old\"]],\"from\":0,\"rowsCount\":1500,\"rowsVersion\":7}"),
+            answer(200, "{\"rows\":[[\"old\"]],\"from\":0,\"rowsCount\":2,\"rowsVersion\":7}"),
             answer(500, outdated),
-            answer(200, "{\"rows\":[[\"a,]\"],[9007199254740993]],\"from\":0,\"rowsCount\":1200,\"rowsVersion\":8}"),
-            answer(200, "{\"rows\":[ [\"c\\\"[\"] ],\"from\":1000,\"rowsCount\":1200,\"rowsVersion\":8}"),
+            answer(200, "{\"rows\":[[\"a,]\"],[9007199254740993]],\"from\":0,\"rowsCount\":3,\"rowsVersion\":8}"),
+            answer(200, "{\"rows\":[ [\"c\\\"[\"] ],\"from\":2,\"rowsCount\":3,\"rowsVersion\":8}"),
         });
         const Outcome outcome = zarkctl({ "--url", server.url(), "rows", "a:b", "--roles", "value" });
         QCOMPARE(outcome.output, QByteArray("[\"a,]\"]\n[9007199254740993]\n[\"c\\\"[\"]\n"));
@@ -291,8 +291,8 @@ private Q_SLOTS:
         QByteArrayList targets;
         for (const Received& request : server.received())
             targets.append(request.target.mid(request.target.indexOf("&from")));
-        const QByteArrayList expected{ "&from=0&to=999&version=0", "&from=1000&to=1499&version=7",
-            "&from=0&to=999&version=0", "&from=1000&to=1199&version=8" };
+        const QByteArrayList expected{ "&from=0&to=999&version=0", "&from=1&to=1&version=7", "&from=0&to=999&version=0",
+            "&from=2&to=2&version=8" };
         QCOMPARE(targets, expected);
     }
 
