@@ -38,7 +38,7 @@ QByteArray image()
 {
     QByteArray data(2 * 1024 * 1024, '\0');
     for (int i = 0; i < data.size(); ++i)
-        data[i] = char((i * 7919) >> 7);
+        data[i] = char((unsigned(i) * 7919U) >> 7);
     return data;
 }
 
