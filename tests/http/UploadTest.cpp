@@ -81,7 +81,8 @@ private Q_SLOTS:
             { "no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.",
                 "Content-Type: multipart/form-data" },
             { "10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts." },
-            { "over the limit", part("firmware", QByteArray(LimitBytes, 'x')) + End, 413, "The image is too large." },
+            { "over the limit", part("firmware", QByteArray(LimitBytes + 1, 'x')) + End, 413,
+                "The image is too large." },
         };
         for (const Row& row : rows) {
             const HttpReply reply = m_device.request("POST", "/firmware/update", { row.type }, row.body);

@@ -44,6 +44,8 @@ const std::vector<Row>& rows()
         { "part without a body", "--XyZ\r\nContent-Disposition: " + A + "\r\n\r\n--XyZ--", P::NoError,
             "[a||text/plain];" },
         { "nearly boundaries", part(A, Nearly) + End, P::NoError, "[a||text/plain]" + Nearly + ';' },
+        { "data that begins like a boundary", part(A, "--XyZw\r\n--") + End, P::NoError,
+            "[a||text/plain]--XyZw\r\n--;" },
         { "preamble, padding and epilogue",
             "hello\r\n--XyZ \t\r\nContent-Disposition:" + A + "\r\n\r\n1\r\n" + End + End, P::NoError,
             "[a||text/plain]1;" },

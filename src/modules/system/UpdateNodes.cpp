@@ -128,8 +128,10 @@ std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 byt
 
 void UpdateNodes::finish(quint64 number, const QByteArray& sha256, CMReply<CMUpdateResult> reply)
 {
-    // The reader may have given up before: then another image may be on its way already.
-    if (!m_transfer || number != m_number)
+    // The reader may have given up before: then another image may be on its way already, or kept.
+    if (number != m_number)
+        return reply.fail(CMError(CMError::Failed, "The image was not kept."));
+    if (!m_transfer)
         return reply.fail(CMError(CMError::Failed, TrString(m_lastError)));
     m_reply = reply;
     m_transfer->markWhole(sha256);

@@ -15,6 +15,7 @@
 namespace {
 
 constexpr qint64 DefaultLimit = 1024LL * 1024 * 1024;
+constexpr qint64 MaximumOverhead = 64 * 1024; ///< What stands around an image; the image itself is counted later.
 constexpr int SumDigits = 64;
 constexpr int MaximumSumLength = 256; ///< With whatever stands around the digits.
 
@@ -78,7 +79,7 @@ void FirmwareUpdateResponder::respond()
     m_limit = imageLimit();
     const QByteArray length = request().header(QStringLiteral("Content-Length"));
     m_expected = length.isEmpty() ? -1 : length.toLongLong();
-    if (m_expected > m_limit)
+    if (m_expected > m_limit + MaximumOverhead)
         refuse(SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, CMError::OutOfRange, "The image is too large.");
 }
 

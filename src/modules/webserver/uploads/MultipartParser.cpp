@@ -174,20 +174,20 @@ qsizetype MultipartParser::readHeader(const char* data, qsizetype length)
     return size;
 }
 
-// `data` begins with the line end of the blank line behind a part's header.
+// `data` begins with the line end of the blank line behind a part's header, which is not the part's own data.
 qsizetype MultipartParser::readBlankLine(const char* data, qsizetype length)
 {
     const auto common = static_cast<size_t>(std::min<qsizetype>(length, m_delimiter.size()));
-    const bool isBoundary = memcmp(data, m_delimiter.constData(), common) == 0;
-    if (isBoundary && length < m_delimiter.size())
+    Ending ending = None;
+    if (memcmp(data, m_delimiter.constData(), common) == 0) {
+        qsizetype taken = 0;
+        const qsizetype rest = length - m_delimiter.size();
+        ending = rest < 0 ? Unknown : endingOf(data + m_delimiter.size(), rest, &taken);
+    }
+    if (ending == Unknown)
         return NeedsMore;
     m_state = Data;
-    if (!isBoundary)
-        return 2;
-    const qsizetype taken = readBoundary(data, length);
-    if (taken == NeedsMore)
-        m_state = DataBegin;
-    return taken;
+    return ending == None ? 2 : readBoundary(data, length);
 }
 
 void MultipartParser::beginPart(const QByteArray& header)

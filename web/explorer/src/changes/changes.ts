@@ -21,6 +21,8 @@ export interface Change {
 
 interface DoneChange extends Change {
   time: number;
+  /** Took something back: nothing that follows is one change with it. */
+  isUndo: boolean;
 }
 
 const REMEMBERED = 200;
@@ -54,17 +56,19 @@ export function discardAll(): void {
   staged.value = new Map();
 }
 
-function remember(change: Change): void {
+function remember(change: Change, isUndo: boolean): DoneChange {
   const [last] = done.value;
-  const goesOn = last && last.path === change.path && Date.now() - last.time < ONE_CHANGE_MS;
-  const entry = { ...change, from: goesOn ? last.from : change.from, time: Date.now() };
+  const isNear = last && last.path === change.path && Date.now() - last.time < ONE_CHANGE_MS;
+  const goesOn = isNear && !isUndo && !last.isUndo;
+  const entry = { ...change, from: goesOn ? last.from : change.from, time: Date.now(), isUndo };
   done.value = [entry, ...done.value.slice(goesOn ? 1 : 0)].slice(0, REMEMBERED);
+  return entry;
 }
 
 const arrow = ({ from, to, edit }: Change): string => `${formatValue(from, edit) || "–"} → ${formatValue(to, edit)}`;
 
 /** Writes the value now. False when the device did not take it, which the reader has then been told. */
-export async function write(change: Change, quiet = false): Promise<boolean> {
+export async function write(change: Change, quiet = false, isUndo = false): Promise<boolean> {
   const node = followedNode(change.path);
   // What is collected may be old by now.
   const written = { ...change, from: node?.roles.peek()?.value ?? change.from };
@@ -74,9 +78,9 @@ export async function write(change: Change, quiet = false): Promise<boolean> {
   });
   if (!answer) return false;
   node?.wrote(change.to);
-  remember(written);
-  const action = { label: t("undo"), run: () => void undo(written) };
-  if (!quiet) notify({ id: change.title, kind: "done", text: `${change.title}: ${arrow(written)}`, action });
+  const entry = remember(written, isUndo);
+  const action = { label: t("undo"), run: () => void undo(entry) };
+  if (!quiet) notify({ id: change.title, kind: "done", text: `${change.title}: ${arrow(entry)}`, action });
   return true;
 }
 
@@ -97,7 +101,7 @@ export async function undo({ path, title, from, to, edit }: Change): Promise<voi
   const change = { path, title, from: to, to: from, edit };
   const risk = riskOf(path);
   if (risk) risky.value = { change, risk };
-  else await write(change);
+  else await write(change, false, true);
 }
 
 /** Writes all that is staged, what may cut the connection last. Stops at the first refusal; the rest stays staged. */

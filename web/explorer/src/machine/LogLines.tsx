@@ -1,3 +1,4 @@
+import { DeviceError } from "@zark/client";
 import { useSignal } from "@preact/signals";
 import { useEffect, useRef } from "preact/hooks";
 
@@ -21,12 +22,28 @@ export function LogLines({ path }: { path: string }) {
     if (paused.value) return undefined;
     const ending = new AbortController();
     problem.value = null;
-    void follow(path, ending.signal, (more) => {
-      lines.value = [...lines.value, ...more].slice(-MOST_LINES);
-    }).catch((error: unknown) => {
-      if (!ending.signal.aborted) problem.value = describe(error);
-    });
-    return () => ending.abort();
+    let retry: ReturnType<typeof setTimeout>;
+    const open = async (wait: number): Promise<void> => {
+      let isFirst = true;
+      try {
+        await follow(path, ending.signal, (more) => {
+          // The device begins with its last lines each time.
+          lines.value = [...(isFirst ? [] : lines.value), ...more].slice(-MOST_LINES);
+          isFirst = false;
+          problem.value = null;
+        });
+      } catch (error: unknown) {
+        if (ending.signal.aborted) return;
+        problem.value = describe(error);
+        if (error instanceof DeviceError && error.kind !== "offline") return;
+      }
+      if (!ending.signal.aborted) retry = setTimeout(() => void open(Math.min(2 * wait, 30_000)), isFirst ? wait : 1_000);
+    };
+    void open(1_000);
+    return () => {
+      ending.abort();
+      clearTimeout(retry);
+    };
   }, [path, caller, paused.value, lines, problem]);
 
   useEffect(() => {

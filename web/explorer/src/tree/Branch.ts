@@ -96,12 +96,17 @@ export class Branch {
 
   private async read(from: number): Promise<void> {
     this.follow();
-    const { rows, rowsCount } = await this.device.getRows(this.path, CHILD_ROLES, from, from + PAGE - 1);
-    this.count = rowsCount;
-    this.children.length = rowsCount;
-    rows.forEach((row, i) => {
-      this.children[from + i] = toChild(row);
-    });
+    // A device may give fewer rows than were asked for.
+    for (let next = from, got = 1, count = Infinity; got > 0 && next < Math.min(from + PAGE, count); next += got) {
+      const at = next;
+      const { rows, rowsCount } = await this.device.getRows(this.path, CHILD_ROLES, at, from + PAGE - 1);
+      got = rows.length;
+      count = this.count = rowsCount;
+      this.children.length = rowsCount;
+      rows.forEach((row, i) => {
+        this.children[at + i] = toChild(row);
+      });
+    }
     this.changed();
   }
 }

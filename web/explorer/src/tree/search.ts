@@ -39,7 +39,8 @@ export const reading = signal<number | null>(null);
 
 let index: Entry[] = [];
 let madeAt = -Infinity;
-let current: AbortController | undefined;
+let latest = 0; // The number of the last query.
+let making: { ending: AbortController; made: Promise<unknown> } | null = null;
 
 const textOf = (child: Child): string =>
   `${child.path} ${nameOf(child.path)} ${child.title ?? ""} ${formatValue(child.value, child.edit)}`.toLowerCase();
@@ -76,6 +77,17 @@ async function makeIndex(signal: AbortSignal): Promise<void> {
   }
 }
 
+/** The reading of the tree under way, or a new one: whoever types on does not begin it again. */
+function indexed(): Promise<unknown> {
+  if (making) return making.made;
+  const ending = new AbortController();
+  const made = attempt(t("search"), () => makeIndex(ending.signal)).finally(() => {
+    if (making?.ending === ending) making = null;
+  });
+  making = { ending, made };
+  return made;
+}
+
 /** Every word must be in the path, the title or the value. Containers on the way to a hit come with it. */
 function pick(entries: Entry[], words: string[]): Hit[] {
   const hits: Hit[] = [];
@@ -95,14 +107,16 @@ function pick(entries: Entry[], words: string[]): Hit[] {
 export async function search(text: string): Promise<void> {
   query.value = text;
   const words = text.toLowerCase().split(/\s+/).filter(Boolean);
-  current?.abort();
+  const turn = ++latest;
   if (words.length === 0) {
+    making?.ending.abort();
+    making = null;
+    reading.value = null;
     found.value = null;
     return;
   }
-  const { signal } = (current = new AbortController());
-  if (Date.now() - madeAt > FRESH_MS) await attempt(t("search"), () => makeIndex(signal));
-  if (signal.aborted) return;
+  if (Date.now() - madeAt > FRESH_MS) await indexed();
+  if (turn !== latest) return;
   const hits = pick(index, words);
   found.value = { query: text, hits, count: hits.filter((hit) => hit.fits).length };
 }
