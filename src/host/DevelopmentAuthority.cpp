@@ -247,6 +247,12 @@ void DevelopmentAuthority::removeUnfinished() const
 {
     QFile::remove(newKeyFile());
     QFile::remove(newCertificateFile());
+    // Of earlier versions, killed at work: private keys are in them.
+    const QStringList workDirectories =
+        QDir(m_directory)
+            .entryList({ QStringLiteral("authority-??????") }, QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot);
+    for (const QString& name : workDirectories)
+        QDir(QDir(m_directory).filePath(name)).removeRecursively();
 }
 
 QString DevelopmentAuthority::fingerprintOf(const QByteArray& certificate)

@@ -1,6 +1,7 @@
 #include <QDir>
 #include <QTest>
 
+#include <csignal>
 #include <memory>
 #include <vector>
 
@@ -117,7 +118,28 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(descriptorsOf(m_device.pid()) <= before, 1500);
     }
 
+    // SIGHUP configures the log anew: readers come to the end, and can begin again.
+    void theLogOutlivesItsConfiguration()
+    {
+        HttpConnection before(m_device.port());
+        before.send(request("GET", "/api/stream/system:log/lines"));
+        QVERIFY(streamed(before.descriptor(), 10).size() == 10);
+        QCOMPARE(kill(pid_t(m_device.pid()), SIGHUP), 0);
+        QByteArray rest;
+        QTRY_VERIFY((rest += received(before.descriptor())).endsWith("0\r\n\r\n"));
+        HttpConnection after(m_device.port());
+        after.send(request("GET", "/api/stream/system:log/lines"));
+        QCOMPARE(streamed(after.descriptor(), 10).size(), 10);
+    }
+
 private:
+    static QByteArray received(int descriptor)
+    {
+        char buffer[4096];
+        const ssize_t count = recv(descriptor, buffer, sizeof buffer, MSG_DONTWAIT);
+        return QByteArray(buffer, int(qMax<ssize_t>(count, 0)));
+    }
+
     Device m_device;
 };
 

@@ -135,6 +135,8 @@ private Q_SLOTS:
         row("3: unknown level \"LOUD\"", good + "log4cplus.appender.A.Threshold=LOUD\n");
         row("2: unknown class \"log4cplus::ConsolAppender\"",
             root + "log4cplus.appender.A=log4cplus::ConsolAppender\n");
+        row("2: unknown class \"log4cplus::RolingFileAppender\"",
+            root + "log4cplus.appender.A=log4cplus::RolingFileAppender\nlog4cplus.appender.A.File=/dev/null\n");
         row("3: unknown class \"PatternLayout\"", good + "log4cplus.appender.A.layout=PatternLayout\n");
         row("3: \"log4cplus.appender.A.layout.ConversionPattern\" is missing",
             good + "log4cplus.appender.A.layout=log4cplus::PatternLayout\n");

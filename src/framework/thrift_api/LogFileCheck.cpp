@@ -144,10 +144,12 @@ QString LogFileCheck::checkLogger(const QString& value) const
 QString LogFileCheck::checkAppender(const QString& name, const QString& value) const
 {
     const int dot = name.indexOf(QLatin1Char('.'));
-    if (dot < 0 && value.endsWith(QLatin1String("FileAppender")) && !value.contains(QLatin1String("TimeBased")))
-        return checkNeeded(name + QStringLiteral(".File"));
-    if (dot < 0)
-        return checkClass(log4cplus::spi::getAppenderFactoryRegistry(), value);
+    if (dot < 0) {
+        const QString fault = checkClass(log4cplus::spi::getAppenderFactoryRegistry(), value);
+        const bool writesFile =
+            value.endsWith(QLatin1String("FileAppender")) && !value.contains(QLatin1String("TimeBased"));
+        return fault.isEmpty() && writesFile ? checkNeeded(name + QStringLiteral(".File")) : fault;
+    }
     const QString appender = name.left(dot);
     const QString option = name.mid(dot + 1);
     if (!m_indices.contains(Appender + appender))

@@ -37,8 +37,16 @@ LogStream::~LogStream()
 void LogStream::attach(const log4cplus::SharedAppenderPtr& stream)
 {
     log4cplus::Logger root = log4cplus::Logger::getRoot();
-    if (!root.getAppender(LOG4CPLUS_TEXT(Name)))
-        root.addAppender(stream);
+    if (root.getAppender(LOG4CPLUS_TEXT(Name)))
+        return;
+    static_cast<LogStream*>(stream.get())->reopen();
+    root.addAppender(stream);
+}
+
+void LogStream::reopen()
+{
+    const log4cplus::thread::MutexGuard guard(access_mutex);
+    closed = false;
 }
 
 void LogStream::detach(const log4cplus::SharedAppenderPtr& stream)

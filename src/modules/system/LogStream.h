@@ -16,7 +16,8 @@ public:
     LogStream();
     ~LogStream() override;
 
-    /// Hooks `stream` up to all loggers; to be called again when the log was configured anew.
+    /// Hooks `stream` up to all loggers; to be called again when the log was configured anew, which closed it: whoever
+    /// read along has come to the end then.
     static void attach(const log4cplus::SharedAppenderPtr& stream);
     static void detach(const log4cplus::SharedAppenderPtr& stream);
 
@@ -28,6 +29,8 @@ protected:
     void append(const log4cplus::spi::InternalLoggingEvent& event) override;
 
 private:
+    void reopen();
+
     struct Reader {
         int writeEnd;
         int lost;
