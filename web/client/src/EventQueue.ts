@@ -288,18 +288,20 @@ export class EventQueue {
     // The first poll after an outage does not wait, because its answer is what tells that the device is back.
     const seconds = this.#connection.isOnline ? this.#options.pollSeconds : 0;
     const start = Date.now();
+    const queueId = this.#queueId;
     let events: DeviceEvent[];
     for (const watch of this.#all()) if (watch.state === "fresh") watch.state = "live";
     this.#isPolling = true;
     try {
       events = (await this.#connection.exchange(pollQueue, {
-        body: { queueId: this.#queueId, timeout: seconds, received: this.#received },
+        body: { queueId, timeout: seconds, received: this.#received },
         signal: this.#polling.signal,
         timeout: (seconds + 10) * 1000,
       })) as DeviceEvent[];
     } catch (error) {
       if (!isUnknown(error)) throw error;
-      return this.#lose();
+      if (queueId === this.#queueId) this.#lose(); // Otherwise there is a new one.
+      return;
     } finally {
       this.#isPolling = false;
     }

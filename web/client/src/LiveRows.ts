@@ -154,17 +154,16 @@ export class LiveRows {
     try {
       const answer = await this.#read(from, to, version, this.#ending.signal);
       // What was asked before a reset may be older than what the reset stands for.
-      if (resets === this.#resets) this.#adopt(answer, version);
+      if (resets === this.#resets) this.#adopt(answer);
       this.#pause.succeeded();
     } catch (error) {
       await this.#failed(error);
     }
   }
 
-  #adopt(answer: Rows, version: number): void {
+  #adopt(answer: Rows): void {
     // Events have come meanwhile: its places are not those of now.
     if (answer.rowsVersion < Math.max(this.#newest, this.#window.version)) return;
-    if (version && answer.rowsVersion !== this.#window.version) return;
     this.#outdated = 0;
     this.#isBeyond = false;
     if (answer.rowsVersion !== this.#window.version) this.#window.restart(answer.rowsCount, answer.rowsVersion);

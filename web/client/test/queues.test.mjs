@@ -142,8 +142,11 @@ test("a path that cannot be followed says so, and the others are followed", asyn
   assert.deepEqual(seen, { bad: "invalid", secret: "refused", a: 0, missing: null });
   server.set("a", 1);
   await until(() => seen.a === 1);
+  server.refused.add("a");
+  await until(() => seen.a === "refused");
+  assert.equal(seen.missing, null);
   device.signIn("admin", "open sesame");
-  await until(() => seen.secret === 0);
+  await until(() => seen.secret === 0 && seen.a === 1);
   device.close();
 });
 
@@ -242,7 +245,7 @@ test("a list that shrank, went or changes all the time is shown as it is", async
   server.fate = () => null;
 
   // The answer to what was asked before comes after the list has changed and the queue was lost.
-  server.fate = (path) => (path === "/api/getRows" ? 60 : null);
+  server.fate = (path) => (path === "/api/getRows" ? 250 : null);
   const reads = server.asked("getRows").length;
   server.replaceRows("list", ["older"]);
   await until(() => server.asked("getRows").length > reads);

@@ -77,7 +77,7 @@ export class ScriptedDevice {
     if (pathname === "/api/getData") return isRefused(data.path) ? failure("accessDenied", 401) : this.#getData(data);
     if (pathname === "/api/getRows") return this.#getRows(data);
     if (pathname === "/api/event/modifyQueue") return this.#modifyQueue(data, isRefused);
-    return this.#pollQueue(data, signal);
+    return this.#pollQueue(data, signal, isRefused);
   }
 
   #getData({ path }) {
@@ -110,9 +110,10 @@ export class ScriptedDevice {
     return json(200, id);
   }
 
-  async #pollQueue({ queueId, timeout, received }, signal) {
+  async #pollQueue({ queueId, timeout, received }, signal, isRefused) {
     const queue = this.#queues.get(queueId);
     if (!queue) return text(400, "Unknown queue id!");
+    if ([...queue.subscribed].some((target) => isRefused(target.split(" ")[1]))) return text(401, "Forbidden");
     if (queue.held && received === queue.answers - 1) this.#putBack(queue);
     else if (received !== queue.answers) throw new Error(`${received} answers counted of ${queue.answers}`);
     queue.held = null;
