@@ -2,6 +2,7 @@ import { Connection } from "./Connection.js";
 import { DeviceError } from "./DeviceError.js";
 import { EventHub } from "./EventHub.js";
 import { keyOf, type DeviceEvent, type Target } from "./events.js";
+import { onAbort } from "./Listeners.js";
 import { LiveRows, type Rows, type RowsOptions } from "./LiveRows.js";
 import type { RetryDelay } from "./Pause.js";
 import { Signer } from "./Signer.js";
@@ -42,7 +43,10 @@ export interface RequestOptions {
 
 /** One device. Every request rejects with a DeviceError when it fails. */
 export class Device {
-  /** Whether the device answered last time. on() is called when that changes, and returns what ends it. */
+  /**
+   * Whether the device answered last time. on() is called when that changes, and returns what ends it. While there is a
+   * subscription, the device is asked until it answers again.
+   */
   readonly online: { get(): boolean; on(callback: () => void): () => void };
   readonly #connection: Connection;
   readonly #hub: EventHub;
@@ -141,9 +145,7 @@ export class Device {
     const targets = paths.map((path) => (typeof path === "string" ? { path, type: "item" as const } : path));
     const once = [...new Map(targets.map((target) => [keyOf(target), target])).values()];
     const subscription = new Subscription(callback, (take) => this.#hub.subscribe(once, take));
-    const close = () => subscription.close();
-    if (signal?.aborted) close();
-    signal?.addEventListener("abort", close);
+    onAbort(signal, () => subscription.close());
     return subscription;
   }
 

@@ -49,7 +49,7 @@ export class DeviceError extends Error {
   readonly heldBack: number;
 
   constructor(status: number, name: string, message: string, options: { kind?: ErrorKind; heldBack?: number; cause?: unknown } = {}) {
-    super(message, options.cause === undefined ? undefined : { cause: options.cause });
+    super(message, options);
     this.status = status;
     this.name = name;
     this.heldBack = options.heldBack ?? 0;

@@ -22,7 +22,10 @@ interface Carrier {
   hold?(held: boolean): void;
 }
 
-/** What tabs tell each other: a new leader that it is one, another tab what it wants, the leader what there is. */
+/**
+ * What tabs tell each other: a new leader that it is one, another tab what it wants, the leader what there is, and anybody
+ * whether the device answers; when it did not, the leader asks again.
+ */
 type Note =
   | { is: "hello" }
   | { is: "open"; id: string; targets: Target[] }
@@ -131,7 +134,7 @@ class SharedQueue implements Carrier {
     this.#channel = new BroadcastChannel(this.#name);
     this.#channel.onmessage = ({ data }) => this.#heard(data as Note);
     const release = this.#hold("leader", () => this.#lead());
-    const stopTelling = connection.online.on(() => this.#leads && this.#send({ is: "online", online: connection.isOnline }));
+    const stopTelling = connection.online.on(() => this.#send({ is: "online", online: connection.isOnline }));
     this.#ending.signal.addEventListener("abort", () => {
       release();
       stopTelling();
@@ -211,13 +214,13 @@ class SharedQueue implements Carrier {
   }
 
   #heard(note: Note): void {
+    if (note.is === "online") this.#connection.isOnline = note.online;
     if (this.#leads) {
       if (note.is !== "open") return;
       const isNew = this.#queue.open(note.id, note.targets);
       if (isNew) this.#request(note.id, "shared", () => this.#queue.close(note.id));
     } else {
       if (note.is === "hello") this.#announce();
-      if (note.is === "online") this.#connection.isOnline = note.online;
       if (note.is === "event" && this.#own.has(note.id)) this.#deliver(note.id, withError(note.event));
     }
   }

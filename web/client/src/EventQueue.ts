@@ -124,6 +124,8 @@ export class EventQueue {
 
   async #run(): Promise<void> {
     this.#running = true;
+    // Some request was lost. Is the device there? The next poll tells at once.
+    const stopListening = this.#connection.online.on(() => this.#connection.isOnline || this.#polling.abort());
     while (this.#watches.size) {
       if (this.#polling.signal.aborted) this.#polling = new AbortController();
       try {
@@ -134,6 +136,7 @@ export class EventQueue {
         if (error instanceof DeviceError || !this.#polling.signal.aborted) await this.#failed(error);
       }
     }
+    stopListening();
     this.#running = false;
     this.#lose();
   }

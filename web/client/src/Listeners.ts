@@ -24,3 +24,9 @@ export function callSafely<T>(callback: (value: T) => void, value: T): void {
     });
   }
 }
+
+/** At once when it is aborted already. */
+export function onAbort(signal: AbortSignal | undefined, callback: () => void): void {
+  if (signal?.aborted) callback();
+  signal?.addEventListener("abort", callback);
+}

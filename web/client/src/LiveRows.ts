@@ -1,6 +1,6 @@
 import { DeviceError } from "./DeviceError.js";
 import type { DeviceEvent } from "./events.js";
-import { Listeners } from "./Listeners.js";
+import { Listeners, onAbort } from "./Listeners.js";
 import { Pause, type RetryDelay } from "./Pause.js";
 import { RowWindow, type Row } from "./RowWindow.js";
 
@@ -64,8 +64,7 @@ export class LiveRows {
     this.#window.frame(0, 2 * this.#margin);
     const subscription = follow((event) => this.#take(event));
     this.#end = () => subscription.close();
-    options.signal?.addEventListener("abort", () => this.close(), { once: true });
-    if (options.signal?.aborted) this.close();
+    onAbort(options.signal, () => this.close());
   }
 
   /** Rows of the whole list; 0 until the first have come. */

@@ -69,6 +69,12 @@ test("tabs share one request for events, and outlive the one that has it", { tim
   assert.equal(shared.polls.size, 1);
   for (const tab of tabs) assert.deepEqual(await tab.evaluate(() => window.volumes), [10, 11]);
 
+  // What one tab misses, the one that polls looks into.
+  await shared.context.route("**/api/getData*", (route) => route.abort(), { times: 1 });
+  const lost = await tabs[1].evaluate(() => window.device.getData("player:player", ["title"]).catch(() => window.device.online.get()));
+  assert.equal(lost, false);
+  await tabs[1].waitForFunction(() => window.device.online.get(), null, { timeout: 10_000 });
+
   await tabs.shift().close();
   await setVolume(device, 12);
   for (const tab of tabs) await lastVolume(tab, 12);
