@@ -4,6 +4,7 @@
 
 #include "CacheEntry.h"
 #include "CacheEntryBuilder.h"
+#include "FileTransfer.h"
 #include "GuardedMapping.h"
 #include "LocalFile.h"
 #include "Message.h"
@@ -231,9 +232,13 @@ FileReply::Outcome FileReply::serveAsGet()
     return serveFile(m_file, QString(), QString());
 }
 
-// A view of the mapping, which lives until the library has sent it.
+// By the kernel, or as a view of the mapping, which lives until the library has sent it.
 void FileReply::appendBody(const Mapping& mapping, qint64 offset, qint64 length)
 {
+    if (FileTransfer::isPossible(*m_message, *mapping, length)) {
+        new FileTransfer(m_message, mapping, offset, length); // The message's own.
+        return;
+    }
     GSocket* socket = soup_client_context_get_gsocket(m_message->data().client);
     auto* sending = new GuardedMapping::Sending(mapping, socket ? g_socket_get_fd(socket) : -1);
     SoupBuffer* buffer =

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -21,6 +22,7 @@ namespace {
 
 constexpr int NoSocket = -1;
 constexpr quint64 ReservedBytes = 64 * 1024 * 1024;
+constexpr int MaximumDescriptors = 64; ///< Clients need the others.
 constexpr quint64 SmallAddressSpace = quint64(2) << 30; ///< Of a process with 32 bits, in the worst case.
 
 quint64 addressSpace()
@@ -40,6 +42,25 @@ quint64 usedAddressSpace()
     const bool known = fscanf(statistics, "%lu", &pages) == 1;
     fclose(statistics);
     return known ? quint64(pages) * static_cast<quint64>(sysconf(_SC_PAGESIZE)) : 0;
+}
+
+std::atomic<int> keptDescriptors{ 0 };
+
+// A descriptor of the same open file; -1 when there is none to spare.
+int keepDescriptor(int fd)
+{
+    const int kept = ++keptDescriptors <= MaximumDescriptors ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+    if (kept < 0)
+        --keptDescriptors;
+    return kept;
+}
+
+void releaseDescriptor(int fd)
+{
+    if (fd < 0)
+        return;
+    close(fd);
+    --keptDescriptors;
 }
 
 // Files must not take the address space that the rest of the process lives on.
@@ -180,10 +201,10 @@ std::shared_ptr<GuardedMapping> GuardedMapping::map(int fd, GError** error)
         return nullptr;
     }
     GMappedFile* file = g_mapped_file_new_from_fd(fd, FALSE, error);
-    return file ? std::shared_ptr<GuardedMapping>(new GuardedMapping(file)) : nullptr;
+    return file ? std::shared_ptr<GuardedMapping>(new GuardedMapping(file, fd)) : nullptr;
 }
 
-GuardedMapping::GuardedMapping(GMappedFile* file) : m_file(file)
+GuardedMapping::GuardedMapping(GMappedFile* file, int fd) : m_file(file), m_descriptor(keepDescriptor(fd))
 {
     if (length() > 0)
         m_slot = Registry::instance().take(data(), length());
@@ -195,6 +216,7 @@ GuardedMapping::~GuardedMapping()
     if (m_slot)
         Registry::instance().release(m_slot);
     g_mapped_file_unref(m_file);
+    releaseDescriptor(m_descriptor);
 }
 
 bool GuardedMapping::isDamaged() const

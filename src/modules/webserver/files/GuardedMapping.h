@@ -26,6 +26,8 @@ public:
     GMappedFile* file() const { return m_file; }
     const char* data() const { return g_mapped_file_get_contents(m_file); } ///< Null for an empty file.
     gsize length() const { return g_mapped_file_get_length(m_file); }
+    /// Of the mapped file, for those who would rather read it; -1 when it is not kept, as there are enough of them.
+    int descriptor() const { return m_descriptor; }
 
     /// Whether something was read that is not the file's content.
     bool isDamaged() const;
@@ -49,9 +51,10 @@ private:
     struct Slot;
     class Registry;
 
-    explicit GuardedMapping(GMappedFile* file);
+    GuardedMapping(GMappedFile* file, int fd);
     static void onBusError(int signal, siginfo_t* info, void* context);
 
     GMappedFile* m_file;
     Slot* m_slot = nullptr; ///< Null for an empty file.
+    int m_descriptor = -1;
 };
