@@ -235,10 +235,8 @@ FileReply::Outcome FileReply::serveAsGet()
 // By the kernel, or as a view of the mapping, which lives until the library has sent it.
 void FileReply::appendBody(const Mapping& mapping, qint64 offset, qint64 length)
 {
-    if (FileTransfer::isPossible(*m_message, *mapping, length)) {
-        new FileTransfer(m_message, mapping, offset, length); // The message's own.
-        return;
-    }
+    if (FileTransfer::isPossible(*m_message, *mapping, length))
+        return FileTransfer::begin(*m_message, mapping, offset, length);
     GSocket* socket = soup_client_context_get_gsocket(m_message->data().client);
     auto* sending = new GuardedMapping::Sending(mapping, socket ? g_socket_get_fd(socket) : -1);
     SoupBuffer* buffer =

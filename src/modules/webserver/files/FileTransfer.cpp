@@ -8,7 +8,6 @@
 #include <sys/socket.h>
 
 #include "GuardedMapping.h"
-#include "Message.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -31,27 +30,32 @@ bool FileTransfer::isPossible(const Message& message, const GuardedMapping& mapp
     return length >= WorthwhileBytes && mapping.descriptor() >= 0 && !message.isHttps() && socketOf(message);
 }
 
-// With a length of its own and no piece of a body, the library writes the head and then waits for more.
-FileTransfer::FileTransfer(
-    Message* message, const std::shared_ptr<GuardedMapping>& mapping, qint64 offset, qint64 length)
-    : QObject(message), m_message(message), m_mapping(mapping), m_socket(g_socket_get_fd(socketOf(*message))),
-      m_offset(offset), m_end(offset + length), m_headWrittenId(g_signal_connect(message->data().message,
-                                                    "wrote-headers", G_CALLBACK(&FileTransfer::onHeadWritten), this))
+void FileTransfer::begin(
+    const Message& message, const std::shared_ptr<GuardedMapping>& mapping, qint64 offset, qint64 length)
 {
     dbglog_scopedFunction(webserverLog());
-    connect(message, &Message::finished, this, &FileTransfer::stop);
-    message->setContentLength(length);
+    const auto destroy = [](gpointer transfer) {
+        delete static_cast<FileTransfer*>(transfer);
+    };
+    auto* transfer = new FileTransfer(message, mapping, offset, length);
+    g_object_set_data_full(G_OBJECT(message.data().message), "zark-file-transfer", transfer, destroy);
 }
 
-FileTransfer::~FileTransfer()
+// With a length of its own and no piece of a body, the library writes the head and then waits for more.
+FileTransfer::FileTransfer(
+    const Message& message, const std::shared_ptr<GuardedMapping>& mapping, qint64 offset, qint64 length)
+    : m_message(message), m_mapping(mapping), m_socket(g_socket_get_fd(socketOf(message))), m_offset(offset),
+      m_end(offset + length), m_headWrittenId(g_signal_connect(message.data().message, "wrote-headers",
+                                  G_CALLBACK(&FileTransfer::onHeadWritten), this))
 {
-    stop();
+    connect(&m_message, &Message::finished, this, &FileTransfer::stop);
+    m_message.setContentLength(length);
 }
 
 void FileTransfer::stop()
 {
-    if (m_headWrittenId && m_message->isValid())
-        g_signal_handler_disconnect(m_message->data().message, m_headWrittenId);
+    if (m_headWrittenId)
+        g_signal_handler_disconnect(m_message.data().message, m_headWrittenId);
     m_headWrittenId = 0;
     if (m_writableSource)
         g_source_remove(m_writableSource);
@@ -77,13 +81,13 @@ void FileTransfer::send()
     m_offset = offset;
     if (m_offset == m_end) {
         stop();
-        m_message->responseBodyComplete();
+        m_message.responseBodyComplete();
         return;
     }
     const bool isFull = sent < 0 && (errno == EAGAIN || errno == EINTR);
     if (sent <= 0 && !isFull) {
         if (sent == 0)
-            dbglog_warn(webserverLog(), "A file became shorter while it was sent: " << m_message->fullUri());
+            dbglog_warn(webserverLog(), "A file became shorter while it was sent: " << m_message.fullUri());
         stop();
         // The table of connections sees the end of this one, and ends the exchange.
         shutdown(m_socket, SHUT_RDWR);

@@ -12,6 +12,7 @@ constexpr int RestartCheckMilliseconds = 20;
 constexpr int RestartLimitMilliseconds = 2000;
 constexpr int HandshakeCheckMilliseconds = 2;
 constexpr int HandshakeLimitMilliseconds = 500;
+constexpr int RetryMilliseconds = 60 * 1000;
 // Room for clients whose clock differs, and for a device that cannot make a certificate for a while.
 constexpr std::time_t RenewalSeconds = 30 * 24 * 3600;
 
@@ -138,8 +139,11 @@ void ServerCertificate::startOnDeviceCertificate()
     // Until the library has read the files.
     const auto lock = m_deviceCertificate.lock();
     QString error;
-    if (!m_deviceCertificate.renew(m_addresses, &error))
+    if (!m_deviceCertificate.renew(m_addresses, &error)) {
+        // A full disk or a missing tool may be mended meanwhile; nothing is served until then.
+        QTimer::singleShot(RetryMilliseconds, this, &ServerCertificate::renewWhenDue);
         return m_user->certificateFailed(error);
+    }
     if (m_user->useCertificateFiles(m_deviceCertificate.certificateFile(), m_deviceCertificate.keyFile()))
         m_user->start();
 }
