@@ -85,6 +85,7 @@ private Q_SLOTS:
             const HttpReply reply = connection.readReply(10000, row.request.startsWith("HEAD"));
             QVERIFY2(reply.status == row.status, row.name);
             QCOMPARE(reply.header("Content-Type"), row.type);
+            QCOMPARE(reply.header("Allow"), row.status == 405 ? QByteArray("GET, HEAD") : QByteArray());
         }
         HttpConnection old(m_device.port());
         old.send(request("GET", Audio, "1.0"));

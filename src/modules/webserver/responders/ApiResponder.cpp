@@ -15,13 +15,8 @@ namespace {
 // Names for programs; the messages are fixed texts of the API.
 constexpr const char* BadRequestName = "badRequest";
 constexpr const char* NotFoundName = "notFound";
-constexpr const char* MethodName = "invalidMethod";
+constexpr const char* Methods = "GET, POST";
 constexpr const char* ContentTypeName = "unsupportedContentType";
-
-CMPath resolve(const QString& path)
-{
-    return LegacyPathHelper::fromLegacy(CMPath::fromEncoded(path));
-}
 
 // The permission travels with the values, as the last of them.
 QStringList withPermission(const QStringList& roles)
@@ -58,7 +53,7 @@ void ApiResponder::getData()
     reply.onFinished(this, [this, parsed, roles](const QList<QVariant>& values, const CMError& error) {
         on_getData_finished(parsed, roles, values, error);
     });
-    CMRoot()->getData(resolve(parsed.path), roles, reply);
+    CMRoot()->getData(LegacyPathHelper::resolve(parsed.path), roles, reply);
 }
 
 void ApiResponder::getRows()
@@ -73,7 +68,8 @@ void ApiResponder::getRows()
     });
     // The rest of a long list is asked for in turn: rowsCount tells how long it is.
     const qint64 last = std::min<qint64>(parsed.to, qint64(parsed.from) + configuration().maximumRows() - 1);
-    CMRoot()->getRows(resolve(parsed.path), parsed.from, static_cast<int>(last), parsed.version, roles, reply);
+    CMRoot()->getRows(
+        LegacyPathHelper::resolve(parsed.path), parsed.from, static_cast<int>(last), parsed.version, roles, reply);
 }
 
 void ApiResponder::setData()
@@ -81,7 +77,7 @@ void ApiResponder::setData()
     SetData parsed;
     if (!parseSetDataRequest(&parsed))
         return;
-    const CMPath path = resolve(parsed.path);
+    const CMPath path = LegacyPathHelper::resolve(parsed.path);
     CMReply<QList<QVariant>> reply;
     reply.onFinished(this, [this, parsed, path](const QList<QVariant>& values, const CMError& error) {
         on_permission_finished(parsed, path, values, error);
@@ -96,15 +92,10 @@ bool ApiResponder::accept(const char* fault)
     return !fault;
 }
 
-void ApiResponder::respondInvalidMethod()
-{
-    respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
-}
-
 template <class T> bool ApiResponder::parseRequest(const char* (*parse)(const RequestParameters&, T*), T* parsed)
 {
     if (!isGet() && !isPost()) {
-        respondInvalidMethod();
+        respondInvalidMethod(Methods);
         return false;
     }
     identify();
@@ -121,7 +112,7 @@ bool ApiResponder::parseSetDataRequest(SetData* parsed)
     else if (isGet())
         ok = parseSetDataRequestGet(parsed);
     else
-        respondInvalidMethod();
+        respondInvalidMethod(Methods);
     if (ok && parsed->deprecatedRoles)
         dbglog_warn(webserverLog(), "Deprecated use detected: setData with \"roles\" parameter - use \"role\" instead");
     return ok;
@@ -200,33 +191,10 @@ void ApiResponder::on_getRows_finished(
         return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
     if (!canRespond(parsed.path, RequestType::GetRows, answer.roles().permission()))
         return;
-    QList<QVariantList> rows = answer.rows();
-    for (int i = 0; i < rows.size(); ++i) {
-        QVariantList& row = rows[i];
-        const ZarkPermission::Enum permission = ZarkPermission::fromString(row.value(row.size() - 1).toString());
-        const QString rowPath = parsed.path + QLatin1String(".row") + QString::number(answer.from() + i);
-        if (!canRespond(rowPath, RequestType::GetData, permission, false)) {
-            dbglog_debug(webserverLog(), "Private row: " << rowPath << " will be excluded from the response");
-            hideRow(&row, roles, permission);
-        }
-        row.removeLast();
-    }
     ZarkRowsRoles reply = answer;
-    reply.setRows(rows);
+    withholdRows(parsed.path, roles, &reply);
     releaseBrake();
     respondWithJson(reply.toVariant());
-}
-
-// The row keeps its place, so that indexes mean the same to everybody.
-void ApiResponder::hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission) const
-{
-    for (int i = 0; i < row->size() - 1; ++i)
-        (*row)[i] = QVariant();
-    const int title = roles.indexOf(ZarkRoles::Title());
-    if (title < 0 || title >= row->size() - 1)
-        return;
-    (*row)[title] = permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
-                                                           : QStringLiteral("(Node requires authentication)");
 }
 
 void ApiResponder::on_permission_finished(

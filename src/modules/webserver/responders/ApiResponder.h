@@ -38,7 +38,6 @@ private:
     bool parseSetDataRequestPost(SetData* request);
     bool decryptPostData(QVariantHash* body);
     bool accept(const char* fault);
-    void respondInvalidMethod();
 
     void on_getData_finished(
         const GetData& request, const QStringList& roles, const QList<QVariant>& values, const CMError& error);
@@ -48,6 +47,5 @@ private:
         const SetData& request, const CMPath& path, const QList<QVariant>& values, const CMError& error);
     void on_setData_finished(const QVariant& value, const CMError& error);
 
-    void hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission) const;
     void reportUse(const QString& platform);
 };

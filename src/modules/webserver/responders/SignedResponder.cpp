@@ -9,6 +9,19 @@
 namespace {
 
 constexpr const char* AccessName = "accessDenied";
+constexpr const char* MethodName = "invalidMethod";
+
+// The row keeps its place, so that indexes mean the same to everybody.
+void hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission)
+{
+    for (int i = 0; i < row->size() - 1; ++i)
+        (*row)[i] = QVariant();
+    const int title = roles.indexOf(ZarkRoles::Title());
+    if (title < 0 || title >= row->size() - 1)
+        return;
+    (*row)[title] = permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
+                                                           : QStringLiteral("(Node requires authentication)");
+}
 
 } // namespace
 
@@ -98,6 +111,22 @@ bool SignedResponder::canRespond(
     return verdict.allowed;
 }
 
+void SignedResponder::withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer)
+{
+    QList<QVariantList> rows = answer->rows();
+    for (int i = 0; i < rows.size(); ++i) {
+        QVariantList& row = rows[i];
+        const ZarkPermission::Enum permission = ZarkPermission::fromString(row.value(row.size() - 1).toString());
+        const QString rowPath = path + QLatin1String(".row") + QString::number(answer->from() + i);
+        if (!canRespond(rowPath, ApiRequestType::GetData, permission, false)) {
+            dbglog_debug(webserverLog(), "Private row: " << rowPath << " will be excluded from the response");
+            hideRow(&row, roles, permission);
+        }
+        row.removeLast();
+    }
+    answer->setRows(rows);
+}
+
 void SignedResponder::releaseBrake()
 {
     if (m_caller.isVerified())
@@ -107,6 +136,12 @@ void SignedResponder::releaseBrake()
 void SignedResponder::respondWithJson(const QVariant& value)
 {
     answer(SOUP_STATUS_OK, ZarkJson::serializeTranslate(value), MimeTypes::Application::json());
+}
+
+void SignedResponder::respondInvalidMethod(const QByteArray& allowed)
+{
+    request().setHeader(QByteArrayLiteral("Allow"), allowed);
+    respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
 }
 
 void SignedResponder::respondWithError(const CMError& error, int status, bool throttle)
@@ -121,8 +156,6 @@ void SignedResponder::answer(int status, const QByteArray& body, const QString& 
     request().setStatus(status, QString());
     if (status == SOUP_STATUS_UNAUTHORIZED)
         request().setHeader(QByteArrayLiteral("WWW-Authenticate"), QByteArray(ResponderCrypto::AdvertisedSchemes));
-    if (status == SOUP_STATUS_METHOD_NOT_ALLOWED)
-        request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, POST"));
     request().setResponseBody(body, contentType);
     if (!throttle || (status != SOUP_STATUS_UNAUTHORIZED && status != SOUP_STATUS_FORBIDDEN)) {
         Q_EMIT finished(m_requestId);

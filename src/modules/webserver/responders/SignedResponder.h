@@ -8,6 +8,7 @@
 #include "RequestParameters.h"
 #include "Responder.h"
 #include "ResponderConfiguration.h"
+#include "ZarkRowsRoles.h"
 
 class ResponderCrypto;
 class UserDatabase;
@@ -61,10 +62,15 @@ protected:
     /// told. `path` is for the log.
     bool canRespond(
         const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError = true);
+    /// The same for each row of an answer whose last role is the permission, which is taken away: a row that is refused
+    /// keeps its place and loses what it holds. `roles` are all that were asked for, `path` that of the list.
+    void withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer);
     /// Ends the holding back of refusals if the caller is verified.
     void releaseBrake();
 
     void respondWithJson(const QVariant& value);
+    /// 405 with the methods that there are.
+    void respondInvalidMethod(const QByteArray& allowed);
     /// {"error": {"name", "message"}}; `throttle` holds a 401 or 403 back.
     void respondWithError(const CMError& error, int status, bool throttle = false);
     /// The one way out: the whole answer, 401 with WWW-Authenticate. `throttle` as above; a held

@@ -25,8 +25,7 @@ constexpr qint64 InFlightBytes = 256 * 1024;
 
 const CMStreamNode* streamAt(const QString& path)
 {
-    const CMPath resolved = LegacyPathHelper::fromLegacy(CMPath::fromEncoded(path));
-    return dynamic_cast<const CMStreamNode*>(CMRoot()->tree()->node(resolved));
+    return dynamic_cast<const CMStreamNode*>(CMRoot()->tree()->node(LegacyPathHelper::resolve(path)));
 }
 
 } // namespace
@@ -43,10 +42,8 @@ void StreamResponder::respond()
     dbglog_scopedFunction(webserverLog());
     dbglog_debug(webserverLog(), "StreamResponder: request " << requestId() << " '" << request().fullUri() << "'");
     const bool head = request().isMethod("HEAD");
-    if (!isGet() && !head) {
-        request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, HEAD"));
-        return respondWithError(CMError(CMError::NotSupported, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
-    }
+    if (!isGet() && !head)
+        return respondInvalidMethod("GET, HEAD");
     identify(UriAlone);
     QString path;
     const CMStreamNode* stream = findStream(&path);
