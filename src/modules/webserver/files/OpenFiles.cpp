@@ -2,6 +2,7 @@
 
 #include <QFile>
 
+#include "FileVersion.h"
 #include "GuardedMapping.h"
 #include "LocalFile.h"
 #include "WebserverLog.h"
@@ -10,18 +11,6 @@ namespace {
 
 constexpr int MaximumFiles = 64;
 constexpr qint64 Lifetime = G_USEC_PER_SEC;
-
-bool isSame(const timespec& a, const timespec& b)
-{
-    return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-// The change time covers a new name, other permissions and whatever else might forbid the file.
-bool isSame(const struct stat& a, const struct stat& b)
-{
-    return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_size == b.st_size && isSame(a.st_mtim, b.st_mtim)
-        && isSame(a.st_ctim, b.st_ctim);
-}
 
 } // namespace
 
@@ -40,7 +29,8 @@ const OpenFiles::File* OpenFiles::find(const QByteArray& name)
         return nullptr;
     struct stat status = {};
     const bool isCurrent = g_get_monotonic_time() - found->since < Lifetime && stat(name.constData(), &status) == 0
-        && isSame(status, found->status) && !found->file.mapping->isDamaged() && found->file.mapping->canBeSent();
+        && isSameVersion(status, found->status) && !found->file.mapping->isDamaged()
+        && found->file.mapping->canBeSent();
     return isCurrent ? &found->file : nullptr;
 }
 
