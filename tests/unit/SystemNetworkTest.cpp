@@ -139,6 +139,9 @@ private Q_SLOTS:
         const QVariantList aps = info.softAp().aps();
         for (const QVariant& variant : aps)
             accessPoints.append(describe(ZarkNetworkInterface(variant)));
+        const ZarkValue addresses(root.getValue(CMPath::fromEncoded(QStringLiteral("system:network/addresses"))));
+        QCOMPARE(
+            addresses.stringList(), QStringList({ "192.0.2.4", "192.0.2.5", "192.0.2.2", "192.0.2.8", "192.0.2.9" }));
         QCOMPARE(accessPoints, QStringList({ "ap0 192.0.2.3/32", "guests 192.0.2.6/32", "uap0 192.0.2.7/32" }));
         QVERIFY(ip(QStringLiteral("addr flush dev e0\n")));
         QTRY_COMPARE(wired(), QStringLiteral("e1 192.0.2.5/32 192.0.2.2/32")); // Named by what can be reached.

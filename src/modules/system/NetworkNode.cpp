@@ -19,15 +19,28 @@ namespace {
 constexpr int TogetherMs = 200;
 constexpr int RetryMs = 1000;
 
+QStringList addressesOf(const ZarkNetworkInfo& info)
+{
+    QStringList addresses;
+    const QVariantList all = info.wired().addresses() + info.wireless().addresses();
+    for (const QVariant& address : all)
+        addresses.append(ZarkNetworkAddress(address).ip());
+    return addresses;
+}
+
 } // namespace
 
 NetworkNode::NetworkNode(CMNodes* nodes, const InterfaceClassifier& classifier, QObject* parent)
     : QObject(parent), m_classifier(classifier),
-      m_node(CMValueNode::create(nodes, ZarkNetworkInfoPath(), ZarkValue::fromNetworkInfo({})))
+      m_node(CMValueNode::create(nodes, ZarkNetworkInfoPath(), ZarkValue::fromNetworkInfo({}))),
+      m_addresses(CMValueNode::create(
+          nodes, CMPath::fromEncoded(QStringLiteral("system:network/addresses")), ZarkValue::fromStringList({})))
 {
     if (!m_node)
         return; // Logged; the tree declares something else there.
     m_node->setTitle("Network");
+    if (m_addresses)
+        m_addresses->setTitle("Addresses");
     m_delay.setSingleShot(true);
     connect(&m_delay, &QTimer::timeout, this, &NetworkNode::refresh);
     // Followed first and read then, so that no change falls between.
@@ -69,6 +82,8 @@ void NetworkNode::refresh()
     const QVariantHash info = readNetworkInfo(m_classifier);
     if (!info.isEmpty()) {
         m_node->setMeasured(ZarkValue::fromNetworkInfo(info));
+        if (m_addresses)
+            m_addresses->setMeasured(ZarkValue::fromStringList(addressesOf(ZarkNetworkInfo(info))));
         return;
     }
     dbglog_warn(systemLog(), "The network interfaces cannot be read now.");
