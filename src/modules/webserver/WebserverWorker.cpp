@@ -20,6 +20,8 @@
 #include "MultipartHandler.h"
 #include "MultipartResponderFactory.h"
 #include "NotFoundHandler.h"
+#include "PageLoader.h"
+#include "PageResponder.h"
 #include "ResponderConfiguration.h"
 #include "ResponderFactory.h"
 #include "ResponderHandler.h"
@@ -125,6 +127,7 @@ void WebserverWorker::createSharedObjects()
     using UpdateFactory = DefaultMultipartResponderFactory<FirmwareUpdateResponder, QSharedPointer<UserDatabase>,
         QSharedPointer<ResponderConfiguration>>;
     m_updateFactory = std::make_unique<UpdateFactory>(m_userDatabase, m_configuration);
+    m_pageLoader = QSharedPointer<PageLoader>::create(m_documentRoot);
     m_fetchBudget = QSharedPointer<FetchBudget>::create(
         FetchBudget::Limits{ limits.proxyFetches, limits.proxyFetchesPerClient, limits.proxyBytes });
 }
@@ -266,6 +269,12 @@ void WebserverWorker::registerHandlers(Server* server)
 
     auto* files = new MatchHandler(root, nullptr);
     server->addHandler(QStringLiteral("/proxy/"), new ReverseProxyHandler(root, nullptr, m_fetchBudget));
+    // Browsers that fill in a form have no signature: what they are shown and send has to be hidden on its way.
+    if (server->isHttps() && m_useDeviceCert)
+        files->addHandler(QStringLiteral("*.fcgi"),
+            new ResponderHandler(
+                keep(makeDefaultResponderFactory<PageResponder>(m_userDatabase, m_configuration, m_pageLoader)), root,
+                nullptr));
     files->addHandler(new StaticHandler(root, m_defaultLocation, QString(), nullptr));
     server->addHandler(QStringLiteral("/"), files);
     server->addEarlyHandler(QStringLiteral("/"), new MultipartHandler(m_updateFactory.get(), root, nullptr));

@@ -20,6 +20,7 @@ class EventResponderShared;
 class FetchBudget;
 class ResponderConfiguration;
 class MultipartResponderFactory;
+class PageLoader;
 class ResponderFactory;
 class Server;
 class UserDatabase;
@@ -77,6 +78,7 @@ private:
     QSharedPointer<EventResponderShared> m_eventShared;
     QSharedPointer<UserDatabase> m_userDatabase;
     QSharedPointer<FetchBudget> m_fetchBudget;
+    QSharedPointer<PageLoader> m_pageLoader;
 };
 
 /// The entry point of the module. Makes the worker on the calling thread, whose event loop must run GLib.
