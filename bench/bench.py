@@ -187,6 +187,44 @@ def secure(bench):
         yield device, tls
 
 
+@contextlib.contextmanager
+def idle_connections(server, exchange, count):
+    """Connections that browsers keep: each had one answer, a moment ago."""
+    with contextlib.ExitStack() as stack:
+        for _ in range(count):
+            connection = server.connect()
+            stack.callback(connection.close)
+            connection.request(exchange.method, exchange.target)
+            connection.getresponse().read()
+        time.sleep(0.6)
+        yield
+
+
+def costs_beside_idle(server, exchange, count):
+    """Processor time for one request of one busy client, alone and beside so many idle connections."""
+    alone, beside = [], []
+    for _ in range(2):
+        alone.append(run_load(server, exchange, 1, 1))
+        with idle_connections(server, exchange, count):
+            beside.append(run_load(server, exchange, 1, 1))
+    return total(alone).cpu_microseconds, total(beside).cpu_microseconds
+
+
+def beside_idle(bench, name, count, encrypted=False):
+    """Against the device without them, and against the floor beside as many."""
+    exchange = Exchange(GET_VALUE)
+    with contextlib.ExitStack() as stack:
+        device, tls = stack.enter_context(secure(bench)) if encrypted else (bench.device, None)
+        floor = stack.enter_context(Floor(bench.build, bench.scratch, ask_once(device, exchange), tls=tls))
+        alone, ours = costs_beside_idle(device, exchange, count)
+        floor_alone, reference = costs_beside_idle(floor, exchange.at("/value"), count)
+    unit, note = "us CPU/request", f"the floor without them: {floor_alone:.1f} us"
+    return [
+        at_most(f"{name}, without", ours, alone, unit, ours / alone, 1.2),
+        at_least(f"{name}, floor", ours, reference, unit, reference / ours, 3.0, note),
+    ]
+
+
 def static_file(size, target, **options):
     row = file_row(size, target, **options)
     return lambda bench, name: row(bench, name, SECONDS, at_least)
@@ -310,6 +348,8 @@ ROWS = [
     ("HTTPS getData unsigned", https_get_data),
     ("HTTPS file 64 KiB", https_file),
     ("HTTPS handshakes", https_handshakes),
+    ("getData beside 1,000 idle", lambda bench, name: beside_idle(bench, name, 1000)),
+    ("HTTPS getData beside 300 idle", lambda bench, name: beside_idle(bench, name, 300, encrypted=True)),
     ("static 1 KiB", static_file(1024, 0.85)),
     ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
     ("static 64 KiB", static_file(64 * 1024, 0.95)),
@@ -332,7 +372,8 @@ def measure(bench, chosen):
     for name, function in chosen:
         print(f"measuring {name}", file=sys.stderr, flush=True)
         try:
-            rows.append(function(bench, name))
+            result = function(bench, name)
+            rows += result if isinstance(result, list) else [result]
         except (BenchError, OSError, subprocess.TimeoutExpired) as error:
             print(f"bench: {name}: {error}", file=sys.stderr)
             failed.append(name)
