@@ -76,7 +76,6 @@ void setTcpTimeouts(int fd, const ServerLimits& limits)
 
 ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
     : m_server(server), m_limits(limits), m_maximumConnections(maximumConnections(limits.connections)),
-      m_requestReadId(g_signal_connect(server, "request-read", G_CALLBACK(onRequestRead), this)),
       m_watch([this](quint64 number, quint32 events) { heard(number, events); }),
       m_parking(std::make_unique<Parking>(server, &m_watch))
 {
@@ -85,7 +84,6 @@ ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
 ConnectionTable::~ConnectionTable()
 {
     dbglog_scopedFunction(webserverLog());
-    g_signal_handler_disconnect(m_server, m_requestReadId);
     for (const auto& entry : m_connections)
         g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
 }
@@ -249,13 +247,17 @@ void ConnectionTable::bodyMoved(Connection* connection)
     connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
 }
 
-void ConnectionTable::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
+void ConnectionTable::requestRead(SoupClientContext* client)
 {
-    auto* limits = static_cast<ConnectionTable*>(self);
-    const auto found = limits->m_connections.find(client);
-    if (found == limits->m_connections.end())
-        return;
-    Connection* connection = found->second.get();
+    dbglog_scopedFunction(webserverLog());
+    const auto found = m_connections.find(client);
+    if (found != m_connections.end())
+        requestRead(found->second.get());
+}
+
+void ConnectionTable::requestRead(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
     connection->state = Answering;
     connection->since = g_get_monotonic_time();
     connection->deadline = 0;

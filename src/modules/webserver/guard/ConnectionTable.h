@@ -69,6 +69,9 @@ public:
     /// event loop has turned. The library is about to read the head of `message`.
     Connection* requestStarted(SoupClientContext* client, SoupMessage* message);
     static void headRead(Connection* connection);
+    /// The whole request was read: its answer has no deadline.
+    static void requestRead(Connection* connection);
+    void requestRead(SoupClientContext* client);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
     static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
@@ -78,7 +81,6 @@ protected:
     void timerEvent(QTimerEvent* event) override;
 
 private:
-    static void onRequestRead(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
     static void onDisconnected(SoupSocket* socket, gpointer connection);
 
     Connection* accepted(SoupClientContext* client);
@@ -102,7 +104,6 @@ private:
     ServerLimits m_limits;
     int m_maximumConnections;
     SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
-    gulong m_requestReadId;
     SocketWatch m_watch;
     std::unique_ptr<Parking> m_parking;
     int m_timer = 0;
