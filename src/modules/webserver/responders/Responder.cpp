@@ -32,7 +32,7 @@ void Responder::complete()
     if (m_outputDevice)
         m_outputDevice->close();
     else
-        m_request.responseBodyComplete();
+        m_request.unpause(); // The body has its length, and may be on its way from elsewhere: FileTransfer.
 }
 
 QIODevice* Responder::inputDevice()

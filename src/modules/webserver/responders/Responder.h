@@ -26,7 +26,7 @@ public:
     /// `in` holds the request's body, `out` takes the answer's. Not owned. Without them, a responder has devices of its
     /// own, made when first asked for: an empty one, and a ServerMessageDevice. Most set a whole body and need neither.
     void setIODevices(QIODevice* in, QIODevice* out);
-    /// Ends the answer: whatever was written is the whole body.
+    /// Lets the answer go: what was streamed is the whole body.
     void complete();
     void setHeader(const QString& name, const QString& value);
     const QString& documentRoot() const { return m_documentRoot; }
