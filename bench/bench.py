@@ -311,6 +311,7 @@ def polls_memory(bench, name):
         polls.round_trip()
         before = device.memory_kib("Private_Dirty")
         with WaitingPolls(device, count) as more:
+            more.value = polls.value
             first = device.memory_kib("Private_Dirty") - before
             for _ in range(answers):
                 more.round_trip()

@@ -232,6 +232,7 @@ private Q_SLOTS:
     {
         QFETCH(QByteArray, before);
         QFETCH(QByteArray, after);
+        QCOMPARE(m_device->get(Counter).status, 200);
         const int descriptors = openDescriptors(m_device->pid());
         HttpConnection connection(m_device->port());
         connection.send(before);
