@@ -1,5 +1,6 @@
-"""Instructions for one request, counted by callgrind: the same in every run, so that a change of 1 % shows. One client
-asks on one connection. What the kernel does is not counted."""
+"""Instructions for one request, counted by callgrind: nearly the same in every run on a quiet machine (how often the
+event loop turns depends on when the client asks), so that a small change shows. One client asks on one connection. What
+the kernel does is not counted."""
 
 import re
 import subprocess
