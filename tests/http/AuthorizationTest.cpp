@@ -171,7 +171,9 @@ private Q_SLOTS:
         Device& device = this->device(1);
         Signer old("admin", "pässword");
         old.setTimestamp(5000);
-        const auto warnings = [&device] { return device.log().count("Time difference in milliseconds"); };
+        const auto warnings = [&device] {
+            return device.log().count("Time difference in milliseconds");
+        };
         const auto before = warnings();
         for (int i = 0; i < 20; ++i)
             QCOMPARE(device.get(target, { old.forGet(device.baseUrl() + target) }).status, 200);
