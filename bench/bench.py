@@ -1,6 +1,7 @@
 """The benchmarks: the device against the bare libraries, side by side in one run.
 
     bench.py --build build/release --output build/bench.json [ROW...]
+    bench.py --build build/release --output build/bench.json --instructions [KIND...]
 
 A row is one function below, entered in ROWS. Where it compares processor time, the ratio is the floor's time for one
 request divided by the device's: 1 means that the device costs what the library alone costs. Prints a table and writes
@@ -21,12 +22,12 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Optional
 
+from instructions import print_instructions
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
 from polls import WaitingPolls, events_in
 from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, make_certificate
 from static_files import file_row
 
-SECONDS = 2
 POLLS = 1000
 
 GET_VALUE = "/api/getData?path=player:player/volume&roles=title,value"
@@ -37,11 +38,13 @@ GET_ROWS = "/api/getRows?path=demo:lists/large&roles=title,value&from=0&to=99"
 
 @dataclass
 class Bench:
-    """What the rows share: the build tree, a scratch directory on the build's file system, and a running device."""
+    """What the rows share: the build tree, a scratch directory on the build's file system, how long one load lasts, and
+    a running device."""
 
     build: Path
     scratch: Path
-    device: Device
+    seconds: int
+    device: Optional[Device] = None
 
 
 @dataclass
@@ -74,15 +77,15 @@ def against_floor(bench, name, exchange, target):
     query = exchange.target.partition("?")[2]
     with Floor(bench.build, bench.scratch, body) as floor:
         reference = (floor, exchange.at("/value" + (query and "?" + query)))
-        return side_by_side(name, (bench.device, exchange), reference, target)
+        return side_by_side(bench, name, (bench.device, exchange), reference, target)
 
 
-def side_by_side(name, device, floor, target, size=None):
+def side_by_side(bench, name, device, floor, target, size=None):
     """The same for two (server, exchange) that answer alike; `size` is checked where it is given."""
     for server, exchange in (device, floor):
         if size is not None and len(ask_once(server, exchange)) != size:
             raise BenchError(f"{exchange.target}: not {size} bytes")
-    ours, reference = run_alternately([device, floor], SECONDS)
+    ours, reference = run_alternately([device, floor], bench.seconds)
     ratio = reference.cpu_microseconds / ours.cpu_microseconds
     note = f"{ours.rate:,.0f} against {reference.rate:,.0f} requests/s"
     return at_least(name, ours.cpu_microseconds, reference.cpu_microseconds, "us CPU/request", ratio, target, note)
@@ -122,14 +125,14 @@ def set_data_persistent(bench, name):
     ask_once(bench.device, exchange)
     loads, commits = [], []
     for _ in range(2):
-        loads.append(run_load(bench.device, exchange, SECONDS))
+        loads.append(run_load(bench.device, exchange, bench.seconds))
         commits.append(sqlite_commits(bench))
     ours, reference = total(loads).rate, statistics.mean(commits)
     return at_least(name, ours, reference, "writes/s", ours / reference, 0.5)
 
 
 def sqlite_commits(bench):
-    command = [bench.build / "bin/sqlite_floor", bench.scratch / "floor.db", str(SECONDS)]
+    command = [bench.build / "bin/sqlite_floor", bench.scratch / "floor.db", str(bench.seconds)]
     result = subprocess.run(command, capture_output=True, text=True)
     if result.returncode != 0:
         raise BenchError(result.stderr.strip())
@@ -145,13 +148,13 @@ def https_get_data(bench, name):
         exchange = Exchange(GET_VALUE)
         body = ask_once(device, exchange)
         with Floor(bench.build, bench.scratch, body, tls=tls) as floor:
-            return side_by_side(name, (device, exchange), (floor, exchange.at("/value")), None)
+            return side_by_side(bench, name, (device, exchange), (floor, exchange.at("/value")), None)
 
 
 def https_file(bench, name):
     with secure(bench) as (device, tls), Floor(bench.build, bench.scratch, tls=tls) as floor:
         return side_by_side(
-            name, (device, Exchange("/" + FILE_64K)), (floor, Exchange("/file/" + FILE_64K)), None, FILE_BYTES
+            bench, name, (device, Exchange("/" + FILE_64K)), (floor, Exchange("/file/" + FILE_64K)), None, FILE_BYTES
         )
 
 
@@ -160,16 +163,16 @@ def https_handshakes(bench, name):
     with secure(bench) as (device, tls), Floor(bench.build, bench.scratch, b"{}", tls=tls) as floor:
         ours, reference = [], []
         for _ in range(2):
-            ours.append(handshakes(device, GET_VALUE))
-            reference.append(handshakes(floor, "/value"))
+            ours.append(handshakes(device, GET_VALUE, bench.seconds))
+            reference.append(handshakes(floor, "/value", bench.seconds))
     ours, reference = statistics.mean(ours), statistics.mean(reference)
     return at_least(name, ours, reference, "handshakes/s", ours / reference, None)
 
 
-def handshakes(server, target):
+def handshakes(server, target, seconds):
     """openssl s_time, which asks for one page on each of its connections."""
-    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{server.port}", "-new", "-time", str(SECONDS)]
-    result = subprocess.run([*command, "-www", target], capture_output=True, text=True, timeout=SECONDS + 30)
+    command = ["openssl", "s_time", "-connect", f"127.0.0.1:{server.port}", "-new", "-time", str(seconds)]
+    result = subprocess.run([*command, "-www", target], capture_output=True, text=True, timeout=seconds + 30)
     # The last of its lines counts by the clock: "97 connections in 4 real seconds, 59 bytes read per connection".
     words = re.findall(r"(\d+) connections in (\d+) real seconds", result.stdout)
     if not words:
@@ -187,9 +190,47 @@ def secure(bench):
         yield device, tls
 
 
+@contextlib.contextmanager
+def idle_connections(server, exchange, count):
+    """Connections that browsers keep: each had one answer, a moment ago."""
+    with contextlib.ExitStack() as stack:
+        for _ in range(count):
+            connection = server.connect()
+            stack.callback(connection.close)
+            connection.request(exchange.method, exchange.target)
+            connection.getresponse().read()
+        time.sleep(0.6)
+        yield
+
+
+def costs_beside_idle(server, exchange, count, rounds):
+    """Processor time for one request of one busy client, alone and beside so many idle connections."""
+    alone, beside = [], []
+    for _ in range(rounds):
+        alone.append(run_load(server, exchange, 1, 1))
+        with idle_connections(server, exchange, count):
+            beside.append(run_load(server, exchange, 1, 1))
+    return total(alone).cpu_microseconds, total(beside).cpu_microseconds
+
+
+def beside_idle(bench, name, count, encrypted=False):
+    """Against the device without them, and against the floor beside as many."""
+    exchange = Exchange(GET_VALUE)
+    with contextlib.ExitStack() as stack:
+        device, tls = stack.enter_context(secure(bench)) if encrypted else (bench.device, None)
+        floor = stack.enter_context(Floor(bench.build, bench.scratch, ask_once(device, exchange), tls=tls))
+        alone, ours = costs_beside_idle(device, exchange, count, 2)
+        floor_alone, reference = costs_beside_idle(floor, exchange.at("/value"), count, 1)
+    unit, note = "us CPU/request", f"the floor without them: {floor_alone:.1f} us"
+    return [
+        at_most(f"{name}, without", ours, alone, unit, ours / alone, 1.2),
+        at_least(f"{name}, floor", ours, reference, unit, reference / ours, 3.0, note),
+    ]
+
+
 def static_file(size, target, **options):
     row = file_row(size, target, **options)
-    return lambda bench, name: row(bench, name, SECONDS, at_least)
+    return lambda bench, name: row(bench, name, bench.seconds, at_least)
 
 
 def latency_p99(bench, name):
@@ -263,14 +304,19 @@ def polls_latency(bench, name):
 
 
 def polls_memory(bench, name):
-    """Queue and connection included; what the device keeps after its first clients is not."""
-    with fresh_device(bench) as device:
-        with WaitingPolls(device, 20) as polls:
-            polls.round_trip()
-            before = device.resident_kib()
-            with WaitingPolls(device, POLLS - 20):
-                ours = (device.resident_kib() - before) / (POLLS - 20)
-    return at_most(name, ours, 24.0, "KiB", ours / 24.0, 1.0)
+    """Queue and connection included; what the device keeps after its first clients is not. After the hundredth answer of
+    each: what a poll leaves behind shows by then."""
+    count, answers = 400, 100
+    with fresh_device(bench) as device, WaitingPolls(device, 20) as polls:
+        polls.round_trip()
+        before = device.memory_kib("Private_Dirty")
+        with WaitingPolls(device, count) as more:
+            more.value = polls.value
+            first = device.memory_kib("Private_Dirty") - before
+            for _ in range(answers):
+                more.round_trip()
+            ours = (device.memory_kib("Private_Dirty") - before) / count
+    return at_most(name, ours, 24.0, "KiB", ours / 24.0, 1.0, f"before their first answer: {first / count:.1f} KiB")
 
 
 def polls_idle(bench, name):
@@ -287,10 +333,33 @@ def events_rate(bench, name):
     """Write, answer, poll again: one event a time, as nothing coalesces."""
     with fresh_device(bench) as device:
         before = device.cpu_seconds()
-        count = events_in(device, SECONDS)
+        count = events_in(device, bench.seconds)
         cost = (device.cpu_seconds() - before) / count * 1e6
-    rate = count / SECONDS
+    rate = count / bench.seconds
     return at_least(name, rate, rate, "events/s", 1.0, None, f"{cost:.0f} us CPU for write, poll and answer")
+
+
+def subscriptions_one_by_one(bench, name):
+    """One client that subscribes 300 paths, one after another: the last hundred against the first."""
+    costs = [0.0, 0.0, 0.0]
+    queues = 10
+    with fresh_device(bench) as device, contextlib.closing(device.connect()) as connection:
+
+        def modify(**parameters):
+            exchange = post_json("/api/event/modifyQueue", parameters)
+            connection.request(exchange.method, exchange.target, exchange.body, exchange.headers)
+            return json.loads(connection.getresponse().read())
+
+        for _ in range(queues):
+            queue = modify(subscribe=[])
+            for number in range(300):
+                if number % 100 == 0:
+                    before = device.cpu_seconds()
+                modify(queueId=queue, subscribe=[{"path": f"demo:values/absent{number}"}])
+                if number % 100 == 99:
+                    costs[number // 100] += device.cpu_seconds() - before
+    reference, _, ours = (cost / queues / 100 * 1e6 for cost in costs)
+    return at_most(name, ours, reference, "us CPU/request", ours / reference, 1.2)
 
 
 def fresh_device(bench):
@@ -310,6 +379,8 @@ ROWS = [
     ("HTTPS getData unsigned", https_get_data),
     ("HTTPS file 64 KiB", https_file),
     ("HTTPS handshakes", https_handshakes),
+    ("getData beside 1,000 idle", lambda bench, name: beside_idle(bench, name, 1000)),
+    ("HTTPS getData beside 300 idle", lambda bench, name: beside_idle(bench, name, 300, encrypted=True)),
     ("static 1 KiB", static_file(1024, 0.85)),
     ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
     ("static 64 KiB", static_file(64 * 1024, 0.95)),
@@ -320,6 +391,29 @@ ROWS = [
     ("memory a waiting poll", polls_memory),
     ("1,000 waiting polls, idle", polls_idle),
     ("events through one queue", events_rate),
+    ("the 300th subscription", subscriptions_one_by_one),
+]
+
+# What `quick` measures, for one second a load: whether a change costs where it matters.
+QUICK = [
+    "getData unsigned",
+    "getData signed",
+    "setData volatile",
+    "static 64 KiB",
+    "getData beside 1,000 idle",
+    "1,000 polls, one change, p99",
+    "events through one queue",
+]
+
+
+# The kinds of request of which --instructions counts the instructions: name, request to a device, whether over HTTPS.
+KINDS = [
+    ("getData unsigned", lambda device: Exchange(GET_VALUE), False),
+    ("getData signed", lambda device: signed(Exchange(GET_VALUE), device.port, USER, PASSWORD), False),
+    ("setData volatile", lambda device: write_exchange("demo:volatile/counter"), False),
+    ("getRows 100 rows", lambda device: Exchange(GET_ROWS), False),
+    ("static 64 KiB", lambda device: Exchange("/" + FILE_64K), False),
+    ("HTTPS getData unsigned", lambda device: Exchange(GET_VALUE), True),
 ]
 
 
@@ -332,11 +426,18 @@ def measure(bench, chosen):
     for name, function in chosen:
         print(f"measuring {name}", file=sys.stderr, flush=True)
         try:
-            rows.append(function(bench, name))
+            result = function(bench, name)
+            rows += result if isinstance(result, list) else [result]
         except (BenchError, OSError, subprocess.TimeoutExpired) as error:
             print(f"bench: {name}: {error}", file=sys.stderr)
             failed.append(name)
     return rows, failed
+
+
+def count_instructions(bench, kinds):
+    (bench.scratch / FILE_64K).write_bytes(bytes(FILE_BYTES))
+    print_instructions(bench, kinds, make_certificate(bench.scratch / "tls.pem"))
+    return 0
 
 
 def print_table(rows):
@@ -360,13 +461,19 @@ def parse_arguments():
     parser = argparse.ArgumentParser(description="Benchmarks of the device against the bare libraries.")
     parser.add_argument("--build", type=Path, required=True, help="a release build tree")
     parser.add_argument("--output", type=Path, required=True, help="the JSON file to write")
-    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows whose name contains this text; all by default")
+    parser.add_argument("--instructions", action="store_true", help="count the instructions of each kind of request")
+    parser.add_argument("rows", nargs="*", metavar="ROW", help="rows whose name contains this text, all by default; or quick")
     arguments = parser.parse_args()
+    known = KINDS if arguments.instructions else ROWS
+    arguments.quick = arguments.rows == ["quick"]
+    wanted = [text.lower() for text in (QUICK if arguments.quick else arguments.rows)]
     arguments.chosen = [
-        row for row in ROWS if not arguments.rows or any(text.lower() in row[0].lower() for text in arguments.rows)
+        row
+        for row in known
+        if not wanted or (row[0].lower() in wanted if arguments.quick else any(text in row[0].lower() for text in wanted))
     ]
     if not arguments.chosen:
-        parser.error("no such row; there are: " + ", ".join(name for name, _ in ROWS))
+        parser.error("no such row; there are: " + ", ".join(name for name, *_ in known))
     return arguments
 
 
@@ -375,9 +482,12 @@ def main():
     # Beside the build and not in /tmp, which may be memory: durable writes have to reach a disk.
     with tempfile.TemporaryDirectory(prefix="bench-", dir=arguments.output.parent) as directory:
         scratch = Path(directory)
+        bench = Bench(arguments.build, scratch, 1 if arguments.quick else 2)
         try:
-            with Device(arguments.build, scratch / "state") as device:
-                rows, failed = measure(Bench(arguments.build, scratch, device), arguments.chosen)
+            if arguments.instructions:
+                return count_instructions(bench, arguments.chosen)
+            with Device(arguments.build, scratch / "state") as bench.device:
+                rows, failed = measure(bench, arguments.chosen)
         except (BenchError, OSError, subprocess.TimeoutExpired) as error:
             sys.exit(f"bench: {error}")
     print_table(rows)

@@ -34,6 +34,7 @@ class Process:
     """A child process, stopped at the end of its `with` block."""
 
     scheme = "http"
+    patience = START_SECONDS
 
     def __init__(self, command, **options):
         self.command = [str(part) for part in command]
@@ -43,8 +44,8 @@ class Process:
     def connect(self):
         """A connection of the kind that the process serves at its port."""
         if self.scheme == "https":
-            return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=START_SECONDS, context=ANYBODY)
-        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=START_SECONDS)
+            return http.client.HTTPSConnection("127.0.0.1", self.port, timeout=self.patience, context=ANYBODY)
+        return http.client.HTTPConnection("127.0.0.1", self.port, timeout=self.patience)
 
     def __enter__(self):
         try:
@@ -152,7 +153,7 @@ class Device(Process):
     def wait_until_ready(self):
         """Asks until the first answer comes; start_seconds is how long that took."""
         while not self.answers():
-            if self.process.poll() is not None or time.monotonic() - self.started > START_SECONDS:
+            if self.process.poll() is not None or time.monotonic() - self.started > self.patience:
                 tail = self.log.read_text(errors="replace").splitlines()[-5:]
                 raise BenchError("the device does not start:\n  " + "\n  ".join(tail))
             time.sleep(0.001)
@@ -161,12 +162,12 @@ class Device(Process):
     def wait_for_https(self):
         """Until it has answered one request over HTTPS: its first certificate takes a moment."""
         while True:
-            connection = http.client.HTTPSConnection("127.0.0.1", self.https_port, timeout=START_SECONDS, context=ANYBODY)
+            connection = http.client.HTTPSConnection("127.0.0.1", self.https_port, timeout=self.patience, context=ANYBODY)
             try:
                 connection.request("GET", "/api/getData?path=player:player/volume&roles=value")
                 return connection.getresponse().read()
             except OSError as error:
-                if time.monotonic() - self.started > 2 * START_SECONDS:
+                if time.monotonic() - self.started > 2 * self.patience:
                     raise BenchError(f"HTTPS: {error}") from error
                 time.sleep(0.05)
             finally:
@@ -198,6 +199,7 @@ class SecureDevice(Device):
             **dict(settings),
         }
         super().__init__(build, state, values)
+        self.plain_port = self.port
         self.port = values["settings:webserver/httpsPort"]
 
 

@@ -165,6 +165,22 @@ private Q_SLOTS:
         release(target);
     }
 
+    void aWrongClockIsWarnedOfOnceAMinute()
+    {
+        const QByteArray target = "/api/getData?path=demo:permissions/protected&roles=value";
+        Device& device = this->device(1);
+        Signer old("admin", "pässword");
+        old.setTimestamp(5000);
+        const auto warnings = [&device] {
+            return device.log().count("Time difference in milliseconds");
+        };
+        const auto before = warnings();
+        for (int i = 0; i < 20; ++i)
+            QCOMPARE(device.get(target, { old.forGet(device.baseUrl() + target) }).status, 200);
+        QVERIFY(warnings() - before <= 2); // Two minutes, perhaps; and others may have had their turn.
+        QVERIFY(warnings() > 0);
+    }
+
     void signatureVariants_data()
     {
         QTest::addColumn<QByteArray>("header");

@@ -116,6 +116,20 @@ private Q_SLOTS:
         QCOMPARE(said.contains("Cipher is (NONE)"), !accepted);
     }
 
+    void aParkedConnectionGoesOn()
+    {
+        QProcess client;
+        client.start("openssl", { "s_client", "-quiet", "-connect", QStringLiteral("127.0.0.1:%1").arg(m_port) });
+        const QByteArray request = "GET " + Value + " HTTP/1.1\r\nHost: x\r\n\r\n";
+        for (const QByteArray& part : { request, request.left(30), request.mid(30) }) {
+            client.write(part);
+            QTest::qWait(700);
+        }
+        QCOMPARE(client.readAllStandardOutput().count("HTTP/1.1 200"), 2);
+        client.kill();
+        client.waitForFinished();
+    }
+
     void whatIsNoHandshakeIsDropped_data()
     {
         QTest::addColumn<QByteArray>("bytes");

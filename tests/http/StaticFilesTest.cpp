@@ -320,6 +320,7 @@ void StaticFilesTest::filesForReading_data()
     QTest::addColumn<int>("status");
     QTest::newRow("text") << QByteArray("about.txt") << 200;
     QTest::newRow("tone, read later") << QByteArray("tone.wav") << 200;
+    QTest::newRow("more than goes at once") << QByteArray("large.bin") << 200;
     QTest::newRow("no name") << QByteArray("") << 404;
     QTest::newRow("absent") << QByteArray("absent") << 404;
     QTest::newRow("deeper") << QByteArray("deeper/about.txt") << 404;
@@ -333,6 +334,10 @@ void StaticFilesTest::filesForReading()
     QFETCH(QByteArray, name);
     QFETCH(int, status);
     QDir(m_device->stateDirectory()).mkpath("files/deeper");
+    QFile large(m_device->stateDirectory() + "/files/large.bin");
+    if (!large.exists() && large.open(QIODevice::WriteOnly))
+        large.write(QByteArray(20 * 1000 * 1000, 'x'));
+    large.close();
     const HttpReply reply = get(fileUrl(name));
     QCOMPARE(reply.status, status);
     if (status != 200)

@@ -130,7 +130,7 @@ private Q_SLOTS:
         ask(&client, "/");
         QTest::qWait(100);
         client.abort();
-        QTRY_COMPARE(m_script.ends, QByteArrayList({ "Request", "request", "input", "output" }));
+        QTRY_COMPARE(m_script.ends, QByteArrayList({ "Request", "output", "input", "request" }));
         QCOMPARE(statuses, QList<int>({ SOUP_STATUS_IO_ERROR, SOUP_STATUS_IO_ERROR }));
     }
 

@@ -3,6 +3,7 @@
 #include <QMetaObject>
 #include <QTimerEvent>
 
+#include <algorithm>
 #include <utility>
 
 #include "CMUINode.h"
@@ -26,12 +27,12 @@ quint32 roleBits(const QStringList& roles)
     return bits;
 }
 
-bool wantsRows(const ZarkEventSubscribe& subscription)
-{
-    return subscription.type() == QLatin1String("rows");
-}
-
 } // namespace
+
+CMEventQueue::Type CMEventQueue::typeOf(const ZarkEventSubscribe& subscription)
+{
+    return subscription.type() == QLatin1String("rows") ? Rows : Item;
+}
 
 CMEventQueue::CMEventQueue(CMNodeTree* tree, int expiryMs, QObject* parent)
     : QObject(parent), m_tree(tree), m_expiryMs(expiryMs)
@@ -97,43 +98,54 @@ void CMEventQueue::close()
         answer(takeEvents());
 }
 
-void CMEventQueue::setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscribtions)
+bool CMEventQueue::isSubscribed(const ZarkEventSubscribe& subscription) const
 {
-    QHash<CMPath, bool> wanted;
-    for (const ZarkEventSubscribe& subscription : subscribtions)
-        wanted[subscription.path()] |= wantsRows(subscription);
+    return m_paths.value(subscription.path()) & typeOf(subscription);
+}
 
-    const QList<CMPath> known = m_paths.keys();
-    for (const CMPath& path : known) {
-        if (!wanted.contains(path))
-            unsubscribe(path);
-        else if (!wanted.value(path))
-            unsubscribeRows(path);
+void CMEventQueue::change(const ZarkList<ZarkEventSubscribe>& added, const ZarkList<ZarkEventSubscribe>& removed)
+{
+    for (const ZarkEventSubscribe& subscription : added)
+        subscribe(subscription);
+    for (const ZarkEventSubscribe& subscription : removed)
+        unsubscribe(subscription);
+    if (!removed.isEmpty()) {
+        const auto isRemoved = [this](const ZarkEventSubscribe& subscription) {
+            return !isSubscribed(subscription);
+        };
+        m_subscribtions.erase(
+            std::remove_if(m_subscribtions.begin(), m_subscribtions.end(), isRemoved), m_subscribtions.end());
     }
-    for (auto it = wanted.cbegin(); it != wanted.cend(); ++it) {
-        const bool isNew = !m_paths.contains(it.key());
-        m_paths[it.key()] = it.value();
-        if (isNew)
-            m_tree->addListener(it.key(), this);
-    }
-    m_subscribtions = subscribtions;
     if (!m_waiting)
         startTimer();
 }
 
-void CMEventQueue::unsubscribe(const CMPath& path)
+void CMEventQueue::subscribe(const ZarkEventSubscribe& subscription)
 {
-    m_tree->removeListener(path, this);
-    m_paths.remove(path);
-    m_pending.drop(path);
-    m_sent.drop(path);
+    int& types = m_paths[subscription.path()];
+    if (!types)
+        m_tree->addListener(subscription.path(), this);
+    types |= typeOf(subscription);
+    m_subscribtions.append(subscription);
 }
 
-// Row events from before a gap in the subscription must not meet those from after it.
-void CMEventQueue::unsubscribeRows(const CMPath& path)
+void CMEventQueue::unsubscribe(const ZarkEventSubscribe& subscription)
 {
-    m_pending.dropRows(path);
-    m_sent.dropRows(path);
+    const CMPath& path = subscription.path();
+    const int types = m_paths.value(path) & ~typeOf(subscription);
+    if (!types) {
+        m_tree->removeListener(path, this);
+        m_paths.remove(path);
+        m_pending.drop(path);
+        m_sent.drop(path);
+        return;
+    }
+    m_paths.insert(path, types);
+    // Row events from before a gap in the subscription must not meet those from after it.
+    if (types == Item) {
+        m_pending.dropRows(path);
+        m_sent.dropRows(path);
+    }
 }
 
 void CMEventQueue::nodeChanged(CMUINode* node, const QStringList& roles)
@@ -144,7 +156,7 @@ void CMEventQueue::nodeChanged(CMUINode* node, const QStringList& roles)
 
 void CMEventQueue::rowsChanged(CMUINode* node, const QList<ZarkRowEvent>& events)
 {
-    if (!m_paths.value(node->path()))
+    if (!(m_paths.value(node->path()) & Rows))
         return;
     m_pending.addRows(node->path(), events);
     answerSoon();
@@ -152,7 +164,7 @@ void CMEventQueue::rowsChanged(CMUINode* node, const QList<ZarkRowEvent>& events
 
 void CMEventQueue::nodeAppeared(CMUINode* node)
 {
-    m_pending.replace(node->path(), allRoles(), m_paths.value(node->path()));
+    m_pending.replace(node->path(), allRoles(), m_paths.value(node->path()) & Rows);
     answerSoon();
 }
 
@@ -164,7 +176,7 @@ void CMEventQueue::nodeVanished(const CMPath& path)
 
 void CMEventQueue::tellAll(const CMPath& path)
 {
-    m_pending.replace(path, allRoles(), m_paths.value(path) && m_tree->node(path));
+    m_pending.replace(path, allRoles(), (m_paths.value(path) & Rows) && m_tree->node(path));
 }
 
 void CMEventQueue::answerSoon()

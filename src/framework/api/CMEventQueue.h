@@ -91,9 +91,14 @@ private:
 
     CMEventQueue(CMNodeTree* tree, int expiryMs, QObject* parent);
 
-    void setSubscribtions(const ZarkList<ZarkEventSubscribe>& subscribtions);
-    void unsubscribe(const CMPath& path);
-    void unsubscribeRows(const CMPath& path);
+    enum Type { Item = 1, Rows = 2 };
+
+    static Type typeOf(const ZarkEventSubscribe& subscription);
+    bool isSubscribed(const ZarkEventSubscribe& subscription) const;
+    /// `added` is not subscribed yet, `removed` is; each once. A path that has one of both goes on without a gap.
+    void change(const ZarkList<ZarkEventSubscribe>& added, const ZarkList<ZarkEventSubscribe>& removed);
+    void subscribe(const ZarkEventSubscribe& subscription);
+    void unsubscribe(const ZarkEventSubscribe& subscription);
     /// Answers a waiting poll with what there is, and from now on every poll at once.
     void close();
 
@@ -124,7 +129,7 @@ private:
     bool m_answersSoon = false;
 
     ZarkList<ZarkEventSubscribe> m_subscribtions;
-    QHash<CMPath, bool> m_paths; // Whether the rows are subscribed too.
+    QHash<CMPath, int> m_paths; // Of which types, together.
     CMPendingChanges m_pending;
     CMSentAnswers m_sent;
 

@@ -11,31 +11,6 @@ namespace {
 
 constexpr int TextLength = 36; // Of a UUID without braces (RFC 9562, section 4).
 
-/// `list` without `unsubscribe`, then with `subscribe`, each once.
-ZarkList<ZarkEventSubscribe> changedList(const ZarkList<ZarkEventSubscribe>& list,
-    const ZarkList<ZarkEventSubscribe>& subscribe, const ZarkList<ZarkEventSubscribe>& unsubscribe)
-{
-    const auto keyOf = [](const ZarkEventSubscribe& item) {
-        return item.type() + item.path().toEncoded();
-    };
-    QSet<QString> skipped;
-    for (const ZarkEventSubscribe& item : unsubscribe)
-        skipped.insert(keyOf(item));
-    for (const ZarkEventSubscribe& item : subscribe)
-        skipped.remove(keyOf(item));
-
-    ZarkList<ZarkEventSubscribe> result;
-    const auto appendOnce = [&](const ZarkEventSubscribe& item) {
-        const QString key = keyOf(item);
-        if (!skipped.contains(key))
-            result.append(item);
-        skipped.insert(key);
-    };
-    std::for_each(list.cbegin(), list.cend(), appendOnce);
-    std::for_each(subscribe.cbegin(), subscribe.cend(), appendOnce);
-    return result;
-}
-
 } // namespace
 
 CMEventQueueManager::CMEventQueueManager(QObject* parent) : QObject(parent) { }
@@ -58,14 +33,35 @@ CMEventQueue* CMEventQueueManager::modifyQueue(
         return nullptr;
     }
 
-    const ZarkList<ZarkEventSubscribe> current = queue ? queue->subscribtions() : ZarkList<ZarkEventSubscribe>();
-    const ZarkList<ZarkEventSubscribe> changed = changedList(current, subscribe, unsubscribe);
-    if (!isWithinLimits(current, changed))
+    const Change change = changeOf(queue, subscribe, unsubscribe);
+    if (!isWithinLimits(queue ? queue->subscribtions().count() : 0, change))
         return nullptr;
     if (isNew)
         queue = createQueue();
-    queue->setSubscribtions(changed);
+    queue->change(change.added, change.removed);
     return queue;
+}
+
+// Nothing here depends on how much the queue has already: clients subscribe one path after another.
+CMEventQueueManager::Change CMEventQueueManager::changeOf(const CMEventQueue* queue,
+    const ZarkList<ZarkEventSubscribe>& subscribe, const ZarkList<ZarkEventSubscribe>& unsubscribe)
+{
+    Change change;
+    QSet<QString> seen;
+    const auto isFirst = [&seen](const ZarkEventSubscribe& item) {
+        const int before = seen.count();
+        seen.insert(item.type() + item.path().toEncoded());
+        return seen.count() > before;
+    };
+    for (const ZarkEventSubscribe& item : subscribe) {
+        if (isFirst(item) && (!queue || !queue->isSubscribed(item)))
+            change.added.append(item);
+    }
+    for (const ZarkEventSubscribe& item : unsubscribe) {
+        if (isFirst(item) && queue && queue->isSubscribed(item))
+            change.removed.append(item);
+    }
+    return change;
 }
 
 CMEventQueue* CMEventQueueManager::getQueue(const QString& queueId) const
@@ -99,18 +95,18 @@ bool CMEventQueueManager::isAcceptable(const ZarkList<ZarkEventSubscribe>& list)
     });
 }
 
-bool CMEventQueueManager::isWithinLimits(
-    const ZarkList<ZarkEventSubscribe>& current, const ZarkList<ZarkEventSubscribe>& changed) const
+bool CMEventQueueManager::isWithinLimits(int current, const Change& change) const
 {
-    if (changed.count() <= current.count())
+    const int more = change.added.count() - change.removed.count();
+    if (more <= 0)
         return true;
-    int all = changed.count() - current.count();
+    int all = more;
     for (const CMEventQueue* queue : m_queues)
         all += queue->subscribtions().count();
-    if (changed.count() <= CMEventQueue::MaximumSubscribtions && all <= MaximumSubscribtions)
+    if (current + more <= CMEventQueue::MaximumSubscribtions && all <= MaximumSubscribtions)
         return true;
     dbglog_warn(apiLogger(),
-        "Subscriptions are refused: " << changed.count() << " of one event queue, " << all << " of all queues");
+        "Subscriptions are refused: " << current + more << " of one event queue, " << all << " of all queues");
     return false;
 }
 

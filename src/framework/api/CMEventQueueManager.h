@@ -47,8 +47,16 @@ Q_SIGNALS:
     void expired(const QString& queueId);
 
 private:
+    struct Change {
+        ZarkList<ZarkEventSubscribe> added; ///< Each once, and not subscribed yet.
+        ZarkList<ZarkEventSubscribe> removed; ///< Each once, and subscribed.
+    };
+
+    /// What is in both lists stays or is added. Null: a queue without subscriptions.
+    static Change changeOf(const CMEventQueue* queue, const ZarkList<ZarkEventSubscribe>& subscribe,
+        const ZarkList<ZarkEventSubscribe>& unsubscribe);
     bool isAcceptable(const ZarkList<ZarkEventSubscribe>& list) const;
-    bool isWithinLimits(const ZarkList<ZarkEventSubscribe>& current, const ZarkList<ZarkEventSubscribe>& changed) const;
+    bool isWithinLimits(int current, const Change& change) const;
     CMEventQueue* createQueue();
     void remove(CMEventQueue* queue);
 

@@ -13,8 +13,10 @@ public:
         Sha512 = QCryptographicHash::Sha512,
     };
 
-    /// Writes the raw digest of `data` to `out`. Always true.
+    // False, with an empty `out`, where OpenSSL does not have the algorithm.
+
+    /// Writes the raw digest of `data` to `out`.
     static bool hash(Algorithm algorithm, const QByteArray& data, QByteArray* out);
-    /// Writes the raw HMAC of `data` under `key` to `out`. Always true.
+    /// Writes the raw HMAC of `data` under `key` to `out`.
     static bool hmac(Algorithm algorithm, const QByteArray& key, const QByteArray& data, QByteArray* out);
 };

@@ -170,7 +170,9 @@ void Message::setEncoding(Encoding encoding)
         else if (version == SOUP_HTTP_1_0)
             soupEncoding = SOUP_ENCODING_EOF;
     }
-    soup_message_headers_set_encoding(m_data.message->response_headers, soupEncoding);
+    SoupMessageHeaders* fields = m_data.message->response_headers;
+    if (soup_message_headers_get_encoding(fields) != soupEncoding)
+        soup_message_headers_set_encoding(fields, soupEncoding);
 }
 
 void Message::responseBodyAdd(const char* data, qint64 length)
@@ -346,12 +348,11 @@ const QString& Message::fullUri() const
     return m_fullUri;
 }
 
-const QUrlQuery& Message::query() const
+const QueryItems& Message::query() const
 {
     dbglog_scopedFunction(webserverLog());
     if (!m_querySplit && m_valid) {
-        QByteArray query(soup_uri_get_query(soup_message_get_uri(m_data.message)));
-        m_query = ZarkUrl::splitQuery(query.replace('+', ' '));
+        m_query = QueryItems(soup_uri_get_query(soup_message_get_uri(m_data.message)));
         m_querySplit = true;
     }
     return m_query;
@@ -373,7 +374,7 @@ void Message::releaseInput()
 {
     dbglog_scopedFunction(webserverLog());
     m_url = ZarkUrl();
-    m_query = QUrlQuery();
+    m_query = QueryItems();
     m_querySplit = false;
     if (m_valid)
         soup_message_body_truncate(m_data.message->request_body);

@@ -6,6 +6,7 @@
 
 #include <libsoup/soup.h>
 
+#include "QueryItems.h"
 #include "ZarkUrl.h"
 
 /// What the HTTP library hands to a request callback. Nothing is owned; a Message keeps `query` for as long as it
@@ -96,8 +97,8 @@ public:
     bool isFromLocalhost() const;
     bool isHttps() const;
     QByteArray path() const { return m_data.path; } ///< Of the URI, not decoded; dot segments are resolved.
-    /// The parameters of the URI's query, "+" read as a space; without parsing the rest of the URI.
-    const QUrlQuery& query() const;
+    /// The parameters of the URI's query; without parsing the rest of the URI.
+    const QueryItems& query() const;
     /// The parsed URI, in whose query "+" reads as a space.
     ZarkUrl url() const;
     /// Gives back the body and what url() and query() keep for the next call: an exchange that waits has no use for
@@ -131,7 +132,7 @@ private:
     bool m_finished = false;
     mutable QString m_fullUri;
     mutable ZarkUrl m_url;
-    mutable QUrlQuery m_query;
+    mutable QueryItems m_query;
     mutable bool m_querySplit = false;
     gulong m_gotChunkId = 0; ///< 0: not connected.
     gulong m_wroteChunkId = 0; ///< 0: not connected.

@@ -16,10 +16,16 @@ namespace {
 // The library's own backlog of 10 overflows in a burst, and a client whose handshake is lost waits 200 ms.
 constexpr int ListenBacklog = 512;
 constexpr int MaximumPort = 65535;
+constexpr int LongestName = 253 + 6; // Of a host, with a port (RFC 1035, section 2.3.4).
 
 bool isTlsAvailable()
 {
     return g_tls_backend_supports_tls(g_tls_backend_get_default());
+}
+
+bool hasBody(SoupMessage* message)
+{
+    return soup_message_headers_get_encoding(message->request_headers) != SOUP_ENCODING_NONE;
 }
 
 QString take(GError* error)
@@ -254,9 +260,12 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
     SoupClientContext* client, gpointer handlerData)
 {
     dbglog_trace(webserverLog(), "path: " << path);
+    const auto* registration = static_cast<HandlerData*>(handlerData);
+    // With a body, the guard sees its end.
+    if (!hasBody(message))
+        registration->server->m_connectionTable->requestRead(client);
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
-    const auto* registration = static_cast<HandlerData*>(handlerData);
     auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
     registration->server->dispatch(wrapped, registration->handler);
     if (wrapped->isFinished()) {
@@ -274,7 +283,7 @@ void Server::early_server_callback(SoupServer* server, SoupMessage* message, con
     SoupClientContext* client, gpointer handlerData)
 {
     // Most requests: they are spared a Message that nobody would look at.
-    if (soup_message_headers_get_encoding(message->request_headers) != SOUP_ENCODING_NONE)
+    if (hasBody(message))
         server_callback(server, message, path, query, client, handlerData);
 }
 
@@ -285,10 +294,13 @@ void Server::dispatch(Message* message, Handler* handler)
         message->setHeader(QByteArrayLiteral("Content-Language"), m_language.toUtf8());
     const char* field = soup_message_headers_get_one(fields, "Host");
     const QByteArray host = QByteArray::fromRawData(field, field ? static_cast<int>(qstrlen(field)) : 0);
-    if (!isAcceptedHost(host)) {
+    const bool isKnown = field && host == m_acceptedHost;
+    if (!isKnown && !isAcceptedHost(host)) {
         dbglog_error(webserverLog(), "rejecting message: host=" << host);
         message->setStatus(SOUP_STATUS_FORBIDDEN, QString());
         return;
     }
+    if (!isKnown && host.size() <= LongestName)
+        m_acceptedHost = QByteArray(host.constData(), host.size());
     handler->handle(message);
 }

@@ -27,12 +27,13 @@ struct ServerLimits;
 /// 4. filter: a Host field that names a foreign domain is answered 403 here.
 /// 5. handler: the registration's Handler answers at once, or
 /// 6. pause: a ResponderHandler pauses the exchange and goes on from the event loop, where it makes a
-/// 7. responder with a Request as its input and a ServerMessageDevice as its output. The responder asks the framework,
-///    writes status, headers and body, and emits finished(id).
-/// 8. device: the handler closes the device, which completes the body and resumes the exchange; the library sends it.
+/// 7. responder with a Request as its input. The responder asks the framework, sets status, headers and body, or
+/// streams
+///    the body into a ServerMessageDevice, and emits finished(id).
+/// 8. completion: the handler ends what was streamed and resumes the exchange; the library sends it.
 /// 9. finished: the library reports the exchange sent, or the client gone, whichever comes first and at any of the
 ///    steps above; Message::finished() tells everybody who still works on it.
-/// 10. deletion: responder, request, devices and message are deleted later, from the event loop.
+/// 10. deletion: responder, request and message are deleted later, from the event loop.
 class Server : public QObject, private CertificateUser {
     Q_OBJECT
 public:
@@ -119,6 +120,7 @@ private:
     bool m_running = false;
     bool m_draining = false;
     QString m_language;
+    QByteArray m_acceptedHost; ///< The last one: most clients name the same.
     QString m_lastError;
     SoupServerListenOptions m_listenOptions = static_cast<SoupServerListenOptions>(0);
     std::unique_ptr<ServerCertificate> m_certificate; ///< Null on plain HTTP.

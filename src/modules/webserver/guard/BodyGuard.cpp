@@ -31,6 +31,11 @@ struct Body {
     qint64 limit() const { return connection->limits->limits().bodyBytes; }
 };
 
+void onGotBody(SoupMessage*, gpointer connection)
+{
+    ConnectionTable::requestRead(static_cast<Connection*>(connection));
+}
+
 void deleteBody(gpointer body, GClosure*)
 {
     delete static_cast<Body*>(body);
@@ -167,6 +172,7 @@ void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::C
         g_signal_connect(message, "got-body", G_CALLBACK(closeAfterAnswer), nullptr);
     if (!hasBody(head))
         return;
+    g_signal_connect(message, "got-body", G_CALLBACK(onGotBody), connection);
     auto* body = new Body(connection, isChunked);
     body->isTooLarge = !isChunked && head.contentLength.toLongLong() > body->limit();
     if (body->isTooLarge)

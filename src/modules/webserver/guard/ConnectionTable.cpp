@@ -1,9 +1,5 @@
 #include "ConnectionTable.h"
 
-#include <glib-unix.h>
-
-#include <array>
-#include <cerrno>
 #include <cstddef>
 #include <fcntl.h>
 #include <linux/tcp.h> // With the byte counts that the C library's tcp_info lacks.
@@ -20,6 +16,7 @@
 
 #include <QVector>
 
+#include "Parking.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -79,25 +76,16 @@ void setTcpTimeouts(int fd, const ServerLimits& limits)
 
 ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
     : m_server(server), m_limits(limits), m_maximumConnections(maximumConnections(limits.connections)),
-      m_requestReadId(g_signal_connect(server, "request-read", G_CALLBACK(onRequestRead), this)),
-      m_epollFd(epoll_create1(EPOLL_CLOEXEC))
+      m_watch([this](quint64 number, quint32 events) { heard(number, events); }),
+      m_parking(std::make_unique<Parking>(server, &m_watch))
 {
-    if (m_epollFd >= 0)
-        m_epollSource = g_unix_fd_add(m_epollFd, G_IO_IN, onHangUps, this);
-    else
-        dbglog_error(webserverLog(), "Clients that leave early will not be noticed: epoll_create1: errno " << errno);
 }
 
 ConnectionTable::~ConnectionTable()
 {
     dbglog_scopedFunction(webserverLog());
-    g_signal_handler_disconnect(m_server, m_requestReadId);
     for (const auto& entry : m_connections)
         g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
-    if (m_epollSource)
-        g_source_remove(m_epollSource);
-    if (m_epollFd >= 0)
-        ::close(m_epollFd);
 }
 
 void ConnectionTable::start(SoupServerListenOptions options)
@@ -173,12 +161,13 @@ bool ConnectionTable::isAnswering() const
         [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
-ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client)
+ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client, SoupMessage* message)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
     Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
     const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
+    connection->next = message;
     connection->state = ReadingHead;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + seconds * MicrosecondsPerSecond;
@@ -202,7 +191,7 @@ ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client
     g_signal_connect(connection->socket, "disconnected", G_CALLBACK(onDisconnected), connection);
     if (connection->gsocket) {
         setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits);
-        watchHangUp(connection);
+        m_watch.add(g_socket_get_fd(connection->gsocket), connection->number);
     }
     scheduleSweep(BusySweepMilliseconds);
     if (static_cast<int>(m_connections.size()) > m_maximumConnections) {
@@ -229,39 +218,18 @@ ConnectionTable::Connection* ConnectionTable::leastUseful(Connection* newest) co
     return chosen;
 }
 
-// One epoll set for all connections: a watch each on the main loop would double the work of every turn. A socket that
-// somebody has duplicated stays in the set after it was closed.
-void ConnectionTable::watchHangUp(const Connection* connection)
+void ConnectionTable::heard(quint64 number, quint32 events)
 {
-    if (m_epollFd < 0)
+    const auto found = m_numbered.find(number);
+    if (found == m_numbered.end())
         return;
-    epoll_event event{};
-    event.events = EPOLLRDHUP | EPOLLET;
-    event.data.u64 = connection->number;
-    epoll_ctl(m_epollFd, EPOLL_CTL_ADD, g_socket_get_fd(connection->gsocket), &event);
-}
-
-gboolean ConnectionTable::onHangUps(gint fd, GIOCondition, gpointer self)
-{
-    auto* limits = static_cast<ConnectionTable*>(self);
-    std::array<epoll_event, 64> events{};
-    const int count = epoll_wait(fd, events.data(), static_cast<int>(events.size()), 0);
-    for (int i = 0; i < count; ++i) {
-        const auto& event = events.at(static_cast<size_t>(i));
-        const auto found = limits->m_numbered.find(event.data.u64);
-        if (found != limits->m_numbered.end())
-            limits->handleHangUp(found->second, event.events);
-    }
-    return G_SOURCE_CONTINUE;
-}
-
-void ConnectionTable::handleHangUp(Connection* connection, quint32 events)
-{
-    if (connection->halfClosedSince == 0)
+    Connection* connection = found->second;
+    if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) && connection->halfClosedSince == 0)
         connection->halfClosedSince = g_get_monotonic_time();
     // While it reads, the library notices by itself, after what the client had sent before.
     if (connection->state == Answering && (events & (EPOLLHUP | EPOLLERR)))
         closeSoon(connection);
+    m_parking->resume(connection);
 }
 
 void ConnectionTable::headRead(Connection* connection)
@@ -279,13 +247,17 @@ void ConnectionTable::bodyMoved(Connection* connection)
     connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
 }
 
-void ConnectionTable::onRequestRead(SoupServer*, SoupMessage*, SoupClientContext* client, gpointer self)
+void ConnectionTable::requestRead(SoupClientContext* client)
 {
-    auto* limits = static_cast<ConnectionTable*>(self);
-    const auto found = limits->m_connections.find(client);
-    if (found == limits->m_connections.end())
-        return;
-    Connection* connection = found->second.get();
+    dbglog_scopedFunction(webserverLog());
+    const auto found = m_connections.find(client);
+    if (found != m_connections.end())
+        requestRead(found->second.get());
+}
+
+void ConnectionTable::requestRead(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
     connection->state = Answering;
     connection->since = g_get_monotonic_time();
     connection->deadline = 0;
@@ -357,6 +329,7 @@ void ConnectionTable::timerEvent(QTimerEvent*)
     closeOverdue();
     closeSlowHandshakes();
     closeDoomed();
+    parkIdle();
     m_gone.clear();
     reviveListeners();
     if (m_timer)
@@ -392,6 +365,15 @@ void ConnectionTable::closeOverdue()
         Connection* connection = entry.second.get();
         if (isOverdue(*connection, now) || isAbandoned(connection, now))
             doom(connection);
+    }
+}
+
+void ConnectionTable::parkIdle()
+{
+    const gint64 now = g_get_monotonic_time();
+    for (const auto& entry : m_connections) {
+        if (!mayBeShakingHands(*entry.second))
+            m_parking->parkIfIdle(entry.second.get(), now);
     }
 }
 

@@ -9,10 +9,14 @@
 #include <vector>
 
 #include "ServerLimits.h"
+#include "SocketWatch.h"
+
+class Parking;
 
 /// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
 /// there are, notice of a client that leaves while its exchange is paused, and a listener that survives running out of
-/// file descriptors. On the server's thread; lives from the server's construction to just before its destruction.
+/// file descriptors. Idle connections it parks (Parking). On the server's thread; lives from the server's construction
+/// to just before its destruction.
 class ConnectionTable : public QObject {
 public:
     enum State {
@@ -27,6 +31,7 @@ public:
         quint64 number = 0; ///< Never used again, unlike the pointers.
         SoupSocket* socket = nullptr; ///< Not owned.
         GSocket* gsocket = nullptr; ///< Not owned.
+        SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
         State state = ReadingHead;
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.
@@ -34,6 +39,7 @@ public:
         gint64 movedSince = 0; ///< When a half-closed client was last seen to have something to read; 0: never.
         quint64 acknowledgedBytes = 0; ///< At that time.
         bool answeredBefore = false;
+        bool parked = false; ///< See Parking.
         bool doomed = false; ///< Will be closed; the library may take a moment to notice.
         bool gone = false;
     };
@@ -60,9 +66,12 @@ public:
     bool isAnswering() const;
 
     /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
-    /// event loop has turned.
-    Connection* requestStarted(SoupClientContext* client);
+    /// event loop has turned. The library is about to read the head of `message`.
+    Connection* requestStarted(SoupClientContext* client, SoupMessage* message);
     static void headRead(Connection* connection);
+    /// The whole request was read: its answer has no deadline.
+    static void requestRead(Connection* connection);
+    void requestRead(SoupClientContext* client);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
     static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
@@ -72,13 +81,10 @@ protected:
     void timerEvent(QTimerEvent* event) override;
 
 private:
-    static void onRequestRead(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
     static void onDisconnected(SoupSocket* socket, gpointer connection);
-    static gboolean onHangUps(gint fd, GIOCondition condition, gpointer self);
 
     Connection* accepted(SoupClientContext* client);
-    void watchHangUp(const Connection* connection);
-    void handleHangUp(Connection* connection, quint32 events);
+    void heard(quint64 number, quint32 events);
     Connection* leastUseful(Connection* newest) const;
     static bool isOverdue(const Connection& connection, gint64 now);
     bool mayBeShakingHands(const Connection& connection) const;
@@ -89,6 +95,7 @@ private:
     void closeListeners();
     void closeOverdue();
     void closeSlowHandshakes();
+    void parkIdle();
     void reviveListeners();
     void scheduleSweep(int milliseconds);
     void stopSweep();
@@ -97,9 +104,8 @@ private:
     ServerLimits m_limits;
     int m_maximumConnections;
     SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
-    gulong m_requestReadId;
-    int m_epollFd;
-    guint m_epollSource = 0;
+    SocketWatch m_watch;
+    std::unique_ptr<Parking> m_parking;
     int m_timer = 0;
     int m_timerMilliseconds = 0;
     quint64 m_acceptCount = 0;

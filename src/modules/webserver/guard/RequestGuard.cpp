@@ -167,7 +167,7 @@ RequestGuard::~RequestGuard()
 void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClientContext* client, gpointer self)
 {
     auto* guard = static_cast<RequestGuard*>(self);
-    Connection* connection = guard->m_connectionTable->requestStarted(client);
+    Connection* connection = guard->m_connectionTable->requestStarted(client, message);
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
     g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);

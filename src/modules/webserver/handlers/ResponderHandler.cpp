@@ -1,27 +1,24 @@
 #include "ResponderHandler.h"
 
-#include <QBuffer>
-
-#include <array>
+#include <memory>
 #include <utility>
 
 #include "Request.h"
 #include "Responder.h"
 #include "ResponderFactory.h"
-#include "ServerMessageDevice.h"
 #include "WebserverLog.h"
 
 namespace {
 
-/// What is left of an exchange, deleted from the event loop in the order given: the responder while it still has its
-/// request. One object, as each deleteLater() of its own would wake the event loop once more.
+/// What is left of an exchange, deleted from the event loop: the responder while it still has its request. One object,
+/// as each deleteLater() of its own would wake the event loop once more.
 class FinishedExchange : public QObject {
 public:
-    explicit FinishedExchange(const std::array<QObject*, 4>& parts) : m_parts(parts) { }
-    ~FinishedExchange() override { qDeleteAll(m_parts); }
+    FinishedExchange(Responder* responder, Request* request) : m_request(request), m_responder(responder) { }
 
 private:
-    std::array<QObject*, 4> m_parts;
+    std::unique_ptr<Request> m_request;
+    std::unique_ptr<Responder> m_responder;
 };
 
 } // namespace
@@ -60,12 +57,7 @@ void ResponderHandler::on_handleRequest(void* message)
     if (responder->respondWillBlock())
         qFatal("!blockingResponder");
 
-    auto* input = new QBuffer;
-    input->open(QIODevice::ReadOnly);
-    auto* output = new ServerMessageDevice(request, nullptr);
-    output->open(QIODevice::WriteOnly);
-    responder->setIODevices(input, output);
-    m_responders.insert(id, { responder, request, input, output });
+    m_responders.insert(id, { responder, request });
 
     const bool connected =
         connect(responder, &Responder::finished, this, qOverload<int>(&ResponderHandler::finalizeRequest))
@@ -86,18 +78,11 @@ void ResponderHandler::finalizeRequest(int requestId)
         return;
     }
     const ResponderInfo info = m_responders.take(requestId);
-    info.input->close();
-    info.output->close();
-    if (info.responder->respondWillBlock()) {
-        auto* buffer = qobject_cast<QBuffer*>(info.output);
-        if (!buffer)
-            qFatal("buffer");
-        info.request->setResponseBody(buffer->data(), QString());
-    }
+    info.responder->complete();
     dbglog_debug(webserverLog(),
         "Responder finished request " << requestId << ": status: " << info.request->status()
                                       << " data size: " << info.request->data().message->response_body->length);
-    (new FinishedExchange({ info.responder, info.request, info.input, info.output }))->deleteLater();
+    (new FinishedExchange(info.responder, info.request))->deleteLater();
 }
 
 void ResponderHandler::finalizeRequest()

@@ -7,13 +7,12 @@
 #include "Handler.h"
 #include "Message.h"
 
-class QIODevice;
 class Request;
 class Responder;
 class ResponderFactory;
 
 /// Makes one responder for each exchange, and finishes the exchange exactly once: when the responder says so or when
-/// the client has gone, whichever comes first. Owns responder, request and devices meanwhile; not the factory.
+/// the client has gone, whichever comes first. Owns responder and request meanwhile; not the factory.
 class ResponderHandler : public Handler {
     Q_OBJECT
 public:
@@ -29,8 +28,6 @@ private:
     struct ResponderInfo {
         Responder* responder;
         Request* request;
-        QIODevice* input;
-        QIODevice* output;
     };
 
     void startPending();

@@ -21,7 +21,8 @@ qint64 toInteger(const QVariant& value, bool* ok)
 
 QVariant RequestParameters::value(const QString& key) const
 {
-    return m_query.hasQueryItem(key) ? m_query.queryItemValue(key, QUrl::FullyDecoded) : m_body.value(key);
+    const QString* queried = m_query.find(key);
+    return queried ? QVariant(*queried) : m_body.value(key);
 }
 
 bool RequestParameters::readText(const QString& key, QString* text) const

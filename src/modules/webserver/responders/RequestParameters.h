@@ -2,11 +2,11 @@
 
 #include <QString>
 #include <QStringList>
-#include <QUrlQuery>
 #include <QVariant>
 
 #include <limits>
 
+#include "QueryItems.h"
 #include "ZarkJson.h"
 
 /// The parameters of one request, wherever they stood: in a query or in a form, where all are texts, or in a JSON
@@ -15,7 +15,7 @@ class RequestParameters {
 public:
     RequestParameters() = default;
     /// `maximumValues` bounds the JSON inside texts.
-    explicit RequestParameters(const QUrlQuery& query, int maximumValues = ZarkJson::AnyNumber)
+    explicit RequestParameters(const QueryItems& query, int maximumValues = ZarkJson::AnyNumber)
         : m_query(query), m_maximumValues(maximumValues)
     {
     }
@@ -48,7 +48,7 @@ public:
 private:
     bool readInteger(const QString& key, qint64 minimum, qint64 maximum, qint64* integer) const;
 
-    QUrlQuery m_query;
+    QueryItems m_query;
     QVariantHash m_body;
     int m_maximumValues = ZarkJson::AnyNumber;
 };

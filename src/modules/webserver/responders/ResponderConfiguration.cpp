@@ -16,6 +16,8 @@ namespace {
 constexpr qint32 MinimumStep = 1000;
 constexpr qint32 RandomStep = 3000;
 constexpr qint32 MaximumDelay = 10000;
+constexpr qint64 Minute = 60000;
+constexpr int MaximumClockWarnings = 100;
 
 qint64 monotonicMilliseconds()
 {
@@ -59,4 +61,17 @@ void ResponderConfiguration::authFailReset()
     m_nextDelay = 0;
     m_blockedUntil = 0;
     dbglog_trace(webserverLog(), "reset blocking");
+}
+
+bool ResponderConfiguration::warnsOfClock(const QString& client)
+{
+    dbglog_scopedFunction(webserverLog());
+    const qint64 minute = monotonicMilliseconds() / Minute;
+    if (minute != m_warnedMinute)
+        m_warnedOfClock.clear();
+    m_warnedMinute = minute;
+    if (m_warnedOfClock.contains(client) || m_warnedOfClock.size() >= MaximumClockWarnings)
+        return false;
+    m_warnedOfClock.insert(client);
+    return true;
 }

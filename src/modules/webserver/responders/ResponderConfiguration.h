@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QtGlobal>
+#include <QSet>
+#include <QString>
 
 #include <memory>
 
@@ -37,6 +38,10 @@ public:
     void authFailBlock(Responder* responder, int requestId);
     void authFailReset();
 
+    /// Whether the clock of that client is worth a warning in the log: once a minute each, and for a hundred clients in
+    /// one minute, however many there are.
+    bool warnsOfClock(const QString& client);
+
 private:
     bool m_strictRequests = false;
     ZarkWebserverAuthMode::Enum m_authMode = ZarkWebserverAuthMode::Everything;
@@ -44,5 +49,7 @@ private:
     int m_maximumRows = 1000;
     qint32 m_nextDelay = 0; ///< Milliseconds.
     qint64 m_blockedUntil = 0; ///< Milliseconds of the monotonic clock.
+    QSet<QString> m_warnedOfClock; ///< In this minute.
+    qint64 m_warnedMinute = 0;
     std::unique_ptr<CMValueItem> m_analyticsEnabled;
 };

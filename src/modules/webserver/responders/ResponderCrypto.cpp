@@ -12,9 +12,10 @@ constexpr qint64 UnremarkableTimeDifference = 1000; // milliseconds
 
 class ResponderCryptoHmacSha256 : public ResponderCrypto {
 public:
-    ResponderCryptoHmacSha256(
-        const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, bool encrypt, int maximumValues)
-        : m_fields(fields), m_user(user), m_encrypt(encrypt), m_maximumValues(maximumValues)
+    ResponderCryptoHmacSha256(const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, bool encrypt,
+        int maximumValues, const std::function<bool()>& warnsOfClock)
+        : m_fields(fields), m_user(user), m_encrypt(encrypt), m_maximumValues(maximumValues),
+          m_warnsOfClock(warnsOfClock)
     {
         CryptoHash::hash(CryptoHash::Sha256, QByteArray::fromBase64(fields.salt) + user.password().toUtf8(), &m_key);
     }
@@ -29,6 +30,7 @@ private:
     ZarkWebserverUser m_user;
     bool m_encrypt;
     int m_maximumValues;
+    std::function<bool()> m_warnsOfClock;
     QByteArray m_key;
 };
 
@@ -71,14 +73,14 @@ ResponderCrypto::AuthorizationHeaderFields ResponderCrypto::splitAuthorizationHe
     return fields;
 }
 
-QSharedPointer<ResponderCrypto> ResponderCrypto::create(
-    const AuthorizationHeaderFields& fields, const ZarkWebserverUser& user, int maximumValues)
+QSharedPointer<ResponderCrypto> ResponderCrypto::create(const AuthorizationHeaderFields& fields,
+    const ZarkWebserverUser& user, int maximumValues, const std::function<bool()>& warnsOfClock)
 {
     dbglog_scopedFunction(webserverLog());
     if (fields.scheme == QLatin1String("hmac_sha256_aes256"))
-        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, true, maximumValues);
+        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, true, maximumValues, warnsOfClock);
     if (fields.scheme == QLatin1String("hmac_sha256"))
-        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, false, maximumValues);
+        return QSharedPointer<ResponderCryptoHmacSha256>::create(fields, user, false, maximumValues, warnsOfClock);
     return QSharedPointer<ResponderCryptoInvalid>::create();
 }
 
@@ -90,8 +92,8 @@ bool ResponderCryptoHmacSha256::authenticate(const QByteArray& data)
     const QByteArray message =
         m_fields.user.toUtf8() + '.' + m_fields.salt + '.' + QByteArray::number(m_fields.timestamp) + '.' + data;
     QByteArray mac;
-    CryptoHash::hmac(CryptoHash::Sha256, m_key, message, &mac);
-    return equalBytes(QByteArray::fromBase64(m_fields.signature), mac);
+    return !m_key.isEmpty() && CryptoHash::hmac(CryptoHash::Sha256, m_key, message, &mac)
+        && equalBytes(QByteArray::fromBase64(m_fields.signature), mac);
 }
 
 // Reported, never enforced: devices start without a clock. The signature protects the timestamp from being altered.
@@ -100,7 +102,8 @@ void ResponderCryptoHmacSha256::logTimeDifference() const
     // Unsigned: a client may send any 64 bits.
     const auto difference = static_cast<qint64>(
         static_cast<quint64>(QDateTime::currentMSecsSinceEpoch()) - static_cast<quint64>(m_fields.timestamp));
-    if (difference > -UnremarkableTimeDifference && difference < UnremarkableTimeDifference)
+    const bool isWrong = difference <= -UnremarkableTimeDifference || difference >= UnremarkableTimeDifference;
+    if (!isWrong || (m_warnsOfClock && !m_warnsOfClock()))
         dbglog_debug(webserverLog(), "Time difference in milliseconds: " << difference);
     else
         dbglog_warn(webserverLog(), "Time difference in milliseconds: " << difference);

@@ -5,6 +5,8 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
+
 #include "ZarkJson.h"
 #include "ZarkWebserverUser.h"
 
@@ -32,9 +34,11 @@ public:
 
     /// Never fails: what is missing is empty.
     static AuthorizationHeaderFields splitAuthorizationHeader(const QByteArray& header);
-    /// A checker that says no to everything for an unknown scheme. `maximumValues` bounds the JSON that it opens.
+    /// A checker that says no to everything for an unknown scheme. `maximumValues` bounds the JSON that it opens;
+    /// `warnsOfClock` is asked whether a wrong clock of the client is worth a warning (it always is without).
     static QSharedPointer<ResponderCrypto> create(const AuthorizationHeaderFields& fields,
-        const ZarkWebserverUser& user, int maximumValues = ZarkJson::AnyNumber);
+        const ZarkWebserverUser& user, int maximumValues = ZarkJson::AnyNumber,
+        const std::function<bool()>& warnsOfClock = {});
 
     /// Whether the signature is that of `data` under the user's key; false for an unknown user.
     virtual bool authenticate(const QByteArray& data) = 0;

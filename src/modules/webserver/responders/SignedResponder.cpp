@@ -59,8 +59,8 @@ void SignedResponder::identify(SignedBytes signedBytes)
     QByteArray data = request().fullUri().toUtf8();
     if (signedBytes == UriAndBody)
         data += '.' + request().requestBody();
-    const auto crypto =
-        ResponderCrypto::create(fields, m_userDatabase->user(fields.user), m_configuration->maximumValues());
+    const auto crypto = ResponderCrypto::create(fields, m_userDatabase->user(fields.user),
+        m_configuration->maximumValues(), [this] { return m_configuration->warnsOfClock(request().sender()); });
     if (!crypto->authenticate(data))
         return;
     m_caller.signature = Caller::Verified;

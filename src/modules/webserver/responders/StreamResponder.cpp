@@ -56,10 +56,10 @@ void StreamResponder::respond()
     request().setContentType(stream->mimeType());
     request().setNoCache();
     request().setStatus(SOUP_STATUS_OK, QString());
-    if (head)
-        Q_EMIT finished(requestId());
-    else
-        start(*stream);
+    if (!head)
+        return start(*stream);
+    request().setEncoding(Message::Streamed);
+    Q_EMIT finished(requestId());
 }
 
 // The path as getData takes it stands in the URL as it is, or encoded once more as a whole.

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QByteArray>
+#include <QPair>
+#include <QString>
+#include <QVector>
+
+/// The names and values of a URI's query, decoded: escapes from UTF-8, and "+" as a space, as forms write it. Escapes
+/// that are none stay as they are.
+class QueryItems {
+public:
+    QueryItems() = default;
+    explicit QueryItems(const QByteArray& encoded); ///< Without "?".
+
+    /// The first value of that name, empty for a name without "="; null when there is none. Valid as long as this is.
+    const QString* find(const QString& name) const;
+
+private:
+    QVector<QPair<QString, QString>> m_items;
+};
