@@ -144,7 +144,9 @@ export const de: Record<MessageKey, string> = {
   signInAbout:
     "Das Passwort verlässt diesen Browser nicht; der daraus gebildete Schlüssel wird mit diesem Tab vergessen.",
   wrongPassword: "Das Gerät kennt diesen Benutzer mit diesem Passwort nicht.",
-  heldBack: "Nach falschen Passwörtern antwortet das Gerät später: höchstens {0} s.",
+  heldBack: "Nach falschen Passwörtern antwortet das Gerät später: {0}.",
+  secondsAtMost: "höchstens {0} s",
+  anyMoment: "jeden Moment",
   tooShort: "Das Passwort braucht mindestens 6 Zeichen.",
   notTheSame: "Die beiden neuen Passwörter unterscheiden sich.",
   problemOffline: "das Gerät antwortet nicht",
