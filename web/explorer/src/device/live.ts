@@ -24,24 +24,36 @@ export class LiveNode {
   readonly samples = new Samples();
   holders = 0;
   private subscription: { close(): void } | undefined;
+  private waiting: ReturnType<typeof setTimeout> | undefined;
   private lingering: ReturnType<typeof setTimeout> | undefined;
   private rereading: ReturnType<typeof setTimeout> | undefined;
 
   constructor(readonly path: string) {}
 
-  hold(): void {
+  /** `delay` in milliseconds: who lets go before has never followed it. */
+  hold(delay = 0): void {
     clearTimeout(this.lingering);
     this.holders++;
-    this.subscription ??= device.subscribe([this.path], (event) => this.take(event));
+    if (delay === 0) this.follow();
+    else this.waiting ??= setTimeout(() => this.follow(), delay);
   }
 
   letGo(): void {
     if (--this.holders > 0) return;
-    this.lingering = setTimeout(() => {
-      this.subscription?.close();
-      this.subscription = undefined;
-      nodes.delete(this.path);
-    }, LINGER_MS);
+    clearTimeout(this.waiting);
+    this.waiting = undefined;
+    if (this.subscription) this.lingering = setTimeout(() => this.end(), LINGER_MS);
+    else this.end();
+  }
+
+  private follow(): void {
+    this.subscription ??= device.subscribe([this.path], (event) => this.take(event));
+  }
+
+  private end(): void {
+    this.subscription?.close();
+    this.subscription = undefined;
+    nodes.delete(this.path);
   }
 
   /** Shows at once what this page has written; the event that tells it comes later. */
@@ -96,16 +108,8 @@ export const followedNode = (path: string): LiveNode | undefined => nodes.get(pa
 export function useLive(path: string, delay = 0): LiveNode {
   const node = liveNode(path);
   useEffect(() => {
-    if (delay === 0) {
-      node.hold();
-      return () => node.letGo();
-    }
-    let held = false;
-    const timer = setTimeout(() => {
-      held = true;
-      node.hold();
-    }, delay);
-    return () => (held ? node.letGo() : clearTimeout(timer));
+    node.hold(delay);
+    return () => node.letGo();
   }, [node, delay]);
   return node;
 }
