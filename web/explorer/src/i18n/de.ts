@@ -160,6 +160,7 @@ export const de: Record<MessageKey, string> = {
   firmware: "Firmware",
   firmwareAbout: "Das Gerät prüft das Abbild anhand seiner SHA-256-Summe, bevor es gilt.",
   chooseImage: "Abbild",
+  imageTooLarge: "Das Gerät nimmt höchstens {0} an.",
   summing: "Summe wird gebildet … {0} %",
   sending: "Wird gesendet … {0} %",
   uploaded: "{0} empfangen, SHA-256",

@@ -156,6 +156,7 @@ export const en = {
   firmware: "Firmware",
   firmwareAbout: "The device checks the image by its SHA-256 sum before it counts.",
   chooseImage: "Image",
+  imageTooLarge: "The device takes images of {0} at most.",
   summing: "Computing the sum … {0} %",
   sending: "Sending … {0} %",
   uploaded: "{0} received, SHA-256",

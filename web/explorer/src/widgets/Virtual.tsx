@@ -63,9 +63,12 @@ export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest 
     if (!element || !reveal || reveal.index < 0) return;
     const at = reveal.index * rowHeight;
     const seen = element.scrollTop * scale;
-    if (at < seen) element.scrollTop = at / scale;
-    else if (at + rowHeight > seen + element.clientHeight)
-      element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
+    const room = element.clientHeight - rowHeight;
+    if (at >= seen && at <= seen + room) return;
+    // The next row comes to the edge, and any other into the middle, with those around it.
+    const isNext = at + rowHeight >= seen && at <= seen + element.clientHeight;
+    const to = isNext ? (at < seen ? at : at - room) : at - room / 2;
+    element.scrollTop = to / scale;
   }, [reveal]);
 
   // As many slots as rows can be in sight at a time, which changes with the height alone.
