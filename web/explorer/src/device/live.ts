@@ -24,36 +24,24 @@ export class LiveNode {
   readonly samples = new Samples();
   holders = 0;
   private subscription: { close(): void } | undefined;
-  private waiting: ReturnType<typeof setTimeout> | undefined;
   private lingering: ReturnType<typeof setTimeout> | undefined;
   private rereading: ReturnType<typeof setTimeout> | undefined;
 
   constructor(readonly path: string) {}
 
-  /** `delay` in milliseconds: who lets go before has never followed it. */
-  hold(delay = 0): void {
+  hold(): void {
     clearTimeout(this.lingering);
     this.holders++;
-    if (delay === 0) this.follow();
-    else this.waiting ??= setTimeout(() => this.follow(), delay);
+    this.subscription ??= device.subscribe([this.path], (event) => this.take(event));
   }
 
   letGo(): void {
     if (--this.holders > 0) return;
-    clearTimeout(this.waiting);
-    this.waiting = undefined;
-    if (this.subscription) this.lingering = setTimeout(() => this.end(), LINGER_MS);
-    else this.end();
-  }
-
-  private follow(): void {
-    this.subscription ??= device.subscribe([this.path], (event) => this.take(event));
-  }
-
-  private end(): void {
-    this.subscription?.close();
-    this.subscription = undefined;
-    nodes.delete(this.path);
+    this.lingering = setTimeout(() => {
+      this.subscription?.close();
+      this.subscription = undefined;
+      nodes.delete(this.path);
+    }, LINGER_MS);
   }
 
   /** Shows at once what this page has written; the event that tells it comes later. */
@@ -104,13 +92,13 @@ export function liveNode(path: string): LiveNode {
 /** The node if it is followed. */
 export const followedNode = (path: string): LiveNode | undefined => nodes.get(path);
 
-/** The node, followed as long as the component shows it. `delay` is for what scrolls by: it is followed when it stays. */
-export function useLive(path: string, delay = 0): LiveNode {
+/** The node, followed as long as the component shows it. */
+export function useLive(path: string): LiveNode {
   const node = liveNode(path);
   useEffect(() => {
-    node.hold(delay);
+    node.hold();
     return () => node.letGo();
-  }, [node, delay]);
+  }, [node]);
   return node;
 }
 
