@@ -199,7 +199,7 @@ const SCENARIOS = {
     const sum = createHash("sha256").update(image).digest("hex");
     await open("webclient/#/machine");
     await page
-      .getByLabel("Image")
+      .getByLabel("Image", { exact: true })
       .setInputFiles({ name: "image.bin", mimeType: "application/octet-stream", buffer: image });
     await button("Upload").click();
     await page.locator("dd", { hasText: sum }).waitFor();
