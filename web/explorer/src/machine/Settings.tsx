@@ -51,15 +51,8 @@ export function Settings() {
     <section class="card stack" aria-label={t("settings")}>
       <h2>{t("settings")}</h2>
       <p class="quiet">{t("settingsAbout")}</p>
-      {sections.value.map(({ container, values }) => (
-        <details class="section" key={container.path}>
-          <summary>
-            <span>{container.title || nameOf(container.path)}</span> <span class="quiet">{values.length}</span>
-          </summary>
-          {values.map((child) => (
-            <Setting key={child.path} path={child.path} />
-          ))}
-        </details>
+      {sections.value.map((section) => (
+        <SectionBox key={section.container.path} {...section} />
       ))}
       {staged.value.size > 0 && (
         <div class="actions">
@@ -69,6 +62,19 @@ export function Settings() {
         </div>
       )}
     </section>
+  );
+}
+
+/** Follows its settings while it is open. */
+function SectionBox({ container, values }: Section) {
+  const isOpen = useSignal(false);
+  return (
+    <details class="section" onToggle={(event) => (isOpen.value = event.currentTarget.open)}>
+      <summary>
+        <span>{container.title || nameOf(container.path)}</span> <span class="quiet">{values.length}</span>
+      </summary>
+      {isOpen.value && values.map((child) => <Setting key={child.path} path={child.path} />)}
+    </details>
   );
 }
 
