@@ -99,8 +99,18 @@ const SCENARIOS = {
     await page.keyboard.press("Enter");
     await page.waitForURL(`**/#/${VOLUME}`);
     await page.getByRole("heading", { name: "Volume" }).waitFor();
+    await page.setViewportSize({ width: 1280, height: 320 });
     await page.reload();
-    await grid.locator(".selected", { hasText: "Volume" }).waitFor();
+    const selected = grid.locator(".selected", { hasText: "Volume" });
+    const inSight = () => selected.evaluate((line) => {
+      const { top, bottom } = line.parentElement.parentElement.getBoundingClientRect();
+      const at = line.getBoundingClientRect();
+      return at.top >= top && at.bottom <= Math.min(bottom, innerHeight);
+    });
+    await selected.waitFor();
+    for (let i = 0; i < 100 && !(await inSight()); ++i) await page.waitForTimeout(50);
+    assert.ok(await inSight());
+    await page.setViewportSize({ width: 1280, height: 900 });
     await page.getByRole("navigation", { name: "Path of the node" }).getByText("player:player").click();
     await page.getByRole("heading", { name: "Player" }).waitFor();
   },
@@ -189,7 +199,7 @@ const SCENARIOS = {
     const sum = createHash("sha256").update(image).digest("hex");
     await open("webclient/#/machine");
     await page
-      .getByLabel("Image")
+      .getByLabel("Image", { exact: true })
       .setInputFiles({ name: "image.bin", mimeType: "application/octet-stream", buffer: image });
     await button("Upload").click();
     await page.locator("dd", { hasText: sum }).waitFor();
@@ -249,7 +259,7 @@ const SCENARIOS = {
     await text("The password has been changed.");
     await page.getByText("admin").click();
     await button("Sign out").click();
-    await page.locator(".volume", { hasText: "Changing this needs a signed-in user." }).waitFor();
+    await page.getByRole("region", { name: "Player" }).getByText("Changing this needs a signed-in user.").waitFor();
     assert.ok(await page.getByRole("slider", { name: "Volume" }).isDisabled());
     await signIn("wrong");
     await text("The device does not know this user with this password.");

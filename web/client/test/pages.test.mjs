@@ -110,10 +110,19 @@ test("without locks each page asks for itself, and rests while it is hidden", { 
   await separate.context.close();
 });
 
-test("an upload tells its progress, and is signed as a GET", { timeout: 60_000 }, async () => {
+test("an upload tells its progress or why it broke off, and is signed as a GET", { timeout: 60_000 }, async () => {
   const uploads = [];
+  const broken = [
+    { user: "refused", answer: 401, kind: "refused" },
+    { user: "cut off", answer: 400, kind: "failed" },
+    { user: "lost", answer: 0, kind: "offline" },
+  ];
   const server = createServer(async (request, response) => {
+    const [end] = broken.filter(({ user }) => request.headers.authorization?.includes(btoa(user)));
+    // What a device has refused it does not read, and a browser that goes on sending may never see its answer.
+    if (end && (!end.answer || request.headers["content-length"] > 1000)) return request.socket.destroy();
     const body = Buffer.concat(await request.toArray());
+    if (end) return response.writeHead(end.answer).end();
     if (request.method === "POST") uploads.push({ body: body.toString("latin1"), headers: request.headers });
     response.setHeader("Content-Type", request.url === "/client.js" ? "text/javascript" : "text/html");
     response.end(request.method === "POST" ? '{"bytes":300000,"sha256":"00"}' : request.url === "/client.js" ? bundle : "");
@@ -129,9 +138,15 @@ test("an upload tells its progress, and is signed as a GET", { timeout: 60_000 }
     const file = new Blob([new Uint8Array(300_000)]);
     const answer = await device.upload(file, { name: "image.bin", sha256: "00", onProgress: (...now) => progress.push(now) });
     const aborted = await device.upload(file, { signal: AbortSignal.abort("no") }).catch((reason) => reason);
-    return { answer, last: progress.at(-1), aborted };
+    const failures = [];
+    for (const user of ["refused", "cut off", "lost"]) {
+      const another = new Device(base, { credentials: { user, password: "" } });
+      await another.upload(file).catch(({ kind }) => failures.push([kind, another.online.get()]));
+    }
+    return { answer, last: progress.at(-1), aborted, failures };
   };
-  const expected = { answer: { bytes: 300000, sha256: "00" }, last: [300_000, 300_000], aborted: "no" };
+  const failures = broken.map(({ kind }) => [kind, kind !== "offline"]);
+  const expected = { answer: { bytes: 300000, sha256: "00" }, last: [300_000, 300_000], aborted: "no", failures };
   assert.deepEqual(await tab.evaluate(`(${upload})("/client.js")`), expected);
   assert.deepEqual(await upload("../dist/index.js", base), { ...expected, last: undefined });
   for (const { body, headers } of uploads) {

@@ -10,7 +10,7 @@ import { hrefOfNode } from "../shell/route.js";
 import { Button, IconButton } from "../widgets/Button.js";
 import { saveAs } from "../widgets/files.js";
 import { toCsv } from "./csv.js";
-import { draw, timeAt, type Series } from "./drawing.js";
+import { type Area, draw, timeAt, type Series } from "./drawing.js";
 
 const SPANS = [60, 300, 900, 3600];
 const REDRAW_MS = 250;
@@ -111,9 +111,12 @@ interface PlotProps {
 
 function Plot({ nodes, span, stopped, marked, onMark }: PlotProps) {
   const canvas = useRef<HTMLCanvasElement>(null);
+  const area = useRef<Area>(null);
   const window = () => ({ from: (stopped ?? Date.now() / 1000) - span, to: stopped ?? Date.now() / 1000 });
   useEffect(() => {
-    const redraw = () => canvas.current && draw(canvas.current, seriesOf(nodes), window(), look(), marked);
+    const redraw = () => {
+      if (canvas.current) area.current = draw(canvas.current, seriesOf(nodes), window(), look(), marked);
+    };
     redraw();
     const timer = setInterval(redraw, REDRAW_MS);
     return () => clearInterval(timer);
@@ -124,9 +127,7 @@ function Plot({ nodes, span, stopped, marked, onMark }: PlotProps) {
       class="plot"
       role="img"
       aria-label={t("chart")}
-      onPointerMove={(event) =>
-        canvas.current && onMark(timeAt(canvas.current, seriesOf(nodes), event.offsetX, window()))
-      }
+      onPointerMove={(event) => area.current && onMark(timeAt(area.current, event.offsetX, window()))}
       onPointerLeave={() => onMark(null)}
     />
   );

@@ -14,7 +14,8 @@ export interface Look {
   language: string;
 }
 
-interface Area {
+/** Where the curves are, in pixels of the drawing. */
+export interface Area {
   left: number;
   right: number;
   top: number;
@@ -26,54 +27,66 @@ interface Window {
   to: number;
 }
 
-const AXIS_WIDTH = 64;
-const AXIS_HEIGHT = 24;
-
-const areaOf = (canvas: HTMLCanvasElement, axes: number): Area => ({
-  left: AXIS_WIDTH,
-  right: canvas.clientWidth - (axes > 1 ? AXIS_WIDTH : 8),
-  top: 8,
-  bottom: canvas.clientHeight - AXIS_HEIGHT,
-});
-
-const unitsOf = (series: Series[]): string[] => [...new Set(series.map(({ unit }) => unit))];
-
-/** The time at a place of the drawing, in pixels from its left edge; null beside the curves. */
-export function timeAt(canvas: HTMLCanvasElement, series: Series[], x: number, { from, to }: Window): number | null {
-  const { left, right } = areaOf(canvas, unitsOf(series).length);
-  return x < left || x > right ? null : from + ((x - left) / (right - left)) * (to - from);
+interface Axis {
+  scale: Scale;
+  unit: string;
+  series: Series[];
 }
 
-/** Draws several series over the same time. Those of one unit share an axis; the first two of these are labelled. */
+const LABEL_GAP = 8;
+const TIMES_HEIGHT = 24;
+
+const label = ({ unit }: Axis, tick: number): string => `${tick}${unit && ` ${unit}`}`;
+
+function axesOf(series: Series[], { from }: Window, height: number): Axis[] {
+  const units = [...new Set(series.map(({ unit }) => unit))];
+  return units.map((unit) => {
+    const own = series.filter((each) => each.unit === unit);
+    const values = own.flatMap(({ samples }) => samples.from(from).values);
+    return { unit, series: own, scale: scaleOf(values, Math.max(2, Math.floor((height - TIMES_HEIGHT) / 50))) };
+  });
+}
+
+/** What is left between the labels of the first two axes. */
+function areaOf(pen: CanvasRenderingContext2D, canvas: HTMLCanvasElement, axes: Axis[]): Area {
+  const [left = 0, right = 0] = axes
+    .slice(0, 2)
+    .map((axis) => LABEL_GAP + Math.max(...axis.scale.ticks.map((tick) => pen.measureText(label(axis, tick)).width)));
+  return { left, right: canvas.clientWidth - (right || LABEL_GAP), top: 8, bottom: canvas.clientHeight - TIMES_HEIGHT };
+}
+
+/** The time at a place of the drawing, in pixels from its left edge; null beside the curves. */
+export const timeAt = ({ left, right }: Area, x: number, { from, to }: Window): number | null =>
+  x < left || x > right ? null : from + ((x - left) / (right - left)) * (to - from);
+
+/**
+ * Draws several series over the same time, and returns where. Those of one unit share an axis; the first two of these are
+ * labelled.
+ */
 export function draw(
   canvas: HTMLCanvasElement,
   series: Series[],
   window: Window,
   look: Look,
   marked: number | null,
-): void {
+): Area | null {
   const pen = canvas.getContext("2d");
-  if (!pen) return;
+  if (!pen) return null;
   const density = devicePixelRatio;
   canvas.width = canvas.clientWidth * density;
   canvas.height = canvas.clientHeight * density;
   pen.scale(density, density);
   pen.font = look.font;
 
-  const units = unitsOf(series);
-  const area = areaOf(canvas, units.length);
+  const axes = axesOf(series, window, canvas.clientHeight);
+  const area = areaOf(pen, canvas, axes);
   drawTimes(pen, area, window, look);
-  units.forEach((unit, axis) => {
-    const own = series.filter((each) => each.unit === unit);
-    const curves = own.map(({ samples }) => samples.from(window.from));
-    const scale = scaleOf(
-      curves.flatMap(({ values }) => values),
-      Math.max(2, Math.floor((area.bottom - area.top) / 50)),
-    );
-    if (axis < 2) drawAxis(pen, area, scale, unit, axis, look);
-    own.forEach(({ colour, samples }) => drawCurve(pen, area, scale, window, samples, colour));
+  axes.forEach((axis, index) => {
+    if (index < 2) drawAxis(pen, area, axis, index, look);
+    for (const { colour, samples } of axis.series) drawCurve(pen, area, axis.scale, window, samples, colour);
   });
   if (marked !== null) drawMark(pen, area, window, marked, look);
+  return area;
 }
 
 const xOf = ({ left, right }: Area, { from, to }: Window, time: number): number =>
@@ -98,20 +111,19 @@ function drawTimes(pen: CanvasRenderingContext2D, area: Area, window: Window, { 
 function drawAxis(
   pen: CanvasRenderingContext2D,
   area: Area,
-  scale: Scale,
-  unit: string,
-  axis: number,
+  axis: Axis,
+  index: number,
   { line, quiet }: Look,
 ): void {
   pen.fillStyle = quiet;
   pen.strokeStyle = line;
   pen.lineWidth = 1;
-  pen.textAlign = axis ? "left" : "right";
+  pen.textAlign = index ? "left" : "right";
   pen.textBaseline = "middle";
-  for (const tick of scale.ticks) {
-    const y = Math.round(yOf(area, scale, tick)) + 0.5;
-    pen.fillText(`${tick}${unit && ` ${unit}`}`, axis ? area.right + 8 : area.left - 8, y);
-    if (axis) continue;
+  for (const tick of axis.scale.ticks) {
+    const y = Math.round(yOf(area, axis.scale, tick)) + 0.5;
+    pen.fillText(label(axis, tick), index ? area.right + LABEL_GAP : area.left - LABEL_GAP, y);
+    if (index) continue;
     pen.beginPath();
     pen.moveTo(area.left, y);
     pen.lineTo(area.right, y);

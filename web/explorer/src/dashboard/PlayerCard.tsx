@@ -50,8 +50,8 @@ export function PlayerCard() {
         {button("next", "next")}
         {button("stop", "stop")}
       </div>
-      {reason && <ReadOnlyNote reason={reason} />}
       <Volume />
+      {reason && <ReadOnlyNote reason={reason} />}
       <AudioBox path={`${PLAYER}/audio`} />
     </Card>
   );

@@ -92,21 +92,13 @@ export function liveNode(path: string): LiveNode {
 /** The node if it is followed. */
 export const followedNode = (path: string): LiveNode | undefined => nodes.get(path);
 
-/** The node, followed as long as the component shows it. `delay` is for what scrolls by: it is followed when it stays. */
-export function useLive(path: string, delay = 0): LiveNode {
+/** The node, followed as long as the component shows it. */
+export function useLive(path: string): LiveNode {
   const node = liveNode(path);
   useEffect(() => {
-    if (delay === 0) {
-      node.hold();
-      return () => node.letGo();
-    }
-    let held = false;
-    const timer = setTimeout(() => {
-      held = true;
-      node.hold();
-    }, delay);
-    return () => (held ? node.letGo() : clearTimeout(timer));
-  }, [node, delay]);
+    node.hold();
+    return () => node.letGo();
+  }, [node]);
   return node;
 }
 

@@ -32,16 +32,22 @@ function settle(name: string | null): void {
   rights.value++;
 }
 
-/** Signs requests from now on, if the device accepts the password; false when it does not. */
-export async function signIn(name: string, password: string): Promise<boolean> {
+/** False when the device refuses what was signed, which makes it hold back the answers to further wrong passwords. */
+async function isAccepted(work: Promise<void>): Promise<boolean> {
   try {
-    await signFrom(name, password, CHANGE_PASSWORD);
+    await work;
   } catch (error) {
     if (!(error instanceof DeviceError) || (error.kind !== "refused" && error.kind !== "throttled")) throw error;
     wrongPasswords.value++;
     return false;
   }
   wrongPasswords.value = 0;
+  return true;
+}
+
+/** Signs requests from now on, if the device accepts the password; false when it does not. */
+export async function signIn(name: string, password: string): Promise<boolean> {
+  if (!(await isAccepted(signFrom(name, password, CHANGE_PASSWORD)))) return false;
   settle(name);
   return true;
 }
@@ -51,10 +57,9 @@ export function signOut(): void {
   settle(null);
 }
 
-/** Changes a password, and signs in with the new one. */
-export async function changePassword(name: string, oldPassword: string, newPassword: string): Promise<void> {
-  await device.changePassword(name, oldPassword, newPassword);
-  await signIn(name, newPassword);
+/** Changes a password, and signs in with the new one; false when the device does not accept the old one's signature. */
+export async function changePassword(name: string, oldPassword: string, newPassword: string): Promise<boolean> {
+  return (await isAccepted(device.changePassword(name, oldPassword, newPassword))) && signIn(name, newPassword);
 }
 
 export interface Caller {

@@ -37,7 +37,7 @@ interface Props {
   label: string;
   /** Edits are always collected here, whatever the reader chose elsewhere. */
   collect?: boolean;
-  /** Writes without a word when all goes well. */
+  /** Writes without a word when all goes well, and leaves it to the view to say why it may not. */
   quiet?: boolean;
 }
 
@@ -100,7 +100,7 @@ export function ValueEditor({ node, label, collect = false, quiet = false }: Pro
         />
       )}
       {waiting && <StagedNote path={node.path} />}
-      {reason && <ReadOnlyNote reason={reason} />}
+      {reason && !quiet && <ReadOnlyNote reason={reason} />}
     </form>
   );
 }

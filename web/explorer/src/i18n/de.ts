@@ -144,7 +144,9 @@ export const de: Record<MessageKey, string> = {
   signInAbout:
     "Das Passwort verlässt diesen Browser nicht; der daraus gebildete Schlüssel wird mit diesem Tab vergessen.",
   wrongPassword: "Das Gerät kennt diesen Benutzer mit diesem Passwort nicht.",
-  heldBack: "Nach falschen Passwörtern antwortet das Gerät später: höchstens {0} s.",
+  heldBack: "Nach falschen Passwörtern antwortet das Gerät später: {0}.",
+  secondsAtMost: "höchstens {0} s",
+  anyMoment: "jeden Moment",
   tooShort: "Das Passwort braucht mindestens 6 Zeichen.",
   notTheSame: "Die beiden neuen Passwörter unterscheiden sich.",
   problemOffline: "das Gerät antwortet nicht",
@@ -158,6 +160,7 @@ export const de: Record<MessageKey, string> = {
   firmware: "Firmware",
   firmwareAbout: "Das Gerät prüft das Abbild anhand seiner SHA-256-Summe, bevor es gilt.",
   chooseImage: "Abbild",
+  imageTooLarge: "Das Gerät nimmt höchstens {0} an.",
   summing: "Summe wird gebildet … {0} %",
   sending: "Wird gesendet … {0} %",
   uploaded: "{0} empfangen, SHA-256",

@@ -6,11 +6,14 @@ import { useEffect, useId, useRef } from "preact/hooks";
 import { device } from "../device/connection.js";
 import { useLive } from "../device/live.js";
 import { attempt } from "../device/problems.js";
+import { caller, whyReadOnly } from "../device/session.js";
+import { ReadOnlyNote } from "../editors/ValueEditor.js";
 import { t } from "../i18n/index.js";
 import { formatBytes, formatValue } from "../model/values.js";
 import { Button } from "../widgets/Button.js";
 
 const PIECE = 1 << 20;
+const UPDATE = "system:update";
 const NODES = ["state", "name", "size", "sha256", "error"] as const;
 
 type Stage = { name: "summing" | "sending"; part: number } | { name: "done"; bytes: number; sha256: string };
@@ -33,6 +36,10 @@ export function Firmware() {
   const file = useSignal<File | null>(null);
   const ending = useRef<AbortController | null>(null);
   useEffect(() => () => ending.current?.abort(), []);
+  const update = useLive(UPDATE).roles.value;
+  const reason = update ? whyReadOnly(update, caller.value) : null;
+  const limit = Number(useLive("settings:webserver/limits/updateBytes").roles.value?.value?.value ?? Infinity);
+  const isTooLarge = file.value !== null && file.value.size > limit;
 
   const send = async (image: File) => {
     const { signal } = (ending.current = new AbortController());
@@ -63,7 +70,7 @@ export function Firmware() {
         <Button
           icon="upload"
           kind="main"
-          disabled={!file.value || isBusy}
+          disabled={!file.value || isTooLarge || isBusy || reason !== null}
           onClick={() => file.value && void send(file.value)}
         >
           {t("upload")}
@@ -74,7 +81,9 @@ export function Firmware() {
           </Button>
         )}
       </div>
+      {reason && <ReadOnlyNote reason={reason} />}
       <div role="status">
+        {isTooLarge && <p class="alarm">{t("imageTooLarge", formatBytes(limit))}</p>}
         {now && now.name !== "done" && (
           <label class="stack">
             {t(now.name, Math.round(now.part * 100))}
@@ -94,8 +103,8 @@ export function Firmware() {
 
 /** What the device itself says about the last image, where it does. */
 function DeviceProgress() {
-  const nodes = Object.fromEntries(NODES.map((name) => [name, useLive(`system:update/${name}`)]));
-  const progress = useLive("system:update/progress").roles.value?.value?.value;
+  const nodes = Object.fromEntries(NODES.map((name) => [name, useLive(`${UPDATE}/${name}`)]));
+  const progress = useLive(`${UPDATE}/progress`).roles.value?.value?.value;
   const shown = NODES.map((name) => [name, nodes[name]?.roles.value] as const).filter(([, roles]) =>
     formatValue(roles?.value),
   );

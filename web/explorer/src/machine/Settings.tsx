@@ -2,7 +2,6 @@ import { useSignal } from "@preact/signals";
 import { useEffect } from "preact/hooks";
 
 import { isPanelOpen, staged } from "../changes/changes.js";
-import { device } from "../device/connection.js";
 import { useLive } from "../device/live.js";
 import { attempt } from "../device/problems.js";
 import { rights } from "../device/session.js";
@@ -10,7 +9,7 @@ import { ValueEditor } from "../editors/ValueEditor.js";
 import { t } from "../i18n/index.js";
 import { nameOf, ROOT } from "../model/paths.js";
 import { hrefOfNode } from "../shell/route.js";
-import { CHILD_ROLES, toChild, type Child } from "../tree/Branch.js";
+import { type Child, childrenOf, toChild } from "../tree/children.js";
 import { Button } from "../widgets/Button.js";
 
 const WEB_SERVER = toChild(["settings:webserver", null, "container", null, null, null, null]);
@@ -20,14 +19,15 @@ interface Section {
   values: Child[];
 }
 
-async function childrenOf(path: string): Promise<Child[]> {
-  const { rows } = await device.getRows(path, CHILD_ROLES, 0, 999);
-  return rows.map(toChild).filter((child) => child.path);
+async function allChildrenOf(path: string): Promise<Child[]> {
+  const all: Child[] = [];
+  for await (const children of childrenOf(path)) all.push(...children);
+  return all;
 }
 
 /** Every container of settings that has values of its own, with these. */
 async function sectionsBelow(container: Child): Promise<Section[]> {
-  const children = await childrenOf(container.path);
+  const children = await allChildrenOf(container.path);
   const values = children.filter((child) => child.type === "value");
   const inner = await Promise.all(children.filter((child) => child.type === "container").map(sectionsBelow));
   return [...(values.length ? [{ container, values }] : []), ...inner.flat()];
@@ -35,7 +35,7 @@ async function sectionsBelow(container: Child): Promise<Section[]> {
 
 async function readSections(): Promise<Section[]> {
   // A device that does not list its tree has the web server's settings all the same.
-  const roots = await childrenOf(ROOT).catch(() => [WEB_SERVER]);
+  const roots = await allChildrenOf(ROOT).catch(() => [WEB_SERVER]);
   const settings = roots.filter((root) => root.path.startsWith("settings:") && root.type === "container");
   return (await Promise.all(settings.map(sectionsBelow))).flat();
 }
@@ -51,15 +51,8 @@ export function Settings() {
     <section class="card stack" aria-label={t("settings")}>
       <h2>{t("settings")}</h2>
       <p class="quiet">{t("settingsAbout")}</p>
-      {sections.value.map(({ container, values }) => (
-        <details class="section" key={container.path}>
-          <summary>
-            <span>{container.title || nameOf(container.path)}</span> <span class="quiet">{values.length}</span>
-          </summary>
-          {values.map((child) => (
-            <Setting key={child.path} path={child.path} />
-          ))}
-        </details>
+      {sections.value.map((section) => (
+        <SectionBox key={section.container.path} {...section} />
       ))}
       {staged.value.size > 0 && (
         <div class="actions">
@@ -69,6 +62,19 @@ export function Settings() {
         </div>
       )}
     </section>
+  );
+}
+
+/** Follows its settings while it is open. */
+function SectionBox({ container, values }: Section) {
+  const isOpen = useSignal(false);
+  return (
+    <details class="section" onToggle={(event) => (isOpen.value = event.currentTarget.open)}>
+      <summary>
+        <span>{container.title || nameOf(container.path)}</span> <span class="quiet">{values.length}</span>
+      </summary>
+      {isOpen.value && values.map((child) => <Setting key={child.path} path={child.path} />)}
+    </details>
   );
 }
 

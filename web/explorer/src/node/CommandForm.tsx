@@ -40,7 +40,7 @@ export function CommandForm({ path, roles }: { path: string; roles: Partial<Role
     running.value = false;
   };
   return (
-    <section class="card">
+    <section class="card stack">
       {options.length > 0 ? (
         <div class="actions">
           {options.map((option) => (

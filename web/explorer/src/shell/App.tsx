@@ -1,4 +1,5 @@
 import type { ComponentChildren } from "preact";
+import { useEffect, useRef } from "preact/hooks";
 
 import { ChangesPanel } from "../changes/ChangesPanel.js";
 import { RiskDialog } from "../changes/RiskDialog.js";
@@ -57,8 +58,17 @@ function View() {
 }
 
 function Banners() {
+  const banners = useRef<HTMLDivElement>(null);
+  useEffect(() => {
+    const element = banners.current as HTMLDivElement;
+    // What stands below them in the window has to know how tall they are.
+    const tell = () => document.documentElement.style.setProperty("--banners", `${element.offsetHeight}px`);
+    const watcher = new ResizeObserver(tell);
+    watcher.observe(element);
+    return () => watcher.disconnect();
+  }, []);
   return (
-    <div role="status">
+    <div role="status" class="banners" ref={banners}>
       {!online.value && (
         <Banner kind="alarm">
           <strong>{t("offline")}</strong> {t("offlineAbout")}
@@ -86,9 +96,16 @@ function Banner({ kind, children }: { kind: string; children: ComponentChildren 
 }
 
 function Notices() {
+  const place = useRef<HTMLDivElement>(null);
+  const shown = notices.value;
+  useEffect(() => {
+    // Shown anew it lies above a dialog that has been opened since.
+    place.current?.hidePopover?.();
+    if (shown.length) place.current?.showPopover?.();
+  }, [shown]);
   return (
-    <div class="notices" role="status">
-      {notices.value.map(({ id, kind, text, action }) => (
+    <div class="notices" role="status" popover="manual" ref={place}>
+      {shown.map(({ id, kind, text, action }) => (
         <div key={id} class={`notice ${kind}`}>
           <span>{text}</span>
           {action && (

@@ -1,4 +1,5 @@
 import { useSignal } from "@preact/signals";
+import type { ComponentChildren } from "preact";
 import { useEffect, useId } from "preact/hooks";
 
 import { notify } from "../device/notices.js";
@@ -50,23 +51,68 @@ function Field({ label, value, onInput, secret, autofocus = false }: FieldProps)
   );
 }
 
-export function SignInDialog() {
-  const name = useSignal("admin");
-  const password = useSignal("");
+interface FormProps {
+  label: string;
+  disabled?: boolean;
+  /** False when the password was wrong, undefined when something else was, which the reader has been told. */
+  send: () => Promise<boolean | undefined>;
+  children: ComponentChildren;
+}
+
+/** Sends a password, once at a time, and closes the dialog when it was right. */
+function PasswordForm({ label, disabled = false, send, children }: FormProps) {
   const isWrong = useSignal(false);
   const isBusy = useSignal(false);
-
   const submit = async () => {
     isBusy.value = true;
     isWrong.value = false;
-    const accepted = await attempt(t("signIn"), () => signIn(name.value, password.value));
+    const accepted = await send();
     isBusy.value = false;
-    if (accepted) close();
     isWrong.value = accepted === false;
+    if (accepted) close();
   };
   return (
+    <form class="stack" onSubmit={(event) => (event.preventDefault(), void submit())}>
+      {children}
+      <p class="alarm" role="alert">
+        {isWrong.value && t("wrongPassword")}
+      </p>
+      {isBusy.value && wrongPasswords.value > 0 && <Brake seconds={longestHold(wrongPasswords.value)} />}
+      <div class="actions">
+        <Button kind="main" type="submit" disabled={disabled || isBusy.value}>
+          {label}
+        </Button>
+        <Button onClick={close}>{t("cancel")}</Button>
+      </div>
+    </form>
+  );
+}
+
+/** The device answers wrong passwords later and later. How long exactly it does not say; at most about so long. */
+function Brake({ seconds }: { seconds: number }) {
+  const left = useSignal(seconds);
+  useEffect(() => {
+    const timer = setInterval(() => (left.value = Math.max(0, left.value - 1)), 1000);
+    return () => clearInterval(timer);
+  }, [left]);
+  const text = t("heldBack", left.value ? t("secondsAtMost", left.value) : t("anyMoment"));
+  return (
+    <p class="note" role="timer">
+      {text}
+      <progress value={seconds - left.value} max={seconds} aria-label={text} />
+    </p>
+  );
+}
+
+export function SignInDialog() {
+  const name = useSignal("admin");
+  const password = useSignal("");
+  return (
     <Modal title={t("signIn")} onClose={close}>
-      <form class="stack" onSubmit={(event) => (event.preventDefault(), void submit())}>
+      <PasswordForm
+        label={t("signIn")}
+        send={() => attempt(t("signIn"), () => signIn(name.value, password.value))}
+      >
         {isWithoutPassword.value && <p class="note">{t("signInNoPassword")}</p>}
         <Field label={t("user")} value={name.value} onInput={(text) => (name.value = text)} />
         <Field
@@ -77,33 +123,8 @@ export function SignInDialog() {
           autofocus
         />
         <p class="quiet">{t("signInAbout")}</p>
-        <div role="alert">
-          {isWrong.value && <p class="alarm">{t("wrongPassword")}</p>}
-          {isBusy.value && wrongPasswords.value > 0 && <Brake seconds={longestHold(wrongPasswords.value)} />}
-        </div>
-        <div class="actions">
-          <Button kind="main" type="submit" disabled={isBusy.value}>
-            {t("signIn")}
-          </Button>
-          <Button onClick={close}>{t("cancel")}</Button>
-        </div>
-      </form>
+      </PasswordForm>
     </Modal>
-  );
-}
-
-/** The device answers wrong passwords later and later. How long exactly it does not say; at most so long. */
-function Brake({ seconds }: { seconds: number }) {
-  const left = useSignal(seconds);
-  useEffect(() => {
-    const timer = setInterval(() => (left.value = Math.max(0, left.value - 1)), 1000);
-    return () => clearInterval(timer);
-  }, [left]);
-  return (
-    <p class="note">
-      {t("heldBack", left.value)}
-      <progress value={seconds - left.value} max={seconds} aria-label={t("heldBack", left.value)} />
-    </p>
   );
 }
 
@@ -122,18 +143,14 @@ export function PasswordDialog() {
   const again = useSignal("");
   const wrong = fresh.value ? fault(fresh.value, again.value) : null;
 
-  const submit = async () => {
-    const done = await attempt(t("changePassword"), async () => {
-      await changePassword(name.value, old.value, fresh.value);
-      return true;
-    });
-    if (!done) return;
-    notify({ id: "password", kind: "done", text: t("passwordChanged") });
-    close();
+  const send = async () => {
+    const done = await attempt(t("changePassword"), () => changePassword(name.value, old.value, fresh.value));
+    if (done) notify({ id: "password", kind: "done", text: t("passwordChanged") });
+    return done;
   };
   return (
     <Modal title={t(isFirst ? "setPassword" : "changePassword")} onClose={close}>
-      <form class="stack" onSubmit={(event) => (event.preventDefault(), void submit())}>
+      <PasswordForm label={t("apply")} disabled={!fresh.value || wrong !== null} send={send}>
         {isFirst && <p class="note">{t("firstPasswordAbout")}</p>}
         <Field label={t("user")} value={name.value} onInput={(text) => (name.value = text)} />
         {!isFirst && (
@@ -161,13 +178,7 @@ export function PasswordDialog() {
         <p class="alarm" role="alert">
           {wrong && (wrong === "tooShort" || again.value) ? t(wrong) : ""}
         </p>
-        <div class="actions">
-          <Button kind="main" type="submit" disabled={!fresh.value || wrong !== null}>
-            {t("apply")}
-          </Button>
-          <Button onClick={close}>{t("cancel")}</Button>
-        </div>
-      </form>
+      </PasswordForm>
     </Modal>
   );
 }

@@ -1,21 +1,7 @@
 import type { Device } from "@zark/client";
 
-import type { NodeType, Roles, Typed } from "../device/types.js";
 import { ROOT } from "../model/paths.js";
-
-/** What the tree shows of a node. */
-export type Child = Pick<Roles, "path" | "title" | "icon" | "permission" | "edit"> & {
-  type: NodeType;
-  value: Typed | null;
-};
-
-export const CHILD_ROLES = ["path", "title", "type", "value", "icon", "permission", "edit"];
-const PAGE = 500;
-
-export const toChild = (row: unknown[]): Child => {
-  const [path, title, type, value, icon, permission, edit] = row;
-  return { path, title, type, value, icon, permission, edit } as Child;
-};
+import { type Child, CHILD_ROLES, PAGE, toChild } from "./children.js";
 
 /** The children of one container, read page by page as they are needed, and again when some come or go. */
 export class Branch {

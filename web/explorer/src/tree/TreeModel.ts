@@ -4,7 +4,8 @@ import { device } from "../device/connection.js";
 import { attempt } from "../device/problems.js";
 import { t } from "../i18n/index.js";
 import { isInside, ROOT } from "../model/paths.js";
-import { Branch, type Child } from "./Branch.js";
+import { Branch } from "./Branch.js";
+import type { Child } from "./children.js";
 
 /** A line of the tree as it is shown. A child that has not been read yet is undefined. */
 export interface TreeLine {

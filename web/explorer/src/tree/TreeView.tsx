@@ -77,6 +77,7 @@ function TreeGrid({ lines, isSearch, selected }: GridProps) {
   const active = useSignal(0);
   const reveal = useSignal<{ index: number } | undefined>(undefined);
   const caller = rights.value;
+  const opened = tree.opened.value;
 
   useEffect(() => {
     forgetIndex();
@@ -121,7 +122,7 @@ function TreeGrid({ lines, isSearch, selected }: GridProps) {
           style={style}
           isActive={index === active.value}
           isSelected={lines[index]?.child?.path === selected}
-          isOpen={isSearch || tree.isOpen(lines[index]?.child?.path ?? "")}
+          isOpen={isSearch || opened.has(lines[index]?.child?.path ?? "")}
           onPick={() => (active.value = index)}
         />
       )}

@@ -1,5 +1,5 @@
 import { go } from "../shell/route.js";
-import type { Child } from "./Branch.js";
+import type { Child } from "./children.js";
 import { tree } from "./TreeModel.js";
 
 /** A line, of the tree or of a search, as both are drawn and moved through. */

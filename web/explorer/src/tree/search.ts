@@ -1,14 +1,11 @@
 import { signal } from "@preact/signals";
 
-import { device } from "../device/connection.js";
 import { attempt } from "../device/problems.js";
 import { t } from "../i18n/index.js";
-import { limited } from "../model/limited.js";
 import { nameOf, ROOT } from "../model/paths.js";
 import { formatValue } from "../model/values.js";
-import { type Child, CHILD_ROLES, toChild } from "./Branch.js";
+import { type Child, childrenOf } from "./children.js";
 
-const PAGE = 500;
 const FRESH_MS = 30_000;
 
 /** A node as the search knows it, in the order of the tree. */
@@ -45,18 +42,11 @@ let making: { ending: AbortController; made: Promise<unknown> } | null = null;
 const textOf = (child: Child): string =>
   `${child.path} ${nameOf(child.path)} ${child.title ?? ""} ${formatValue(child.value, child.edit)}`.toLowerCase();
 
-/** Reads of several containers at a time, and yet few: the rest of the page wants to be answered too. */
-const turns = limited(4);
-
 async function readBelow(path: string, depth: number, signal: AbortSignal): Promise<Entry[]> {
   const entries: Array<Entry | Promise<Entry[]>> = [];
-  for (let from = 0, count = 1, got = 1; from < count && got; from += got) {
-    const answer = await turns(() => device.getRows(path, CHILD_ROLES, from, from + PAGE - 1, { signal }));
-    count = answer.rowsCount;
-    got = answer.rows.length; // A device may give fewer than were asked for.
-    reading.value = (reading.value ?? 0) + answer.rows.length;
-    for (const child of answer.rows.map(toChild)) {
-      if (!child.path) continue; // A child that this page may not see.
+  for await (const children of childrenOf(path, signal)) {
+    reading.value = (reading.value ?? 0) + children.length;
+    for (const child of children) {
       entries.push({ child, depth, text: textOf(child) });
       // A container that this page may not read has no hits; the search goes on with the others.
       if (child.type === "container") entries.push(readBelow(child.path, depth + 1, signal).catch(() => []));

@@ -6,11 +6,16 @@ import { useEffect, useLayoutEffect, useRef } from "preact/hooks";
 const TALLEST = 8_000_000;
 const MARGIN = 6;
 
+type DrawRow = (index: number, style: CSSProperties, slot: number) => ComponentChildren;
+
 interface Props extends Omit<HTMLAttributes<HTMLDivElement>, "children"> {
   count: number;
   rowHeight: number;
-  /** One row; `style` puts it in its place. Elements of rows that have gone are used again by way of the key `slot`. */
-  row: (index: number, style: CSSProperties, slot: number) => ComponentChildren;
+  /**
+   * One row; `style` puts it in its place. Elements of rows that have gone are used again by way of the key `slot`. What is in
+   * sight is drawn anew when this is another function.
+   */
+  row: DrawRow;
   /** Called with the rows that are in sight, whenever these are others. */
   onRange?: (from: number, to: number) => void;
   /** A row to bring into sight; each new object does so again. */
@@ -19,11 +24,20 @@ interface Props extends Omit<HTMLAttributes<HTMLDivElement>, "children"> {
   head?: ComponentChildren;
 }
 
+/** What was drawn last: scrolling draws those rows alone that come into sight. */
+interface Kept {
+  row: DrawRow;
+  slots: number;
+  shift: number;
+  rows: Map<number, ComponentChildren>;
+}
+
 /** Shows those of many rows of one height that are in sight. The scrollbar is that of all of them. */
 export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest }: Props) {
   const frame = useRef<HTMLDivElement>(null);
   const top = useSignal(0);
   const height = useSignal(600);
+  const kept = useRef<Kept>(undefined);
 
   useLayoutEffect(() => {
     const element = frame.current as HTMLDivElement;
@@ -49,28 +63,29 @@ export function Virtual({ count, rowHeight, row, onRange, reveal, head, ...rest 
     if (!element || !reveal || reveal.index < 0) return;
     const at = reveal.index * rowHeight;
     const seen = element.scrollTop * scale;
-    if (at < seen) element.scrollTop = at / scale;
-    else if (at + rowHeight > seen + element.clientHeight)
-      element.scrollTop = (at + rowHeight - element.clientHeight) / scale;
+    const room = element.clientHeight - rowHeight;
+    if (at >= seen && at <= seen + room) return;
+    // The next row comes to the edge, and any other into the middle, with those around it.
+    const isNext = at + rowHeight >= seen && at <= seen + element.clientHeight;
+    const to = isNext ? (at < seen ? at : at - room) : at - room / 2;
+    element.scrollTop = to / scale;
   }, [reveal]);
 
   // As many slots as rows can be in sight at a time, which changes with the height alone.
   const slots = Math.ceil(height.value / rowHeight) + 2 * MARGIN + 2;
-  const rows: ComponentChildren[] = [];
+  const before = kept.current;
+  const known = before?.row === row && before.slots === slots && before.shift === shift ? before.rows : undefined;
+  const rows = new Map<number, ComponentChildren>();
   for (let index = first; index <= last; ++index) {
-    rows.push(
-      row(
-        index,
-        { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` },
-        index % slots,
-      ),
-    );
+    const place: CSSProperties = { position: "absolute", top: `${index * rowHeight + shift}px`, height: `${rowHeight}px` };
+    rows.set(index, known?.get(index) ?? row(index, place, index % slots));
   }
+  kept.current = { row, slots, shift, rows };
   return (
     <div {...rest} ref={frame} onScroll={() => (top.value = frame.current?.scrollTop ?? 0)}>
       {head}
       <div class="virtual" role="presentation" style={{ height: `${drawn}px` }}>
-        {rows}
+        {[...rows.values()]}
       </div>
     </div>
   );
