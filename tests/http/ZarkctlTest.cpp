@@ -145,6 +145,11 @@ const Row rows[] = {
 
     { "help", "for c in $($Z __complete ''); do $Z help $c | grep '^usage: zarkctl '$c >/dev/null || echo $c; done", 0,
         "^$" },
+    { "all of it in the man page",
+        "for c in $($Z __complete ''); do for w in \"Cm $c\" $($Z __complete $c -); do grep -q -e \"${w#-}\" $MAN || "
+        "echo $w; "
+        "done; done",
+        0, "" },
     { "usage", "$Z get; $Z ls -o xml; $Z rows a:b --from -1; $Z ls --count 1", 2, "",
         "get PATH...\n.*takes one of table, json, jsonl\n.*number from 0 up\n.*ls takes no option --count\n$" },
     { "completion in bash",
@@ -175,6 +180,7 @@ private Q_SLOTS:
         set("S", "https://127.0.0.1:" + QByteArray::number(m_httpsPort));
         set("CA", m_device.stateDirectory().toLocal8Bit() + "/authority.pem");
         set("X", "http://127.0.0.1:" + QByteArray::number(m_foreign.port()));
+        set("MAN", MAN_PAGE);
         set("SHELL", "/bin/bash"); // Which script(1) starts.
         environment.remove(QStringLiteral("NO_COLOR"));
         environment.remove(QStringLiteral("XDG_CONFIG_HOME"));
