@@ -51,8 +51,9 @@ const QList<CommandSyntax>& commandTable()
     using C = CommandSyntax;
     static const QList<CommandSyntax> table{
         { "ls", "[PATH...]", 0, Any, C::Path, { "roles" }, C::Many, runLs, "The nodes in a container",
-            "Without a path the tree's roots. * in a path stands for a part of a name, ** for any number of levels.\n"
-            "\"demo:\" is everything of one worker." },
+            "Without a path the tree's roots; of a node that is no container the node itself. In a path * stands for a "
+            "part\n"
+            "of a name and ** for any number of levels; \"demo:\" is everything of one worker." },
         { "tree", "[PATH]", 0, 1, C::Path, { "depth" }, C::Many, runTree, "Everything below a container, with values",
             "Secrets are not shown." },
         { "get", "PATH...", 1, Any, C::Path, { "raw", "roles" }, C::Many, runGet, "Roles of nodes",

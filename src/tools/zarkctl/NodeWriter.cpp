@@ -59,6 +59,14 @@ QString NodeWriter::type() const
     return typeOf(m_value);
 }
 
+QVariant NodeWriter::read(const QByteArray& text, bool fromFile) const
+{
+    const QVariant value = ValueText::typed(text, type(), fromFile);
+    if (!value.isValid())
+        refuse(m_path, QStringLiteral("invalidType: this is no ") + type());
+    return value;
+}
+
 void NodeWriter::check(const QVariant& value) const
 {
     if (!type().isEmpty() && typeOf(value) != type())

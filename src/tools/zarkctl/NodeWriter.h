@@ -16,6 +16,9 @@ public:
     const QVariant& value() const { return m_value; }
     QString type() const; ///< "i32", ...; empty when it is not known.
     bool isSecret() const { return m_secret; }
+    /// A text as a value of the node's type, see ValueText::typed(). Throws a Failure of status ExitRefused when it is
+    /// none; the message does not repeat it, which may be a secret.
+    QVariant read(const QByteArray& text, bool fromFile) const;
     /// Throws a Failure of status ExitRefused for a value of another type, or out of the node's bounds.
     void check(const QVariant& value) const;
     /// What the node holds afterwards.

@@ -59,7 +59,7 @@ QList<NodeEntry> Nodes::children(const QString& path)
     const QVariantList rows = m_api->allRows(isWorker ? QLatin1String(Root) : path, m_roles);
     for (const QVariant& row : rows) {
         const NodeEntry node = entryOf(row.toList());
-        // What this user may not see keeps its place in the rows.
+        m_hidden += node.path.isEmpty() ? 1 : 0; // What this user may not see keeps its place in the rows.
         if (!node.path.isEmpty() && (!isWorker || path == QLatin1String(Root) || node.path.startsWith(path)))
             nodes.append(node);
     }

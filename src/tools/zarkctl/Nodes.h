@@ -35,10 +35,14 @@ public:
     QList<NodeEntry> matching(const QString& pattern); ///< The same with the nodes' roles, of one pattern.
     static bool isPattern(const QString& path) { return path.contains(QLatin1Char('*')); }
 
+    /// Rows so far that this user may not see.
+    int hidden() const { return m_hidden; }
+
 private:
     void walkChildren(const QString& path, int depth, QList<bool>* lasts, const Visit& visit);
     NodeEntry entryOf(const QVariantList& row) const;
 
     ApiClient* m_api;
     QStringList m_roles;
+    int m_hidden = 0;
 };

@@ -41,34 +41,42 @@ QByteArray branch(const QList<bool>& lasts)
     return text;
 }
 
+QList<NodeEntry> found(const Session& session, const QString& argument, const QStringList& roles)
+{
+    if (Nodes::isPattern(argument))
+        return Nodes(session.api, roles).matching(argument);
+    NodeEntry node;
+    node.path = argument;
+    const QVariantList values = session.api->getData(argument, roles);
+    for (int i = 0; i < roles.size(); ++i)
+        node.roles.insert(roles.at(i), values.at(i));
+    return { node };
+}
+
 } // namespace
 
 ExitStatus runGet(Session& session)
 {
     const bool bare = session.invocation.has("raw");
-    // "title" first: the value ends the line, and devices are compared by it.
+    // "value" last: it ends the line, and devices are compared by it.
     const QStringList roles = rolesOf(session, bare ? ValueRole : QStringLiteral("title,value"));
-    Nodes nodes(session.api, roles);
     session.report.bare = bare;
+    ExitStatus status = ExitOk;
     for (const QString& argument : session.arguments()) {
-        QList<NodeEntry> found;
-        if (Nodes::isPattern(argument)) {
-            found = nodes.matching(argument);
-        } else {
-            NodeEntry node;
-            node.path = argument;
-            const QVariantList values = session.api->getData(argument, roles);
-            for (int i = 0; i < roles.size(); ++i)
-                node.roles.insert(roles.at(i), values.at(i));
-            found.append(node);
-        }
-        for (const NodeEntry& node : qAsConst(found)) {
-            session.report.records.append(recordOf(node, roles));
-            for (const QString& role : bare ? roles : QStringList())
-                session.report.lines.append(ValueText::bare(node.shown(role)));
+        try {
+            for (const NodeEntry& node : found(session, argument, roles)) {
+                session.report.records.append(recordOf(node, roles));
+                for (const QString& role : bare ? roles : QStringList())
+                    session.report.lines.append(ValueText::bare(node.shown(role)));
+            }
+        } catch (const Failure& failure) {
+            if (failure.status == ExitUnreachable)
+                throw;
+            session.note(failure.text); // The others are answered all the same.
+            status = qMax(status, failure.status);
         }
     }
-    return ExitOk;
+    return status;
 }
 
 ExitStatus runLs(Session& session)
@@ -77,8 +85,9 @@ ExitStatus runLs(Session& session)
     Nodes nodes(session.api, roles);
     const QStringList paths = session.arguments().isEmpty() ? QStringList{ QStringLiteral(":") } : session.arguments();
     for (const QString& path : nodes.expanded(paths)) {
-        for (const NodeEntry& node : nodes.children(path))
+        nodes.walk(path, 1, [&session, &roles](const NodeEntry& node, const QList<bool>&) {
             session.report.records.append(recordOf(node, roles));
+        });
     }
     return ExitOk;
 }
@@ -89,7 +98,6 @@ ExitStatus runTree(Session& session)
     Nodes nodes(session.api, roles);
     const int depth = int(session.invocation.number("depth", -1));
     const QString start = session.arguments().value(0, QStringLiteral(":"));
-    session.report.lines.append(start.toUtf8());
     nodes.walk(start, depth, [&session, &roles](const NodeEntry& node, const QList<bool>& lasts) {
         session.report.records.append(recordOf(node, roles));
         const QString value = ValueText::cell(node.shown(ValueRole));
@@ -99,6 +107,7 @@ ExitStatus runTree(Session& session)
                                                                  : QStringLiteral(" (%1)").arg(node.type);
         session.report.lines.append(branch(lasts) + ValueText::printable(name + kind).toUtf8());
     });
+    session.report.lines.prepend(start.toUtf8());
     return ExitOk;
 }
 

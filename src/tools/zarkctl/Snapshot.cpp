@@ -52,6 +52,7 @@ Snapshot Snapshot::fromDevice(ApiClient* api, const QStringList& paths, bool sho
         });
         progress.show(i + 1, starts.size(), "subtrees");
     }
+    snapshot.m_hidden = nodes.hidden();
     return snapshot;
 }
 

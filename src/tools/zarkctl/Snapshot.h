@@ -19,7 +19,9 @@ public:
     /// One line a node.
     QByteArray toJson() const;
     const QMap<QString, QVariant>& values() const { return m_values; }
+    int hidden() const { return m_hidden; } ///< Nodes that this user may not see.
 
 private:
     QMap<QString, QVariant> m_values;
+    int m_hidden = 0;
 };

@@ -101,7 +101,10 @@ void apply(Session* session, Plan* plan)
 
 ExitStatus runDump(Session& session)
 {
-    session.output->write(Snapshot::fromDevice(session.api, startsOf(session.arguments()), true).toJson());
+    const Snapshot snapshot = Snapshot::fromDevice(session.api, startsOf(session.arguments()), true);
+    if (snapshot.hidden() > 0)
+        session.note(QStringLiteral("%1 nodes are left out, which this user may not see").arg(snapshot.hidden()));
+    session.output->write(snapshot.toJson());
     return ExitOk;
 }
 

@@ -17,9 +17,9 @@ QString printable(const QString& text, bool lines = false);
 /// What an argument means: the text itself, the contents of the file behind "@", or standard input for "-" (without its
 /// last line end). With `literal` always the text. Throws a Failure.
 QByteArray given(const QString& argument, bool literal);
-/// `text` as a value of the type that a node has: {"type", "value"}. A text for a string, Base64 of `bytes` from a
-/// file, JSON for the rest. Without a type, or one that is not known here, JSON and else a text. Throws a Failure of
-/// status ExitRefused when it is none of the type; no message repeats the value.
+/// `text` as a value of the type that a node has: {"type", "value"}. A text for a string, Base64 (of the bytes
+/// themselves when they are from a file) for bytes, JSON for the rest. Without a type, or one that is not known here,
+/// JSON and else a text. Invalid when it is none of the type.
 QVariant typed(const QByteArray& text, const QString& type, bool fromFile);
 
 } // namespace ValueText

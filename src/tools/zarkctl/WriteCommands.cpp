@@ -29,7 +29,7 @@ ExitStatus runSet(Session& session)
     const QByteArray given = givenOnce(session, 1);
     NodeWriter node(session.api, session.arguments().first());
     const QVariant old = node.value();
-    QVariant value = ValueText::typed(given, node.type(), isFromFile(session, 1));
+    QVariant value = node.read(given, isFromFile(session, 1));
     node.check(value);
     const bool dry = session.invocation.has("dry-run");
     if (!dry)
