@@ -6,6 +6,9 @@
 
 #include "Failure.h"
 
+class Invocation;
+class Output;
+struct Report;
 struct Session;
 
 /// One option. What it takes decides how it is read, helped with and completed.
@@ -22,7 +25,13 @@ struct OptionSyntax {
 /// One command: what it takes, what is said about it, and what does it.
 struct CommandSyntax {
     enum Argument { None, Path, FileName, Word };
-    enum Devices { Local, One, Many }; ///< Talks to none, to one alone, or to all that are named, at once.
+    enum Devices {
+        Local, ///< Talks to none.
+        One,
+        Two, ///< One or two; the session of the first has both targets.
+        Many, ///< All that are named, at once.
+        Followed, ///< As Many, for as long as the user likes: a thread each, however many.
+    };
 
     const char* name;
     const char* arguments; ///< As the usage line shows them; the words to choose from for Word.
@@ -34,6 +43,8 @@ struct CommandSyntax {
     ExitStatus (*run)(Session&);
     const char* summary; ///< One line.
     const char* details; ///< For `zarkctl help NAME`.
+    /// What all devices said, when that is no table or JSON; null otherwise.
+    void (*print)(const Invocation&, const QList<Report>&, Output*) = nullptr;
 };
 
 const QList<OptionSyntax>& optionTable();

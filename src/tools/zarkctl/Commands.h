@@ -1,7 +1,12 @@
 #pragma once
 
+#include <QList>
+
 #include "Failure.h"
 
+class Invocation;
+class Output;
+struct Report;
 struct Session;
 
 // What the table of commands names. Each asks the device, fills the session's report or writes what has no end, and
@@ -25,6 +30,7 @@ ExitStatus runDump(Session& session);
 ExitStatus runDiff(Session& session);
 ExitStatus runRestore(Session& session);
 ExitStatus runMetrics(Session& session);
+void printMetrics(const Invocation& invocation, const QList<Report>& reports, Output* output);
 ExitStatus runCompletion(Session& session);
 ExitStatus runHelp(Session& session);
 ExitStatus runVersion(Session& session);

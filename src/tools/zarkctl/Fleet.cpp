@@ -5,8 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "Commands.h"
-#include "Metrics.h"
 #include "Session.h"
 
 namespace {
@@ -31,6 +29,7 @@ void runOne(const Invocation& invocation, QList<Target> targets, int index, Outp
             session.note(failure.text);
     }
     run->report = session.report;
+    run->report.answered = run->status != ExitUnreachable;
 }
 
 void runAll(const Invocation& invocation, const QList<Target>& targets, Output* output, std::vector<Run>* runs)
@@ -41,7 +40,7 @@ void runAll(const Invocation& invocation, const QList<Target>& targets, Output* 
             runOne(invocation, targets, i, output, &(*runs)[size_t(i)]);
     };
     // What has no end needs a thread for each device.
-    const bool endless = invocation.command->run == runWatch;
+    const bool endless = invocation.command->devices == CommandSyntax::Followed;
     std::vector<std::thread> threads;
     while (threads.size() < (endless ? runs->size() : std::min(runs->size(), MostThreads)))
         threads.emplace_back(work);
@@ -49,29 +48,18 @@ void runAll(const Invocation& invocation, const QList<Target>& targets, Output* 
         thread.join();
 }
 
-void printReports(
-    const Invocation& invocation, const QList<Report>& reports, const QStringList& unreachable, Output* output)
-{
-    if (invocation.command->run != runMetrics || output->format() != Output::Table)
-        return output->print(reports);
-    const QByteArray text = metricsText(reports, unreachable);
-    if (invocation.has("file"))
-        writeMetrics(text, invocation.value("file"));
-    else
-        output->write(text);
-}
-
 } // namespace
 
 ExitStatus runOnDevices(const Invocation& invocation, const QList<Target>& targets, Output* output)
 {
-    const int most = invocation.command->run == runDiff ? 2 : 1;
-    if (invocation.command->devices == CommandSyntax::One && targets.size() > most)
+    const CommandSyntax& command = *invocation.command;
+    const bool many = command.devices >= CommandSyntax::Many && targets.size() > 1;
+    const int most = command.devices == CommandSyntax::Two ? 2 : 1;
+    if (command.devices < CommandSyntax::Many && targets.size() > most)
         throw Failure{ ExitUsage,
-            QStringLiteral("%1 takes %2")
-                .arg(QLatin1String(invocation.command->name),
-                    most == 1 ? QStringLiteral("one device") : QStringLiteral("two devices")) };
-    const bool many = invocation.command->devices == CommandSyntax::Many && targets.size() > 1;
+            QStringLiteral("%1 takes %2 at the most")
+                .arg(QLatin1String(command.name))
+                .arg(most == 1 ? QStringLiteral("one device") : QStringLiteral("two devices")) };
     std::vector<Run> runs(many ? size_t(targets.size()) : 1);
     for (size_t i = 0; many && i < runs.size(); ++i)
         runs[i].report.device = targets.at(int(i)).name();
@@ -80,14 +68,11 @@ ExitStatus runOnDevices(const Invocation& invocation, const QList<Target>& targe
     else
         runOne(invocation, targets, 0, output, &runs.front());
     QList<Report> reports;
-    QStringList failed;
     ExitStatus worst = ExitOk;
     for (const Run& run : runs) {
         reports.append(run.report);
-        if (run.status == ExitUnreachable)
-            failed.append(run.report.device);
         worst = std::max(worst, run.status);
     }
-    printReports(invocation, reports, failed, output);
+    command.print ? command.print(invocation, reports, output) : output->print(reports);
     return worst;
 }

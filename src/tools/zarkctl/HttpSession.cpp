@@ -129,7 +129,8 @@ HttpReply HttpSession::perform()
     const CURLcode code = curl_easy_perform(m_curl);
     const HttpReply reply = readReply();
     // Who is refused is told so at once and cut off in the middle of a body: the answer counts, not the cut.
-    if (code != CURLE_OK && !(code == CURLE_SEND_ERROR && reply.status >= 400 && !reply.body.isEmpty()))
+    const bool isCut = code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR;
+    if (code != CURLE_OK && !(isCut && reply.status >= 400 && !reply.body.isEmpty()))
         fail(code);
     return reply;
 }

@@ -3,7 +3,6 @@
 #include <QSaveFile>
 
 #include "Commands.h"
-#include "Metrics.h"
 #include "Nodes.h"
 #include "Session.h"
 #include "ValueText.h"
@@ -35,10 +34,54 @@ QByteArray escaped(const QString& text)
     return bytes.replace('\\', "\\\\").replace('"', "\\\"").replace('\n', "\\n");
 }
 
+/// Of a record of runMetrics().
+enum Field { MetricField, PathField, TitleField, UnitField, NumberField };
+
+QByteArray sampleOf(const Record& record, const QByteArray& device)
+{
+    const QVariant number = record.at(NumberField).second;
+    const bool isBool = number.userType() == QMetaType::Bool;
+    QByteArray labels = "path=\"" + escaped(record.at(PathField).second.toString()) + '"';
+    if (!record.at(UnitField).second.toString().isEmpty())
+        labels += ",unit=\"" + escaped(record.at(UnitField).second.toString()) + '"';
+    if (!device.isEmpty())
+        labels += ',' + device;
+    return record.at(MetricField).second.toByteArray() + '{' + labels + "} "
+        + (isBool ? QByteArray::number(int(number.toBool())) : ZarkJson::serialize(number)) + '\n';
+}
+
+/// The samples of all devices, a metric's together, as the format wants them.
+QByteArray textOf(const QList<Report>& reports)
+{
+    QMap<QString, QByteArray> samples;
+    QMap<QString, QString> helps;
+    QByteArray text = "# HELP zark_up Whether the device answered.\n# TYPE zark_up gauge\n";
+    for (const Report& report : reports) {
+        const QByteArray device = report.device.isEmpty() ? QByteArray() : "device=\"" + escaped(report.device) + '"';
+        text += "zark_up" + (device.isEmpty() ? device : '{' + device + '}') + (report.answered ? " 1\n" : " 0\n");
+        for (const Record& record : report.records) {
+            const QString metric = record.at(MetricField).second.toString();
+            samples[metric] += sampleOf(record, device);
+            helps.insert(metric, record.at(TitleField).second.toString());
+        }
+    }
+    for (auto it = samples.cbegin(); it != samples.cend(); ++it) {
+        const QByteArray name = it.key().toLatin1();
+        text += "# HELP " + name + ' ' + escaped(helps.value(it.key())) + "\n# TYPE " + name + " gauge\n" + it.value();
+    }
+    return text + "# EOF\n";
+}
+
+/// Replaces the file as a whole, so that a collector never reads half of it.
+void writeFile(const QByteArray& text, const QString& fileName)
+{
+    QSaveFile file(fileName);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit())
+        throw Failure{ ExitFailed, fileName + QStringLiteral(": ") + file.errorString() };
+}
+
 } // namespace
 
-/// Each numeric node is a record: the metric's name, path, title, unit and number. metricsText() makes the text of all
-/// devices together, because a metric's lines must stand together.
 ExitStatus runMetrics(Session& session)
 {
     Nodes nodes(session.api, { QStringLiteral("value"), QStringLiteral("title"), QStringLiteral("edit") });
@@ -58,40 +101,12 @@ ExitStatus runMetrics(Session& session)
     return ExitOk;
 }
 
-QByteArray metricsText(const QList<Report>& reports, const QStringList& unreachable)
+void printMetrics(const Invocation& invocation, const QList<Report>& reports, Output* output)
 {
-    QMap<QString, QByteArray> samples;
-    QMap<QString, QString> helps;
-    QByteArray up = "# HELP zark_up Whether the device answered.\n# TYPE zark_up gauge\n";
-    for (const Report& report : reports) {
-        const QByteArray device = report.device.isEmpty() ? QByteArray() : "device=\"" + escaped(report.device) + '"';
-        const bool answered = !unreachable.contains(report.device);
-        up += "zark_up" + (device.isEmpty() ? device : '{' + device + '}') + (answered ? " 1\n" : " 0\n");
-        for (const Record& record : report.records) {
-            const QString metric = record.at(0).second.toString();
-            const QVariant number = record.at(4).second;
-            const QByteArray text = number.userType() == QMetaType::Bool ? QByteArray(number.toBool() ? "1" : "0")
-                                                                         : ZarkJson::serialize(number);
-            QByteArray labels = "path=\"" + escaped(record.at(1).second.toString()) + '"';
-            if (!record.at(3).second.toString().isEmpty())
-                labels += ",unit=\"" + escaped(record.at(3).second.toString()) + '"';
-            if (!device.isEmpty())
-                labels += ',' + device;
-            samples[metric] += metric.toLatin1() + '{' + labels + "} " + text + '\n';
-            helps.insert(metric, record.at(2).second.toString());
-        }
-    }
-    QByteArray text = up;
-    for (auto it = samples.cbegin(); it != samples.cend(); ++it) {
-        const QByteArray name = it.key().toLatin1();
-        text += "# HELP " + name + ' ' + escaped(helps.value(it.key())) + "\n# TYPE " + name + " gauge\n" + it.value();
-    }
-    return text + "# EOF\n";
-}
-
-void writeMetrics(const QByteArray& text, const QString& fileName)
-{
-    QSaveFile file(fileName);
-    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size() || !file.commit())
-        throw Failure{ ExitFailed, fileName + QStringLiteral(": ") + file.errorString() };
+    if (output->format() != Output::Table)
+        output->print(reports);
+    else if (invocation.has("file"))
+        writeFile(textOf(reports), invocation.value("file"));
+    else
+        output->write(textOf(reports));
 }

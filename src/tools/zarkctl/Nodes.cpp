@@ -108,12 +108,17 @@ QList<NodeEntry> Nodes::matching(const QString& pattern)
     return found;
 }
 
+QString Nodes::plainPath(const QString& path)
+{
+    return path.endsWith(QLatin1Char('/')) ? path.chopped(1) : path;
+}
+
 QStringList Nodes::expanded(const QStringList& patterns)
 {
     QStringList paths;
     for (const QString& pattern : patterns) {
         if (!isPattern(pattern))
-            paths.append(pattern);
+            paths.append(plainPath(pattern));
         for (const NodeEntry& node : isPattern(pattern) ? matching(pattern) : QList<NodeEntry>())
             paths.append(node.path);
     }

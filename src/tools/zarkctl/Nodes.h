@@ -33,6 +33,8 @@ public:
     /// of status ExitNotFound when such a pattern fits nothing; other paths are taken as they are.
     QStringList expanded(const QStringList& patterns);
     QList<NodeEntry> matching(const QString& pattern); ///< The same with the nodes' roles, of one pattern.
+    /// Without the "/" that completion leaves behind a container.
+    static QString plainPath(const QString& path);
     static bool isPattern(const QString& path) { return path.contains(QLatin1Char('*')); }
 
     /// Rows so far that this user may not see.

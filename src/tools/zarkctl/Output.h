@@ -15,6 +15,7 @@ struct Report {
     QList<Record> records;
     QByteArrayList lines; ///< In place of the table, when there are any.
     bool bare = false; ///< The lines are the answer in every format.
+    bool answered = true; ///< The device could be reached.
 };
 
 /// Standard output, in the format of -o. Every write is checked: a full disk or a closed pipe throws a Failure. Any

@@ -46,8 +46,8 @@ QList<NodeEntry> found(const Session& session, const QString& argument, const QS
     if (Nodes::isPattern(argument))
         return Nodes(session.api, roles).matching(argument);
     NodeEntry node;
-    node.path = argument;
-    const QVariantList values = session.api->getData(argument, roles);
+    node.path = Nodes::plainPath(argument);
+    const QVariantList values = session.api->getData(node.path, roles);
     for (int i = 0; i < roles.size(); ++i)
         node.roles.insert(roles.at(i), values.at(i));
     return { node };
@@ -97,7 +97,7 @@ ExitStatus runTree(Session& session)
     const QStringList roles{ QStringLiteral("type"), QStringLiteral("title"), ValueRole };
     Nodes nodes(session.api, roles);
     const int depth = int(session.invocation.number("depth", -1));
-    const QString start = session.arguments().value(0, QStringLiteral(":"));
+    const QString start = Nodes::plainPath(session.arguments().value(0, QStringLiteral(":")));
     nodes.walk(start, depth, [&session, &roles](const NodeEntry& node, const QList<bool>& lasts) {
         session.report.records.append(recordOf(node, roles));
         const QString value = ValueText::cell(node.shown(ValueRole));
