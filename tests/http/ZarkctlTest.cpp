@@ -5,6 +5,7 @@
 #include <csignal>
 
 #include "Device.h"
+#include "Tls.h"
 #include "Upstream.h"
 
 namespace {
@@ -168,6 +169,8 @@ private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY(m_device.isRunning() && m_other.isRunning());
+        const QString authority = m_device.stateDirectory() + QStringLiteral("/authority.pem");
+        QTRY_VERIFY_WITH_TIMEOUT(isTrusted(m_httpsPort, authority), 60000); // Its certificate is made first.
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         const auto set = [&environment](const char* name, const QByteArray& value) {
             environment.insert(QLatin1String(name), QString::fromLocal8Bit(value));
@@ -178,7 +181,7 @@ private Q_SLOTS:
         set("A", m_device.baseUrl());
         set("B", m_other.baseUrl());
         set("S", "https://127.0.0.1:" + QByteArray::number(m_httpsPort));
-        set("CA", m_device.stateDirectory().toLocal8Bit() + "/authority.pem");
+        set("CA", authority.toLocal8Bit());
         set("X", "http://127.0.0.1:" + QByteArray::number(m_foreign.port()));
         set("MAN", MAN_PAGE);
         set("SHELL", "/bin/bash"); // Which script(1) starts.

@@ -28,6 +28,7 @@ public:
 
     Format format() const { return m_format; }
     bool isColoured() const { return m_colour; }
+    bool isTerminal() const { return m_width > 0; }
     /// Several reports with a "path" and a "value" come side by side, a column each; others one below the other.
     void print(const QList<Report>& reports);
     /// At once, for what has no end.

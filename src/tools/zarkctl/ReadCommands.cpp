@@ -26,6 +26,13 @@ Record recordOf(const NodeEntry& node, const QStringList& roles)
     return record;
 }
 
+/// As it is for a program; a terminal is not to be steered by a device.
+QByteArray bareLine(const Output& output, const QVariant& value)
+{
+    const QByteArray bare = ValueText::bare(value);
+    return output.isTerminal() ? ValueText::printable(QString::fromUtf8(bare), true).toUtf8() : bare;
+}
+
 QString leafOf(const QString& path)
 {
     return path.section(QLatin1Char('/'), -1);
@@ -67,7 +74,7 @@ ExitStatus runGet(Session& session)
             for (const NodeEntry& node : found(session, argument, roles)) {
                 session.report.records.append(recordOf(node, roles));
                 for (const QString& role : bare ? roles : QStringList())
-                    session.report.lines.append(ValueText::bare(node.shown(role)));
+                    session.report.lines.append(bareLine(*session.output, node.shown(role)));
             }
         } catch (const Failure& failure) {
             if (failure.status == ExitUnreachable)
