@@ -450,7 +450,7 @@ private Q_SLOTS:
     {
         QProcess watch;
         watch.start(QString::fromLocal8Bit(ZARKCTL),
-            { "--url", QString::fromLatin1(m_device.baseUrl()), "watch", "--count", "2", Counter });
+            { "--url", QString::fromLatin1(m_device.baseUrl()), "watch", "-o", "jsonl", "--count", "2", Counter });
         // Nobody says when it has subscribed.
         for (int i = 0; i < 100 && watch.state() != QProcess::NotRunning; ++i) {
             QVERIFY(m_client.setCounter(++m_value));

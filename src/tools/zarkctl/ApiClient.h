@@ -1,46 +1,54 @@
 #pragma once
 
+#include <QVariant>
+
 #include <optional>
 
-#include <QList>
-#include <QNetworkAccessManager>
-#include <QPair>
-#include <QUrl>
-
+#include "HttpSession.h"
 #include "RequestSigner.h"
+#include "Target.h"
 
-/// What came back for one request.
-struct ApiReply {
-    int status = 0; ///< The HTTP status; 0 when there was no answer.
-    QByteArray body;
-    QString networkError; ///< Why there was no answer.
-
-    bool isOk() const { return status == 200; }
-    /// The error in one line: the device's own words where it gave any.
-    QString errorText() const;
-    /// The name of the device's error, such as "outdatedVersion"; empty when it gave none.
-    QString errorName() const;
-};
-
-/// The device's HTTP API, one request at a time. Every call blocks (in an event loop) until the answer is complete or
-/// a minute has passed without a byte. Requests are signed when there is a signer.
+/// The device's HTTP API, typed. Requests are signed when the target has a user. Every call throws a Failure when the
+/// device refuses or cannot be reached, and when the answer is not one that this API gives: a captive portal's page, or
+/// another server's. JSON objects are QVariantHash, arrays QVariantList, as ZarkJson reads them.
 class ApiClient {
 public:
     using Query = QList<QPair<QString, QString>>;
 
-    ApiClient(const QUrl& base, std::optional<RequestSigner> signer);
+    explicit ApiClient(const Target& target);
 
-    ApiReply get(const QString& path, const Query& query);
-    ApiReply post(const QString& path, const QByteArray& json);
-    /// A setData whose value (JSON text) travels encrypted. Needs a signer.
-    ApiReply postEncryptedValue(const QString& node, const QByteArray& value);
+    /// The roles' values, in the order asked.
+    QVariantList getData(const QString& path, const QStringList& roles);
+    /// One page, {"rows", "rowsCount", "rowsVersion", ...}.
+    QVariantHash getRows(const QString& path, const QStringList& roles, qint64 from, qint64 to, qint64 version);
+    /// All rows from `from` to `to` (-1: the last), of one version of the list.
+    QVariantList allRows(const QString& path, const QStringList& roles, qint64 from = 0, qint64 to = -1);
+    /// What the node holds afterwards, or what the command returns. Signed over plain HTTP the value travels encrypted.
+    QVariant setData(const QString& path, const QString& role, const QVariant& value);
+    void changePassword(const QString& oldPassword, const QString& newPassword);
+
+    /// The id of a new queue.
+    QString openQueue(const QVariantList& subscriptions);
+    QVariantList poll(const QString& queue, int seconds, qint64 received);
+
+    /// {"bytes", "sha256"}.
+    QVariantHash upload(const UploadFile& file, const HttpSession::Progress& progress);
+    /// Until the stream ends or `sink` returns false, which is no failure.
+    void stream(const QString& path, const HttpSession::Sink& sink);
+
+    /// The URL of an endpoint, as it is sent and signed.
+    QByteArray url(const QString& endpoint, const Query& query = {}) const;
+    HttpSession& http() { return m_http; }
+    const RequestSigner* signer() const { return m_signer ? &*m_signer : nullptr; }
 
 private:
-    QUrl url(const QString& path) const;
-    ApiReply post(const QUrl& url, const QByteArray& json, const QByteArray& authorization);
-    static ApiReply finish(QNetworkReply* reply);
+    QByteArray authorization(const QByteArray& data) const;
+    QVariant get(const QString& endpoint, const Query& query);
+    QVariant post(const QString& endpoint, const QVariantHash& body, int waitSeconds = 0);
+    QVariant postEncrypted(const QVariantHash& body);
+    bool readRows(QVariantList* rows, const QString& path, const QStringList& roles, qint64 from, qint64 to);
 
-    QUrl m_base;
+    Target m_target;
+    HttpSession m_http;
     std::optional<RequestSigner> m_signer;
-    QNetworkAccessManager m_network;
 };

@@ -1,36 +1,36 @@
 #pragma once
 
-#include <functional>
+#include <QList>
 
-#include "ApiClient.h"
-#include "ExitStatus.h"
-#include "Options.h"
+#include "Failure.h"
 
-/// The commands: each asks the device, writes what it answered to standard output, and returns the exit status.
-class Commands {
-public:
-    /// `print` takes one line without its end; `complain` takes an error's text.
-    using Print = std::function<void(const QByteArray& line)>;
-    using Complain = std::function<void(const QString& text)>;
+class Invocation;
+class Output;
+struct Report;
+struct Session;
 
-    Commands(ApiClient* client, const Print& print, const Complain& complain);
+// What the table of commands names. Each asks the device, fills the session's report or writes what has no end, and
+// throws a Failure. Those of a local session have no device.
 
-    ExitStatus get(const QString& path, const QStringList& roles, bool structure);
-    /// One line a row, all of one version of the list; starts again when the list changes meanwhile.
-    ExitStatus rows(const QString& path, const QStringList& roles, qint64 from, qint64 to);
-    ExitStatus set(const QString& path, const QString& role, const QString& value);
-    /// One line an event, until `count` of them came (-1: for ever).
-    ExitStatus watch(const QStringList& paths, bool rowEvents, qint64 count);
-    /// Both passwords travel encrypted. The client must have a signer.
-    ExitStatus changePassword(const QString& user, const QString& oldPassword, const QString& newPassword);
-
-private:
-    ExitStatus fail(const ApiReply& reply);
-    ExitStatus printBody(const ApiReply& reply);
-    ApiReply readAllRows(const QString& path, const QString& roles, qint64 from, qint64 to, QList<QByteArray>* rows);
-    ApiReply openQueue(const QByteArray& subscriptions);
-
-    ApiClient* m_client;
-    Print m_print;
-    Complain m_complain;
-};
+ExitStatus runGet(Session& session);
+ExitStatus runLs(Session& session);
+ExitStatus runTree(Session& session);
+ExitStatus runRows(Session& session);
+ExitStatus runSet(Session& session);
+ExitStatus runCall(Session& session);
+ExitStatus runWatch(Session& session);
+ExitStatus runUpload(Session& session);
+ExitStatus runStream(Session& session);
+ExitStatus runLogin(Session& session);
+ExitStatus runLogout(Session& session);
+ExitStatus runPasswd(Session& session);
+ExitStatus runCert(Session& session);
+ExitStatus runSign(Session& session);
+ExitStatus runDump(Session& session);
+ExitStatus runDiff(Session& session);
+ExitStatus runRestore(Session& session);
+ExitStatus runMetrics(Session& session);
+void printMetrics(const Invocation& invocation, const QList<Report>& reports, Output* output);
+ExitStatus runCompletion(Session& session);
+ExitStatus runHelp(Session& session);
+ExitStatus runVersion(Session& session);

@@ -1,16 +1,15 @@
 #include "RequestSigner.h"
 
-#include <memory>
-
-#include <QCryptographicHash>
 #include <QDateTime>
-#include <QMessageAuthenticationCode>
 #include <QRandomGenerator>
-#include <openssl/evp.h>
+
+#include "CryptoAes.h"
+#include "CryptoHash.h"
+#include "Failure.h"
 
 namespace {
 
-const int BlockSize = 16;
+const int SaltBytes = 16;
 
 QByteArray randomBytes(int count)
 {
@@ -20,40 +19,28 @@ QByteArray randomBytes(int count)
     return bytes;
 }
 
-const unsigned char* raw(const QByteArray& bytes)
-{
-    return reinterpret_cast<const unsigned char*>(bytes.constData());
-}
-
 } // namespace
 
 RequestSigner::RequestSigner(const QString& user, const QString& password) : m_user(user.toUtf8())
 {
-    const QByteArray salt = randomBytes(BlockSize);
+    const QByteArray salt = randomBytes(SaltBytes);
     m_salt = salt.toBase64();
-    m_key = QCryptographicHash::hash(salt + password.toUtf8(), QCryptographicHash::Sha256);
+    CryptoHash::hash(CryptoHash::Sha256, salt + password.toUtf8(), &m_key);
 }
 
 QByteArray RequestSigner::header(const QByteArray& scheme, const QByteArray& data) const
 {
     const QByteArray time = QByteArray::number(QDateTime::currentMSecsSinceEpoch());
-    const QByteArray message = m_user + '.' + m_salt + '.' + time + '.' + data;
-    const QByteArray signature = QMessageAuthenticationCode::hash(message, m_key, QCryptographicHash::Sha256);
-    return scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + time + '.' + signature.toBase64();
+    QByteArray mac;
+    CryptoHash::hmac(CryptoHash::Sha256, m_key, m_user + '.' + m_salt + '.' + time + '.' + data, &mac);
+    return scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + time + '.' + mac.toBase64();
 }
 
 QByteArray RequestSigner::encrypt(const QByteArray& plainText) const
 {
-    const QByteArray iv = randomBytes(BlockSize);
-    QByteArray cipherText(plainText.size() + BlockSize, Qt::Uninitialized);
-    auto* out = reinterpret_cast<unsigned char*>(cipherText.data());
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(
-        EVP_CIPHER_CTX_new(), &EVP_CIPHER_CTX_free);
-    int body = 0;
-    int padding = 0;
-    if (!context || !EVP_EncryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, raw(m_key), raw(iv))
-        || !EVP_EncryptUpdate(context.get(), out, &body, raw(plainText), plainText.size())
-        || !EVP_EncryptFinal_ex(context.get(), out + body, &padding))
-        return {};
-    return (iv + cipherText.left(body + padding)).toBase64();
+    const QByteArray iv = randomBytes(CryptoAes::ivSize());
+    QByteArray cipherText;
+    if (!CryptoAes::encrypt(CryptoAes::CbcPkcs7, m_key, iv, plainText, &cipherText))
+        throw Failure{ ExitFailed, QStringLiteral("the value cannot be encrypted") };
+    return (iv + cipherText).toBase64();
 }

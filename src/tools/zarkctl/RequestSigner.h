@@ -17,8 +17,8 @@ public:
     /// The same for a request whose value is encrypted.
     QByteArray encryptedAuthorization(const QByteArray& data) const { return header("HMAC_SHA256_AES256", data); }
 
-    /// Base64 of a random initialisation vector and the AES-256-CBC cipher text under the signing key. Empty when the
-    /// crypto library refuses.
+    /// Base64 of a random initialisation vector and the AES-256-CBC cipher text under the signing key. Throws a Failure
+    /// when the crypto library refuses.
     QByteArray encrypt(const QByteArray& plainText) const;
 
 private:

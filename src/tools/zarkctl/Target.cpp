@@ -1,0 +1,96 @@
+#include "Target.h"
+
+#include <QFile>
+
+#include "CommandLine.h"
+#include "Failure.h"
+#include "Password.h"
+#include "Profile.h"
+
+namespace {
+
+QStringList urlsIn(const QString& fileName)
+{
+    QFile file(fileName);
+    if (!(fileName == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly)))
+        throw Failure{ ExitUsage, fileName + QStringLiteral(": ") + file.errorString() };
+    QStringList urls;
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    for (const QString& line : lines) {
+        const QString url = line.section(QLatin1Char('#'), 0, 0).trimmed();
+        if (!url.isEmpty())
+            urls.append(url);
+    }
+    if (urls.isEmpty())
+        throw Failure{ ExitUsage, fileName + QStringLiteral(": names no device") };
+    return urls;
+}
+
+QList<Target> named(const Invocation& invocation)
+{
+    QStringList urls = invocation.values("url");
+    for (const QString& file : invocation.values("urls"))
+        urls += urlsIn(file);
+    QList<Target> targets;
+    for (const QString& profile : invocation.values("profile"))
+        targets.append(readProfile(profile));
+    const QString ofEnvironment = qEnvironmentVariable("ZARK_URL");
+    if (urls.isEmpty() && targets.isEmpty() && !ofEnvironment.isEmpty())
+        urls.append(ofEnvironment);
+    if (urls.isEmpty() && targets.isEmpty() && hasProfile(DefaultProfile))
+        targets.append(readProfile(DefaultProfile));
+    if (urls.isEmpty() && targets.isEmpty())
+        urls.append(QStringLiteral("http://localhost:8080"));
+    for (const QString& url : qAsConst(urls)) {
+        targets.append(Target());
+        targets.last().url = urlFrom(url);
+    }
+    return targets;
+}
+
+} // namespace
+
+QUrl urlFrom(const QString& text)
+{
+    // A host alone is enough.
+    const QString whole = text.contains(QLatin1String("://")) ? text : QStringLiteral("http://") + text;
+    QUrl url(whole, QUrl::StrictMode);
+    const QString scheme = url.scheme();
+    if (!url.isValid() || url.host().isEmpty() || (scheme != QLatin1String("http") && scheme != QLatin1String("https")))
+        throw Failure{ ExitUsage, QStringLiteral("no http or https URL: ") + whole.section(QLatin1Char('@'), -1) };
+    if (!url.userInfo().isEmpty())
+        throw Failure{ ExitUsage, QStringLiteral("no user or password in a URL: use --user and --password-file") };
+    // The URL exactly as the server rebuilds it from the request line and the Host header: that text is signed.
+    if (url.port() == (scheme == QLatin1String("https") ? 443 : 80))
+        url.setPort(-1);
+    url.setFragment(QString());
+    url.setQuery(QString());
+    return url;
+}
+
+QString Target::name() const
+{
+    const QString host = url.host().contains(QLatin1Char(':')) ? QStringLiteral("[%1]").arg(url.host()) : url.host();
+    return url.port() < 0 ? host : QStringLiteral("%1:%2").arg(host).arg(url.port());
+}
+
+QList<Target> targetsOf(const Invocation& invocation)
+{
+    QList<Target> targets = named(invocation);
+    const bool given = invocation.has("user");
+    if ((invocation.has("password-file") || invocation.has("empty-password")) && !given)
+        throw Failure{ ExitUsage, QStringLiteral("a password needs --user") };
+    QString password;
+    if (given)
+        password = passwordFor(invocation.value("user"), invocation);
+    for (Target& target : targets) {
+        if (given)
+            target.user = invocation.value("user"), target.password = password;
+        if (invocation.has("ca"))
+            target.caFile = invocation.value("ca");
+        else if (target.caFile.isEmpty() && QFile::exists(trustedFile(target.url)))
+            target.caFile = trustedFile(target.url);
+        target.timeoutSeconds = int(invocation.number("timeout", 0));
+    }
+    return targets;
+}

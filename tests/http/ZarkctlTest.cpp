@@ -1,0 +1,256 @@
+#include <QProcess>
+#include <QRegularExpression>
+#include <QtTest>
+
+#include <csignal>
+
+#include "Device.h"
+#include "Tls.h"
+#include "Upstream.h"
+
+namespace {
+
+/// One command line, as a shell reads it. $Z is zarkctl, which asks the device $A; $B is another device, $S the first
+/// over HTTPS, $X a server that is none. The directory is the test's own. Rows are a story: each finds what the ones
+/// before it left.
+struct Row {
+    const char* name;
+    const char* line;
+    int status;
+    const char* output; ///< A pattern that fits somewhere, "" for no output at all, null for any.
+    const char* errors = "";
+};
+
+const char* const Page = "HTTP/1.1 200 OK\r\nContent-Type: text/html\r\nContent-Length: 4\r\n\r\n<hi>";
+const char* const OneRow = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 44\r\n\r\n"
+                           "{\"rows\":[[1]],\"rowsCount\":2,\"rowsVersion\":7}";
+const char* const Outdated = "HTTP/1.1 500 \r\nContent-Type: application/json\r\nContent-Length: 53\r\n\r\n"
+                             "{\"error\":{\"name\":\"outdatedVersion\",\"message\":\"late\"}}";
+const char* const Cut = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 9\r\n\r\n[1,";
+
+const Row rows[] = {
+    { "the roots", "$Z ls", 0, "^PATH +TYPE +TITLE +VALUE\n[^$]*\nplayer:player +container +Player\n" },
+    { "a worker's nodes", "$Z ls demo:", 0, "\ndemo:values +container +Values\ndemo:volatile" },
+    { "a terminal's colours", "script -qc '$Z ls demo:' o", 0, "\033\\[1mPATH" },
+    { "and its width",
+        "script -qc 'stty cols 40; NO_COLOR=1 $Z ls player:player' o | LC_ALL=C.UTF-8 grep -c '.\\{42\\}'", 1, "^0$" },
+    { "no colours", "NO_COLOR=1 script -qc '$Z ls demo:' o | grep -c '\033'", 1, "^0$" },
+    { "every digit, bare", "$Z get -r demo:values/i64", 0, "^9007199254740993\n$" },
+    { "a pattern", "$Z get --roles value 'demo:v*/*' -o jsonl | wc -l", 0, "^8$" },
+    { "a pattern of nothing", "$Z get 'demo:values/x*'", 4, "", "fits no node" },
+    { "a path's own escapes", "$Z get 'a:ü&x %2F+'", 4, "", "^zarkctl: a:ü&x %2F\\+: notFound: " },
+    { "a tree without its secrets", "$Z tree demo:permissions/", 0,
+        "\n└── demo:permissions/internal = \\(secret\\)\n$" },
+    { "all pages of a list", "$Z rows demo:lists/large --roles title | tail -n +2 | cut -c 8-11 | uniq | wc -l", 0,
+        "^1$" },
+    { "the rows that are asked for", "$Z rows demo:lists/large --from 998 --to 1001 -o jsonl --roles title", 0,
+        "^\\{\"index\":998,\"title\":\"Row 998\"\\}\n([^\n]*\n){2}\\{\"index\":1001,\"title\":\"Row 1001\"\\}\n$" },
+
+    { "old and new", "$Z set demo:values/i32 -5", 0, "^demo:values/i32: 7 → -5\n$" },
+    { "a text like a number", "$Z set settings:webserver/defaultLocation 42 -o json", 0,
+        "\"new\":\\{\"type\":\"string\",\"value\":\"42\"" },
+    { "a text from standard input", "printf '@x\\n' | $Z set settings:webserver/defaultLocation -", 0, "42 → @x\n$" },
+    { "a text as it is", "$Z set settings:webserver/defaultLocation --literal -- -", 0, "@x → -\n$" },
+    { "bytes of a file", "printf '\\0\\377' >b; $Z set demo:values/bytes @b", 0, "AAEC/w== → AP8=" },
+    { "64 bits", "$Z set demo:values/i64 9223372036854775807 && $Z get -r demo:values/i64", 0,
+        "\n9223372036854775807\n$" },
+    { "nothing by a dry run", "$Z set -n demo:values/i32 9; $Z get -r demo:values/i32", 0,
+        "-5 → 9 \\(not set\\)\n-5\n$" },
+    { "out of range", "$Z set demo:values/i32 250", 3, "", "outOfRange: the value must be at most 100\n$" },
+    { "off the step", "$Z set demo:values/double 6.3", 3, "",
+        "^zarkctl: demo:values/double: outOfRange: The value must be a multiple" },
+    { "another type", "$Z set demo:values/i32 x", 3, "", "invalidType: this is no i32\n$" },
+    { "a command is called", "$Z set player:player/control play", 3, "", "zarkctl call" },
+    { "a secret stays one", "$Z set settings:webserver/httpsPrivateKey -----BEGIN-geheim", 1, "",
+        "^(?!.*geheim)zarkctl: settings" },
+    { "so does another's option", "$Z get --password=geheim x", 2, "", "^zarkctl: unknown option: --password\n$" },
+    { "a command", "$Z call player:player/control play; $Z call player:player/playlistRemove '{\"index\":0}'", 0,
+        "^playing\n" },
+
+    { "a full disk", "$Z ls >/dev/full", 1, "", "standard output: No space left" },
+    { "a closed pipe", "$Z rows demo:lists/large | head -1; echo ${PIPESTATUS[0]}", 0, "\n1\n$", "Broken pipe" },
+    { "watch begins with what is",
+        "$Z watch --count 2 demo:values/i32 >w & sleep 1; $Z set demo:values/i32 4; wait; cat w", 0,
+        "  -5\n[^\n]*demo:values/i32  4\n$" },
+    { "watch ends with its reader", "timeout 9 $Z watch demo:values/i32 | head -1; echo ${PIPESTATUS[0]}", 0,
+        "  4\n1\n$" },
+    { "a stream into a pipe", "$Z stream player:player/audio | head -c 4; echo ${PIPESTATUS[0]}", 0, "^RIFF1\n$" },
+    { "no stream", "$Z stream demo:values", 4, "", "notFound" },
+
+    { "no terminal to ask on", "setsid -w $Z --user admin ls </dev/null", 2, "", "no terminal.*--password-file FILE" },
+    { "no empty password by chance", "echo | $Z --user admin --password-file - ls", 2, "", "first line is empty" },
+    { "the first password, twice",
+        "(sleep 1; printf 'open sesame\\n'; sleep 1; printf 'open sesame\\n'; sleep 1) | "
+        "script -qec '$Z --user admin --empty-password passwd' o",
+        0, "^(?![^$]*sesame)New password: \r\nOnce more: \r\nthe password of admin is changed" },
+    { "another one", "echo 'open sesame' >p; echo another >q; $Z --user admin --password-file q login", 3, "",
+        "does not know this user" },
+    { "a profile",
+        "chmod 644 p; $Z --user admin --password-file p login && stat -c %a $HOME/.config/zarkctl/default.json", 0,
+        "\n600\n$" },
+    { "is used by itself", "unset ZARK_URL; $Z set demo:permissions/protected 5", 0, "0 → 5\n$" },
+    { "is read by its owner alone", "chmod 640 $HOME/.config/zarkctl/default.json; $Z -p default ls", 2, "",
+        "others can read it" },
+    { "a signed request for curl",
+        "eval \"$($Z --user admin --password-file p sign '/api/getData?path=demo:values/%693%32&roles=value') -s\"", 0,
+        "\"value\":4" },
+    { "and one with a body",
+        "eval \"$($Z --user admin --password-file p sign /api/setData "
+        "'{\"path\":\"demo:values/i32\",\"role\":\"value\",\"value\":8}') -s\"",
+        0, "\"value\":8" },
+    { "why one is refused",
+        "h=$($Z --user admin --password-file p sign /api/x | grep -o 'HMAC[^'\"\\'\"']*'); $Z --user admin "
+        "--password-file p sign --explain \"$h\" /api/x body",
+        1, "^the body was not signed\n" },
+
+    { "an upload",
+        "head -c 3000000 /dev/urandom >i; $Z upload i | grep -o '[0-9a-f]*$' >s; sha256sum <i | cut -c -64 | cmp - s",
+        0, "^$" },
+    { "its progress", "script -qec '$Z upload i' o | head -c 20", 0, "reading \\[|sending \\[" },
+    { "one that is refused", "$Z set settings:webserver/limits/updateBytes 9; $Z upload i", 3, nullptr,
+        "too large. \\(HTTP 413\\)" },
+    { "no image", "$Z upload /etc", 2, "", "no regular file" },
+
+    { "the same bytes", "$Z dump demo: >d; $Z dump demo: | cmp - d && grep -c internal d", 1, "^0$" },
+    { "no secrets", "$Z dump settings: | grep -Ec 'Key|users'", 1, "^0$" },
+    { "restored in part is restored not at all",
+        "sed 's/\"value\":true/\"value\":false/;s/21.5/21.7/' d >e; $Z restore e; $Z get -r demo:values/bool", 0,
+        "^true\n$", "multiple of 0.5[^$]*set back" },
+    { "types come first", "sed 's/\"value\":21.5/\"value\":\"x\"/' d >e; $Z restore e", 3, "", "nothing was set" },
+    { "what differs", "$Z set demo:values/i32 33 >/dev/null; $Z diff d", 1,
+        "^- demo:values/i32: 8\n\\+ demo:values/i32: 33\n$" },
+    { "is set back", "$Z restore d && $Z diff d", 0, "33 → 8\n1 of [0-9]+ nodes set\n$" },
+
+    { "two devices, side by side", "$Z -u $A -u $B get demo:values/i32 demo:values/bool", 0,
+        "PATH +127[^ ]+ +127[^ ]+ +SAME\ndemo:values/i32 +8 +7 +no\ndemo:values/bool +true +true +yes\n" },
+    { "and one that is away", "printf '%s # a\\n127.0.0.1:1\\n%s\\n' $A $B >f; $Z --urls f set demo:values/i32 9", 5,
+        ": 8 → 9\n[^$]*: 7 → 9\n", "^zarkctl: 127.0.0.1:1: " },
+    { "their differences", "$Z -u $A -u $B diff demo:values", 1,
+        "^- demo:values/bytes: AP8=\n\\+ demo:values/bytes: AAEC/w==\n" },
+    { "metrics", "$Z -u $A -u 127.0.0.1:1 metrics -f m demo:values; cat m", 0,
+        "zark_up\\{device=\"127[^\n]+\"\\} 1\nzark_up[^\n]+ 0\n# HELP zark_demo_values_bool Switch\n# TYPE "
+        "zark_demo_values_bool gauge\nzark_demo_values_bool\\{path=\"demo:values/bool\",device=[^\n]+\\} 1\n[^$]*# "
+        "EOF\n$",
+        "127.0.0.1:1" },
+
+    { "an unknown authority", "$Z -u $S ls", 5, "", "does not know; --ca FILE" },
+    { "another name", "$Z -u ${S/127.0.0.1/localhost} --ca $CA ls", 5, "", "is for another name" },
+    { "a known one", "$Z -u $S --ca $CA cert verify && $Z -u $S --ca $CA cert trust && $Z -u $S get -r demo:values/i32",
+        0, "\n9\n$" },
+    { "no TLS there", "$Z -u ${A/http/https} --timeout 1 ls", 5, "", "is it http://" },
+    { "nobody there", "$Z -u 127.0.0.1:1 ls", 5, "", "connect" },
+    { "one at a time", "$Z -u $A -u $B dump", 2, "", "takes one device at the most" },
+    { "a portal", "$Z -u $X get a:b", 5, "", "no answer of a device \\(HTTP 200, text/html\\)" },
+    { "half an answer", "$Z -u $X get c:d", 5, "", "broke off" },
+    { "a list that never rests", "$Z -u $X rows e:f", 1, "", "faster than it can be read" },
+
+    { "help", "for c in $($Z __complete ''); do $Z help $c | grep '^usage: zarkctl '$c >/dev/null || echo $c; done", 0,
+        "^$" },
+    { "all of it in the man page",
+        "for c in $($Z __complete ''); do for w in \"Cm $c\" $($Z __complete $c -); do grep -q -e \"${w#-}\" $MAN || "
+        "echo $w; "
+        "done; done",
+        0, "" },
+    { "usage", "$Z get; $Z ls -o xml; $Z rows a:b --from -1; $Z ls --count 1", 2, "",
+        "get PATH...\n.*takes one of table, json, jsonl\n.*number from 0 up\n.*ls takes no option --count\n$" },
+    { "completion in bash",
+        ". <($Z completion bash); compopt() { :; }; COMP_WORDBREAKS=:; COMP_LINE='zarkctl ls demo:val'; "
+        "COMP_POINT=99; PATH=${Z%/*}:$PATH; _zarkctl; echo ${COMPREPLY[@]}",
+        0, "^values/\n$" },
+};
+
+} // namespace
+
+/// The program itself, against devices that judge what it sends.
+class ZarkctlTest : public QObject {
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY(m_device.isRunning() && m_other.isRunning());
+        const QString authority = m_device.stateDirectory() + QStringLiteral("/authority.pem");
+        QTRY_VERIFY_WITH_TIMEOUT(isTrusted(m_httpsPort, authority), 60000); // Its certificate is made first.
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        const auto set = [&environment](const char* name, const QByteArray& value) {
+            environment.insert(QLatin1String(name), QString::fromLocal8Bit(value));
+        };
+        set("Z", ZARKCTL);
+        set("HOME", m_directory.path().toLocal8Bit());
+        set("ZARK_URL", m_device.baseUrl());
+        set("A", m_device.baseUrl());
+        set("B", m_other.baseUrl());
+        set("S", "https://127.0.0.1:" + QByteArray::number(m_httpsPort));
+        set("CA", authority.toLocal8Bit());
+        set("X", "http://127.0.0.1:" + QByteArray::number(m_foreign.port()));
+        set("MAN", MAN_PAGE);
+        set("SHELL", "/bin/bash"); // Which script(1) starts.
+        environment.remove(QStringLiteral("NO_COLOR"));
+        environment.remove(QStringLiteral("XDG_CONFIG_HOME"));
+        environment.insert(QStringLiteral("TERM"), QStringLiteral("xterm"));
+        m_shell.setProcessEnvironment(environment);
+        m_shell.setWorkingDirectory(m_directory.path());
+    }
+
+    void says_data()
+    {
+        QTest::addColumn<int>("index");
+        for (int i = 0; i < int(std::size(rows)); ++i)
+            QTest::newRow(rows[i].name) << i;
+    }
+
+    void says()
+    {
+        QFETCH(int, index);
+        const Row& row = rows[index];
+        start(row.line);
+        QVERIFY(m_shell.waitForFinished(30000));
+        const QString output = QString::fromUtf8(m_shell.readAllStandardOutput());
+        const QString errors = QString::fromUtf8(m_shell.readAllStandardError());
+        QVERIFY2(!row.output || fits(row.output, output), qPrintable(output + QStringLiteral(" / ") + errors));
+        QVERIFY2(fits(row.errors, errors), qPrintable(errors));
+        QCOMPARE(m_shell.exitCode(), row.status);
+    }
+
+    void watchSurvivesARestart()
+    {
+        start("$Z -u $B watch --count 3 -o jsonl demo:volatile/counter");
+        QTRY_VERIFY_WITH_TIMEOUT(m_shell.bytesAvailable() > 0 || m_shell.waitForReadyRead(10), 5000);
+        QCOMPARE(m_other.stop(SIGTERM), 0);
+        m_shell.setReadChannel(QProcess::StandardError);
+        QTRY_VERIFY_WITH_TIMEOUT(m_shell.peek(999).contains("trying again in 1 s\n"), 9000);
+        QVERIFY(m_other.start());
+        const QByteArray set = "{\"path\":\"demo:volatile/counter\",\"role\":\"value\",\"value\":";
+        for (int value = 1; value < 200 && m_shell.state() != QProcess::NotRunning; ++value) {
+            QCOMPARE(m_other.postJson("/api/setData", set + QByteArray::number(value) + '}').status, 200);
+            m_shell.waitForFinished(100);
+        }
+        QCOMPARE(m_shell.exitCode(), 0);
+        QCOMPARE(m_shell.readAllStandardOutput().count("\n"), 3);
+        QVERIFY(m_shell.readAllStandardError().contains("subscribing again\n"));
+    }
+
+private:
+    static bool fits(const char* pattern, const QString& text)
+    {
+        return *pattern ? QRegularExpression(QString::fromUtf8(pattern)).match(text).hasMatch() : text.isEmpty();
+    }
+
+    void start(const char* line)
+    {
+        m_shell.start(QStringLiteral("bash"), { QStringLiteral("-c"), QString::fromUtf8(line) });
+    }
+
+    const int m_httpsPort = Device::freePort();
+    Device m_device{ { QStringLiteral("settings:webserver/httpsPort=%1").arg(m_httpsPort) } };
+    Device m_other;
+    Upstream m_foreign{ { { "/api/getData?path=a:b&roles=title,value", { Page } },
+        { "/api/getData?path=c:d&roles=title,value", { Cut } },
+        { "/api/getRows?path=e:f&roles=title,value&from=0&to=999&version=0", { OneRow } },
+        { "/api/getRows?path=e:f&roles=title,value&from=1&to=1&version=7", { Outdated } } } };
+    QTemporaryDir m_directory;
+    QProcess m_shell;
+};
+
+QTEST_GUILESS_MAIN(ZarkctlTest)
+#include "ZarkctlTest.moc"
