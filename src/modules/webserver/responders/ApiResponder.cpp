@@ -98,6 +98,7 @@ bool ApiResponder::accept(const char* fault)
 
 void ApiResponder::respondInvalidMethod()
 {
+    request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, POST"));
     respondWithError(CMError(MethodName, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
 }
 

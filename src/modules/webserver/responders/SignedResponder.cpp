@@ -121,8 +121,6 @@ void SignedResponder::answer(int status, const QByteArray& body, const QString& 
     request().setStatus(status, QString());
     if (status == SOUP_STATUS_UNAUTHORIZED)
         request().setHeader(QByteArrayLiteral("WWW-Authenticate"), QByteArray(ResponderCrypto::AdvertisedSchemes));
-    if (status == SOUP_STATUS_METHOD_NOT_ALLOWED)
-        request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, POST"));
     request().setResponseBody(body, contentType);
     if (!throttle || (status != SOUP_STATUS_UNAUTHORIZED && status != SOUP_STATUS_FORBIDDEN)) {
         Q_EMIT finished(m_requestId);

@@ -45,7 +45,7 @@ void StreamResponder::respond()
     const bool head = request().isMethod("HEAD");
     if (!isGet() && !head) {
         request().setHeader(QByteArrayLiteral("Allow"), QByteArrayLiteral("GET, HEAD"));
-        return respondWithError(CMError(CMError::NotSupported, "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
+        return respondWithError(CMError("invalidMethod", "Invalid method!"), SOUP_STATUS_METHOD_NOT_ALLOWED);
     }
     identify(UriAlone);
     QString path;
