@@ -5,22 +5,14 @@
 import Ajv from "ajv/dist/2020.js";
 import { load } from "js-yaml";
 import assert from "node:assert/strict";
-import { spawnSync } from "node:child_process";
 import { readFileSync } from "node:fs";
 import { request as httpRequest } from "node:http";
-import { fileURLToPath } from "node:url";
+import { request as httpsRequest } from "node:https";
 import { test } from "node:test";
 import { setData, startDevice } from "./device.mjs";
+import { enterNamespace } from "./namespace.mjs";
 
-const SETUP = "ip link set lo up && ip link add zark0 type veth peer name zark1 && ip link set zark0 up"
-  + ' && ip address add 192.0.2.1/24 dev zark0 && exec "$@"';
-if (!process.env.IN_NAMESPACE) {
-  const user = process.getuid() === 0 ? [] : ["--map-root-user"];
-  const inside = ["--net", "sh", "-c", SETUP, "sh", process.execPath, "--test", fileURLToPath(import.meta.url)];
-  const { status } = spawnSync("unshare", [...user, ...inside], { stdio: "inherit", env: { ...process.env, IN_NAMESPACE: 1 } });
-  process.exit(status ?? 1);
-}
-
+enterNamespace();
 const { ZARK_HOST, PROJECT } = process.env;
 const METHODS = ["get", "head", "post"];
 const QUEUE = "f37b8d25-3223-4493-997b-031ff09a9e89"; // Stands in the examples for a queue of the device.
@@ -60,7 +52,7 @@ function* objectsOf(schema, data, whole, known = new Set()) {
 function parse(text, first) {
   const [head, ...rest] = text.split("\n\n");
   const lines = head.split("\n");
-  const target = /^(\/|http:)/.test(lines[0]) ? lines.shift() : first.target;
+  const target = /^(\/|https?:)/.test(lines[0]) ? lines.shift() : first.target;
   const headers = Object.fromEntries(lines.flatMap((line) => {
     const count = Number(/^\{(\d+) fields\}$/.exec(line)?.[1] ?? 0);
     return count ? Array.from({ length: count }, (_, i) => [`X-${i}`, "x"]) : [line.split(/: (.*)/s).slice(0, 2)];
@@ -71,13 +63,13 @@ function parse(text, first) {
 }
 
 function send(method, { target, headers, body }) {
-  const { hostname } = new URL(target, "http://localhost");
+  const { protocol, hostname, pathname, search } = new URL(target, "http://localhost");
   const bytes = headers["Content-Type"]?.startsWith("multipart/") ? body.replaceAll("\n", "\r\n") : body;
   const length = bytes || method === "POST" ? { "Content-Length": Buffer.byteLength(bytes) } : {};
   return new Promise((done, failed) => {
-    const options = { method, host: hostname === "localhost" ? "127.0.0.1" : hostname, path: target.replace(/^http:..[^/]+/, ""),
-      headers: { Host: hostname, ...length, ...headers } };
-    const sent = httpRequest(options, async (answer) => {
+    const options = { method, host: hostname === "localhost" ? "127.0.0.1" : hostname, path: pathname + search,
+      headers: { Host: hostname, ...length, ...headers }, rejectUnauthorized: false };
+    const sent = (protocol === "https:" ? httpsRequest : httpRequest)(options, async (answer) => {
       const chunks = [];
       for await (const chunk of answer) {
         chunks.push(chunk);
@@ -131,7 +123,7 @@ function checkRequest(path, operation, { target, headers, body }) {
 
 test("the description and the device say the same", async (t) => {
   const limits = { "limits/updateBytes": 1000000, "limits/queuesPerClient": 100 };
-  const device = await startDevice(ZARK_HOST, PROJECT, { port: 80, ...limits });
+  const device = await startDevice(ZARK_HOST, PROJECT, { port: 80, httpsPort: 443, ...limits });
   t.after(() => device.stop());
   await setData(device, "settings:webserver/changePassword", { name: "admin", oldPassword: "", newPassword: "open sesame" }, "activate");
   const seen = new Map();
