@@ -11,7 +11,9 @@ install(DIRECTORY build/www DESTINATION ${CMAKE_INSTALL_DATADIR}/zark OPTIONAL)
 install(FILES packaging/zark-host.service DESTINATION lib/systemd/system)
 install(FILES packaging/zark.service DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/avahi/services)
 install(FILES packaging/zark-host.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
-install(FILES share/zarkctl/zarkctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
-install(FILES share/zarkctl/zarkctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-    RENAME zarkctl OPTIONAL)
-install(FILES share/zarkctl/_zarkctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions OPTIONAL)
+if(EXISTS ${PROJECT_SOURCE_DIR}/share/zarkctl)
+    install(FILES share/zarkctl/zarkctl.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    install(FILES share/zarkctl/zarkctl.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        RENAME zarkctl)
+    install(FILES share/zarkctl/_zarkctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
+endif()
