@@ -2,12 +2,35 @@
 
 # zark_library(zark_api LINK zark_thrift_api Qt5::Core): every source of the current folder and below.
 function(zark_library name)
-    cmake_parse_arguments(ARG "MODULE" "" "LINK;PRIVATE_LINK" ${ARGN})
+    cmake_parse_arguments(ARG "" "" "LINK;PRIVATE_LINK" ${ARGN})
     file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
     add_library(${name} SHARED ${sources})
-    target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+    target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>)
     target_link_libraries(${name} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK})
     target_precompile_headers(${name} REUSE_FROM zark_pch)
+endfunction()
+
+# zark_exports(zark_api framework.map): what of a library other programs see, and under which version.
+function(zark_exports name map)
+    target_link_options(${name} PRIVATE -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/${map})
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/${map})
+endfunction()
+
+# zark_framework_library(zark_api LINK ...): a library that modules and devices link, with its headers, in one folder.
+function(zark_framework_library name)
+    zark_library(${name} ${ARGN})
+    zark_exports(${name} framework.map)
+    string(REPLACE zark_ "" export ${name})
+    set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR} EXPORT_NAME ${export})
+    target_include_directories(${name} INTERFACE $<INSTALL_INTERFACE:include/zark>)
+    install(TARGETS ${name} EXPORT Zark LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zark FILES_MATCHING PATTERN "*.h")
+endfunction()
+
+# zark_install_module(zark_player): where the host looks for modules by their names.
+function(zark_install_module name)
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH $ORIGIN/..)
+    install(TARGETS ${name} LIBRARY DESTINATION ${ZARK_MODULE_DIR})
 endfunction()
 
 # zark_program(zarkctl LINK Qt5::Core): every source of the current folder.
@@ -17,6 +40,8 @@ function(zark_program name)
     add_executable(${name} ${sources})
     target_link_libraries(${name} PRIVATE ${ARG_LINK})
     target_precompile_headers(${name} REUSE_FROM zark_pch)
+    set_target_properties(${name} PROPERTIES INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR})
+    install(TARGETS ${name})
 endfunction()
 
 # zark_layer(webserver_files LINK webserver_log ...): the current folder, or only SOURCES of it, as objects of a library
@@ -31,7 +56,7 @@ function(zark_layer name)
     target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
     target_link_libraries(${name} PUBLIC ${ARG_LINK})
     target_precompile_headers(${name} REUSE_FROM zark_pch)
-    if(NOT ZARK_SANITIZE) # The sanitizers' own symbols are the program's to bring.
+    if(ZARK_TESTS AND NOT ZARK_SANITIZE) # The sanitizers' own symbols are the program's to bring.
         add_library(${name}_alone MODULE ${CMAKE_SOURCE_DIR}/cmake/empty.cpp)
         target_link_libraries(${name}_alone PRIVATE ${name} ${ARG_LINK})
         target_link_options(${name}_alone PRIVATE -Wl,--no-undefined)

@@ -58,6 +58,15 @@ void settle(int quietMs, const std::function<bool()>& isDone)
     }
 }
 
+/// Where modules are looked for by name. Installed, they have a directory of their own; in a build tree they lie beside
+/// the framework.
+QString moduleDirectory()
+{
+    const QDir program(QCoreApplication::applicationDirPath());
+    const QString installed = program.absoluteFilePath(QStringLiteral("../" ZARK_MODULE_DIR));
+    return QFileInfo(installed).isDir() ? installed : program.absoluteFilePath(QStringLiteral("../lib"));
+}
+
 /// The state holds secrets: a directory that the host makes is its owner's alone.
 bool makeStateDirectory(const QString& directory, QString* error)
 {
@@ -74,8 +83,8 @@ bool makeStateDirectory(const QString& directory, QString* error)
 } // namespace
 
 Host::Host(const HostOptions& options, SignalWatch* signalWatch, ServiceNotifier* notifier)
-    : m_options(options), m_log(options), m_loader(QCoreApplication::applicationDirPath() + QStringLiteral("/../lib")),
-      m_overrides(options.overrides), m_authority(options.stateDirectory), m_notifier(notifier)
+    : m_options(options), m_log(options), m_loader(moduleDirectory()), m_overrides(options.overrides),
+      m_authority(options.stateDirectory), m_notifier(notifier)
 {
     connect(signalWatch, &SignalWatch::stopRequested, this, &Host::requestStop);
     connect(signalWatch, &SignalWatch::reloadRequested, this, &Host::reload);

@@ -17,8 +17,7 @@ async function freePort() {
   return port;
 }
 
-async function startHost(host, project, state, port) {
-  const settings = { port, httpsPort: 0, documentRoot: join(project, "build/www") };
+async function startHost(host, project, state, settings) {
   const program = spawn(host, [
     "--tree", join(project, "share/demo/tree.json"), "--state", state, "--log-level", "error",
     ...["system", "player", "webserver"].flatMap((worker) => ["--worker", worker]),
@@ -35,17 +34,21 @@ async function startHost(host, project, state, port) {
   throw new Error("the device did not start");
 }
 
-/** Starts `host` with the project's demo tree and pages, and waits until it is ready. */
-export async function startDevice(host, project) {
+/**
+ * Starts `host` with the project's demo tree and pages, and waits until it is ready. `others` are further nodes under
+ * settings:webserver, and their values.
+ */
+export async function startDevice(host, project, others = {}) {
   const state = await mkdtemp(join(tmpdir(), "zark-web-"));
-  const port = await freePort();
-  let end = await startHost(host, project, state, port);
+  const settings = { port: await freePort(), httpsPort: 0, documentRoot: join(project, "build/www"), ...others };
+  let end = await startHost(host, project, state, settings);
   return {
-    url: `http://127.0.0.1:${port}`,
+    url: `http://127.0.0.1:${settings.port}`,
+    state,
     kill: () => end("SIGKILL"),
     /** After kill(): the same device, with the same state, at the same address. */
     restart: async () => {
-      end = await startHost(host, project, state, port);
+      end = await startHost(host, project, state, settings);
     },
     stop: async () => {
       const code = await end("SIGTERM");
