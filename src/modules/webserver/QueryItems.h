@@ -14,6 +14,7 @@ public:
 
     /// The first value of that name, empty for a name without "="; null when there is none. Valid as long as this is.
     const QString* find(const QString& name) const;
+    const QVector<QPair<QString, QString>>& all() const { return m_items; } ///< In the order of the query.
 
 private:
     QVector<QPair<QString, QString>> m_items;

@@ -24,11 +24,10 @@ QString textOf(const CMError& error)
     return error.message().toString();
 }
 
-QHash<QString, QString> fieldsOf(const QUrlQuery& query)
+QHash<QString, QString> fieldsOf(const QueryItems& query)
 {
     QHash<QString, QString> fields;
-    const auto items = query.queryItems(QUrl::FullyDecoded);
-    for (const auto& item : items) {
+    for (const auto& item : query.all()) {
         if (!fields.contains(item.first))
             fields.insert(item.first, item.second);
     }
