@@ -2,28 +2,11 @@
 
 #include <QDateTime>
 
-#include <chrono>
-
 #include "ApiLogger.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 
-namespace {
-
-qint64 nextRowsVersion()
-{
-    using namespace std::chrono;
-    static qint64 last = 0;
-    // Fewer than a million changes a second, or the versions of a restart would meet those from before it.
-    const qint64 now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-    last = qMax(last + 1, now);
-    return last;
-}
-
-} // namespace
-
-CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path)
-    : m_tree(tree), m_path(path), m_title(path.name()), m_rowsVersion(nextRowsVersion())
+CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path), m_title(path.name())
 {
     touch();
 }
@@ -137,15 +120,26 @@ QVariant CMUINode::role(const QString& name, bool* known) const
     return {};
 }
 
+const QVector<CMUINode*>& CMUINode::children() const
+{
+    static const QVector<CMUINode*> none;
+    return m_tree ? m_tree->children(this) : none;
+}
+
+qint64 CMUINode::rowsVersion() const
+{
+    return m_tree ? m_tree->rowsVersion(this) : 0;
+}
+
 void CMUINode::getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply)
 {
-    if (m_children.isEmpty() && nodeType() != QLatin1String("container")) {
+    if (children().isEmpty() && nodeType() != QLatin1String("container")) {
         reply.fail(CMError(CMError::NotSupported, "This node has no rows."));
         return;
     }
     ZarkRowsRoles answer;
     int last = to;
-    const CMError error = beginRows(m_children.size(), from, version, roles, &last, &answer);
+    const CMError error = beginRows(children().size(), from, version, roles, &last, &answer);
     if (!error.isEmpty()) {
         reply.fail(error);
         return;
@@ -153,7 +147,7 @@ void CMUINode::getRows(int from, int to, qint64 version, const QStringList& role
     QList<QVariantList> rows;
     bool known = true;
     for (int i = from; i <= last; ++i) {
-        CMUINode* const child = m_children.at(i);
+        CMUINode* const child = children().at(i);
         child->demand();
         QVariantList row;
         row.reserve(roles.size());
@@ -195,14 +189,10 @@ void CMUINode::touch()
     m_timestamp = QDateTime::currentMSecsSinceEpoch();
 }
 
-void CMUINode::bumpRows(QList<ZarkRowEvent> events)
+void CMUINode::bumpRows(const QList<ZarkRowEvent>& events)
 {
-    m_rowsVersion = nextRowsVersion();
-    for (ZarkRowEvent& event : events)
-        event.setVersion(m_rowsVersion);
-    touch();
     if (m_tree)
-        m_tree->notifyRows(this, events);
+        m_tree->changeRows(this, events);
 }
 
 bool CMUINode::ownRoles(const QStringList& roles, QVariantHash* values) const
@@ -223,7 +213,8 @@ CMError CMUINode::beginRows(
     QVariantHash own;
     if (!ownRoles(roles, &own))
         return CMError(CMError::UnknownRole, "A requested role does not exist.");
-    if (version != 0 && version != m_rowsVersion)
+    const qint64 current = rowsVersion();
+    if (version != 0 && version != current)
         return CMError(CMError::OutdatedVersion, "The list has changed since this version.");
     if (from < 0 || *to < from || (count > 0 && from >= count))
         return CMError(CMError::InvalidRange, QStringLiteral("The list has no such rows; it has %1.").arg(count));
@@ -231,6 +222,6 @@ CMError CMUINode::beginRows(
     answer->setRoles(ZarkRoles(own));
     answer->setFrom(from);
     answer->setRowsCount(count);
-    answer->setRowsVersion(m_rowsVersion);
+    answer->setRowsVersion(current);
     return {};
 }

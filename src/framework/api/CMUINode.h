@@ -45,6 +45,7 @@ public:
     const QVariantHash& edit() const { return m_edit; }
     virtual void setEdit(const QVariantHash& edit);
     qint64 timestamp() const { return m_timestamp; } ///< Last change of the value or rows, ms since the epoch.
+    void touch(); ///< Sets the timestamp to now.
 
     /// "container", "value", "list", "action" or "stream".
     virtual QString nodeType() const;
@@ -63,19 +64,21 @@ public:
     void demand() const;
     bool isWatched() const;
 
-    const QVector<CMUINode*>& children() const { return m_children; }
+    const QVector<CMUINode*>& children() const; ///< Until the next change of the tree.
     /// Grows with every change of the rows and is below 2^53. No list had it before: neither another node that was at
     /// this path nor, as it follows the clock, this one before the process was started again.
-    qint64 rowsVersion() const { return m_rowsVersion; }
+    qint64 rowsVersion() const;
+
+    /// The tree ends before the node.
+    void forgetTree() { m_tree = nullptr; }
 
 protected:
     CMUINode(CMNodeTree* tree, const CMPath& path);
     /// Enters the node in the tree and hands it to `nodes`; deletes it and returns false when the tree refuses.
     static bool enter(CMNodes* nodes, CMUINode* node);
     void changed(const QStringList& roles);
-    void touch(); ///< Sets the timestamp to now.
-    /// New rows version, which the events get too, timestamp, listeners.
-    void bumpRows(QList<ZarkRowEvent> events);
+    /// As CMNodeTree::changeRows().
+    void bumpRows(const QList<ZarkRowEvent>& events);
     /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
     bool ownRoles(const QStringList& roles, QVariantHash* values) const;
     /// Checks a getRows() request against a list of `count` rows, cuts `to` to the last row and fills everything of the
@@ -84,8 +87,6 @@ protected:
         int count, int from, qint64 version, const QStringList& roles, int* to, ZarkRowsRoles* answer) const;
 
 private:
-    friend class CMNodeTree;
-
     CMNodeTree* m_tree;
     CMPath m_path;
     TrString m_title;
@@ -93,9 +94,7 @@ private:
     QString m_icon;
     QVariantHash m_edit;
     std::function<void()> m_demandHook;
-    QVector<CMUINode*> m_children;
     qint64 m_timestamp = 0;
-    qint64 m_rowsVersion;
     ZarkPermission::Enum m_permission = ZarkPermission::Default;
     bool m_modifiable = false;
 };
