@@ -131,32 +131,46 @@ qint64 CMUINode::rowsVersion() const
     return m_tree ? m_tree->rowsVersion(this) : 0;
 }
 
+int CMUINode::rowsCount() const
+{
+    return children().size();
+}
+
+bool CMUINode::hasRows() const
+{
+    return nodeType() == QLatin1String("container") || !children().isEmpty();
+}
+
 void CMUINode::getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply)
 {
-    if (children().isEmpty() && nodeType() != QLatin1String("container")) {
+    if (!hasRows()) {
         reply.fail(CMError(CMError::NotSupported, "This node has no rows."));
         return;
     }
     ZarkRowsRoles answer;
     int last = to;
-    const CMError error = beginRows(children().size(), from, version, roles, &last, &answer);
+    const CMError error = beginRows(rowsCount(), from, version, roles, &last, &answer);
     if (!error.isEmpty()) {
         reply.fail(error);
         return;
     }
-    QList<QVariantList> rows;
+    const int count = qMax(0, last - from + 1);
+    QVector<QVariant> values;
+    values.reserve(count * roles.size());
+    appendRows(from, last, roles, &values);
+    answer.setValues(count, values);
+    reply.finish(answer);
+}
+
+void CMUINode::appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const
+{
+    const QVector<CMUINode*>& nodes = children();
     bool known = true;
     for (int i = from; i <= last; ++i) {
-        CMUINode* const child = children().at(i);
-        child->demand();
-        QVariantList row;
-        row.reserve(roles.size());
+        nodes.at(i)->demand();
         for (const QString& name : roles)
-            row.append(child->role(name, &known));
-        rows.append(row);
+            values->append(nodes.at(i)->role(name, &known));
     }
-    answer.setRows(rows);
-    reply.finish(answer);
 }
 
 void CMUINode::invoke(const QVariant&, const QString& role, CMReply<QVariant> reply)

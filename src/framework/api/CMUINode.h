@@ -54,8 +54,8 @@ public:
     /// One role's value, null where this node has none; false in `known` for a name that is no role.
     QVariant role(const QString& name, bool* known) const;
 
-    /// What CMAbstractWorker::getRows() and invoke() say. The base answers the children, and refuses to be set.
-    virtual void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply);
+    /// What CMAbstractWorker::getRows() and invoke() say. The base refuses to be set.
+    void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply);
     virtual void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply);
 
     /// Called just before the node is read, and when the number of listeners turns from or to zero: for nodes whose
@@ -65,6 +65,7 @@ public:
     bool isWatched() const;
 
     const QVector<CMUINode*>& children() const; ///< Until the next change of the tree.
+    virtual int rowsCount() const; ///< Of the rows that getRows() answers, which are the children unless overridden.
     /// Grows with every change of the rows and is below 2^53. No list had it before: neither another node that was at
     /// this path nor, as it follows the clock, this one before the process was started again.
     qint64 rowsVersion() const;
@@ -79,6 +80,11 @@ protected:
     void changed(const QStringList& roles);
     /// As CMNodeTree::changeRows().
     void bumpRows(const QList<ZarkRowEvent>& events);
+    virtual bool hasRows() const; ///< Containers and what has nodes below it, unless overridden.
+    /// Appends the rows from `from` to `last`, which there are: one value a role each. The roles are known ones.
+    virtual void appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const;
+
+private:
     /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
     bool ownRoles(const QStringList& roles, QVariantHash* values) const;
     /// Checks a getRows() request against a list of `count` rows, cuts `to` to the last row and fills everything of the
@@ -86,7 +92,6 @@ protected:
     CMError beginRows(
         int count, int from, qint64 version, const QStringList& roles, int* to, ZarkRowsRoles* answer) const;
 
-private:
     CMNodeTree* m_tree;
     CMPath m_path;
     TrString m_title;

@@ -1,5 +1,6 @@
 #include "ZarkJsonParser.h"
 
+#include <QSet>
 #include <QString>
 
 #include <algorithm>
@@ -109,6 +110,7 @@ private:
     int m_line = 1;
     const bool m_recordLines;
     int m_valuesLeft;
+    QSet<QString> m_keys; // Of a file, where few keys come in thousands of objects: one text for all of them.
     std::vector<Level> m_levels;
     QVariant m_value;
     const char* m_errorPlace = nullptr;
@@ -149,6 +151,8 @@ bool Builder::key(const std::string& utf8)
 {
     Level& object = m_levels.back();
     object.key = textOf(utf8);
+    if (m_recordLines)
+        object.key = *m_keys.insert(object.key);
     return !m_recordLines || !object.members.contains(object.key)
         || failAt(m_place - 1, QStringLiteral("the key comes twice in this object"));
 }

@@ -93,7 +93,7 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
         const TrString& text = inside<TrString>(value);
         writeString(m_translate ? text.toString() : text.source());
     } else if (type == qMetaTypeId<ZarkRowsRoles>()) {
-        write(inside<ZarkRowsRoles>(value).toVariant());
+        writeRows(inside<ZarkRowsRoles>(value));
     } else if (type == QMetaType::QByteArray) {
         writeString(QString::fromLatin1(value.toByteArray().toBase64()));
     } else if (type == QMetaType::QDateTime) {
@@ -112,6 +112,30 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
     } else {
         write(QVariant());
     }
+}
+
+/// What can be a thousand rows, without a list a row.
+void ZarkJsonWriter::writeRows(const ZarkRowsRoles& rows)
+{
+    m_json.append("{\"from\":");
+    writeInteger(rows.from());
+    m_json.append(",\"roles\":");
+    writeHash(rows.roles().values());
+    m_json.append(",\"rows\":[");
+    for (int row = 0; row < rows.size(); ++row) {
+        m_json.append(row > 0 ? ",[" : "[");
+        for (int column = 0; column < rows.columns(); ++column) {
+            if (column > 0)
+                m_json.append(',');
+            write(rows.value(row, column));
+        }
+        m_json.append(']');
+    }
+    m_json.append("],\"rowsCount\":");
+    writeInteger(rows.rowsCount());
+    m_json.append(",\"rowsVersion\":");
+    writeInteger(rows.rowsVersion());
+    m_json.append('}');
 }
 
 /// As write(value.toVariant()), without making the hash: nearly every reply of the server carries one.

@@ -200,33 +200,34 @@ void ApiResponder::on_getRows_finished(
         return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
     if (!canRespond(parsed.path, RequestType::GetRows, answer.roles().permission()))
         return;
-    QList<QVariantList> rows = answer.rows();
-    for (int i = 0; i < rows.size(); ++i) {
-        QVariantList& row = rows[i];
-        const ZarkPermission::Enum permission = ZarkPermission::fromString(row.value(row.size() - 1).toString());
-        const QString rowPath = parsed.path + QLatin1String(".row") + QString::number(answer.from() + i);
-        if (!canRespond(rowPath, RequestType::GetData, permission, false)) {
-            dbglog_debug(webserverLog(), "Private row: " << rowPath << " will be excluded from the response");
-            hideRow(&row, roles, permission);
+    ZarkRowsRoles shown = answer;
+    shown.hideLastColumn();
+    QString name; // Most rows of a list have the same.
+    ZarkPermission::Enum permission = ZarkPermission::fromString(name);
+    for (int row = 0; row < answer.size(); ++row) {
+        const QString rowName = answer.value(row, answer.columns() - 1).toString();
+        if (rowName != name) {
+            name = rowName;
+            permission = ZarkPermission::fromString(name);
         }
-        row.removeLast();
+        if (!canReadRow(parsed.path, answer.from() + row, permission))
+            hideRow(&shown, row, roles, permission);
     }
-    ZarkRowsRoles reply = answer;
-    reply.setRows(rows);
     releaseBrake();
-    respondWithJson(reply.toVariant());
+    respondWithJson(QVariant::fromValue(shown));
 }
 
 // The row keeps its place, so that indexes mean the same to everybody.
-void ApiResponder::hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission) const
+void ApiResponder::hideRow(ZarkRowsRoles* rows, int row, const QStringList& roles, ZarkPermission::Enum permission)
 {
-    for (int i = 0; i < row->size() - 1; ++i)
-        (*row)[i] = QVariant();
+    for (int column = 0; column < rows->columns(); ++column)
+        rows->setValue(row, column, QVariant());
     const int title = roles.indexOf(ZarkRoles::Title());
-    if (title < 0 || title >= row->size() - 1)
+    if (title < 0 || title >= rows->columns())
         return;
-    (*row)[title] = permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
-                                                           : QStringLiteral("(Node requires authentication)");
+    rows->setValue(row, title,
+        permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
+                                               : QStringLiteral("(Node requires authentication)"));
 }
 
 void ApiResponder::on_permission_finished(

@@ -48,6 +48,6 @@ private:
         const SetData& request, const CMPath& path, const QList<QVariant>& values, const CMError& error);
     void on_setData_finished(const QVariant& value, const CMError& error);
 
-    void hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission) const;
+    static void hideRow(ZarkRowsRoles* rows, int row, const QStringList& roles, ZarkPermission::Enum permission);
     void reportUse(const QString& platform);
 };

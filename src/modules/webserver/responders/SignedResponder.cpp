@@ -10,6 +10,18 @@ namespace {
 
 constexpr const char* AccessName = "accessDenied";
 
+/// A row as the log names it; the text is made only if it is written.
+struct RowName {
+    const QString& list;
+    int row;
+};
+
+template <class Stream> Stream& operator<<(Stream& stream, const RowName& name)
+{
+    stream << name.list << ".row" << name.row;
+    return stream;
+}
+
 } // namespace
 
 SignedResponder::SignedResponder(Request& request, const QString& documentRoot,
@@ -84,18 +96,32 @@ QVariant SignedResponder::takePostData()
     return posted;
 }
 
-bool SignedResponder::canRespond(
-    const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError)
+template <class Name>
+ApiVerdict SignedResponder::judge(const Name& name, ApiRequestType type, ZarkPermission::Enum permission) const
 {
     const ApiAccess access{ type, permission, m_configuration->authMode(), m_caller };
     dbglog_trace(webserverLog(),
-        path << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
+        name << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
              << ", permission=" << ZarkPermission::toString(permission) << ", credentials=" << m_caller.hasCredentials()
              << ", verified=" << m_caller.isVerified());
-    const ApiVerdict verdict = decideAccess(access);
-    if (!verdict.allowed && respondOnError)
+    return decideAccess(access);
+}
+
+bool SignedResponder::canRespond(const QString& path, ApiRequestType type, ZarkPermission::Enum permission)
+{
+    const ApiVerdict verdict = judge(path, type, permission);
+    if (!verdict.allowed)
         respondWithError(CMError(AccessName, verdict.message), verdict.status, verdict.throttle);
     return verdict.allowed;
+}
+
+bool SignedResponder::canReadRow(const QString& list, int row, ZarkPermission::Enum permission)
+{
+    const RowName name{ list, row };
+    const bool allowed = judge(name, ApiRequestType::GetData, permission).allowed;
+    if (!allowed)
+        dbglog_debug(webserverLog(), "Private row: " << name << " will be excluded from the response");
+    return allowed;
 }
 
 void SignedResponder::releaseBrake()

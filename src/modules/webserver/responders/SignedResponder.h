@@ -57,10 +57,10 @@ protected:
     /// The decoded body in the same way, for who can do with more than an object; see Request::postData().
     QVariant takePostData();
 
-    /// The gate for what is asked of a node: when the answer is no and `respondOnError` is set, the client has been
-    /// told. `path` is for the log.
-    bool canRespond(
-        const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError = true);
+    /// The gate for what is asked of a node: when the answer is no, the client has been told. `path` is for the log.
+    bool canRespond(const QString& path, ApiRequestType type, ZarkPermission::Enum permission);
+    /// The same question about one row of a list, as if it were asked for alone; nobody is told.
+    bool canReadRow(const QString& list, int row, ZarkPermission::Enum permission);
     /// Ends the holding back of refusals if the caller is verified.
     void releaseBrake();
 
@@ -72,6 +72,9 @@ protected:
     void answer(int status, const QByteArray& body, const QString& contentType, bool throttle = false);
 
 private:
+    template <class Name>
+    ApiVerdict judge(const Name& name, ApiRequestType type, ZarkPermission::Enum permission) const;
+
     int m_requestId = 0;
     Caller m_caller;
     QSharedPointer<UserDatabase> m_userDatabase;
