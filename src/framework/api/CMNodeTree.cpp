@@ -49,6 +49,12 @@ CMUINode* CMNodeTree::node(const CMPath& path) const
     return it == m_places.end() ? nullptr : it->second.node;
 }
 
+bool CMNodeTree::isTaken(const CMPath& path) const
+{
+    const auto it = m_places.find(path);
+    return it != m_places.end() && !it->second.implied;
+}
+
 QList<CMPath> CMNodeTree::paths() const
 {
     QList<CMPath> paths;

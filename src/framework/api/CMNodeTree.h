@@ -42,6 +42,7 @@ public:
     /// The container above all: its path is ":", its children are the nodes of one segment, and node() does not find
     /// it.
     CMUINode* top() const { return m_top.get(); }
+    bool isTaken(const CMPath& path) const; ///< By a node that gives way to no other.
     QList<CMPath> paths() const;
 
     /// The nodes one segment below, in the order in which they came; until the next change of the tree.

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "CMActivateNode.h"
+#include "CMNodeTree.h"
 #include "CMNodes.h"
 #include "CMValueBounds.h"
 #include "CMValueNode.h"
@@ -124,11 +125,10 @@ void CMTreeFileReader::readNode(const QVariantHash& object)
     if (!checkCommon(object))
         return;
     // Before the node's own refusal, which would log the fault a second time and without its line.
-    if (m_paths.contains(nodePath)) {
+    if (m_nodes->tree()->isTaken(nodePath)) {
         fail(object, QStringLiteral("the path \"%1\" is taken").arg(nodePath.toEncoded()));
         return;
     }
-    m_paths.insert(nodePath);
     CMUINode* const node = makeNode(object, nodePath, object.value(Type).toString());
     if (failed())
         return;

@@ -6,7 +6,7 @@
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 
-CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path), m_title(path.name())
+CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path)
 {
     touch();
 }
@@ -35,9 +35,14 @@ bool CMUINode::enter(CMNodes* nodes, CMUINode* node)
     return true;
 }
 
+TrString CMUINode::title() const
+{
+    return m_title.source().isNull() ? TrString(m_path.name()) : m_title;
+}
+
 void CMUINode::setTitle(const TrString& title)
 {
-    if (title == m_title)
+    if (title == this->title())
         return;
     m_title = title;
     changed({ ZarkRoles::Title() });
@@ -101,7 +106,7 @@ QVariant CMUINode::role(const QString& name, bool* known) const
     if (name == ZarkRoles::Permission())
         return ZarkPermission::toString(m_permission);
     if (name == ZarkRoles::Title())
-        return QVariant::fromValue(m_title);
+        return QVariant::fromValue(title());
     if (name == ZarkRoles::Path())
         return m_path.toEncoded();
     if (name == ZarkRoles::Type())

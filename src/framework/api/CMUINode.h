@@ -31,7 +31,7 @@ public:
     const CMPath& path() const { return m_path; }
     CMNodeTree* tree() const { return m_tree; }
 
-    const TrString& title() const { return m_title; } ///< The last segment of the path unless set.
+    TrString title() const; ///< The last segment of the path unless set.
     void setTitle(const TrString& title);
     const TrString& description() const { return m_description; }
     void setDescription(const TrString& description);
@@ -94,7 +94,7 @@ private:
 
     CMNodeTree* m_tree;
     CMPath m_path;
-    TrString m_title;
+    TrString m_title; // Null: the path's. Most nodes get another at once.
     TrString m_description;
     QString m_icon;
     QVariantHash m_edit;
