@@ -162,7 +162,7 @@ bool Builder::end_object()
     Level object = leave();
     if (m_recordLines)
         object.members.insert(QStringLiteral("@line"), qlonglong(object.line));
-    return put(QVariant(std::move(object.members)));
+    return put(QVariant(object.members));
 }
 
 bool Builder::end_array()
@@ -202,7 +202,7 @@ bool Builder::put(QVariant&& value)
     else if (m_levels.back().isObject)
         m_levels.back().members[m_levels.back().key] = std::move(value);
     else
-        m_levels.back().items.append(std::move(value));
+        m_levels.back().items.append(value);
     return true;
 }
 
