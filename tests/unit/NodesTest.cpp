@@ -238,9 +238,9 @@ private Q_SLOTS:
     {
         auto* const list = CMListNode::create(m_nodes.get(), path("a:list"));
         QList<int> made;
-        list->setRowSource(1000000, [&made](int index) {
+        list->setRowSource(1000000, [&made](int index, const QString& role) -> QVariant {
             made.append(index);
-            return CMListNode::Row{ { "path", "x:" + QString::number(index) } };
+            return role == "path" ? "x:" + QString::number(index) : QVariant();
         });
         const auto got = rows(path("a:list"), 999998, 2000000, 0, { "path" });
         QCOMPARE(got.value.rows(), QList<QVariantList>({ { "x:999998" }, { "x:999999" } }));

@@ -50,6 +50,7 @@ quint64 CMEventQueue::poll(CMEventQueueRequest* request, int timeout, qint64 rec
 {
     const quint64 token = ++m_lastToken;
     request->m_token = token;
+    // First, so that what was lost stands in front of what has changed since, and this answer tells both.
     const CMSentAnswers::Settlement earlierAnswers = m_sent.settle(received);
     m_pending.putBack(earlierAnswers.lost);
     if (earlierAnswers.outOfStep) {
@@ -61,6 +62,7 @@ quint64 CMEventQueue::poll(CMEventQueueRequest* request, int timeout, qint64 rec
     m_waiting.reset(request);
     m_waitingCounts = received != NotCounted;
     m_timeoutMs = qBound(0, timeout, MaximumTimeout) * 1000;
+    // With nothing: two answers on two connections may arrive in either order.
     if (earlier)
         earlier->done(m_id, {});
 
@@ -88,6 +90,7 @@ void CMEventQueue::confirm(quint64 token)
 void CMEventQueue::restore(quint64 token)
 {
     m_pending.putBack(m_sent.restore(token));
+    // Another poll may wait already, on another connection.
     answerSoon();
 }
 
@@ -122,10 +125,11 @@ void CMEventQueue::change(const ZarkList<ZarkEventSubscribe>& added, const ZarkL
 
 void CMEventQueue::subscribe(const ZarkEventSubscribe& subscription)
 {
-    int& types = m_paths[subscription.path()];
-    if (!types)
+    const bool isNew = !m_paths.contains(subscription.path());
+    // Before the tree knows: a node that nobody listened to may change on being listened to.
+    m_paths[subscription.path()] |= typeOf(subscription);
+    if (isNew)
         m_tree->addListener(subscription.path(), this);
-    types |= typeOf(subscription);
     m_subscribtions.append(subscription);
 }
 
@@ -162,6 +166,7 @@ void CMEventQueue::rowsChanged(CMUINode* node, const QList<ZarkRowEvent>& events
     answerSoon();
 }
 
+// What was told of another node at this path means nothing any more.
 void CMEventQueue::nodeAppeared(CMUINode* node)
 {
     m_pending.replace(node->path(), allRoles(), m_paths.value(node->path()) & Rows);
@@ -183,6 +188,7 @@ void CMEventQueue::answerSoon()
 {
     if (!m_waiting || m_answersSoon || m_pending.isEmpty())
         return;
+    // Not now: a change is often one of several, and this may be in the middle of a node's.
     m_answersSoon = true;
     QMetaObject::invokeMethod(this, &CMEventQueue::answerChanges, Qt::QueuedConnection);
 }
@@ -198,6 +204,7 @@ void CMEventQueue::answerChanges()
 
 void CMEventQueue::answer(const ZarkList<ZarkEvent>& events)
 {
+    // Before done(), which may poll again at once.
     const std::unique_ptr<CMEventQueueRequest> request = std::move(m_waiting);
     if (!events.isEmpty() && !request->settles())
         m_sent.confirm(request->token());

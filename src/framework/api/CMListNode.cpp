@@ -1,5 +1,7 @@
 #include "CMListNode.h"
 
+#include <utility>
+
 #include "CMNodes.h"
 
 CMListNode* CMListNode::create(CMNodes* nodes, const CMPath& path)
@@ -22,7 +24,15 @@ CMListNode::Row CMListNode::row(int index) const
 {
     if (index < 0 || index >= rowsCount())
         return {};
-    return m_source ? m_source(index) : m_rows.at(index);
+    if (!m_source)
+        return m_rows.at(index);
+    Row made;
+    for (const QString& role : CMAllRoles()) {
+        const QVariant value = m_source(index, role);
+        if (value.isValid())
+            made.insert(role, value);
+    }
+    return made;
 }
 
 void CMListNode::setRows(const QVector<Row>& rows)
@@ -77,38 +87,22 @@ bool CMListNode::moveRow(int index, int toIndex)
     return true;
 }
 
-void CMListNode::getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply)
+void CMListNode::appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const
 {
-    ZarkRowsRoles answer;
-    int last = to;
-    const CMError error = beginRows(rowsCount(), from, version, roles, &last, &answer);
-    if (!error.isEmpty()) {
-        reply.fail(error);
-        return;
+    for (int i = from; i <= last; ++i) {
+        for (const QString& role : roles) {
+            // Moved: a row that is copied costs as much as one that is made.
+            QVariant value = m_source ? m_source(i, role) : m_rows.at(i).value(role);
+            values->append(value.isValid() ? std::move(value) : defaultOf(i, role));
+        }
     }
-    QList<QVariantList> rows;
-    rows.reserve(qMax(0, last - from + 1));
-    for (int i = from; i <= last; ++i)
-        rows.append(rowRoles(i, roles));
-    answer.setRows(rows);
-    reply.finish(answer);
 }
 
-QVariantList CMListNode::rowRoles(int index, const QStringList& roles) const
+QVariant CMListNode::defaultOf(int index, const QString& role) const
 {
-    const Row held = row(index);
-    QVariantList values;
-    values.reserve(roles.size());
-    for (const QString& name : roles) {
-        const auto value = held.constFind(name);
-        if (value != held.constEnd())
-            values.append(*value);
-        else if (name == ZarkRoles::Path())
-            values.append(path().toEncoded() + QLatin1String(".row") + QString::number(index));
-        else if (name == ZarkRoles::Permission())
-            values.append(ZarkPermission::toString(ZarkPermission::Default));
-        else
-            values.append(QVariant());
-    }
-    return values;
+    if (role == ZarkRoles::Path())
+        return path().toEncoded() + QLatin1String(".row") + QString::number(index);
+    if (role == ZarkRoles::Permission())
+        return ZarkPermission::toString(ZarkPermission::Default);
+    return {};
 }

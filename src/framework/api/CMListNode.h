@@ -13,12 +13,13 @@
 class CMListNode : public CMUINode {
 public:
     using Row = QVariantHash;
-    /// Makes row `index`. Called only for rows that are read.
-    using RowSource = std::function<Row(int index)>;
+    /// Makes one role's value of row `index`; an invalid QVariant for a role that the row leaves out. Called only for
+    /// what is read.
+    using RowSource = std::function<QVariant(int index, const QString& role)>;
 
     static CMListNode* create(CMNodes* nodes, const CMPath& path);
 
-    int rowsCount() const;
+    int rowsCount() const override;
     Row row(int index) const; ///< Empty when there is no such row.
 
     /// Replaces all rows. Listeners get a reset.
@@ -33,12 +34,16 @@ public:
     bool moveRow(int index, int toIndex); ///< `toIndex` counts after the removal.
 
     QString nodeType() const override;
-    void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply) override;
+
+protected:
+    bool hasRows() const override { return true; }
+    void appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const override;
 
 private:
     CMListNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
 
-    QVariantList rowRoles(int index, const QStringList& roles) const; ///< One value a role, in their order.
+    /// What a row that leaves the role out has.
+    QVariant defaultOf(int index, const QString& role) const;
 
     QVector<Row> m_rows;
     RowSource m_source;

@@ -2,11 +2,11 @@
 
 #include <QHash>
 #include <QList>
-#include <QSet>
 #include <QStringList>
 #include <QVector>
 
 #include <memory>
+#include <unordered_map>
 
 #include "CMPath.h"
 #include "ZarkRowEvent.h"
@@ -26,6 +26,10 @@ public:
 };
 
 /// Every node of the device by path, in constant time, and who listens to which path.
+///
+/// The tree holds places: which node is at a path, what is below it, and the version of its rows. What a node is like,
+/// its roles, the node holds. Where nobody made a node and one has others below it, a container of the tree's own
+/// stands: it is *implied*, gives way to a node that is made there, and goes with the last one below it.
 class CMNodeTree {
 public:
     explicit CMNodeTree(CMStore* store);
@@ -34,15 +38,22 @@ public:
     CMNodeTree& operator=(const CMNodeTree&) = delete;
 
     CMStore* store() const { return m_store; }
-    CMUINode* node(const CMPath& path) const { return m_nodes.value(path); } ///< Null when there is none.
+    CMUINode* node(const CMPath& path) const; ///< Null when there is none.
     /// The container above all: its path is ":", its children are the nodes of one segment, and node() does not find
     /// it.
     CMUINode* top() const { return m_top.get(); }
+    bool isTaken(const CMPath& path) const; ///< By a node that gives way to no other.
     QList<CMPath> paths() const;
 
-    /// False when the path is invalid, in the old form or taken by anything but an implied container, whose place is
-    /// taken then. Containers above are implied (made by the tree) as needed. Used by CMUINode alone.
+    /// The nodes one segment below, in the order in which they came; until the next change of the tree.
+    const QVector<CMUINode*>& children(const CMUINode* node) const;
+    /// As CMUINode::rowsVersion().
+    qint64 rowsVersion(const CMUINode* node) const;
+
+    /// False when the path is invalid, in the old form or taken by anything but an implied container. The node is not
+    /// owned, and calls remove() at its end.
     bool insert(CMUINode* node);
+    /// No effect for a node that the tree did not take.
     void remove(CMUINode* node);
 
     /// Listens to a path, whether it has a node now or not. The listener is not owned.
@@ -52,22 +63,36 @@ public:
     bool isListenedTo(const CMPath& path) const { return m_listeners.contains(path); }
 
     void notifyChanged(CMUINode* node, const QStringList& roles);
-    void notifyRows(CMUINode* node, const QList<ZarkRowEvent>& events);
+    /// The rows of a node have changed: they get a new version, which the events get too, and the node the time.
+    void changeRows(CMUINode* node, QList<ZarkRowEvent> events);
 
 private:
+    struct Place {
+        CMUINode* node = nullptr;
+        std::unique_ptr<CMUINode> implied; ///< The node, where it is the tree's own.
+        QVector<CMUINode*> children;
+        qint64 rowsVersion = 0;
+    };
+    struct PathHash {
+        size_t operator()(const CMPath& path) const { return qHash(path); }
+    };
+
+    Place* placeAt(const CMPath& path);
+    const Place* placeOf(const CMUINode* node) const; ///< Null when the tree did not take the node.
+    Place& placeAbove(const CMPath& path); ///< With an implied container, if there was nothing.
+    bool takeImplied(Place& place, CMUINode* node);
+    void implyAgain(Place& place, const CMPath& path);
+    void takeOut(Place& place, const CMPath& path);
+
     /// Calls every listener of the node's path, as long as both the listener and the node are there.
     template <class Call> void notify(CMUINode* node, Call call);
+    void notifyAppeared(CMUINode* node);
     void notifyVanished(const CMPath& path);
-    bool takeImpliedPlace(CMUINode* implied, CMUINode* node);
-    CMUINode* parentOf(const CMPath& path) const; ///< Null when there is none yet.
-    CMUINode* makeParentOf(const CMPath& path);
-    /// Puts an implied container where a node with children was.
-    void adoptOrphans(const CMPath& path, CMUINode* parent, int index, const QVector<CMUINode*>& orphans);
 
     CMStore* m_store;
     std::unique_ptr<CMUINode> m_top;
-    QHash<CMPath, CMUINode*> m_nodes;
+    Place m_topPlace;
+    std::unordered_map<CMPath, Place, PathHash> m_places; // References to its values outlive insertions.
     QMultiHash<CMPath, CMNodeListener*> m_listeners;
-    QSet<CMUINode*> m_implied;
     quint64 m_removals = 0; ///< Grows when a node or a listener goes.
 };

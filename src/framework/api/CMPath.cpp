@@ -56,33 +56,44 @@ QString encodedSegment(const QString& plain)
     return QString::fromLatin1(plain.toUtf8().toPercentEncoding());
 }
 
-/// Non-empty pieces between `from` and the end, separated by "/", of unreserved characters and escapes of valid UTF-8.
-bool isWellFormed(const QString& text, int workerEnd, int from)
+int segmentsStart(const QString& encoded)
 {
-    bool escapes = false;
-    bool pieceIsEmpty = true;
-    for (int i = 0; i < text.size(); ++i) {
+    return encoded.startsWith(QLatin1Char('/')) ? 1 : encoded.indexOf(QLatin1Char(':')) + 1;
+}
+
+/// From `begin` to `end`: not empty, of unreserved characters and escapes. No separator ends an escape early, as none
+/// is a digit.
+bool isWellFormed(const QString& text, int begin, int end)
+{
+    for (int i = begin; i < end; ++i) {
         const uint c = text.at(i).unicode();
-        const bool separator = i >= from ? c == '/' : i == workerEnd || i + 1 == from;
-        if (separator) {
-            if (pieceIsEmpty && i >= from)
-                return false;
-            pieceIsEmpty = true;
-            continue;
-        }
-        pieceIsEmpty = false;
         if (c == '%') {
             if (escapedByte(text, i) < 0)
                 return false;
-            escapes = true;
             i += 2;
         } else if (!isUnreserved(c)) {
             return false;
         }
     }
-    if (pieceIsEmpty)
-        return false;
-    if (!escapes)
+    return begin < end;
+}
+
+bool areSegments(const QString& text, int begin)
+{
+    for (;;) {
+        const int slash = text.indexOf(QLatin1Char('/'), begin);
+        if (slash < 0)
+            return isWellFormed(text, begin, text.size());
+        if (!isWellFormed(text, begin, slash))
+            return false;
+        begin = slash + 1;
+    }
+}
+
+/// Whether the escapes make UTF-8 that has no shorter form.
+bool isUtf8(const QString& text)
+{
+    if (!text.contains(QLatin1Char('%')))
         return true;
     const QByteArray utf8 = unescaped(text);
     return fromUtf8Exactly(utf8).toUtf8() == utf8;
@@ -90,15 +101,9 @@ bool isWellFormed(const QString& text, int workerEnd, int from)
 
 bool isValidPath(const QString& text)
 {
-    if (text.startsWith(QLatin1Char('/')))
-        return isWellFormed(text, 0, 1);
-    const int colon = text.indexOf(QLatin1Char(':'));
-    return colon > 0 && isWellFormed(text, colon, colon + 1);
-}
-
-int segmentsStart(const QString& encoded)
-{
-    return encoded.startsWith(QLatin1Char('/')) ? 1 : encoded.indexOf(QLatin1Char(':')) + 1;
+    const int segments = segmentsStart(text);
+    const bool isOldForm = text.startsWith(QLatin1Char('/'));
+    return (isOldForm || isWellFormed(text, 0, segments - 1)) && areSegments(text, segments) && isUtf8(text);
 }
 
 } // namespace

@@ -2,8 +2,21 @@
 
 #include <QFile>
 
+#include <malloc.h>
+
 #include "CMTreeFileReader.h"
 #include "ZarkJson.h"
+
+namespace {
+
+ZarkError makeNodes(const QByteArray& text, CMNodes* nodes)
+{
+    ZarkError fault;
+    const QVariant json = ZarkJson::parse(text, &fault, ZarkJson::RecordLines);
+    return fault.isEmpty() ? CMTreeFileReader(nodes).read(json) : fault;
+}
+
+} // namespace
 
 bool CMTreeFile::load(const QString& file, CMNodes* nodes, QString* error)
 {
@@ -12,10 +25,9 @@ bool CMTreeFile::load(const QString& file, CMNodes* nodes, QString* error)
         *error = QStringLiteral("%1: %2").arg(file, input.errorString());
         return false;
     }
-    ZarkError fault;
-    const QVariant json = ZarkJson::parse(input.readAll(), &fault, ZarkJson::RecordLines);
-    if (fault.isEmpty())
-        fault = CMTreeFileReader(nodes).read(json);
+    const ZarkError fault = makeNodes(input.readAll(), nodes);
+    // The JSON took several times what the nodes do, and nothing of that size comes again.
+    malloc_trim(0);
     if (fault.isEmpty())
         return true;
     *error = QStringLiteral("%1:%2: %3").arg(file).arg(fault.line).arg(fault.message);

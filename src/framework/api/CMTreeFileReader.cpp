@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "CMActivateNode.h"
+#include "CMNodeTree.h"
 #include "CMNodes.h"
 #include "CMValueBounds.h"
 #include "CMValueNode.h"
@@ -50,6 +51,14 @@ QVariant withoutLines(const QVariant& json)
         return result;
     }
     return json;
+}
+
+/// A text in memory of its own: one that the node shared with the JSON would keep the memory around it from being given
+/// back when the JSON goes.
+QString ownText(const QVariant& json)
+{
+    const QString text = json.toString();
+    return QString(text.constData(), text.size());
 }
 
 bool isObject(const QVariant& json)
@@ -108,7 +117,7 @@ ZarkError CMTreeFileReader::read(const QVariant& json)
 void CMTreeFileReader::readNode(const QVariantHash& object)
 {
     const QVariant path = object.value(Path);
-    const CMPath nodePath = CMPath::fromEncoded(path.toString());
+    const CMPath nodePath = CMPath::fromEncoded(ownText(path));
     if (path.userType() != QMetaType::QString || !nodePath.isValid() || nodePath.worker().isEmpty()) {
         fail(object, QStringLiteral("\"path\" must be a path such as \"demo:values/i32\""));
         return;
@@ -116,11 +125,10 @@ void CMTreeFileReader::readNode(const QVariantHash& object)
     if (!checkCommon(object))
         return;
     // Before the node's own refusal, which would log the fault a second time and without its line.
-    if (m_paths.contains(nodePath)) {
+    if (m_nodes->tree()->isTaken(nodePath)) {
         fail(object, QStringLiteral("the path \"%1\" is taken").arg(nodePath.toEncoded()));
         return;
     }
-    m_paths.insert(nodePath);
     CMUINode* const node = makeNode(object, nodePath, object.value(Type).toString());
     if (failed())
         return;
@@ -160,9 +168,9 @@ bool CMTreeFileReader::checkCommon(const QVariantHash& object)
 void CMTreeFileReader::readCommon(const QVariantHash& object, CMUINode* node)
 {
     if (object.contains(Title))
-        node->setTitle(object.value(Title).toString());
-    node->setDescription(object.value(Description).toString());
-    node->setIcon(object.value(Icon).toString());
+        node->setTitle(ownText(object.value(Title)));
+    node->setDescription(ownText(object.value(Description)));
+    node->setIcon(ownText(object.value(Icon)));
     if (object.contains(Permission))
         node->setPermission(ZarkPermission::fromString(object.value(Permission).toString()));
     if (object.contains(Modifiable))
@@ -279,11 +287,9 @@ CMUINode* CMTreeFileReader::makeList(const QVariantHash& object, const CMPath& p
 
 void CMTreeFileReader::fillGenerated(CMListNode* node, const QVariantHash& rows)
 {
-    const QString title = rows.value(Title).toString();
-    node->setRowSource(rows.value(Count).toInt(), [title](int index) {
-        QString text = title;
-        text.replace(QLatin1String("%1"), QString::number(index));
-        return CMListNode::Row{ { Title, QVariant::fromValue(TrString(text)) } };
+    const QStringList title = rows.value(Title).toString().split(QLatin1String("%1"));
+    node->setRowSource(rows.value(Count).toInt(), [title](int index, const QString& role) {
+        return role == Title ? QVariant::fromValue(TrString(title.join(QString::number(index)))) : QVariant();
     });
 }
 

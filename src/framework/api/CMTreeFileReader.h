@@ -37,6 +37,5 @@ private:
     bool failed() const { return !m_error.isEmpty(); }
 
     CMNodes* m_nodes;
-    QSet<CMPath> m_paths; ///< Declared so far.
     ZarkError m_error;
 };

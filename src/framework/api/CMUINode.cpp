@@ -2,28 +2,11 @@
 
 #include <QDateTime>
 
-#include <chrono>
-
 #include "ApiLogger.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 
-namespace {
-
-qint64 nextRowsVersion()
-{
-    using namespace std::chrono;
-    static qint64 last = 0;
-    // Fewer than a million changes a second, or the versions of a restart would meet those from before it.
-    const qint64 now = duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
-    last = qMax(last + 1, now);
-    return last;
-}
-
-} // namespace
-
-CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path)
-    : m_tree(tree), m_path(path), m_title(path.name()), m_rowsVersion(nextRowsVersion())
+CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path)
 {
     touch();
 }
@@ -52,9 +35,14 @@ bool CMUINode::enter(CMNodes* nodes, CMUINode* node)
     return true;
 }
 
+TrString CMUINode::title() const
+{
+    return m_title.source().isNull() ? TrString(m_path.name()) : m_title;
+}
+
 void CMUINode::setTitle(const TrString& title)
 {
-    if (title == m_title)
+    if (title == this->title())
         return;
     m_title = title;
     changed({ ZarkRoles::Title() });
@@ -118,7 +106,7 @@ QVariant CMUINode::role(const QString& name, bool* known) const
     if (name == ZarkRoles::Permission())
         return ZarkPermission::toString(m_permission);
     if (name == ZarkRoles::Title())
-        return QVariant::fromValue(m_title);
+        return QVariant::fromValue(title());
     if (name == ZarkRoles::Path())
         return m_path.toEncoded();
     if (name == ZarkRoles::Type())
@@ -137,32 +125,57 @@ QVariant CMUINode::role(const QString& name, bool* known) const
     return {};
 }
 
+const QVector<CMUINode*>& CMUINode::children() const
+{
+    static const QVector<CMUINode*> none;
+    return m_tree ? m_tree->children(this) : none;
+}
+
+qint64 CMUINode::rowsVersion() const
+{
+    return m_tree ? m_tree->rowsVersion(this) : 0;
+}
+
+int CMUINode::rowsCount() const
+{
+    return children().size();
+}
+
+bool CMUINode::hasRows() const
+{
+    return nodeType() == QLatin1String("container") || !children().isEmpty();
+}
+
 void CMUINode::getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply)
 {
-    if (m_children.isEmpty() && nodeType() != QLatin1String("container")) {
+    if (!hasRows()) {
         reply.fail(CMError(CMError::NotSupported, "This node has no rows."));
         return;
     }
     ZarkRowsRoles answer;
     int last = to;
-    const CMError error = beginRows(m_children.size(), from, version, roles, &last, &answer);
+    const CMError error = beginRows(rowsCount(), from, version, roles, &last, &answer);
     if (!error.isEmpty()) {
         reply.fail(error);
         return;
     }
-    QList<QVariantList> rows;
+    const int count = qMax(0, last - from + 1);
+    QVector<QVariant> values;
+    values.reserve(count * roles.size());
+    appendRows(from, last, roles, &values);
+    answer.setValues(count, values);
+    reply.finish(answer);
+}
+
+void CMUINode::appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const
+{
+    const QVector<CMUINode*>& nodes = children();
     bool known = true;
     for (int i = from; i <= last; ++i) {
-        CMUINode* const child = m_children.at(i);
-        child->demand();
-        QVariantList row;
-        row.reserve(roles.size());
+        nodes.at(i)->demand();
         for (const QString& name : roles)
-            row.append(child->role(name, &known));
-        rows.append(row);
+            values->append(nodes.at(i)->role(name, &known));
     }
-    answer.setRows(rows);
-    reply.finish(answer);
 }
 
 void CMUINode::invoke(const QVariant&, const QString& role, CMReply<QVariant> reply)
@@ -195,14 +208,10 @@ void CMUINode::touch()
     m_timestamp = QDateTime::currentMSecsSinceEpoch();
 }
 
-void CMUINode::bumpRows(QList<ZarkRowEvent> events)
+void CMUINode::bumpRows(const QList<ZarkRowEvent>& events)
 {
-    m_rowsVersion = nextRowsVersion();
-    for (ZarkRowEvent& event : events)
-        event.setVersion(m_rowsVersion);
-    touch();
     if (m_tree)
-        m_tree->notifyRows(this, events);
+        m_tree->changeRows(this, events);
 }
 
 bool CMUINode::ownRoles(const QStringList& roles, QVariantHash* values) const
@@ -223,7 +232,8 @@ CMError CMUINode::beginRows(
     QVariantHash own;
     if (!ownRoles(roles, &own))
         return CMError(CMError::UnknownRole, "A requested role does not exist.");
-    if (version != 0 && version != m_rowsVersion)
+    const qint64 current = rowsVersion();
+    if (version != 0 && version != current)
         return CMError(CMError::OutdatedVersion, "The list has changed since this version.");
     if (from < 0 || *to < from || (count > 0 && from >= count))
         return CMError(CMError::InvalidRange, QStringLiteral("The list has no such rows; it has %1.").arg(count));
@@ -231,6 +241,6 @@ CMError CMUINode::beginRows(
     answer->setRoles(ZarkRoles(own));
     answer->setFrom(from);
     answer->setRowsCount(count);
-    answer->setRowsVersion(m_rowsVersion);
+    answer->setRowsVersion(current);
     return {};
 }

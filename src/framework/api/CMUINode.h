@@ -31,7 +31,7 @@ public:
     const CMPath& path() const { return m_path; }
     CMNodeTree* tree() const { return m_tree; }
 
-    const TrString& title() const { return m_title; } ///< The last segment of the path unless set.
+    TrString title() const; ///< The last segment of the path unless set.
     void setTitle(const TrString& title);
     const TrString& description() const { return m_description; }
     void setDescription(const TrString& description);
@@ -45,6 +45,7 @@ public:
     const QVariantHash& edit() const { return m_edit; }
     virtual void setEdit(const QVariantHash& edit);
     qint64 timestamp() const { return m_timestamp; } ///< Last change of the value or rows, ms since the epoch.
+    void touch(); ///< Sets the timestamp to now.
 
     /// "container", "value", "list", "action" or "stream".
     virtual QString nodeType() const;
@@ -53,8 +54,8 @@ public:
     /// One role's value, null where this node has none; false in `known` for a name that is no role.
     QVariant role(const QString& name, bool* known) const;
 
-    /// What CMAbstractWorker::getRows() and invoke() say. The base answers the children, and refuses to be set.
-    virtual void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply);
+    /// What CMAbstractWorker::getRows() and invoke() say. The base refuses to be set.
+    void getRows(int from, int to, qint64 version, const QStringList& roles, CMReply<ZarkRowsRoles> reply);
     virtual void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply);
 
     /// Called just before the node is read, and when the number of listeners turns from or to zero: for nodes whose
@@ -63,19 +64,27 @@ public:
     void demand() const;
     bool isWatched() const;
 
-    const QVector<CMUINode*>& children() const { return m_children; }
+    const QVector<CMUINode*>& children() const; ///< Until the next change of the tree.
+    virtual int rowsCount() const; ///< Of the rows that getRows() answers, which are the children unless overridden.
     /// Grows with every change of the rows and is below 2^53. No list had it before: neither another node that was at
     /// this path nor, as it follows the clock, this one before the process was started again.
-    qint64 rowsVersion() const { return m_rowsVersion; }
+    qint64 rowsVersion() const;
+
+    /// The tree ends before the node.
+    void forgetTree() { m_tree = nullptr; }
 
 protected:
     CMUINode(CMNodeTree* tree, const CMPath& path);
     /// Enters the node in the tree and hands it to `nodes`; deletes it and returns false when the tree refuses.
     static bool enter(CMNodes* nodes, CMUINode* node);
     void changed(const QStringList& roles);
-    void touch(); ///< Sets the timestamp to now.
-    /// New rows version, which the events get too, timestamp, listeners.
-    void bumpRows(QList<ZarkRowEvent> events);
+    /// As CMNodeTree::changeRows().
+    void bumpRows(const QList<ZarkRowEvent>& events);
+    virtual bool hasRows() const; ///< Containers and what has nodes below it, unless overridden.
+    /// Appends the rows from `from` to `last`, which there are: one value a role each. The roles are known ones.
+    virtual void appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const;
+
+private:
     /// Roles of this node as ZarkRowsRoles::roles() holds them; false when a name is no role.
     bool ownRoles(const QStringList& roles, QVariantHash* values) const;
     /// Checks a getRows() request against a list of `count` rows, cuts `to` to the last row and fills everything of the
@@ -83,19 +92,14 @@ protected:
     CMError beginRows(
         int count, int from, qint64 version, const QStringList& roles, int* to, ZarkRowsRoles* answer) const;
 
-private:
-    friend class CMNodeTree;
-
     CMNodeTree* m_tree;
     CMPath m_path;
-    TrString m_title;
+    TrString m_title; // Null: the path's. Most nodes get another at once.
     TrString m_description;
     QString m_icon;
     QVariantHash m_edit;
     std::function<void()> m_demandHook;
-    QVector<CMUINode*> m_children;
     qint64 m_timestamp = 0;
-    qint64 m_rowsVersion;
     ZarkPermission::Enum m_permission = ZarkPermission::Default;
     bool m_modifiable = false;
 };

@@ -31,11 +31,7 @@ ZarkError findLoneSurrogate(const QString& text)
 
 QVariant ZarkJson::parse(const QByteArray& utf8, ZarkError* error, unsigned flags, int maximumValues)
 {
-    ZarkJsonParser parser(utf8, flags & RecordLines, maximumValues);
-    const QVariant value = parser.parse();
-    if (error)
-        *error = parser.error();
-    return value;
+    return ZarkJsonParser::parse(utf8, flags & RecordLines, maximumValues, error);
 }
 
 QVariant ZarkJson::parse(const QString& text, ZarkError* error, unsigned flags, int maximumValues)

@@ -4,9 +4,8 @@
 #include <QString>
 #include <QVariant>
 
-#include <limits>
-
 #include "ZarkError.h"
+#include "ZarkJsonParser.h"
 
 /// JSON texts to QVariant and back (RFC 8259, nothing more lenient).
 ///
@@ -30,8 +29,8 @@ public:
         /// twice in one object is refused.
         RecordLines = 1,
     };
-    static constexpr int MaximumDepth = 128;
-    static constexpr int AnyNumber = std::numeric_limits<int>::max();
+    static constexpr int MaximumDepth = ZarkJsonParser::MaximumDepth;
+    static constexpr int AnyNumber = ZarkJsonParser::AnyNumber;
 
     /// The value of `text`; an invalid QVariant and a filled `error` when it is not JSON. `error` may be null.
     /// `maximumValues` counts every value, inner ones and equal keys' too: one takes up to fifty times its text.

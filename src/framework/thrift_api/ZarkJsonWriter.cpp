@@ -18,70 +18,21 @@ template <class T> const T& inside(const QVariant& value)
     return *static_cast<const T*>(value.constData());
 }
 
-/// Collects the UTF-8 form of a text in a small buffer, so that the JSON text grows in few steps.
-class Utf8Buffer {
-public:
-    explicit Utf8Buffer(QByteArray& out) : m_out(out) { }
-    ~Utf8Buffer() { flush(); }
-    Utf8Buffer(const Utf8Buffer&) = delete;
-    Utf8Buffer& operator=(const Utf8Buffer&) = delete;
-
-    void put(char c)
-    {
-        if (m_size == sizeof m_bytes)
-            flush();
-        m_bytes[m_size++] = c;
-    }
-
-    void putEscaped(ushort control)
-    {
-        static const char shortForms[] = "btn\0fr"; // From U+0008 to U+000D; U+000B has none.
-        put('\\');
-        if (control >= 0x08 && control <= 0x0D && control != 0x0B) {
-            put(shortForms[control - 0x08]);
-            return;
-        }
-        for (char c : { 'u', '0', '0', control < 0x10 ? '0' : '1' })
-            put(c);
-        put("0123456789abcdef"[control & 0xF]);
-    }
-
-    void putCodePoint(uint c)
-    {
-        if (c < 0x800) {
-            put(char(0xC0 | c >> 6));
-        } else if (c < 0x10000) {
-            put(char(0xE0 | c >> 12));
-            put(char(0x80 | (c >> 6 & 0x3F)));
-        } else {
-            put(char(0xF0 | c >> 18));
-            put(char(0x80 | (c >> 12 & 0x3F)));
-            put(char(0x80 | (c >> 6 & 0x3F)));
-        }
-        put(char(0x80 | (c & 0x3F)));
-    }
-
-private:
-    void flush()
-    {
-        m_out.append(m_bytes, int(m_size));
-        m_size = 0;
-    }
-
-    QByteArray& m_out;
-    size_t m_size = 0;
-    char m_bytes[256];
-};
-
-/// The code point at `p`, which moves past it; U+FFFD for a lone surrogate, since UTF-8 has no form for it.
-uint nextCodePoint(const QChar*& p, const QChar* end)
+bool isEscaped(char c)
 {
-    const QChar c = *p++;
-    if (!c.isSurrogate())
-        return c.unicode();
-    if (c.isHighSurrogate() && p != end && p->isLowSurrogate())
-        return QChar::surrogateToUcs4(c, *p++);
-    return QChar::ReplacementCharacter;
+    return uchar(c) < 0x20 || c == '"' || c == '\\';
+}
+
+void appendEscape(char c, QByteArray& out)
+{
+    static const char shortForms[] = "btn\0fr"; // From U+0008 to U+000D; U+000B has none.
+    out.append('\\');
+    if (c == '"' || c == '\\')
+        out.append(c);
+    else if (c >= 0x08 && c <= 0x0D && c != 0x0B)
+        out.append(shortForms[c - 0x08]);
+    else
+        out.append("u00").append(c < 0x10 ? '0' : '1').append("0123456789abcdef"[c & 0xF]);
 }
 
 } // namespace
@@ -142,7 +93,7 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
         const TrString& text = inside<TrString>(value);
         writeString(m_translate ? text.toString() : text.source());
     } else if (type == qMetaTypeId<ZarkRowsRoles>()) {
-        write(inside<ZarkRowsRoles>(value).toVariant());
+        writeRows(inside<ZarkRowsRoles>(value));
     } else if (type == QMetaType::QByteArray) {
         writeString(QString::fromLatin1(value.toByteArray().toBase64()));
     } else if (type == QMetaType::QDateTime) {
@@ -163,6 +114,30 @@ void ZarkJsonWriter::writeOther(const QVariant& value)
     }
 }
 
+/// What can be a thousand rows, without a list a row.
+void ZarkJsonWriter::writeRows(const ZarkRowsRoles& rows)
+{
+    m_json.append("{\"from\":");
+    writeInteger(rows.from());
+    m_json.append(",\"roles\":");
+    writeHash(rows.roles().values());
+    m_json.append(",\"rows\":[");
+    for (int row = 0; row < rows.size(); ++row) {
+        m_json.append(row > 0 ? ",[" : "[");
+        for (int column = 0; column < rows.columns(); ++column) {
+            if (column > 0)
+                m_json.append(',');
+            write(rows.value(row, column));
+        }
+        m_json.append(']');
+    }
+    m_json.append("],\"rowsCount\":");
+    writeInteger(rows.rowsCount());
+    m_json.append(",\"rowsVersion\":");
+    writeInteger(rows.rowsVersion());
+    m_json.append('}');
+}
+
 /// As write(value.toVariant()), without making the hash: nearly every reply of the server carries one.
 void ZarkJsonWriter::writeValue(const ZarkValue& value)
 {
@@ -171,7 +146,8 @@ void ZarkJsonWriter::writeValue(const ZarkValue& value)
         return;
     }
     m_json.append("{\"type\":\"");
-    m_json.append(ZarkValueType::toString(value.type()).toLatin1());
+    const QLatin1String type = ZarkValueType::name(value.type());
+    m_json.append(type.data(), type.size());
     m_json.append("\",\"value\":");
     write(value.plain());
     m_json.append('}');
@@ -225,23 +201,18 @@ void ZarkJsonWriter::writeKey(const QString& key)
 
 void ZarkJsonWriter::writeString(const QString& text)
 {
-    Utf8Buffer out(m_json);
-    out.put('"');
-    const QChar* p = text.constData();
-    const QChar* const end = p + text.size();
-    while (p != end) {
-        const uint c = nextCodePoint(p, end);
-        if (c < 0x20) {
-            out.putEscaped(ushort(c));
-        } else if (c < 0x80) {
-            if (c == '"' || c == '\\')
-                out.put('\\');
-            out.put(char(c));
-        } else {
-            out.putCodePoint(c);
-        }
+    const QByteArray utf8 = text.toUtf8();
+    m_json.append('"');
+    const char* plain = utf8.cbegin();
+    for (const char* p = plain; p != utf8.cend(); ++p) {
+        if (!isEscaped(*p))
+            continue;
+        m_json.append(plain, int(p - plain));
+        appendEscape(*p, m_json);
+        plain = p + 1;
     }
-    out.put('"');
+    m_json.append(plain, int(utf8.cend() - plain));
+    m_json.append('"');
 }
 
 void ZarkJsonWriter::writeDouble(double number)

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QVariant>
 
+class ZarkRowsRoles;
 class ZarkValue;
 
 /// Appends values to one JSON text; the inside of ZarkJson::serialize(). Use once.
@@ -17,6 +18,7 @@ public:
 private:
     void writeOther(const QVariant& value);
     void writeValue(const ZarkValue& value);
+    void writeRows(const ZarkRowsRoles& rows);
     void writeList(const QVariantList& list);
     void writeHash(const QVariantHash& hash);
     void writeMap(const QVariantMap& map);

@@ -1,16 +1,19 @@
 #include "ZarkRowsRoles.h"
 
-QVariant ZarkRowsRoles::toVariant() const
+QList<QVariantList> ZarkRowsRoles::rows() const
 {
-    QVariantList rows;
-    rows.reserve(m_rows.size());
-    for (const QVariantList& row : m_rows)
-        rows.append(QVariant(row));
-    return QVariantHash{
-        { QStringLiteral("roles"), m_roles.values() },
-        { QStringLiteral("rows"), rows },
-        { QStringLiteral("from"), m_from },
-        { QStringLiteral("rowsCount"), m_rowsCount },
-        { QStringLiteral("rowsVersion"), m_rowsVersion },
-    };
+    QList<QVariantList> rows;
+    for (int row = 0; row < m_size; ++row) {
+        rows.append(QVariantList());
+        for (int column = 0; column < m_columns; ++column)
+            rows.last().append(value(row, column));
+    }
+    return rows;
+}
+
+void ZarkRowsRoles::setValues(int size, const QVector<QVariant>& values)
+{
+    m_size = size;
+    m_values = values;
+    m_stride = m_columns = size > 0 ? values.size() / size : 0;
 }

@@ -1,6 +1,6 @@
 #include "ZarkValue.h"
 
-#include "ZarkJson.h"
+#include "ZarkJsonParser.h"
 #include "ZarkValueReader.h"
 #include "ZarkWebserverUser.h"
 
@@ -76,7 +76,7 @@ ZarkValue ZarkValue::fromText(const QString& text, ZarkValueType::Enum type, QSt
     if (isPlainText)
         return fromJson(text, type, error);
     ZarkError jsonError;
-    const QVariant json = ZarkJson::parse(text, &jsonError);
+    const QVariant json = ZarkJsonParser::parse(text.toUtf8(), false, ZarkJsonParser::AnyNumber, &jsonError);
     if (jsonError.isEmpty())
         return fromJson(json, type, error);
     if (error)

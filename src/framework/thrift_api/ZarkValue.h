@@ -25,7 +25,8 @@ struct ZarkValueType {
     };
 
     /// "bool", "i32", "i64", "double", "string", "bytes", "stringList", "webserverAuthMode", ...; "" for Invalid.
-    static QString toString(Enum type);
+    static QString toString(Enum type) { return name(type); }
+    static QLatin1String name(Enum type); ///< As toString().
     static Enum fromString(const QString& name); ///< Invalid for any other text.
 };
 

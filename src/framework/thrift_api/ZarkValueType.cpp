@@ -21,7 +21,7 @@ const struct {
 
 } // namespace
 
-QString ZarkValueType::toString(Enum type)
+QLatin1String ZarkValueType::name(Enum type)
 {
     for (const auto& entry : types) {
         if (entry.type == type)

@@ -191,10 +191,10 @@ void ApiResponder::on_getRows_finished(
         return respondWithError(error, SOUP_STATUS_INTERNAL_SERVER_ERROR);
     if (!canRespond(parsed.path, RequestType::GetRows, answer.roles().permission()))
         return;
-    ZarkRowsRoles reply = answer;
-    withholdRows(parsed.path, roles, &reply);
+    ZarkRowsRoles shown = answer;
+    withholdRows(parsed.path, roles, &shown);
     releaseBrake();
-    respondWithJson(reply.toVariant());
+    respondWithJson(QVariant::fromValue(shown));
 }
 
 void ApiResponder::on_permission_finished(

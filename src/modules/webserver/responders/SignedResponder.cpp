@@ -12,15 +12,28 @@ constexpr const char* AccessName = "accessDenied";
 constexpr const char* MethodName = "invalidMethod";
 
 // The row keeps its place, so that indexes mean the same to everybody.
-void hideRow(QVariantList* row, const QStringList& roles, ZarkPermission::Enum permission)
+void hideRow(ZarkRowsRoles* rows, int row, const QStringList& roles, ZarkPermission::Enum permission)
 {
-    for (int i = 0; i < row->size() - 1; ++i)
-        (*row)[i] = QVariant();
+    for (int column = 0; column < rows->columns(); ++column)
+        rows->setValue(row, column, QVariant());
     const int title = roles.indexOf(ZarkRoles::Title());
-    if (title < 0 || title >= row->size() - 1)
+    if (title < 0 || title >= rows->columns())
         return;
-    (*row)[title] = permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
-                                                           : QStringLiteral("(Node requires authentication)");
+    rows->setValue(row, title,
+        permission == ZarkPermission::Internal ? QStringLiteral("(Node is internal)")
+                                               : QStringLiteral("(Node requires authentication)"));
+}
+
+/// A row as the log names it; the text is made only if it is written.
+struct RowName {
+    const QString& list;
+    int row;
+};
+
+template <class Stream> Stream& operator<<(Stream& stream, const RowName& name)
+{
+    stream << name.list << ".row" << name.row;
+    return stream;
 }
 
 } // namespace
@@ -97,15 +110,21 @@ QVariant SignedResponder::takePostData()
     return posted;
 }
 
-bool SignedResponder::canRespond(
-    const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError)
+template <class Name>
+ApiVerdict SignedResponder::judge(const Name& name, ApiRequestType type, ZarkPermission::Enum permission) const
 {
     const ApiAccess access{ type, permission, m_configuration->authMode(), m_caller };
     dbglog_trace(webserverLog(),
-        path << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
+        name << ": reqType=" << toString(type) << ", authMode=" << ZarkWebserverAuthMode::toString(access.authMode)
              << ", permission=" << ZarkPermission::toString(permission) << ", credentials=" << m_caller.hasCredentials()
              << ", verified=" << m_caller.isVerified());
-    const ApiVerdict verdict = decideAccess(access);
+    return decideAccess(access);
+}
+
+bool SignedResponder::canRespond(
+    const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError)
+{
+    const ApiVerdict verdict = judge(path, type, permission);
     if (!verdict.allowed && respondOnError)
         respondWithError(CMError(AccessName, verdict.message), verdict.status, verdict.throttle);
     return verdict.allowed;
@@ -113,18 +132,21 @@ bool SignedResponder::canRespond(
 
 void SignedResponder::withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer)
 {
-    QList<QVariantList> rows = answer->rows();
-    for (int i = 0; i < rows.size(); ++i) {
-        QVariantList& row = rows[i];
-        const ZarkPermission::Enum permission = ZarkPermission::fromString(row.value(row.size() - 1).toString());
-        const QString rowPath = path + QLatin1String(".row") + QString::number(answer->from() + i);
-        if (!canRespond(rowPath, ApiRequestType::GetData, permission, false)) {
-            dbglog_debug(webserverLog(), "Private row: " << rowPath << " will be excluded from the response");
-            hideRow(&row, roles, permission);
+    answer->hideLastColumn();
+    QString text; // Most rows of a list have the same.
+    ZarkPermission::Enum permission = ZarkPermission::fromString(text);
+    for (int row = 0; row < answer->size(); ++row) {
+        const QString own = answer->value(row, answer->columns()).toString();
+        if (own != text) {
+            text = own;
+            permission = ZarkPermission::fromString(text);
         }
-        row.removeLast();
+        const RowName rowName{ path, answer->from() + row };
+        if (judge(rowName, ApiRequestType::GetData, permission).allowed)
+            continue;
+        dbglog_debug(webserverLog(), "Private row: " << rowName << " will be excluded from the response");
+        hideRow(answer, row, roles, permission);
     }
-    answer->setRows(rows);
 }
 
 void SignedResponder::releaseBrake()

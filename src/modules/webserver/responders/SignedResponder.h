@@ -78,6 +78,9 @@ protected:
     void answer(int status, const QByteArray& body, const QString& contentType, bool throttle = false);
 
 private:
+    template <class Name>
+    ApiVerdict judge(const Name& name, ApiRequestType type, ZarkPermission::Enum permission) const;
+
     int m_requestId = 0;
     Caller m_caller;
     QSharedPointer<UserDatabase> m_userDatabase;
