@@ -1,5 +1,3 @@
-#include <QDateTime>
-#include <QFile>
 #include <QtTest>
 
 #include <memory>
@@ -9,6 +7,7 @@
 #include "CMNodesWorker.h"
 #include "CMRoot.h"
 #include "CMValueItem.h"
+#include "Rows.h"
 #include "SystemNodes.h"
 #include "SystemSample.h"
 
@@ -32,27 +31,19 @@ class SystemTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void processorShare_data()
-    {
-        QTest::addColumn<QByteArray>("earlier");
-        QTest::addColumn<QByteArray>("later");
-        QTest::addColumn<double>("percent");
-        const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
-        QTest::newRow("idle and waiting are not busy") << zero << QByteArray("cpu  0 0 0 60 40 0 0 0 0 0\n") << 0.0;
-        QTest::newRow("guests are in user already") << zero << QByteArray("cpu  50 0 0 50 0 0 0 0 50 0\n") << 50.0;
-        QTest::newRow("waiting that steps back")
-            << QByteArray("cpu  0 0 0 0 50 0 0 0 0 0\n") << QByteArray("cpu  60 0 0 0 0 0 0 0 0 0\n") << 100.0;
-        QTest::newRow("no tick") << zero << zero << -1.0;
-        QTest::newRow("unreadable") << zero << QByteArray() << -1.0;
-    }
-
     void processorShare()
     {
-        QFETCH(QByteArray, earlier);
-        QFETCH(QByteArray, later);
-        QFETCH(double, percent);
-        const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
-        QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
+        Rows<QByteArray, QByteArray, double> row;
+        const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
+        row("idle and waiting are not busy", zero, "cpu  0 0 0 60 40 0 0 0 0 0\n", 0.0);
+        row("guests are in user already", zero, "cpu  50 0 0 50 0 0 0 0 50 0\n", 50.0);
+        row("waiting that steps back", "cpu  0 0 0 0 50 0 0 0 0 0\n", "cpu  60 0 0 0 0 0 0 0 0 0\n", 100.0);
+        row("no tick", zero, zero, -1.0);
+        row("unreadable", zero, {}, -1.0);
+        for (const auto& [earlier, later, percent] : row) {
+            const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
+            QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
+        }
     }
 
     void valuesAreThisMachines()

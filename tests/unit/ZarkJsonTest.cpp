@@ -1,10 +1,9 @@
-#include <QDateTime>
-#include <QTest>
-#include <QTranslator>
+#include <QtTest>
 
 #include <cmath>
 #include <limits>
 
+#include "Rows.h"
 #include "TrString.h"
 #include "ZarkJson.h"
 #include "ZarkRowsRoles.h"
@@ -14,13 +13,9 @@ class ZarkJsonTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void textsAreRead_data()
+    void textsAreRead()
     {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QVariant>("value");
-        const auto row = [](const char* name, const QByteArray& text, const QVariant& value) {
-            QTest::newRow(name) << text << value;
-        };
+        Rows<QByteArray, QVariant> row;
         const QVariantList mixed{ 1LL, "x", QVariant::fromValue(nullptr), QVariantHash(), QVariantList() };
         row("in white space", " \t\r\nfalse\n ", false);
         row("mixed", "{\"a\" : [1, \"x\",null, { },[\n]] ,\"\":true}", QVariantHash{ { "a", mixed }, { "", true } });
@@ -34,27 +29,20 @@ private Q_SLOTS:
         row("UTF-8 beside escapes", "\"\xC3\xBC\\n\xC3\xBC\"", QString::fromUtf8("ü\nü"));
         row("a byte order mark in a string stays", "\"\xEF\xBB\xBFx\"", QString(QChar(0xFEFF)) + 'x');
         row("the deepest list", QByteArray(128, '[') + QByteArray(128, ']'), QVariant());
+        for (const auto& [text, value] : row) {
+            ZarkError error{ QStringLiteral("left over"), 1, 1 };
+            const QVariant read = ZarkJson::parse(text, &error);
+            QCOMPARE(error.toString(), QString());
+            QCOMPARE(ZarkJson::parse(QString::fromUtf8(text), nullptr), read);
+            if (value.isValid())
+                QCOMPARE(read, value);
+            QCOMPARE(ZarkJson::parse(ZarkJson::serialize(read), nullptr), read);
+        }
     }
 
-    void textsAreRead()
+    void numbersKeepTheirType()
     {
-        QFETCH(QByteArray, text);
-        QFETCH(QVariant, value);
-        ZarkError error{ QStringLiteral("left over"), 1, 1 };
-        const QVariant read = ZarkJson::parse(text, &error);
-        QCOMPARE(error.toString(), QString());
-        QCOMPARE(ZarkJson::parse(QString::fromUtf8(text), nullptr), read);
-        if (value.isValid())
-            QCOMPARE(read, value);
-        QCOMPARE(ZarkJson::parse(ZarkJson::serialize(read), nullptr), read);
-    }
-
-    void numbersKeepTheirType_data()
-    {
-        QTest::addColumn<QVariant>("value");
-        const auto row = [](const char* text, const QVariant& value) {
-            QTest::newRow(text) << value;
-        };
+        Rows<QVariant> row;
         row("-9223372036854775808", std::numeric_limits<qlonglong>::min());
         row("9223372036854775808", 9223372036854775808ULL);
         row("18446744073709551615", std::numeric_limits<qulonglong>::max());
@@ -64,67 +52,60 @@ private Q_SLOTS:
         row("1e+22", 1e22);
         row("1.7976931348623157e+308", std::numeric_limits<double>::max());
         row("5e-324", std::numeric_limits<double>::denorm_min());
-    }
-
-    void numbersKeepTheirType()
-    {
-        QFETCH(QVariant, value);
-        const QVariant read = ZarkJson::parse(QByteArray(QTest::currentDataTag()), nullptr);
-        QCOMPARE(read.userType(), value.userType());
-        QCOMPARE(read, value);
-        QCOMPARE(std::signbit(read.toDouble()), std::signbit(value.toDouble()));
-        QCOMPARE(ZarkJson::serialize(read), QByteArray(QTest::currentDataTag()));
-    }
-
-    void wrongTextsAreRefusedWithTheirPlace_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QString>("place");
-        const auto row = [](const char* name, const QByteArray& text, int column, int line = 1) {
-            QTest::newRow(name) << text << QStringLiteral("line %1, column %2: ").arg(line).arg(column);
-        };
-        row("white space only", " \n ", 2, 2);
-        row("byte order mark", "\xEF\xBB\xBF{}", 1);
-        row("second value", "1\n2", 1, 2);
-        row("NUL after the value", QByteArray("1\0", 2), 2);
-        row("comment", "[1, // x\n2]", 5);
-        row("no digit after the point", "2.e3", 3);
-        row("negative leading zero", "-00", 3);
-        row("plus sign", "+1", 1);
-        row("minus alone", "[-]", 3);
-        row("exponent without a digit", "1e+", 4);
-        row("Infinity", "-Infinity", 2);
-        row("beyond a double", "[1, 1e309]", 5);
-        row("misspelt literal", "trUe", 3);
-        row("trailing comma in an array", "[1,]", 4);
-        row("trailing comma in an object", "{\"a\":1,}", 8);
-        row("no comma", "[1 2]", 4);
-        row("no colon", "{\"a\" 1}", 6);
-        row("key without quotes", "{a:1}", 2);
-        row("wrong bracket", "[1}", 3);
-        row("raw control character", "\"a\x1f\"", 3);
-        row("unknown escape", R"("a\x")", 4);
-        row("\\u with a sign", R"("\u+123")", 4);
-        row("lone low surrogate", R"("\uDC00")", 2);
-        row("high surrogate and a letter", R"("\uD800\u0041")", 2);
-        row("overlong, 2 bytes", "\"\xC0\xAF\"", 2);
-        row("overlong, 3 bytes", "\"\xE0\x9F\xBF\"", 2);
-        row("overlong, 4 bytes", "\"\xF0\x8F\xBF\xBF\"", 2);
-        row("encoded surrogate", "\"\xED\xA0\x80\"", 2);
-        row("above U+10FFFF", "\"\xF4\x90\x80\x80\"", 2);
-        row("sequence cut by a quote", "\"\xE2\x82\"", 2);
-        row("columns are characters, lines end with LF", "{\r\n \"ü😀\": x}", 8, 2);
-        row("one level too deep", QByteArray(129, '[') + QByteArray(129, ']'), 129);
-        row("a million levels", QByteArray("{\"a\":").repeated(1000000), 128 * 5 + 1);
+        for (const auto& [value] : row) {
+            const QVariant read = ZarkJson::parse(QByteArray(row.name()), nullptr);
+            QCOMPARE(read.userType(), value.userType());
+            QCOMPARE(read, value);
+            QCOMPARE(std::signbit(read.toDouble()), std::signbit(value.toDouble()));
+            QCOMPARE(ZarkJson::serialize(read), QByteArray(row.name()));
+        }
     }
 
     void wrongTextsAreRefusedWithTheirPlace()
     {
-        QFETCH(QByteArray, text);
-        ZarkError error;
-        QVERIFY(!ZarkJson::parse(text, &error).isValid());
-        QVERIFY(!error.message.isEmpty());
-        QTEST(error.toString().chopped(error.message.size()), "place");
+        Rows<QByteArray, QString> row;
+        const auto add = [&](const char* name, const QByteArray& text, int column, int line = 1) {
+            row(name, text, QStringLiteral("line %1, column %2: ").arg(line).arg(column));
+        };
+        add("white space only", " \n ", 2, 2);
+        add("byte order mark", "\xEF\xBB\xBF{}", 1);
+        add("second value", "1\n2", 1, 2);
+        add("NUL after the value", QByteArray("1\0", 2), 2);
+        add("comment", "[1, // x\n2]", 5);
+        add("no digit after the point", "2.e3", 3);
+        add("negative leading zero", "-00", 3);
+        add("plus sign", "+1", 1);
+        add("minus alone", "[-]", 3);
+        add("exponent without a digit", "1e+", 4);
+        add("Infinity", "-Infinity", 2);
+        add("beyond a double", "[1, 1e309]", 5);
+        add("misspelt literal", "trUe", 3);
+        add("trailing comma in an array", "[1,]", 4);
+        add("trailing comma in an object", "{\"a\":1,}", 8);
+        add("no comma", "[1 2]", 4);
+        add("no colon", "{\"a\" 1}", 6);
+        add("key without quotes", "{a:1}", 2);
+        add("wrong bracket", "[1}", 3);
+        add("raw control character", "\"a\x1f\"", 3);
+        add("unknown escape", R"("a\x")", 4);
+        add("\\u with a sign", R"("\u+123")", 4);
+        add("lone low surrogate", R"("\uDC00")", 2);
+        add("high surrogate and a letter", R"("\uD800\u0041")", 2);
+        add("overlong, 2 bytes", "\"\xC0\xAF\"", 2);
+        add("overlong, 3 bytes", "\"\xE0\x9F\xBF\"", 2);
+        add("overlong, 4 bytes", "\"\xF0\x8F\xBF\xBF\"", 2);
+        add("encoded surrogate", "\"\xED\xA0\x80\"", 2);
+        add("above U+10FFFF", "\"\xF4\x90\x80\x80\"", 2);
+        add("sequence cut by a quote", "\"\xE2\x82\"", 2);
+        add("columns are characters, lines end with LF", "{\r\n \"ü😀\": x}", 8, 2);
+        add("one level too deep", QByteArray(129, '[') + QByteArray(129, ']'), 129);
+        add("a million levels", QByteArray("{\"a\":").repeated(1000000), 128 * 5 + 1);
+        for (const auto& [text, place] : row) {
+            ZarkError error;
+            QVERIFY(!ZarkJson::parse(text, &error).isValid());
+            QVERIFY(!error.message.isEmpty());
+            QCOMPARE(error.toString().chopped(error.message.size()), place);
+        }
     }
 
     void everyCutOfATextIsRefused()
@@ -147,13 +128,9 @@ private Q_SLOTS:
         QCOMPARE(recorded, QByteArray(R"({"@line":2,"a":[{"@line":2},{"@line":3,"b":"\n"}]})"));
     }
 
-    void valuesAreWritten_data()
+    void valuesAreWritten()
     {
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<QByteArray>("json");
-        const auto row = [](const char* name, const QVariant& value, const QByteArray& json) {
-            QTest::newRow(name) << value << json;
-        };
+        Rows<QVariant, QByteArray> row;
         row("minus infinity", -qInf(), "null");
         row("uint", 4000000000U, "4000000000");
         row("short", QVariant::fromValue(short(-3)), "-3");
@@ -170,12 +147,9 @@ private Q_SLOTS:
         row("surrogates in the wrong order", QString(QChar(0xDC00)) + QChar(0xD800), "\"\uFFFD\uFFFD\"");
         row("longer than a buffer", QString::fromUtf8("€😀").repeated(1000),
             '"' + QByteArray("€😀").repeated(1000) + '"');
-    }
-
-    void valuesAreWritten()
-    {
-        QFETCH(QVariant, value);
-        QTEST(ZarkJson::serialize(value), "json");
+        for (const auto& [value, json] : row) {
+            QCOMPARE(ZarkJson::serialize(value), json);
+        }
     }
 
     void translatedTextsAreWritten()
