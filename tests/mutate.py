@@ -25,8 +25,9 @@ APART = ["unshare", "--pid", "--fork", "--kill-child", "--mount-proc"] + ([] if 
 
 # What a line is searched for, and what stands there instead.
 FAULTS = [
-    ("comparison", r" == ", " != "), ("comparison", r" != ", " == "), ("bound", r" < ", " <= "), ("bound", r" > ", " >= "),
-    ("bound", r" <= ", " < "), ("bound", r" >= ", " > "), ("operator", r" && ", " || "), ("operator", r" \|\| ", " && "),
+    ("comparison", r" == ", " != "), ("comparison", r" != ", " == "),
+    ("bound", r" < ", " <= "), ("bound", r" > ", " >= "), ("bound", r" <= ", " < "), ("bound", r" >= ", " > "),
+    ("operator", r" && ", " || "), ("operator", r" \|\| ", " && "),
     ("negation", r"(?<![\w\])])!(?=[\w(])", ""), ("truth", r"\btrue\b", "false"), ("truth", r"\bfalse\b", "true"),
     ("off by one", r" [+-] 1\b", ""), ("off by one", r"(?<![\w.])\d+(?![\w.'])", lambda m: str(int(m.group()) + 1)),
     ("left out", r"(?<=^    )\s*(?!return|const|auto|static|using|case)[\w.:>()-]+(\(.*\)| [+-]?= .*);$", ";"),
@@ -74,7 +75,8 @@ def covered_lines(profile):
     for path in counts:
         notes = Path(path.removeprefix(str(profile))).with_suffix(".gcno")
         shutil.copy(notes, Path(path).with_suffix(".gcno"))
-    for text in run(["gcov", "--json-format", "--stdout"] + counts).stdout.decode(errors="replace").split("\n") if counts else []:
+    output = run(["gcov", "--json-format", "--stdout"] + counts).stdout if counts else b""
+    for text in output.decode(errors="replace").split("\n"):
         for file in json.loads(text)["files"] if text.startswith("{") else []:
             name = os.path.relpath(os.path.join(BUILD, file["file"]), SOURCE)
             if name.startswith("src/") and name.endswith(".cpp"):
@@ -103,8 +105,8 @@ def candidates(tests):
             code = re.sub(r'"(\\.|[^"\\])*"|//.*', lambda m: "_" * len(m.group()), line)  # Texts stay.
             for kind, pattern, instead in FAULTS:
                 for match in re.finditer(pattern, code):
-                    fault = line[:match.start()] + match.expand(instead) if isinstance(instead, str) else line[:match.start()] + instead(match)
-                    yield name, number, kind, fault + line[match.end():]
+                    text = instead if isinstance(instead, str) else instead(match)
+                    yield name, number, kind, line[:match.start()] + text + line[match.end():]
 
 
 def judge(fault, tests):

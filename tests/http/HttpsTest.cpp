@@ -299,8 +299,8 @@ private Q_SLOTS:
         const int port = Device::freePort();
         Device device(httpsSettings(port, m_pair));
         servedCertificate(port);
-        const auto most =
-            device.descriptors() + 3; // A restart makes some threads, which have something to wake them by.
+        // A restart makes some threads, which have something to wake them by.
+        const int most = device.descriptors() + 3;
         for (int round = 0; round < 2; ++round) {
             std::vector<std::unique_ptr<HttpConnection>> silent;
             for (int i = 0; i < 20; ++i)

@@ -7,6 +7,7 @@
 #include "CMNodesWorker.h"
 #include "CMRoot.h"
 #include "CMValueItem.h"
+#include "Files.h"
 #include "Rows.h"
 #include "SystemNodes.h"
 #include "SystemSample.h"
@@ -59,17 +60,14 @@ private Q_SLOTS:
         QVERIFY2(process > 1 << 20 && process < 1 << 30, QByteArray::number(process));
         QVERIFY(qAbs(read("system:time/now").i64() - QDateTime::currentMSecsSinceEpoch()) < 2000);
 
-        QFile uptime(QStringLiteral("/proc/uptime"));
-        QVERIFY(uptime.open(QIODevice::ReadOnly));
-        QVERIFY(
-            qAbs(double(read("system:uptime/seconds").i64()) - uptime.readAll().split(' ').first().toDouble()) <= 2);
+        const double uptime = contentOf("/proc/uptime").split(' ').first().toDouble();
+        QVERIFY(qAbs(double(read("system:uptime/seconds").i64()) - uptime) <= 2);
         char name[256] = {};
         gethostname(name, sizeof name - 1);
         QCOMPARE(read("system:host/name").string(), QString::fromLocal8Bit(name));
 
-        QFile load(QStringLiteral("/proc/loadavg"));
-        QVERIFY(load.open(QIODevice::ReadOnly));
-        QVERIFY(qAbs(read("system:load/fifteen").double_() - load.readAll().split(' ').at(2).toDouble()) < 0.2);
+        const double load = contentOf("/proc/loadavg").split(' ').at(2).toDouble();
+        QVERIFY(qAbs(read("system:load/fifteen").double_() - load) < 0.2);
         const ZarkValue processor = read("system:load/cpu");
         QVERIFY(processor.type() == ZarkValueType::Double && processor.double_() > 0 && processor.double_() <= 100);
         QCOMPARE(read("system:network/info").type(), ZarkValueType::NetworkInfo);
