@@ -102,6 +102,7 @@ private Q_SLOTS:
             "module '.*': the node \"first:status/errors\" is there already$",
             R"({"nodes": [{"path": "first:status/errors", "type": "container"}]})");
         add("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
+        add("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
         add("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
             "--set player:none: ");
         add("set out of range", "--tree tree.json --check --set test:value=10", "--set test:value: ");

@@ -396,6 +396,22 @@ private Q_SLOTS:
             QCOMPARE(poller->readReply(100).body, QByteArray("[]"));
     }
 
+    void zarkctlWatches()
+    {
+        QProcess watch;
+        watch.start(ZARKCTL, { "--url", m_device.baseUrl(), "watch", "--count", "2", Counter });
+        // Nobody says when it has subscribed.
+        for (int i = 0; i < 100 && watch.state() != QProcess::NotRunning; ++i) {
+            QVERIFY(m_client.setCounter(++m_value));
+            watch.waitForFinished(50);
+        }
+        QCOMPARE(watch.exitCode(), 0);
+        const QList<QByteArray> lines = watch.readAllStandardOutput().trimmed().split('\n');
+        QCOMPARE(lines.size(), 2);
+        for (const QByteArray& line : lines)
+            QVERIFY2(line.startsWith(R"({"path":"demo:volatile/counter","roles":{"timestamp":)"), line.constData());
+    }
+
 private:
     Device m_device;
     EventClient m_client{ &m_device };

@@ -136,10 +136,11 @@ private Q_SLOTS:
         row("a list is another one", "i0 -list +list i0 poll", "list: all type=list value= *");
 
         row("a row with another index before", "u4 i2 u4 r0 u4 m4>2 u4 poll", "list: u4 i2 u4 r0 u4 m4>2 u4");
+        row("a row again and again", "u4 u1 u4 i2 u4 u4 poll", "list: u4 u1 i2 u4");
         row("as many rows as fit", many + "poll", "list: " + many.trimmed());
         row("too many rows", many + "r0 u3 poll u1 poll", "list: *|list: u1");
 
-        row("confirmed", "v1 settle confirm poll", "volume: value=1|");
+        row("confirmed, once more too late", "v1 settle confirm confirm poll", "volume: value=1|");
         row("lost, and the newest value", "v1 settle lose v2 poll", "volume: value=1|volume: value=2");
         row("lost rows go first", "i0 settle u0 v1 lose i3 poll", "list: i0|list: i0 u0 i3, volume: value=1");
         row("lost rows are too many", "r0 settle " + many + "lose poll", "list: r0|list: *");

@@ -49,6 +49,10 @@ private Q_SLOTS:
             paths.append(subscribe.path().toEncoded());
         QCOMPARE(paths, QStringList({ "a:b", "/player/x", "/other", "/playerx", "player:player/x", "player:playerx" }));
         QCOMPARE(list.at(5).type(), QString("rows"));
+        ZarkList<ZarkEvent> events{ ZarkEvent(CMPath::fromEncoded("a:b")), ZarkEvent(list.at(4).path()) };
+        addLegacyPaths(&events);
+        QCOMPARE(events.count(), 3);
+        QCOMPARE(events.at(2).path(), list.at(1).path());
     }
 
     // An expired queue frees its mark; its id is the one that clients see.

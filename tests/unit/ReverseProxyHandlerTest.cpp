@@ -25,6 +25,12 @@ private Q_SLOTS:
             QVERIFY(!ReverseProxyHandler::isFetchableForRemote(QHostAddress(address), {}));
         }
     }
+
+    void aListOfAnotherTypeAllowsNothing()
+    {
+        QVERIFY(ReverseProxyHandler::isAllowedHost("a.example", {}));
+        QVERIFY(!ReverseProxyHandler::isAllowedHost("a.example", ZarkValue::fromString("a.example")));
+    }
 };
 
 QTEST_GUILESS_MAIN(ReverseProxyHandlerTest)

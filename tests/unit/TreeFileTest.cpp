@@ -103,6 +103,8 @@ private Q_SLOTS:
             "2: \"rows\" must be a list, or an object with \"count\"");
         node("bounds of a row", "\"type\": \"list\", \"rows\": [{},\n{\"edit\":\n{\"unit\": 1}}]",
             "5: \"unit\" must be a text");
+        node("negative count", "\"type\": \"list\", \"rows\":\n{\"count\": -1}",
+            "4: \"count\" must be a number of rows");
         node("second row of three", "\"type\": \"list\", \"rows\": [\n{},\n{\"permission\": \"none\"},\n{\"x\": 1}]",
             "5: unknown permission \"none\"");
         for (const auto& [text, error] : row) {

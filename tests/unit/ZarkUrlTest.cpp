@@ -28,6 +28,15 @@ private Q_SLOTS:
         }
     }
 
+    void setEncodedQueryReplacesTheTable()
+    {
+        ZarkUrl url = ZarkUrl::fromEncoded("http://h/p?a=1%202");
+        QCOMPARE(url.queryItemValue("a"), QString("1 2"));
+        url.setEncodedQuery("b=%C3%BC&c=%26");
+        QVERIFY(!url.hasQueryItem("a"));
+        QCOMPARE(url.queryItemValue("c"), QString("&"));
+    }
+
     // Bytes that are no UTF-8 must not end the server; what becomes of them is not promised.
     void anythingIsAQuery()
     {
