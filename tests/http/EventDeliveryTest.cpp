@@ -385,8 +385,10 @@ private Q_SLOTS:
         QVERIFY(client.setCounter(++m_value));
         for (int i = 0; i < 1000; ++i) {
             QCOMPARE(counterIn(pollers[size_t(i)]->readReply().json().array()), m_value);
-            EventClient::startPoll(pollers[size_t(i)].get(), queues.at(i), 60);
+            if (i < 300)
+                EventClient::startPoll(pollers[size_t(i)].get(), queues.at(i), 60);
         }
+        pollers.resize(300);
         QVERIFY(!pollers.back()->hasData(100));
         QElapsedTimer timer;
         timer.start();
