@@ -1,17 +1,16 @@
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QtTest>
 
 #include <csignal>
 #include <cstddef>
 
-#include <sqlite3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "CMStore.h"
+#include "Files.h"
+#include "Rows.h"
 
 namespace {
 
@@ -57,44 +56,6 @@ private:
     bool m_isBound = false;
 };
 
-/// A client that writes a persistent value, again and again.
-class Writer {
-public:
-    explicit Writer(quint16 port)
-    {
-        QObject::connect(&m_socket, &QTcpSocket::connected, &m_socket, [this] { write(); });
-        QObject::connect(&m_socket, &QTcpSocket::readyRead, &m_socket, [this] { read(); });
-        m_socket.connectToHost(QHostAddress::LocalHost, port);
-    }
-    int answers() const { return m_answers; }
-    bool isRefused() const { return m_isRefused; } ///< Some answer was another than 200.
-
-private:
-    void write()
-    {
-        const QByteArray body =
-            R"({"path": "test:value", "role": "value", "value": )" + QByteArray::number(m_answers % 9) + "}";
-        m_socket.write("POST /api/setData HTTP/1.1\r\nHost: localhost\r\nContent-Type: application/json\r\n"
-                       "Content-Length: "
-            + QByteArray::number(body.size()) + "\r\n\r\n" + body);
-    }
-    void read()
-    {
-        m_answer += m_socket.readAll();
-        if (!m_answer.endsWith('}'))
-            return;
-        m_isRefused = m_isRefused || !m_answer.startsWith("HTTP/1.1 200");
-        m_answer.clear();
-        ++m_answers;
-        write();
-    }
-
-    QTcpSocket m_socket;
-    QByteArray m_answer;
-    int m_answers = 0;
-    bool m_isRefused = false;
-};
-
 } // namespace
 
 class HostTest : public QObject {
@@ -105,9 +66,9 @@ private Q_SLOTS:
         m_directory.reset(new QTemporaryDir);
         m_host.reset(new QProcess);
         m_environment = QProcessEnvironment::systemEnvironment();
-        m_environment.remove(QStringLiteral("JOURNAL_STREAM"));
+        m_environment.remove("JOURNAL_STREAM");
         m_output.clear();
-        write(QStringLiteral("tree.json"), testTree);
+        write("tree.json", testTree);
     }
 
     void cleanup()
@@ -116,91 +77,71 @@ private Q_SLOTS:
         m_host->waitForFinished();
     }
 
-    void namesTheFaultInOneLine_data()
-    {
-        QTest::addColumn<QString>("arguments");
-        QTest::addColumn<QByteArray>("tree");
-        QTest::addColumn<QString>("pattern");
-        const auto row = [](const char* name, const char* arguments, const char* pattern, const char* tree = testTree) {
-            QTest::newRow(name) << QString::fromLatin1(arguments) << QByteArray(tree)
-                                << (QStringLiteral("^zark-host: ") + QLatin1String(pattern));
-        };
-        row("no state", "--tree tree.json", "--state DIR is missing$");
-        row("log level", "--tree tree.json --state s --log-level loud", "--log-level loud: ");
-        row("log file with a fault", "--tree tree.json --check --log-config tree.json", "tree.json:1: ");
-        row("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
-        row("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
-        row("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
-        row("misspelled key", "--tree tree.json --state s", "tree.json:3: .*\"titel\"",
-            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n"
-            "  {\"path\": \"a:c\", \"type\": \"container\", \"titel\": \"C\"}]}");
-        row("value out of its bounds", "--tree tree.json --check", "tree.json:2: ",
-            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"value\", \"value\": {\"type\": \"i32\", \"value\": 7},\n"
-            "   \"edit\": {\"maximum\": 6}}]}");
-        row("path declared twice", "--tree tree.json --state s", "tree.json:3: .*a:b",
-            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n  {\"path\": \"a:b\", \"type\": "
-            "\"container\"}]}");
-        row("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
-        row("module is no library", "--tree tree.json --check --worker ./tree.json",
-            "module './tree.json': .*tree.json");
-        row("same module twice", "--tree tree.json --check --worker " RECORDER_FIRST " --worker /." RECORDER_FIRST,
-            "module '/\\./.*' is the same as '/.*'$");
-        row("status node taken", "--tree tree.json --state s --worker " RECORDER_FIRST,
-            "module '.*': the node \"first:status/errors\" is there already$",
-            R"({"nodes": [{"path": "first:status/errors", "type": "container"}]})");
-        row("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
-        row("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
-        row("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
-            "--set player:none: ");
-        row("set out of range", "--tree tree.json --check --set test:value=10", "--set test:value: ");
-        row("set of a module's node out of range",
-            "--tree tree.json --state s --worker player --set player:player/volume=101",
-            "--set player:player/volume: ");
-    }
-
     void namesTheFaultInOneLine()
     {
-        QFETCH(QString, arguments);
-        QFETCH(QByteArray, tree);
-        QFETCH(QString, pattern);
-        write(QStringLiteral("tree.json"), tree);
-        start(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
-        QCOMPARE(finish(), 2);
-        QCOMPARE(m_output, QByteArray());
-        const QByteArray error = m_host->readAllStandardError();
-        QVERIFY2(error.count('\n') == 1 && error.endsWith('\n'), error.constData());
-        const QString line = QString::fromUtf8(error).chopped(1);
-        QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), error.constData());
+        Rows<QString, QByteArray, QString> row;
+        const auto add = [&](const char* name, const char* arguments, const char* pattern,
+                             const char* tree = testTree) {
+            row(name, arguments, tree, QStringLiteral("^zark-host: ") + pattern);
+        };
+        add("no state", "--tree tree.json", "--state DIR is missing$");
+        add("log level", "--tree tree.json --state s --log-level loud", "--log-level loud: ");
+        add("log file with a fault", "--tree tree.json --check --log-config tree.json", "tree.json:1: ");
+        add("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
+        add("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
+        add("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
+        add("misspelled key", "--tree tree.json --state s", "tree.json:3: .*\"titel\"",
+            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n"
+            "  {\"path\": \"a:c\", \"type\": \"container\", \"titel\": \"C\"}]}");
+        add("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
+        add("module is no library", "--tree tree.json --check --worker ./tree.json",
+            "module './tree.json': .*tree.json");
+        add("same module twice", "--tree tree.json --check --worker " RECORDER_FIRST " --worker /." RECORDER_FIRST,
+            "module '/\\./.*' is the same as '/.*'$");
+        add("status node taken", "--tree tree.json --state s --worker " RECORDER_FIRST,
+            "module '.*': the node \"first:status/errors\" is there already$",
+            R"({"nodes": [{"path": "first:status/errors", "type": "container"}]})");
+        add("set without value", "--tree tree.json --check --set test:value", "--set test:value: ");
+        add("set of no path", "--tree tree.json --check --set value=1", "--set value: ");
+        add("set of no node with a module", "--tree tree.json --state s --worker player --set player:none=1",
+            "--set player:none: ");
+        add("set out of range", "--tree tree.json --check --set test:value=10", "--set test:value: ");
+        add("set of a module's node out of range",
+            "--tree tree.json --state s --worker player --set player:player/volume=101",
+            "--set player:player/volume: ");
+        for (const auto& [arguments, tree, pattern] : row) {
+            init();
+            write("tree.json", tree);
+            start(arguments.split(QLatin1Char(' '), Qt::SkipEmptyParts));
+            QCOMPARE(finish(), 2);
+            QCOMPARE(m_output, QByteArray());
+            const QByteArray error = m_host->readAllStandardError();
+            QVERIFY2(error.count('\n') == 1 && error.endsWith('\n'), error.constData());
+            const QString line = QString::fromUtf8(error).chopped(1);
+            QVERIFY2(QRegularExpression(pattern).match(line).hasMatch(), error.constData());
+        }
     }
 
     void refusesAnEventLoopWithoutGlib()
     {
-        m_environment.insert(QStringLiteral("QT_NO_GLIB"), QStringLiteral("1"));
+        m_environment.insert("QT_NO_GLIB", "1");
         startRecorders();
         QCOMPARE(finish(), 2);
         QCOMPARE(m_host->readAllStandardError().count('\n'), 1);
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
+        QVERIFY(!QFileInfo::exists(path("state")));
     }
 
     void checkStartsNothing()
     {
-        startRecorders({ QStringLiteral("--check"), QStringLiteral("--set"), QStringLiteral("first:later=1") });
+        startRecorders({ "--check", "--set", "first:later=1" });
         QCOMPARE(finish(), 0);
         QCOMPARE(m_output + m_host->readAllStandardError(), QByteArray());
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("state"))));
+        QVERIFY(!QFileInfo::exists(path("state")));
     }
 
-    void announcesWhatItsWorkersServe_data()
+    void announcesWhatItsWorkersServe()
     {
-        QTest::addColumn<QString>("addresses");
-        QTest::addColumn<QString>("errors");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("output");
-        const auto row = [](const char* name, const char* addresses, const char* errors, int status,
-                             const char* output) {
-            QTest::newRow(name) << QString::fromLatin1(addresses) << QString::fromLatin1(errors) << status
-                                << QByteArray(output);
-        };
+        Rows<QString, QString, int, QByteArray> row;
         const char* both = "listening on http://a/\nlistening on https://b/\n"
                            "listening on http://a/\nlistening on https://b/\nready\n";
         row("two addresses", "[\"http://a/\", \"https://b/\"]", "[]", 0, both);
@@ -208,24 +149,19 @@ private Q_SLOTS:
             "listening on http://a/\nlistening on http://a/\nready\n");
         row("all failed", "[]", "[\"port 80 is busy\"]", 3, "");
         row("no server wanted", "[]", "[]", 0, "ready\n");
-    }
-
-    void announcesWhatItsWorkersServe()
-    {
-        QFETCH(QString, addresses);
-        QFETCH(QString, errors);
-        QFETCH(int, status);
-        QFETCH(QByteArray, output);
-        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:addresses=") + addresses,
-            QStringLiteral("--set"), QStringLiteral("test:errors=") + errors });
-        if (status == 0) {
-            QVERIFY(waitForReady());
-            m_host->terminate();
+        for (const auto& [addresses, errors, status, output] : row) {
+            init();
+            startRecorders({ "--set", QStringLiteral("test:addresses=") + addresses, "--set",
+                QStringLiteral("test:errors=") + errors });
+            if (status == 0) {
+                QVERIFY(waitForReady());
+                m_host->terminate();
+            }
+            QCOMPARE(finish(), status);
+            QCOMPARE(m_output, output);
+            const bool isBusyLogged = m_host->readAllStandardError().contains("is busy");
+            QCOMPARE(isBusyLogged, errors.contains(QLatin1String("is busy")));
         }
-        QCOMPARE(finish(), status);
-        QCOMPARE(m_output, output);
-        const bool isBusyLogged = m_host->readAllStandardError().contains("is busy");
-        QCOMPARE(isBusyLogged, errors.contains(QLatin1String("is busy")));
     }
 
     void stopsInReverseOrderOnASignal()
@@ -237,52 +173,21 @@ private Q_SLOTS:
         kill(pid_t(m_host->processId()), SIGTERM);
         QCOMPARE(finish(), 0);
         QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-        QCOMPARE(read(QStringLiteral("state/record")),
+        QCOMPARE(read("state/record"),
             QByteArray("first made with 1\nsecond made with 1\n"
                        "second shuts down\nfirst shuts down\nsecond answers\nfirst answers\n"
                        "second destroyed\nfirst destroyed\n"));
         const QString log = QString::fromUtf8(m_host->readAllStandardError());
-        const QRegularExpression expected(QStringLiteral("^[^\n]* started\n[^\n]* stopping\n[^\n]* stopped\n$"));
+        const QRegularExpression expected("^[^\n]* started\n[^\n]* stopping\n[^\n]* stopped\n$");
         QVERIFY2(expected.match(log).hasMatch(), qPrintable(log));
-    }
-
-    void answersWhatIsBeingWrittenWhenItStops()
-    {
-        QTcpServer probe;
-        QVERIFY(probe.listen(QHostAddress::LocalHost));
-        const quint16 port = probe.serverPort();
-        probe.close();
-        start({ "--tree", "tree.json", "--state", "state", "--worker", "webserver", "--set",
-            QStringLiteral("settings:webserver/port=%1").arg(port) });
-        QVERIFY(waitForReady());
-        Writer first(port);
-        Writer second(port);
-        QTRY_VERIFY(first.answers() > 3 && second.answers() > 3);
-        // The disk is slow from here on.
-        sqlite3* other = nullptr;
-        QCOMPARE(sqlite3_open(QFile::encodeName(path("state/state.db")).constData(), &other), SQLITE_OK);
-        sqlite3_busy_timeout(other, 5000);
-        QCOMPARE(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
-        QTest::qWait(100);
-        const int before = first.answers() + second.answers();
-        QElapsedTimer timer;
-        timer.start();
-        m_host->terminate();
-        QTest::qWait(200);
-        sqlite3_close(other);
-        QTRY_COMPARE(m_host->state(), QProcess::NotRunning);
-        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-        QCOMPARE(finish(), 0);
-        QCOMPARE(first.answers() + second.answers(), before + 2);
-        QVERIFY(!first.isRefused() && !second.isRefused());
     }
 
     void leavesAtOnceOnASecondSignal()
     {
-        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:hangs=true") });
+        startRecorders({ "--set", "test:hangs=true" });
         QVERIFY(waitForReady());
         kill(pid_t(m_host->processId()), SIGTERM);
-        QTRY_VERIFY(read(QStringLiteral("state/record")).contains("shuts down"));
+        QTRY_VERIFY(read("state/record").contains("shuts down"));
         kill(pid_t(m_host->processId()), SIGINT);
         QCOMPARE(finish(), 128 + SIGINT);
     }
@@ -290,17 +195,17 @@ private Q_SLOTS:
     void reloadsOnHangUp()
     {
         // The log goes nowhere at first, and stays there while the file is missing.
-        write(QStringLiteral("log.ini"), "log4cplus.rootLogger=OFF\n");
-        startRecorders({ QStringLiteral("--log-config"), QStringLiteral("log.ini") });
+        write("log.ini", "log4cplus.rootLogger=OFF\n");
+        startRecorders({ "--log-config", "log.ini" });
         QVERIFY(waitForReady());
-        QVERIFY(QFile::remove(path(QStringLiteral("log.ini"))));
+        QVERIFY(QFile::remove(path("log.ini")));
         kill(pid_t(m_host->processId()), SIGHUP);
-        QTRY_VERIFY(read(QStringLiteral("state/record")).endsWith("first reloads\nsecond reloads\n"));
-        write(QStringLiteral("log.ini"),
+        QTRY_VERIFY(read("state/record").endsWith("first reloads\nsecond reloads\n"));
+        write("log.ini",
             "log4cplus.rootLogger=INFO, E\nlog4cplus.appender.E=log4cplus::ConsoleAppender\n"
             "log4cplus.appender.E.logToStdErr=true\n");
         kill(pid_t(m_host->processId()), SIGHUP);
-        QTRY_COMPARE(read(QStringLiteral("state/record")).count("reloads"), 4);
+        QTRY_COMPARE(read("state/record").count("reloads"), 4);
         m_host->terminate();
         QCOMPARE(finish(), 0);
         QVERIFY(m_host->readAllStandardError().contains("read the log configuration again"));
@@ -308,74 +213,66 @@ private Q_SLOTS:
 
     void overridesForOneRunOnly()
     {
-        const CMPath value = CMPath::fromEncoded(QStringLiteral("test:value"));
-        const QString database = path(QStringLiteral("state.db"));
+        const CMPath value = CMPath::fromEncoded("test:value");
+        const QString database = path("state.db");
         QString error;
         {
             CMStore store;
             QVERIFY(store.open(database, &error));
             store.write(value, ZarkValue::fromI32(5), {});
         }
-        QVERIFY(QDir(m_directory->path()).mkdir(QStringLiteral("state")));
-        QVERIFY(QFile::rename(database, path(QStringLiteral("state/state.db"))));
-        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:value=7") });
+        QVERIFY(QDir(m_directory->path()).mkdir("state"));
+        QVERIFY(QFile::rename(database, path("state/state.db")));
+        startRecorders({ "--set", "test:value=7" });
         QVERIFY(waitForReady());
         m_host->terminate();
         QCOMPARE(finish(), 0);
-        QVERIFY(read(QStringLiteral("state/record")).startsWith("first made with 7\n"));
+        QVERIFY(read("state/record").startsWith("first made with 7\n"));
         CMStore store;
-        QVERIFY(store.open(path(QStringLiteral("state/state.db")), &error));
+        QVERIFY(store.open(path("state/state.db"), &error));
         QCOMPARE(store.value(value).i32(), 5);
     }
 
-    void runsTheDemoDeviceAndKeepsItsStatePrivate()
+    void keepsTheStateOfTheDemoDevicePrivate()
     {
-        start({ QStringLiteral("--tree"), QStringLiteral(DEMO_TREE), QStringLiteral("--state"),
-            QStringLiteral("var/state"), QStringLiteral("--worker"), QStringLiteral("player"),
-            QStringLiteral("--log-level"), QStringLiteral("warn") });
+        start({ "--tree", DEMO_TREE, "--state", "var/state", "--worker", "player", "--log-level", "warn" });
         QVERIFY(waitForReady());
-        const QFileInfo state(path(QStringLiteral("var/state")));
-        QCOMPARE(int(state.permissions() & 0x0077), 0);
+        QCOMPARE(int(QFileInfo(path("var/state")).permissions() & 0x0077), 0);
         m_host->terminate();
         QCOMPARE(finish(), 0);
         QCOMPARE(m_host->readAllStandardError(), QByteArray());
     }
 
-    void tellsTheServiceManager_data()
-    {
-        QTest::addColumn<QByteArray>("name");
-        QTest::newRow("socket file") << QByteArray();
-        QTest::newRow("abstract socket") << "@zark-host-test-" + QByteArray::number(getpid());
-    }
-
     void tellsTheServiceManager()
     {
-        QFETCH(QByteArray, name);
-        if (name.isEmpty())
-            name = QFile::encodeName(path(QStringLiteral("notify")));
-        const NotifySocket manager(name);
-        QVERIFY(manager.isBound());
-        m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
-        m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("100000"));
-        startRecorders();
-        QCOMPARE(manager.next(), QByteArray("READY=1"));
-        QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
-        QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
-        kill(pid_t(m_host->processId()), SIGTERM);
-        QByteArray last;
-        while ((last = manager.next()) == "WATCHDOG=1") { }
-        QCOMPARE(last, QByteArray("STOPPING=1"));
-        QCOMPARE(finish(), 0);
+        for (const bool isAbstract : { false, true }) {
+            init();
+            const QByteArray name =
+                isAbstract ? "@zark-host-test-" + QByteArray::number(getpid()) : QFile::encodeName(path("notify"));
+            const NotifySocket manager(name);
+            QVERIFY(manager.isBound());
+            m_environment.insert("NOTIFY_SOCKET", QString::fromLocal8Bit(name));
+            m_environment.insert("WATCHDOG_USEC", "100000");
+            startRecorders();
+            QCOMPARE(manager.next(), QByteArray("READY=1"));
+            QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
+            QCOMPARE(manager.next(), QByteArray("WATCHDOG=1"));
+            kill(pid_t(m_host->processId()), SIGTERM);
+            QByteArray last;
+            while ((last = manager.next()) == "WATCHDOG=1") { }
+            QCOMPARE(last, QByteArray("STOPPING=1"));
+            QCOMPARE(finish(), 0);
+        }
     }
 
     void isNotHeldUpByAManagerThatDoesNotRead()
     {
-        const QByteArray name = QFile::encodeName(path(QStringLiteral("notify")));
+        const QByteArray name = QFile::encodeName(path("notify"));
         const NotifySocket manager(name);
         QVERIFY(manager.isBound());
-        m_environment.insert(QStringLiteral("NOTIFY_SOCKET"), QString::fromLocal8Bit(name));
+        m_environment.insert("NOTIFY_SOCKET", QString::fromLocal8Bit(name));
         // A message each millisecond fills the socket's queue (ten messages by default, hundreds on some machines).
-        m_environment.insert(QStringLiteral("WATCHDOG_USEC"), QStringLiteral("2000"));
+        m_environment.insert("WATCHDOG_USEC", "2000");
         startRecorders();
         QVERIFY(waitForReady());
         QTest::qWait(800);
@@ -386,56 +283,40 @@ private Q_SLOTS:
         QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
     }
 
-    void logsInTheJournalsFormToTheJournalOnly_data()
-    {
-        QTest::addColumn<bool>("isJournal");
-        QTest::newRow("the journal is standard error") << true;
-        QTest::newRow("the journal is another file") << false;
-    }
-
     void logsInTheJournalsFormToTheJournalOnly()
     {
-        QFETCH(bool, isJournal);
-        struct stat status = {};
-        const QString journal = write(QStringLiteral("journal"), "");
-        QCOMPARE(stat(QFile::encodeName(journal).constData(), &status), 0);
-        m_environment.insert(QStringLiteral("JOURNAL_STREAM"),
-            QStringLiteral("%1:%2").arg(status.st_dev).arg(status.st_ino + (isJournal ? 0 : 1)));
-        m_host->setStandardErrorFile(journal);
-        startRecorders({ QStringLiteral("--set"), QStringLiteral("test:errors=[\"port 80 is busy\"]") });
-        QCOMPARE(finish(), 3);
-        const QByteArray log = read(QStringLiteral("journal"));
-        QVERIFY2(log.contains("port 80 is busy"), log.constData());
-        QCOMPARE(log.startsWith("<3>"), isJournal);
+        for (const bool isJournal : { true, false }) { // Or it is another file than standard error.
+            init();
+            write("journal", "");
+            struct stat status = {};
+            QCOMPARE(stat(QFile::encodeName(path("journal")).constData(), &status), 0);
+            m_environment.insert(
+                "JOURNAL_STREAM", QStringLiteral("%1:%2").arg(status.st_dev).arg(status.st_ino + (isJournal ? 0 : 1)));
+            m_host->setStandardErrorFile(path("journal"));
+            startRecorders({ "--set", "test:errors=[\"port 80 is busy\"]" });
+            QCOMPARE(finish(), 3);
+            const QByteArray log = read("journal");
+            QVERIFY2(log.contains("port 80 is busy"), log.constData());
+            QCOMPARE(log.startsWith("<3>"), isJournal);
+        }
     }
 
 private:
     QString path(const QString& name) const { return m_directory->filePath(name); }
-    QString write(const QString& name, const QByteArray& content) const
-    {
-        QFile file(path(name));
-        if (!file.open(QFile::WriteOnly) || file.write(content) != content.size())
-            qFatal("cannot write a file of the test");
-        return file.fileName();
-    }
-    QByteArray read(const QString& name) const
-    {
-        QFile file(path(name));
-        return file.open(QFile::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    void write(const QString& name, const QByteArray& content) const { writeFile(path(name), content); }
+    QByteArray read(const QString& name) const { return contentOf(path(name)); }
 
     void start(const QStringList& arguments)
     {
         m_host->setProcessEnvironment(m_environment);
         m_host->setWorkingDirectory(m_directory->path());
-        m_host->start(QStringLiteral(ZARK_HOST), arguments);
+        m_host->start(ZARK_HOST, arguments);
     }
 
     void startRecorders(const QStringList& more = {})
     {
-        start(QStringList{ QStringLiteral("--tree"), QStringLiteral("tree.json"), QStringLiteral("--state"),
-                  QStringLiteral("state"), QStringLiteral("--worker"), QStringLiteral(RECORDER_FIRST),
-                  QStringLiteral("--worker"), QStringLiteral(RECORDER_SECOND) }
+        start(QStringList{
+                  "--tree", "tree.json", "--state", "state", "--worker", RECORDER_FIRST, "--worker", RECORDER_SECOND }
             + more);
     }
 

@@ -1,11 +1,9 @@
-#include <QCoreApplication>
-#include <QFile>
-#include <QTest>
+#include <QtTest>
 
 #include <memory>
-#include <vector>
 
 #include "Device.h"
+#include "Files.h"
 #include "Namespace.h"
 #include "Tls.h"
 
@@ -28,10 +26,8 @@ private Q_SLOTS:
     void init()
     {
         // Interfaces that make themselves no IPv6 address have the test's alone, and none that comes later.
-        for (const char* interface : { "default", "zark0" }) {
-            QFile mode(QStringLiteral("/proc/sys/net/ipv6/conf/%1/addr_gen_mode").arg(interface));
-            QVERIFY(mode.open(QIODevice::WriteOnly) && mode.write("1") == 1);
-        }
+        for (const char* interface : { "default", "zark0" })
+            writeFile(QStringLiteral("/proc/sys/net/ipv6/conf/%1/addr_gen_mode").arg(interface), "1");
         m_device.reset(); // The one of the test before would follow these changes, too.
         QVERIFY(ip("address flush dev zark0") && ip("address add 192.0.2.1/24 dev zark0"));
         m_port = Device::freePort();
@@ -84,16 +80,6 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(names().contains("IP Address:192.0.2.5, IP Address:127.0.0.1"), 20000);
     }
 
-    void silentClientsDoNotHoldUpANewCertificate()
-    {
-        std::vector<std::unique_ptr<HttpConnection>> silent;
-        for (int i = 0; i < 20; ++i)
-            silent.push_back(std::make_unique<HttpConnection>(m_port));
-        QVERIFY(ip("address add 192.0.2.78/24 dev zark0"));
-        QTRY_VERIFY_WITH_TIMEOUT(names().contains("192.0.2.78"), 20000);
-        QVERIFY(silent.back()->isClosedWithin(2000));
-    }
-
 private:
     QByteArray names() const { return certificateText(servedCertificate(m_port), { "-ext", "subjectAltName" }); }
     // One look: between two the server may have stopped for the next certificate.
@@ -108,13 +94,6 @@ private:
     std::unique_ptr<Device> m_device;
 };
 
-int main(int argc, char** argv)
-{
-    if (!enterNetworkNamespace())
-        return 1;
-    QCoreApplication application(argc, argv);
-    AddressesTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+NAMESPACE_TEST_MAIN(AddressesTest)
 
 #include "AddressesTest.moc"

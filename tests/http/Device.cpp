@@ -1,6 +1,6 @@
 #include "Device.h"
 
-#include <QFile>
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonObject>
 
@@ -8,6 +8,8 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
+
+#include "Signer.h"
 
 namespace {
 constexpr int StartMilliseconds = 20000; // Under sanitizers, on a busy machine.
@@ -69,12 +71,6 @@ int Device::exitStatus()
     return m_process.exitCode();
 }
 
-QByteArray Device::log() const
-{
-    QFile file(logFile());
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QByteArray Device::baseUrl() const
 {
     return "http://127.0.0.1:" + QByteArray::number(m_port);
@@ -99,6 +95,34 @@ HttpReply Device::postJson(const QByteArray& target, const QByteArray& json, con
     return request("POST", target, QList<QByteArray>{ "Content-Type: application/json" } + headers, json);
 }
 
+QByteArray Device::requestOf(const Client& client, const QByteArray& target, const QByteArray& json) const
+{
+    const QByteArray host = client.address + (':' + QByteArray::number(m_port));
+    QList<QByteArray> fields{ "Host: " + host, "Content-Type: application/json" };
+    const Signer signer("admin", client.password);
+    const QByteArray uri = "http://" + host + target;
+    if (!client.password.isNull())
+        fields << (json.isEmpty() ? signer.forGet(uri) : signer.forPost(uri, json));
+    return httpRequest(json.isEmpty() ? "GET" : "POST", target, fields, json);
+}
+
+HttpReply Device::ask(const Client& client, const QByteArray& target, const QByteArray& json) const
+{
+    HttpConnection connection(m_port, client.address);
+    connection.send(requestOf(client, target, json));
+    return connection.readReply();
+}
+
+QByteArray Device::setBody(const QByteArray& path, const QByteArray& json, const QByteArray& role)
+{
+    return R"({"path":")" + path + R"(","role":")" + role + R"(","value":)" + json + '}';
+}
+
+int Device::set(const QByteArray& path, const QByteArray& json, const QByteArray& role) const
+{
+    return postJson("/api/setData", setBody(path, json, role)).status;
+}
+
 QByteArray Device::value(const QByteArray& path) const
 {
     const HttpReply reply = get("/api/getData?roles=value&path=" + path);
@@ -107,6 +131,18 @@ QByteArray Device::value(const QByteArray& path) const
     const QJsonValue inner = reply.json().array().at(0).toObject().value("value");
     const QByteArray list = QJsonDocument(QJsonArray{ inner }).toJson(QJsonDocument::Compact);
     return list.mid(1, list.size() - 2);
+}
+
+int Device::descriptors() const
+{
+    return QDir(QStringLiteral("/proc/%1/fd").arg(pid())).entryList(QDir::Files | QDir::System).size();
+}
+
+qint64 Device::kilobytes(const char* field) const
+{
+    const QByteArray status = contentOf(QStringLiteral("/proc/%1/status").arg(pid()));
+    const int from = status.indexOf(field) + int(strlen(field));
+    return status.mid(from, status.indexOf("kB", from) - from).trimmed().toLongLong();
 }
 
 int Device::freePort()

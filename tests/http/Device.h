@@ -4,7 +4,14 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include "Files.h"
 #include "HttpConnection.h"
+
+/// Who asks, and from where.
+struct Client {
+    const char* address = "127.0.0.1"; ///< Or RemoteAddress.
+    QByteArray password; ///< Of "admin", who signs with it; null: unsigned.
+};
 
 /// A running demo device: the real zark-host with the modules system, player and webserver, its state in a temporary
 /// directory, on a free port.
@@ -25,15 +32,24 @@ public:
     bool start(); ///< With the same state and port. True when ready.
     int stop(int signal); ///< Sends the signal and waits; the exit status, or -1 when a signal ended it.
     int exitStatus(); ///< Of a device that ended by itself.
-    QByteArray log() const; ///< Standard error so far.
+    QByteArray log() const { return contentOf(logFile()); } ///< Standard error so far.
 
     /// One request on a connection of its own, with Host and "Connection: close".
     HttpReply request(const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers = {},
         const QByteArray& body = {}) const;
     HttpReply get(const QByteArray& target, const QList<QByteArray>& headers = {}) const;
     HttpReply postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers = {}) const;
+    /// What a client sends: GET, or POST of JSON when there is a body; kept alive.
+    QByteArray requestOf(const Client& client, const QByteArray& target, const QByteArray& json = {}) const;
+    HttpReply ask(const Client& client, const QByteArray& target, const QByteArray& json = {}) const;
+    /// A role that is set from this machine; the status.
+    int set(const QByteArray& path, const QByteArray& json, const QByteArray& role = "value") const;
+    static QByteArray setBody(const QByteArray& path, const QByteArray& json, const QByteArray& role = "value");
     /// A value by getData, as JSON text; null when that fails.
     QByteArray value(const QByteArray& path) const;
+
+    int descriptors() const; ///< Open ones.
+    qint64 kilobytes(const char* field) const; ///< Of its /proc/PID/status, such as "VmRSS:".
 
     static int freePort();
 

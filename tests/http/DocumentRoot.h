@@ -1,22 +1,18 @@
 #pragma once
 
 #include <QByteArray>
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QTemporaryDir>
 
-#include <unistd.h>
+#include "Files.h"
 
 /// A document root with something beside it that must never be seen.
 class DocumentRoot {
 public:
     DocumentRoot()
     {
-        QDir(m_directory.path()).mkdir("www");
-        QFile canary(m_directory.filePath("canary.txt"));
-        canary.open(QIODevice::WriteOnly);
-        canary.write(Canary);
+        writeFile(m_directory.filePath("www/.keep"), {});
+        writeFile(m_directory.filePath("canary.txt"), Canary);
     }
 
     QString path() const { return m_directory.filePath("www"); }
@@ -25,10 +21,7 @@ public:
 
     void write(const QByteArray& name, const QByteArray& content) const
     {
-        QDir(path()).mkpath(QFileInfo(QString::fromUtf8(name)).path());
-        QFile target(QString::fromUtf8(file(name)));
-        target.open(QIODevice::WriteOnly);
-        target.write(content);
+        writeFile(QString::fromUtf8(file(name)), content);
     }
     /// A file of zeros that takes no room.
     void writeSparse(const QByteArray& name, qint64 size) const

@@ -10,7 +10,7 @@
 class EventClient {
 public:
     EventClient() = default;
-    explicit EventClient(Device* device) : m_device(device) { }
+    explicit EventClient(const Device* device) : m_device(device) { }
 
     /// A new queue for a JSON list of subscriptions.
     QByteArray subscribe(const QByteArray& list) const
@@ -33,13 +33,10 @@ public:
         connection->send(httpRequest("GET", pollTarget(queue, timeout), { "Host: localhost" }));
     }
 
-    /// Sets a role; false unless that is answered 200.
-    bool set(const QByteArray& path, const QByteArray& json, const QByteArray& role = "value") const
+    bool setCounter(int value) const
     {
-        const QByteArray body = "{\"path\":\"" + path + "\",\"role\":\"" + role + "\",\"value\":" + json + '}';
-        return m_device->postJson("/api/setData", body).status == 200;
+        return m_device->set("demo:volatile/counter", QByteArray::number(value)) == 200;
     }
-    bool setCounter(int value) const { return set("demo:volatile/counter", QByteArray::number(value)); }
 
     /// Empty unless the reply is the id of a queue.
     static QByteArray idOf(const HttpReply& reply)
@@ -49,7 +46,7 @@ public:
     }
 
 private:
-    Device* m_device = nullptr;
+    const Device* m_device = nullptr;
 };
 
 constexpr const char* Counter = "demo:volatile/counter";

@@ -1,8 +1,4 @@
-#include <QDir>
-#include <QElapsedTimer>
-#include <QRandomGenerator>
-#include <QTest>
-#include <QThread>
+#include <QtTest>
 
 #include <atomic>
 #include <csignal>
@@ -10,6 +6,7 @@
 #include <vector>
 
 #include "EventClient.h"
+#include "Rows.h"
 
 namespace {
 
@@ -163,11 +160,6 @@ private:
     std::atomic<int> m_count{ 0 };
 };
 
-int openFiles(qint64 pid)
-{
-    return QDir(QStringLiteral("/proc/%1/fd").arg(pid)).entryList(QDir::Files | QDir::System).size();
-}
-
 } // namespace
 
 class EventDeliveryTest : public QObject {
@@ -176,115 +168,95 @@ class EventDeliveryTest : public QObject {
 private Q_SLOTS:
     void initTestCase() { QVERIFY(m_device.isRunning()); }
 
-    void anAnswerThatWasNotReadIsKept_data()
+    void anAnswerThatWasNotReadIsKept()
     {
-        QTest::addColumn<bool>("keepAlive");
-        QTest::addColumn<bool>("reset");
-        QTest::addColumn<int>("leaves"); // 0: before the change, 1: long before, 2: with the answer in its system.
+        Rows<bool, bool, int> row;
+        const char* const leaving[] = { " just before the change", " before", " unread" };
         for (const bool keepAlive : { true, false })
             for (const bool reset : { false, true })
                 for (const int leaves : { 0, 1, 2 })
-                    QTest::addRow("%s, %s %s", keepAlive ? "keep-alive" : "close", reset ? "reset" : "closed",
-                        leaves == 0       ? "just before the change"
-                            : leaves == 1 ? "before"
-                                          : "unread")
-                        << keepAlive << reset << leaves;
-        QTest::newRow("keep-alive, closed unread after 3.5 s") << true << false << 3;
-    }
-
-    void anAnswerThatWasNotReadIsKept()
-    {
-        QFETCH(bool, keepAlive);
-        QFETCH(bool, reset);
-        QFETCH(int, leaves);
-        const QByteArray queue = m_client.subscribeItem(Counter);
-        Session leaver(m_device.port());
-        leaver.send(EventClient::pollTarget(queue, 30), keepAlive);
-        QVERIFY(!leaver.connection().hasData(100));
-        if (leaves >= 2) {
-            QVERIFY(m_client.setCounter(++m_value));
-            QVERIFY(leaver.connection().hasData(1000));
+                    row(QByteArray(keepAlive ? "keep-alive" : "close") + (reset ? ", reset" : ", closed")
+                            + leaving[leaves],
+                        keepAlive, reset, leaves);
+        row("keep-alive, closed unread after 3.5 s", true, false, 3);
+        for (const auto& [keepAlive, reset, leaves] : row) {
+            const QByteArray queue = m_client.subscribeItem(Counter);
+            Session leaver(m_device.port());
+            leaver.send(EventClient::pollTarget(queue, 30), keepAlive);
+            QVERIFY(!leaver.connection().hasData(100));
+            if (leaves >= 2) {
+                QVERIFY(m_client.setCounter(++m_value));
+                QVERIFY(leaver.connection().hasData(1000));
+            }
+            if (leaves == 3)
+                QTest::qWait(3500);
+            if (reset)
+                leaver.connection().reset();
+            leaver.cut();
+            if (leaves == 1)
+                QTest::qWait(900);
+            if (leaves < 2)
+                QVERIFY(m_client.setCounter(++m_value));
+            QCOMPARE(counterIn(m_client.poll(queue, 2)), m_value);
+            QCOMPARE(m_client.poll(queue), QJsonArray());
         }
-        if (leaves == 3)
-            QTest::qWait(3500);
-        if (reset)
-            leaver.connection().reset();
-        leaver.cut();
-        if (leaves == 1)
-            QTest::qWait(900);
-        if (leaves < 2)
-            QVERIFY(m_client.setCounter(++m_value));
-        QCOMPARE(counterIn(m_client.poll(queue, 2)), m_value);
-        QCOMPARE(m_client.poll(queue), QJsonArray());
-    }
-
-    void anAnswerOnTheWayIsKept_data()
-    {
-        QTest::addColumn<int>("gap");
-        QTest::addColumn<bool>("closes");
-        for (const int gap : { 0, 50, 200, 350, 600 })
-            for (const bool closes : { false, true })
-                QTest::addRow("%d ms, %s", gap, closes ? "closed" : "open") << gap << closes;
     }
 
     void anAnswerOnTheWayIsKept()
     {
-        QFETCH(int, gap);
-        QFETCH(bool, closes);
-        const QByteArray queue = m_client.subscribeItem(Counter);
-        Session leaver(m_device.port());
-        leaver.send(EventClient::pollTarget(queue, 30));
-        QVERIFY(!leaver.connection().hasData(100));
-        QVERIFY(leaver.connection().holdBack(true));
-        QVERIFY(m_client.setCounter(++m_value));
-        QTest::qWait(gap);
-        if (closes)
-            leaver.cut();
-        QCOMPARE(counterIn(m_client.poll(queue, 2)), m_value);
-        QCOMPARE(m_client.poll(queue), QJsonArray());
-    }
-
-    void anAnswerThatWasReadIsNotToldAgain_data()
-    {
-        QTest::addColumn<bool>("keepAlive");
-        QTest::addColumn<bool>("samePoller");
-        QTest::addColumn<QByteArray>("more"); // Sent before the connection is reset; null: nothing happens to it.
-        QTest::newRow("same connection") << true << true << QByteArray();
-        QTest::newRow("another connection, the first open") << true << false << QByteArray();
-        QTest::newRow("another connection, the first closed") << false << false << QByteArray();
-        const auto row = [](const char* name, const QByteArray& more) {
-            QTest::newRow(name) << true << false << more;
-        };
-        row("a stray line end", "\r\n");
-        row("a request that is cut off", "GET /api/get");
-        row("a poll that is given up", httpRequest("GET", EventClient::pollTarget("x", 30), { "Host: x" }));
-        row("a download that is given up",
-            httpRequest("GET", "/api/getRows?roles=title&path=demo:lists/large&from=0&to=9999", { "Host: x" }));
+        Rows<int, bool> row;
+        for (const int gap : { 0, 50, 200, 350, 600 })
+            for (const bool closes : { false, true })
+                row(QByteArray::number(gap) + (closes ? " ms, closed" : " ms, open"), gap, closes);
+        for (const auto& [gap, closes] : row) {
+            const QByteArray queue = m_client.subscribeItem(Counter);
+            Session leaver(m_device.port());
+            leaver.send(EventClient::pollTarget(queue, 30));
+            QVERIFY(!leaver.connection().hasData(100));
+            QVERIFY(leaver.connection().holdBack(true));
+            QVERIFY(m_client.setCounter(++m_value));
+            QTest::qWait(gap);
+            if (closes)
+                leaver.cut();
+            QCOMPARE(counterIn(m_client.poll(queue, 2)), m_value);
+            QCOMPARE(m_client.poll(queue), QJsonArray());
+        }
     }
 
     void anAnswerThatWasReadIsNotToldAgain()
     {
-        QFETCH(bool, keepAlive);
-        QFETCH(bool, samePoller);
-        QFETCH(QByteArray, more);
-        const QByteArray queue = m_client.subscribeItem(Counter);
-        Session first(m_device.port());
-        Session second(m_device.port());
-        for (int i = 0; i < (more.isNull() ? 100 : 12); ++i) {
-            QVERIFY(m_client.setCounter(++m_value));
-            first.send(EventClient::pollTarget(queue, 30), keepAlive);
-            QCOMPARE(counterIn(first.connection().readReply().json().array()), m_value);
-            if (!keepAlive)
-                QVERIFY(first.connection().isClosedWithin(1000));
-            if (!more.isNull()) {
-                first.connection().send(more);
-                first.connection().hasData(i % 2 * 20);
-                first.connection().reset();
+        Rows<bool, bool, QByteArray> row;
+        row("same connection", true, true, {});
+        row("another connection, the first open", true, false, {});
+        row("another connection, the first closed", false, false, {});
+        const auto add = [&](const char* name, const QByteArray& more) {
+            row(name, true, false, more);
+        };
+        add("a stray line end", "\r\n");
+        add("a request that is cut off", "GET /api/get");
+        add("a poll that is given up", httpRequest("GET", EventClient::pollTarget("x", 30), { "Host: x" }));
+        add("a download that is given up",
+            httpRequest("GET", "/api/getRows?roles=title&path=demo:lists/large&from=0&to=9999", { "Host: x" }));
+        for (const auto& [keepAlive, samePoller, more] : row) {
+            const QByteArray queue = m_client.subscribeItem(Counter);
+            Session first(m_device.port());
+            Session second(m_device.port());
+            for (int i = 0; i < (more.isNull() ? 100 : 12); ++i) {
+                QVERIFY(m_client.setCounter(++m_value));
+                first.send(EventClient::pollTarget(queue, 30), keepAlive);
+                QCOMPARE(counterIn(first.connection().readReply().json().array()), m_value);
+                if (!keepAlive)
+                    QVERIFY(first.connection().isClosedWithin(1000));
+                if (!more.isNull()) {
+                    first.connection().send(more);
+                    first.connection().hasData(i % 2 * 20);
+                    first.connection().reset();
+                }
+                if (!keepAlive || !more.isNull())
+                    first.cut();
+                Session& next = samePoller ? first : second;
+                QCOMPARE(next.get(EventClient::pollTarget(queue, 0)).array(), QJsonArray());
             }
-            if (!keepAlive || !more.isNull())
-                first.cut();
-            Session& next = samePoller ? first : second;
-            QCOMPARE(next.get(EventClient::pollTarget(queue, 0)).array(), QJsonArray());
         }
     }
 
@@ -318,10 +290,10 @@ private Q_SLOTS:
         QVERIFY(m_client.setCounter(++m_value));
         Session poller(m_device.port());
         poller.connection();
-        const int before = openFiles(m_device.pid());
+        const int before = m_device.descriptors();
         for (const QByteArray& queue : queues)
             QCOMPARE(counterIn(poller.get(EventClient::pollTarget(queue, 0)).array()), m_value);
-        QVERIFY(openFiles(m_device.pid()) <= before + 2);
+        QVERIFY(m_device.descriptors() <= before + 2);
     }
 
     // Whatever the connection says, the count decides.
@@ -337,120 +309,99 @@ private Q_SLOTS:
         QCOMPARE(counterIn(reply.json().array()), m_value); // No such answer: everything is told.
     }
 
-    void aClientThatLeavesIsNoticedWithinASecond_data()
-    {
-        QTest::addColumn<bool>("reset");
-        QTest::newRow("closed") << false;
-        QTest::newRow("reset") << true;
-    }
-
-    void aClientThatLeavesIsNoticedWithinASecond()
-    {
-        QFETCH(bool, reset);
-        QTest::qWait(1000); // What earlier tests left open.
-        const int before = openFiles(m_device.pid());
-        std::vector<std::unique_ptr<HttpConnection>> pollers;
-        for (int i = 0; i < 50; ++i) {
-            pollers.push_back(std::make_unique<HttpConnection>(m_device.port()));
-            EventClient::startPoll(pollers.back().get(), m_client.subscribeItem(Counter));
-        }
-        QTRY_VERIFY_WITH_TIMEOUT(openFiles(m_device.pid()) >= before + 50, 1000);
-        for (const auto& poller : pollers)
-            reset ? poller->reset() : poller->close();
-        QElapsedTimer timer;
-        timer.start();
-        while (openFiles(m_device.pid()) > before && timer.elapsed() < 5000)
-            QThread::msleep(10);
-        QVERIFY2(timer.elapsed() < 1000, qPrintable(QString::number(timer.elapsed())));
-    }
-
-    void aListIsMirroredWhilePollsAreCutOff_data()
-    {
-        QTest::addColumn<bool>("counts");
-        QTest::addColumn<bool>("keepAlive");
-        QTest::newRow("plain client") << false << true;
-        QTest::newRow("plain client, a connection for each poll") << false << false;
-        QTest::newRow("counting client") << true << true;
-    }
-
     void aListIsMirroredWhilePollsAreCutOff()
     {
-        QFETCH(bool, counts);
-        QFETCH(bool, keepAlive);
-        const QByteArray queue = m_client.subscribe("[{\"path\":\"" + Playlist + "\",\"type\":\"rows\"}]");
-        Changer changer(m_device.port(), 1000);
-        changer.start();
-        ListMirror mirror(m_device.port());
-        mirror.readAll();
-        Session poller(m_device.port());
-        QRandomGenerator random(counts ? 3 : 4);
-        int received = 0;
-        int cuts = 0;
-        const auto target = [&](int timeout) {
-            return EventClient::pollTarget(queue, timeout)
-                + (counts ? "&received=" + QByteArray::number(received) : QByteArray());
-        };
-        const auto receive = [&] {
-            const QJsonArray events = poller.connection().readReply().json().array();
-            mirror.receive(events);
-            received += events.isEmpty() ? 0 : 1;
-            if (!keepAlive)
-                poller.cut();
-            return events;
-        };
-        QElapsedTimer timer;
-        timer.start();
-        while (timer.elapsed() < 2500) {
-            poller.send(target(10), keepAlive);
-            if (random.bounded(3) == 0) {
-                QThread::usleep(ulong(random.bounded(4000)));
-                if (random.bounded(2) == 0)
-                    poller.connection().reset();
-                poller.cut();
-                ++cuts;
-                continue;
+        Rows<bool, bool> row;
+        row("plain client", false, true);
+        row("plain client, a connection for each poll", false, false);
+        row("counting client", true, true);
+        for (const auto& [counts, keepAlive] : row) {
+            const QByteArray queue = m_client.subscribe("[{\"path\":\"" + Playlist + "\",\"type\":\"rows\"}]");
+            Changer changer(m_device.port(), 1000);
+            changer.start();
+            ListMirror mirror(m_device.port());
+            mirror.readAll();
+            Session poller(m_device.port());
+            QRandomGenerator random(counts ? 3 : 4);
+            int received = 0;
+            int cuts = 0;
+            const auto target = [&](int timeout) {
+                return EventClient::pollTarget(queue, timeout)
+                    + (counts ? "&received=" + QByteArray::number(received) : QByteArray());
+            };
+            const auto receive = [&] {
+                const QJsonArray events = poller.connection().readReply().json().array();
+                mirror.receive(events);
+                received += events.isEmpty() ? 0 : 1;
+                if (!keepAlive)
+                    poller.cut();
+                return events;
+            };
+            QElapsedTimer timer;
+            timer.start();
+            while (timer.elapsed() < 2500) {
+                poller.send(target(10), keepAlive);
+                if (random.bounded(3) == 0) {
+                    QThread::usleep(ulong(random.bounded(4000)));
+                    if (random.bounded(2) == 0)
+                        poller.connection().reset();
+                    poller.cut();
+                    ++cuts;
+                    continue;
+                }
+                receive(); // Empty when the server sees a poll that was cut off later than this one.
+                if (random.bounded(20) == 0)
+                    mirror.readAll();
             }
-            receive(); // Empty when the server sees a poll that was cut off later than this one.
-            if (random.bounded(20) == 0)
-                mirror.readAll();
+            changer.finish();
+            do {
+                poller.send(target(0), keepAlive);
+            } while (!receive().isEmpty());
+            QVERIFY(mirror.readUnread());
+            ListMirror truth(m_device.port());
+            truth.readAll();
+            qInfo("%d changes, %d polls cut off, %d row events applied, %d resets", changer.count(), cuts,
+                mirror.applied(), mirror.resets());
+            QVERIFY(changer.count() > 200 && cuts > 50);
+            QCOMPARE(mirror.titles(), truth.titles());
         }
-        changer.finish();
-        do {
-            poller.send(target(0), keepAlive);
-        } while (!receive().isEmpty());
-        QVERIFY(mirror.readUnread());
-        ListMirror truth(m_device.port());
-        truth.readAll();
-        qInfo("%d changes, %d polls cut off, %d row events applied, %d resets", changer.count(), cuts, mirror.applied(),
-            mirror.resets());
-        QVERIFY(changer.count() > 200 && cuts > 50);
-        QCOMPARE(mirror.titles(), truth.titles());
     }
 
-    void aThousandPollsSeeOneChange()
+    void aThousandPollsSeeOneChangeAndTheShutdown()
     {
         Device device; // With the default limits.
         const EventClient client(&device);
         std::vector<std::unique_ptr<HttpConnection>> pollers;
+        QList<QByteArray> queues;
         for (int i = 0; i < 1000; ++i) {
-            const QByteArray queue = client.subscribeItem(Counter);
-            QVERIFY(!queue.isEmpty());
+            queues.append(client.subscribeItem(Counter));
+            QVERIFY(!queues.last().isEmpty());
             pollers.push_back(std::make_unique<HttpConnection>(device.port()));
-            EventClient::startPoll(pollers.back().get(), queue, 60);
+            EventClient::startPoll(pollers.back().get(), queues.last(), 60);
         }
         const HttpReply refused = device.postJson("/api/event/modifyQueue", "{}");
         QCOMPARE(refused.status, 400);
         QCOMPARE(refused.body, QByteArray("Unable to subscribe or unsubscribe paths!"));
         QVERIFY(client.setCounter(++m_value));
+        for (int i = 0; i < 1000; ++i) {
+            QCOMPARE(counterIn(pollers[size_t(i)]->readReply().json().array()), m_value);
+            if (i < 300)
+                EventClient::startPoll(pollers[size_t(i)].get(), queues.at(i), 60);
+        }
+        pollers.resize(300);
+        QVERIFY(!pollers.back()->hasData(100));
+        QElapsedTimer timer;
+        timer.start();
+        QCOMPARE(device.stop(SIGTERM), 0);
+        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
         for (const auto& poller : pollers)
-            QCOMPARE(counterIn(poller->readReply().json().array()), m_value);
+            QCOMPARE(poller->readReply(100).body, QByteArray("[]"));
     }
 
     void zarkctlWatches()
     {
         QProcess watch;
-        watch.start(QString::fromLocal8Bit(ZARKCTL),
-            { "--url", QString::fromLatin1(m_device.baseUrl()), "watch", "-o", "jsonl", "--count", "2", Counter });
+        watch.start(ZARKCTL, { "--url", m_device.baseUrl(), "watch", "-o", "jsonl", "--count", "2", Counter });
         // Nobody says when it has subscribed.
         for (int i = 0; i < 100 && watch.state() != QProcess::NotRunning; ++i) {
             QVERIFY(m_client.setCounter(++m_value));
@@ -460,29 +411,7 @@ private Q_SLOTS:
         const QList<QByteArray> lines = watch.readAllStandardOutput().trimmed().split('\n');
         QCOMPARE(lines.size(), 2);
         for (const QByteArray& line : lines)
-            QVERIFY2(
-                line.startsWith("{\"path\":\"demo:volatile/counter\",\"roles\":{\"timestamp\":"), line.constData());
-    }
-
-    void aShutdownAnswersEveryPoll()
-    {
-        Device device;
-        const EventClient client(&device);
-        std::vector<std::unique_ptr<HttpConnection>> pollers;
-        for (int i = 0; i < 300; ++i) {
-            pollers.push_back(std::make_unique<HttpConnection>(device.port()));
-            EventClient::startPoll(pollers.back().get(), client.subscribeItem(Counter));
-        }
-        QVERIFY(!pollers.back()->hasData(100));
-        QElapsedTimer timer;
-        timer.start();
-        QCOMPARE(device.stop(SIGTERM), 0);
-        QVERIFY2(timer.elapsed() < 2000, qPrintable(QString::number(timer.elapsed())));
-        for (const auto& poller : pollers) {
-            const HttpReply reply = poller->readReply(100);
-            QCOMPARE(reply.status, 200);
-            QCOMPARE(reply.body, QByteArray("[]"));
-        }
+            QVERIFY2(line.startsWith(R"({"path":"demo:volatile/counter","roles":{"timestamp":)"), line.constData());
     }
 
 private:

@@ -1,8 +1,4 @@
-#include <QCoreApplication>
-#include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
-#include <QTest>
+#include <QtTest>
 
 #include <memory>
 #include <vector>
@@ -12,6 +8,7 @@
 #include <thread>
 
 #include "Device.h"
+#include "Rows.h"
 
 namespace {
 
@@ -32,23 +29,6 @@ QByteArray fieldLines(int count)
     return lines;
 }
 
-qint64 residentKilobytes(qint64 pid)
-{
-    QFile status(QStringLiteral("/proc/%1/status").arg(pid));
-    if (!status.open(QIODevice::ReadOnly))
-        return 0;
-    const QByteArray text = status.readAll();
-    const int at = text.indexOf("VmRSS:");
-    return text.mid(at + 6, text.indexOf("kB", at) - at - 6).trimmed().toLongLong();
-}
-
-int openDescriptors(qint64 pid)
-{
-    return QDir(QStringLiteral("/proc/%1/fd").arg(pid))
-        .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
-        .size();
-}
-
 } // namespace
 
 class GuardTest : public QObject {
@@ -67,85 +47,72 @@ private Q_SLOTS:
 
     void cleanupTestCase() { QCOMPARE(m_device->stop(SIGTERM), 0); }
 
-    void heads_data()
+    void heads()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<int>("status"); // 0: closed without an answer.
-        QTest::addColumn<bool>("closed");
+        Rows<QByteArray, int, bool> row;
         const QByteArray get = "GET " + Counter + " HTTP/1.1\r\n";
         const QByteArray post = "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n";
-        QTest::newRow("well-formed") << get + "Host: x\r\n\r\n" << 200 << false;
-        QTest::newRow("absolute form") << "GET http://x" + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 200 << false;
-        QTest::newRow("HTTP/1.0 without Host, with a query and dot segments") << "GET /x/%2e%2e" + Counter
-                + " HTTP/1.0\r\n\r\n" << 200 << true;
-        QTest::newRow("a range on what is no file") << get + "Host: x\r\nRange: bytes=0-9999999\r\n\r\n"
-                                                    << 200 << false;
-        QTest::newRow("CONNECT with a broken authority") << QByteArray("CONNECT [ HTTP/1.1\r\n\r\n") << 400 << true;
-        QTest::newRow("CONNECT with a broken port") << QByteArray("CONNECT h:x HTTP/1.1\r\n\r\n") << 400 << true;
-        QTest::newRow("CONNECT") << QByteArray("CONNECT h:80 HTTP/1.1\r\nHost: h\r\n\r\n") << 400 << true;
-        QTest::newRow("CONNECT with too many fields") << "CONNECT [ HTTP/1.1\r\nHost: x\r\n" + fieldLines(100) + "\r\n"
-                                                      << 400 << true;
-        QTest::newRow("two Host") << get + "Host: x\r\nHost: y\r\n\r\n" << 400 << true;
-        QTest::newRow("no Host") << get + "\r\n" << 400 << true;
-        QTest::newRow("Host with a query") << get + "Host: evil?x=\r\n\r\n" << 400 << true;
-        QTest::newRow("Host with a fragment") << get + "Host: evil#\r\n\r\n" << 400 << true;
-        QTest::newRow("Host with a user") << get + "Host: user:pw@evil\r\n\r\n" << 400 << true;
-        QTest::newRow("Host with a space") << get + "Host: a b\r\n\r\n" << 400 << true;
+        row("well-formed", get + "Host: x\r\n\r\n", 200, false);
+        row("absolute form", "GET http://x" + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n", 200, false);
+        row("HTTP/1.0 without Host, with a query and dot segments", "GET /x/%2e%2e" + Counter + " HTTP/1.0\r\n\r\n",
+            200, true);
+        row("a range on what is no file", get + "Host: x\r\nRange: bytes=0-9999999\r\n\r\n", 200, false);
+        row("CONNECT with a broken authority", "CONNECT [ HTTP/1.1\r\n\r\n", 400, true);
+        row("CONNECT with a broken port", "CONNECT h:x HTTP/1.1\r\n\r\n", 400, true);
+        row("CONNECT", "CONNECT h:80 HTTP/1.1\r\nHost: h\r\n\r\n", 400, true);
+        row("CONNECT with too many fields", "CONNECT [ HTTP/1.1\r\nHost: x\r\n" + fieldLines(100) + "\r\n", 400, true);
+        row("two Host", get + "Host: x\r\nHost: y\r\n\r\n", 400, true);
+        row("no Host", get + "\r\n", 400, true);
+        row("Host with a query", get + "Host: evil?x=\r\n\r\n", 400, true);
+        row("Host with a fragment", get + "Host: evil#\r\n\r\n", 400, true);
+        row("Host with a user", get + "Host: user:pw@evil\r\n\r\n", 400, true);
+        row("Host with a space", get + "Host: a b\r\n\r\n", 400, true);
         for (const char* host : { "bob's-speaker.local", "a+b:80", "my%20device",
                  "k\xC3\xBC"
                  "che.local",
                  "a%2F%3F%40" })
-            QTest::newRow(host) << get + "Host: " + host + "\r\n\r\n" << 200 << false;
-        QTest::newRow("foreign Host") << get + "Host: example.com\r\n\r\n" << 403 << false;
-        QTest::newRow("two lengths") << post + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}}" << 400 << true;
-        QTest::newRow("negative length") << post + "Content-Length: -5\r\n\r\n" << 400 << true;
-        QTest::newRow("length with a sign") << post + "Content-Length: +2\r\n\r\n{}" << 400 << true;
-        QTest::newRow("overflowing length") << post + "Content-Length: 99999999999999999999\r\n\r\n" << 400 << true;
-        QTest::newRow("length list") << post + "Content-Length: 2, 2\r\n\r\n{}" << 400 << true;
-        QTest::newRow("length and chunks")
-            << post + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkedWrite() + "0\r\n\r\n"
-            << 400 << true;
-        QTest::newRow("unknown coding") << post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" << 400 << true;
-        QTest::newRow("two codings") << post + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n"
-                + chunkedWrite()
-                + "0\r\n\r\n" << 400 << true;
-        QTest::newRow("chunks") << post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n" << 400 << true;
-        QTest::newRow("body over the limit, not sent") << post + "Content-Length: 4097\r\n\r\n" << 413 << true;
-        QTest::newRow("body over the limit, announced")
-            << post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n"
-            << 413 << true;
-        QTest::newRow("chunks over the limit")
-            << post + "Transfer-Encoding: chunked\r\n\r\n2000\r\n" + QByteArray(8192, ' ') + "\r\n0\r\n\r\n"
-            << 413 << true;
-        QTest::newRow("chunks without end over the limit")
-            << post + "Transfer-Encoding: chunked\r\n\r\n20000\r\n" + QByteArray(131072, ' ') << 0 << true;
-        QTest::newRow("100 fields") << get + "Host: x\r\n" + fieldLines(99) + "\r\n" << 200 << false;
-        QTest::newRow("101 fields") << get + "Host: x\r\n" + fieldLines(100) + "\r\n" << 431 << true;
-        QTest::newRow("fields without end") << get + "Host: x\r\nX: " + QByteArray(200000, 'x') << 0 << true;
-        QTest::newRow("no method") << QByteArray(" / HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << true;
-        QTest::newRow("long method") << QByteArray(300, 'M') + " / HTTP/1.1\r\nHost: x\r\n\r\n" << 400 << true;
-        QTest::newRow("HTTP/3.0") << QByteArray("GET / HTTP/3.0\r\nHost: x\r\n\r\n") << 505 << true;
-        QTest::newRow("foreign scheme") << QByteArray("GET ftp://x/ HTTP/1.1\r\nHost: x\r\n\r\n") << 400 << false;
-        QTest::newRow("foreign scheme, with a body that is not waited for")
-            << QByteArray("POST ftp://x/ HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n")
-            << 400 << true;
-        QTest::newRow("OPTIONS *") << QByteArray("OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n") << 404 << false;
-        QTest::newRow("HEAD on the API") << "HEAD " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 405 << false;
-        QTest::newRow("not HTTP") << QByteArray("\x16\x03\x01\x02 TLS?\r\n\r\n") << 400 << true;
-    }
-
-    void heads()
-    {
-        QFETCH(QByteArray, bytes);
-        QFETCH(int, status);
-        QFETCH(bool, closed);
-        HttpConnection connection(m_device->port());
-        connection.send(bytes);
-        const HttpReply reply = connection.readReply(5000, bytes.startsWith("HEAD"));
-        QCOMPARE(reply.status, status);
-        if (status != 0)
-            QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
-        QCOMPARE(connection.isClosedWithin(closed ? 1000 : 200), closed);
+            row(host, get + "Host: " + host + "\r\n\r\n", 200, false);
+        row("foreign Host", get + "Host: example.com\r\n\r\n", 403, false);
+        row("two lengths", post + "Content-Length: 2\r\nContent-Length: 3\r\n\r\n{}}", 400, true);
+        row("negative length", post + "Content-Length: -5\r\n\r\n", 400, true);
+        row("length with a sign", post + "Content-Length: +2\r\n\r\n{}", 400, true);
+        row("overflowing length", post + "Content-Length: 99999999999999999999\r\n\r\n", 400, true);
+        row("length list", post + "Content-Length: 2, 2\r\n\r\n{}", 400, true);
+        row("length and chunks",
+            post + "Content-Length: 2\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkedWrite() + "0\r\n\r\n", 400, true);
+        row("unknown coding", post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n", 400, true);
+        row("two codings",
+            post + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkedWrite() + "0\r\n\r\n",
+            400, true);
+        row("chunks", post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", 400, true);
+        row("body over the limit, not sent", post + "Content-Length: 4097\r\n\r\n", 413, true);
+        row("body over the limit, announced", post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n", 413,
+            true);
+        row("chunks over the limit",
+            post + "Transfer-Encoding: chunked\r\n\r\n2000\r\n" + QByteArray(8192, ' ') + "\r\n0\r\n\r\n", 413, true);
+        row("chunks without end over the limit",
+            post + "Transfer-Encoding: chunked\r\n\r\n20000\r\n" + QByteArray(131072, ' '), 0, true);
+        row("100 fields", get + "Host: x\r\n" + fieldLines(99) + "\r\n", 200, false);
+        row("101 fields", get + "Host: x\r\n" + fieldLines(100) + "\r\n", 431, true);
+        row("fields without end", get + "Host: x\r\nX: " + QByteArray(200000, 'x'), 0, true);
+        row("no method", " / HTTP/1.1\r\nHost: x\r\n\r\n", 400, true);
+        row("long method", QByteArray(300, 'M') + " / HTTP/1.1\r\nHost: x\r\n\r\n", 400, true);
+        row("HTTP/3.0", "GET / HTTP/3.0\r\nHost: x\r\n\r\n", 505, true);
+        row("foreign scheme", "GET ftp://x/ HTTP/1.1\r\nHost: x\r\n\r\n", 400, false);
+        row("foreign scheme, with a body that is not waited for",
+            "POST ftp://x/ HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 5\r\n\r\n", 400, true);
+        row("OPTIONS *", "OPTIONS * HTTP/1.1\r\nHost: x\r\n\r\n", 404, false);
+        row("HEAD on the API", "HEAD " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n", 405, false);
+        row("not HTTP", QByteArray("\x16\x03\x01\x02 TLS?\r\n\r\n"), 400, true);
+        for (const auto& [bytes, status, closed] : row) {
+            HttpConnection connection(m_device->port());
+            connection.send(bytes);
+            const HttpReply reply = connection.readReply(5000, bytes.startsWith("HEAD"));
+            QCOMPARE(reply.status, status);
+            if (status != 0)
+                QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
+            QCOMPARE(connection.isClosedWithin(closed ? 1000 : 200), closed);
+        }
     }
 
     void nothingAfterChunksIsTakenForARequest()
@@ -157,62 +124,46 @@ private Q_SLOTS:
         QCOMPARE(connection.readReply(1000).status, 0);
     }
 
-    void pipelinedRequestsAreAllAnswered_data()
-    {
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<int>("status");
-        QTest::newRow("answered at once") << QByteArray("/nothing/here") << 404;
-        QTest::newRow("by no handler") << QByteArray("*") << 404;
-        QTest::newRow("from the event loop") << Counter << 200;
-    }
-
     void pipelinedRequestsAreAllAnswered()
     {
-        QFETCH(QByteArray, target);
-        QFETCH(int, status);
-        constexpr int Count = 60000;
-        HttpConnection connection(m_device->port());
-        const QByteArray request = "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n";
-        std::thread sender([&connection, &request] { connection.send(request.repeated(Count)); });
-        int answered = 0;
-        while (answered < Count && connection.readReply().status == status)
-            ++answered;
-        if (answered < Count)
-            connection.shutDownSending();
-        sender.join();
-        QCOMPARE(answered, Count);
-    }
-
-    void silentAndDrippingClientsAreCut_data()
-    {
-        QTest::addColumn<QByteArray>("first");
-        QTest::addColumn<int>("atLeastMs");
-        QTest::addColumn<int>("atMostMs");
-        QTest::newRow("says nothing") << QByteArray() << 900 << 1800;
-        QTest::newRow("half a head") << QByteArray("GET / HTTP/1.1\r\nHo") << 900 << 1800;
-        QTest::newRow("half a body") << QByteArray(
-            "POST /api/getData HTTP/1.1\r\nHost: x\r\nContent-Length: 90\r\n\r\n{")
-                                     << 1900 << 2800;
-        QTest::newRow("idle after an answer") << "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n" << 1900 << 2800;
+        // Answered at once, by no handler, from the event loop.
+        for (const QByteArray& target : { QByteArray("/nothing/here"), QByteArray("*"), Counter }) {
+            constexpr int Count = 60000;
+            HttpConnection connection(m_device->port());
+            const QByteArray request = "GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n";
+            std::thread sender([&connection, &request] { connection.send(request.repeated(Count)); });
+            int answered = 0;
+            while (answered < Count && connection.readReply().status == (target == Counter ? 200 : 404))
+                ++answered;
+            if (answered < Count)
+                connection.shutDownSending();
+            sender.join();
+            QCOMPARE(answered, Count);
+        }
     }
 
     void silentAndDrippingClientsAreCut()
     {
-        QFETCH(QByteArray, first);
-        QFETCH(int, atLeastMs);
-        QFETCH(int, atMostMs);
-        QElapsedTimer timer;
-        timer.start();
-        HttpConnection connection(m_device->port());
-        connection.send(first);
-        bool closed = false;
-        while (!closed && timer.elapsed() < atMostMs) {
-            closed = connection.isClosedWithin(100);
-            if (!first.isEmpty() && !first.endsWith("\n"))
-                connection.send(" "); // Each byte would start a plain time-out again.
+        Rows<QByteArray, int, int> row;
+        row("says nothing", {}, 900, 1800);
+        row("half a head", "GET / HTTP/1.1\r\nHo", 900, 1800);
+        row("half a body", QByteArray("POST /api/getData HTTP/1.1\r\nHost: x\r\nContent-Length: 90\r\n\r\n{"), 1900,
+            2800);
+        row("idle after an answer", "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n", 1900, 2800);
+        for (const auto& [first, atLeastMs, atMostMs] : row) {
+            QElapsedTimer timer;
+            timer.start();
+            HttpConnection connection(m_device->port());
+            connection.send(first);
+            bool closed = false;
+            while (!closed && timer.elapsed() < atMostMs) {
+                closed = connection.isClosedWithin(100);
+                if (!first.isEmpty() && !first.endsWith("\n"))
+                    connection.send(" "); // Each byte would start a plain time-out again.
+            }
+            QVERIFY(closed);
+            QVERIFY2(timer.elapsed() >= atLeastMs, qPrintable(QString::number(timer.elapsed())));
         }
-        QVERIFY(closed);
-        QVERIFY2(timer.elapsed() >= atLeastMs, qPrintable(QString::number(timer.elapsed())));
     }
 
     // Those that are silent for a moment: the library has to find what comes then.
@@ -271,14 +222,14 @@ private Q_SLOTS:
             }
             if (round == 4) {
                 QTest::qWait(1000);
-                before = openDescriptors(m_device->pid());
-                resident = residentKilobytes(m_device->pid());
+                before = m_device->descriptors();
+                resident = m_device->kilobytes("VmRSS:");
             }
         }
         // Until the last ones in the backlog have come and gone: the count goes up and down before.
         QTest::qWait(2500);
-        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(m_device->pid()) <= before, 5000);
-        QVERIFY(residentKilobytes(m_device->pid()) - resident < 4096);
+        QTRY_VERIFY_WITH_TIMEOUT(m_device->descriptors() <= before, 5000);
+        QVERIFY(m_device->kilobytes("VmRSS:") - resident < 4096);
     }
 
     // Nobody reads from a paused exchange: only a watch tells that its client has gone.
@@ -286,22 +237,22 @@ private Q_SLOTS:
     {
         const QByteArray wrong =
             "GET " + Counter + " HTTP/1.1\r\nHost: x\r\nAuthorization: HMAC_SHA256 YQ==.AA==.1.AA==\r\n\r\n";
-        const int before = openDescriptors(m_device->pid());
+        const int before = m_device->descriptors();
         std::vector<std::unique_ptr<HttpConnection>> held;
         for (int i = 0; i < 20; ++i) {
             held.push_back(std::make_unique<HttpConnection>(m_device->port()));
             held.back()->send(wrong);
         }
-        QTRY_VERIFY(openDescriptors(m_device->pid()) >= before + 19);
+        QTRY_VERIFY(m_device->descriptors() >= before + 19);
         QTest::qWait(2500); // Longer than bodySeconds and idleSeconds: a held answer has no deadline.
-        QVERIFY(openDescriptors(m_device->pid()) >= before + 15);
+        QVERIFY(m_device->descriptors() >= before + 15);
         for (size_t i = 0; i < held.size(); ++i) {
             if (i % 2)
                 held[i]->reset();
             else
                 held[i]->close();
         }
-        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(m_device->pid()) <= before, 1500);
+        QTRY_VERIFY_WITH_TIMEOUT(m_device->descriptors() <= before, 1500);
     }
 
     void connectionsOverTheCapCostTheIdleOnes()
@@ -318,7 +269,7 @@ private Q_SLOTS:
     void aListenerSurvivesRunningOutOfDescriptors()
     {
         Device device({ "settings:webserver/limits/connections=2000" });
-        const rlimit few{ rlim_t(openDescriptors(device.pid()) + 10), 4096 };
+        const rlimit few{ rlim_t(device.descriptors() + 10), 4096 };
         QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_NOFILE, &few, nullptr), 0);
         std::vector<std::unique_ptr<HttpConnection>> connections;
         for (int i = 0; i < 30; ++i)

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <utility>
+#include <climits>
 
 QByteArray HttpReply::header(const QByteArray& name) const
 {
@@ -115,16 +115,28 @@ bool HttpConnection::isClosedWithin(int timeoutMs)
     return false;
 }
 
-HttpReply HttpConnection::readReply(int timeoutMs, bool headRequest)
+QByteArray HttpConnection::readTo(const QByteArray& end, int timeoutMs)
 {
-    int headEnd = -1;
-    while ((headEnd = m_buffer.indexOf("\r\n\r\n")) < 0) {
+    int at = -1;
+    while ((at = m_buffer.indexOf(end)) < 0) {
         if (!fill(timeoutMs))
             return {};
     }
+    return read(at + end.size());
+}
+
+QByteArray HttpConnection::read(int size, int timeoutMs)
+{
+    while (m_buffer.size() < size && fill(timeoutMs)) { }
+    const QByteArray bytes = m_buffer.left(size);
+    m_buffer.remove(0, size);
+    return bytes;
+}
+
+HttpReply HttpConnection::readReply(int timeoutMs, bool headRequest)
+{
+    const QList<QByteArray> lines = readTo("\r\n\r\n", timeoutMs).trimmed().split('\n');
     HttpReply reply;
-    const QList<QByteArray> lines = m_buffer.left(headEnd).split('\n');
-    m_buffer.remove(0, headEnd + 4);
     reply.status = lines.value(0).split(' ').value(1).toInt();
     for (const QByteArray& line : lines.mid(1)) {
         const int colon = line.indexOf(':');
@@ -132,39 +144,29 @@ HttpReply HttpConnection::readReply(int timeoutMs, bool headRequest)
     }
     if (reply.status / 100 == 1)
         return readReply(timeoutMs, headRequest);
-    if (headRequest || reply.status == 204 || reply.status == 304)
+    if (reply.status == 0 || headRequest || reply.status == 204 || reply.status == 304)
         return reply;
-    if (reply.header("Transfer-Encoding") == "chunked") {
-        while (true) {
-            int lineEnd = -1;
-            while ((lineEnd = m_buffer.indexOf("\r\n")) < 0) {
-                if (!fill(timeoutMs))
-                    return {};
-            }
-            const int size = m_buffer.left(lineEnd).toInt(nullptr, 16);
-            while (m_buffer.size() < lineEnd + 2 + size + 2) {
-                if (!fill(timeoutMs))
-                    return {};
-            }
-            reply.body += m_buffer.mid(lineEnd + 2, size);
-            m_buffer.remove(0, lineEnd + 2 + size + 2);
-            if (size == 0)
-                return reply;
-        }
-    }
     const QByteArray length = reply.header("Content-Length");
-    if (length.isNull()) {
-        while (fill(timeoutMs)) { }
-        reply.body = std::exchange(m_buffer, {});
-        return reply;
-    }
-    while (m_buffer.size() < length.toInt()) {
-        if (!fill(timeoutMs))
+    const bool isChunked = reply.header("Transfer-Encoding") == "chunked";
+    const int size = length.isNull() ? INT_MAX : length.toInt();
+    reply.body = isChunked ? readChunks(size, timeoutMs) : read(size, timeoutMs);
+    const bool isWhole = isChunked ? !reply.body.isNull() : length.isNull() || reply.body.size() == size;
+    return isWhole ? reply : HttpReply();
+}
+
+QByteArray HttpConnection::readChunks(int size, int timeoutMs)
+{
+    QByteArray body("");
+    while (body.size() < size) {
+        const int length = readTo("\r\n", timeoutMs).trimmed().toInt(nullptr, 16);
+        const QByteArray chunk = read(length + 2, timeoutMs);
+        if (chunk.size() < length + 2)
             return {};
+        body += chunk.left(length);
+        if (length == 0)
+            return body;
     }
-    reply.body = m_buffer.left(length.toInt());
-    m_buffer.remove(0, length.toInt());
-    return reply;
+    return body.left(size);
 }
 
 QByteArray httpRequest(

@@ -32,6 +32,11 @@ public:
     /// Reads one answer, by Content-Length, chunks or the end of the connection; status 0 after `timeoutMs` or when the
     /// server closes first. `headRequest`: the answer has no body.
     HttpReply readReply(int timeoutMs = 10000, bool headRequest = false);
+    /// As it came, to the end of a head, say; null when that does not come.
+    QByteArray readTo(const QByteArray& end, int timeoutMs = 10000);
+    QByteArray read(int size, int timeoutMs = 10000); ///< Fewer bytes when no more come.
+    /// The data of chunks: `size` bytes of it, or all of them when they end before that; null when neither comes.
+    QByteArray readChunks(int size, int timeoutMs = 10000);
     /// True when the server closes within `timeoutMs` (what it sends meanwhile is dropped).
     bool isClosedWithin(int timeoutMs);
     bool hasData(int timeoutMs); ///< Something has arrived that was not read.

@@ -1,6 +1,4 @@
-#include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QTest>
+#include <QtTest>
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -14,20 +12,21 @@
 
 #include "Device.h"
 #include "Namespace.h"
+#include "Rows.h"
 #include "Upstream.h"
 
 namespace {
 
-constexpr long long Limit = 5 * 1024 * 1024;
+constexpr int Limit = 5 * 1024 * 1024;
 const QByteArray NotFetched = "Could not fetch original content from source";
 const QByteArray NoUrl = "The original requested url could not be found.";
 
-std::string ok(long long length, const std::string& fields, const std::string& body)
+QByteArray ok(qint64 length, const QByteArray& fields, const QByteArray& body)
 {
-    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(length) + "\r\n" + fields + "\r\n" + body;
+    return "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(length) + "\r\n" + fields + "\r\n" + body;
 }
 
-std::map<std::string, Upstream::Answer> script()
+std::map<QByteArray, Upstream::Answer> script()
 {
     return {
         { "/ok", { ok(5, "Content-Type: text/x; charset=y\r\nSet-Cookie: a=b\r\nETag: c\r\n", "hello") } },
@@ -39,11 +38,11 @@ std::map<std::string, Upstream::Answer> script()
         { "/short", { ok(10, "", "hello") } },
         { "/garbage", { "SSH-2.0-x\r\n" } },
         { "/nothing", { "" } },
-        { "/limit", { ok(Limit, "", "x"), Limit } },
-        { "/over", { ok(Limit + 1, "", "x"), Limit + 1 } },
-        { "/tenGiB", { "HTTP/1.1 200 OK\r\n\r\nx", 10LL * 1024 * 1024 * 1024 } },
-        { "/hang", { "", 1, true } },
-        { "/hangInside", { ok(10, "", "hello"), 1, true } },
+        { "/limit", { ok(Limit, "", ""), "x", Limit } },
+        { "/over", { ok(Limit + 1, "", ""), "x", Limit + 1 } },
+        { "/tenGiB", { "HTTP/1.1 200 OK\r\n\r\n", "x", 10LL * 1024 * 1024 * 1024 } },
+        { "/hang", { {}, {}, 0, true } },
+        { "/hangInside", { ok(10, "", "hello"), {}, 0, true } },
     };
 }
 
@@ -105,18 +104,15 @@ private Q_SLOTS:
         // Answered in the last test, while the others run.
         m_hangSince.start();
         m_hanging = std::make_unique<HttpConnection>(m_device.port());
-        m_hanging->send(request("http://127.0.0.1:" + port() + "/hang"));
+        m_hanging->send(request(m_upstream.url("/hang")));
         QTRY_COMPARE(m_upstream.waiting(), 1);
     }
 
-    void theSourceDecides_data()
+    void theSourceDecides()
     {
-        QTest::addColumn<QByteArray>("path");
-        QTest::addColumn<int>("status");
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<QByteArray>("contentType");
-        const auto fetched = [](const char* path, const QByteArray& body, const QByteArray& type) {
-            QTest::newRow(path) << QByteArray(path) << 200 << body << type;
+        Rows<QByteArray, int, QByteArray, QByteArray> row;
+        const auto fetched = [&](const char* path, const QByteArray& body, const QByteArray& type) {
+            row(path, path, 200, body, type);
         };
         fetched("/ok", "hello", "text/x; charset=y");
         fetched("/untyped", "hi", "");
@@ -124,53 +120,38 @@ private Q_SLOTS:
         fetched("/limit", QByteArray(Limit, 'x'), "");
         for (const char* path :
             { "/created", "/moved", "/error", "/short", "/garbage", "/nothing", "/over", "/tenGiB", "/unknown" })
-            QTest::newRow(path) << QByteArray(path) << 404 << NotFetched << QByteArray("text/plain");
-    }
-
-    void theSourceDecides()
-    {
-        QFETCH(QByteArray, path);
-        QFETCH(int, status);
-        const long long sentBefore = m_upstream.bytesSent();
-        const HttpReply reply = fetch("127.0.0.1", "http://127.0.0.1:" + port() + path);
-        QCOMPARE(reply.status, status);
-        QTEST(reply.body, "body");
-        QTEST(reply.header("Content-Type"), "contentType");
-        QCOMPARE(reply.header("Content-Type").isNull(), path == "/untyped" || path == "/limit");
-        QCOMPARE(reply.header("Content-Security-Policy"), QByteArray(status == 200 ? "sandbox" : ""));
-        QCOMPARE(reply.header("X-Content-Type-Options"), QByteArray(status == 200 ? "nosniff" : ""));
-        QVERIFY(reply.header("Set-Cookie").isNull() && reply.header("ETag").isNull());
-        QCOMPARE(reply.header("Content-Length"), QByteArray::number(reply.body.size()));
-        QVERIFY2(m_upstream.bytesSent() - sentBefore < 8 * Limit, "A source was read on without end");
-    }
-
-    void theAddressMustBeThere_data()
-    {
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<QByteArray>("body");
-        QTest::newRow("none") << QByteArray("/proxy/") << NoUrl;
-        QTest::newRow("no Base64") << QByteArray("/proxy/%7F%7F") << NotFetched;
-        QTest::newRow("no URL") << QByteArray("/proxy/") + QByteArray("hello").toBase64() << NotFetched;
-        QTest::newRow("another scheme") << QByteArray("/proxy/") + QByteArray("file:///etc/passwd").toBase64()
-                                        << NotFetched;
-        QTest::newRow("no port there") << QByteArray("/proxy/") + QByteArray("http://127.0.0.1:1/").toBase64()
-                                       << NotFetched;
+            row(path, path, 404, NotFetched, "text/plain");
+        for (const auto& [path, status, body, contentType] : row) {
+            const qint64 sentBefore = m_upstream.bytesSent();
+            const HttpReply reply = fetch("127.0.0.1", m_upstream.url(path));
+            QCOMPARE(reply.status, status);
+            QCOMPARE(reply.body, body);
+            QCOMPARE(reply.header("Content-Type"), contentType);
+            QCOMPARE(reply.header("Content-Type").isNull(), path == "/untyped" || path == "/limit");
+            QCOMPARE(reply.header("Content-Security-Policy"), QByteArray(status == 200 ? "sandbox" : ""));
+            QCOMPARE(reply.header("X-Content-Type-Options"), QByteArray(status == 200 ? "nosniff" : ""));
+            QVERIFY(reply.header("Set-Cookie").isNull() && reply.header("ETag").isNull());
+            QCOMPARE(reply.header("Content-Length"), QByteArray::number(reply.body.size()));
+            QVERIFY2(m_upstream.bytesSent() - sentBefore < 8 * Limit, "A source was read on without end");
+        }
     }
 
     void theAddressMustBeThere()
     {
-        QFETCH(QByteArray, target);
-        const HttpReply reply = m_device.get(target);
-        QCOMPARE(reply.status, 404);
-        QCOMPARE(reply.header("Content-Type"), QByteArray("text/plain"));
-        QTEST(reply.body, "body");
+        for (const QByteArray encoded :
+            { "", "%7F%7F", "aGVsbG8=" /* hello */, "ZmlsZTovLy9ldGMvcGFzc3dk" /* a file: */ }) {
+            const HttpReply reply = m_device.get("/proxy/" + encoded);
+            QCOMPARE(reply.status, 404);
+            QCOMPARE(reply.header("Content-Type"), QByteArray("text/plain"));
+            QCOMPARE(reply.body, encoded.isEmpty() ? NoUrl : NotFetched);
+        }
     }
 
     void nothingOfTheClientIsPassedOn()
     {
-        m_device.get("/proxy/" + QByteArray("http://127.0.0.1:" + port() + "/ok").toBase64(),
+        m_device.get("/proxy/" + m_upstream.url("/ok").toBase64(),
             { "Cookie: secret=1", "Authorization: HMAC_SHA256 secret", "X-Own: secret" });
-        const QByteArray sent = QByteArray::fromStdString(m_upstream.lastRequest());
+        const QByteArray sent = m_upstream.lastRequest();
         QVERIFY2(sent.startsWith("GET /ok HTTP/1.1\r\n") && !sent.contains("secret"), sent.constData());
     }
 
@@ -178,7 +159,7 @@ private Q_SLOTS:
     {
         for (const char* path : { "/hang", "/hangInside" }) {
             auto leaver = std::make_unique<HttpConnection>(m_device.port());
-            leaver->send(request("http://127.0.0.1:" + port() + path));
+            leaver->send(request(m_upstream.url(path)));
             QTRY_COMPARE(m_upstream.waiting(), 2);
             leaver->reset();
             QTRY_COMPARE_WITH_TIMEOUT(m_upstream.waiting(), 1, 3000);
@@ -200,10 +181,10 @@ private Q_SLOTS:
         ask(30, "http://silent.example/");
         QTRY_VERIFY(threads(device.pid()) >= threadsBefore + 30);
         HttpConnection known(device.port());
-        known.send(request("http://known.example:" + port() + "/ok"));
+        known.send(request(m_upstream.url("/ok", "known.example")));
         QCOMPARE(known.readReply().status, 200);
         // Those who leave leave their look-ups behind.
-        ask(1, "http://127.0.0.1:" + port() + "/hang");
+        ask(1, m_upstream.url("/hang"));
         QTRY_COMPARE(m_upstream.waiting(), 2);
         clients.clear();
         QTRY_COMPARE(m_upstream.waiting(), 1);
@@ -211,7 +192,7 @@ private Q_SLOTS:
         QCOMPARE(clients.back()->readReply().status, 404);
         QVERIFY(threads(device.pid()) <= threadsBefore + 34);
 
-        ask(1, "http://127.0.0.1:" + port() + "/hang");
+        ask(1, m_upstream.url("/hang"));
         QTRY_COMPARE(m_upstream.waiting(), 2);
         QElapsedTimer clock;
         clock.start();
@@ -224,56 +205,45 @@ private Q_SLOTS:
     {
         Device device({ "settings:webserver/limits/proxyFetches=3", "settings:webserver/limits/proxyFetchesPerClient=2",
             "settings:webserver/limits/proxyBytes=16000000" });
-        const QByteArray hang = "http://198.51.100.2:" + QByteArray::number(m_neighbour->port()) + "/hang";
-        const QByteArray here = "http://127.0.0.1:" + port();
+        const QByteArray hang = m_neighbour->url("/hang", "198.51.100.2");
         const auto ask = [&](const QByteArray& from, const QByteArray& url) {
             auto client = std::make_unique<HttpConnection>(device.port(), from);
             client->send(request(url));
             return client;
         };
-        const auto one = ask("127.0.0.1", here + "/limit"); // Fetched and not read.
+        const auto one = ask("127.0.0.1", m_upstream.url("/limit")); // Fetched and not read.
         const auto other = ask(RemoteAddress, hang);
         QTRY_COMPARE(m_neighbour->waiting(), 1);
         QTRY_VERIFY(one->hasData(0));
-        QCOMPARE(ask("127.0.0.1", here + "/limit")->readReply().body, NotFetched); // Half of 16 MB are not 10 MiB.
+        QCOMPARE(
+            ask("127.0.0.1", m_upstream.url("/limit"))->readReply().body, NotFetched); // Half of 16 MB are not 10 MiB.
         const auto second = ask("127.0.0.1", hang);
         QTRY_COMPARE(m_neighbour->waiting(), 2);
-        QCOMPARE(ask("127.0.0.1", here + "/ok")->readReply().body, NotFetched); // Three in all.
+        QCOMPARE(ask("127.0.0.1", m_upstream.url("/ok"))->readReply().body, NotFetched); // Three in all.
         other->reset();
         QTRY_COMPARE(m_neighbour->waiting(), 1);
-        QCOMPARE(ask("127.0.0.1", here + "/ok")->readReply().body, NotFetched); // Two for one.
+        QCOMPARE(ask("127.0.0.1", m_upstream.url("/ok"))->readReply().body, NotFetched); // Two for one.
         one->reset();
-        QTRY_COMPARE(ask("127.0.0.1", here + "/limit")->readReply().body.size(), int(Limit));
-    }
-
-    void remoteClientsDoNotReachTheDeviceItself_data()
-    {
-        QTest::addColumn<QByteArray>("host");
-        QTest::addColumn<int>("status");
-        for (const char* host : { "127.0.0.1", "127.1.2.3", "2130706433", "localhost", "LOCALHOST", "0.0.0.0", "[::1]",
-                 "[::]", "[::ffff:127.0.0.1]", "[::ffff:7f00:1]", "[::ffff:0.0.0.0]", "known.example", RemoteAddress,
-                 "[::ffff:192.0.2.1]", "198.51.100.1", "203.0.113.7" })
-            QTest::newRow(host) << QByteArray(host) << 404;
-        QTest::newRow("elsewhere") << QByteArray("198.51.100.2") << 200;
+        QTRY_COMPARE(ask("127.0.0.1", m_upstream.url("/limit"))->readReply().body.size(), int(Limit));
     }
 
     void remoteClientsDoNotReachTheDeviceItself()
     {
-        QFETCH(QByteArray, host);
-        QFETCH(int, status);
-        const int source = status == 200 ? m_neighbour->port() : m_upstream.port();
-        const QByteArray url = "http://" + host + ':' + QByteArray::number(source) + "/ok";
-        const HttpReply reply = fetch(RemoteAddress, url);
-        QCOMPARE(reply.status, status);
-        QCOMPARE(reply.body, status == 200 ? QByteArray("hello") : NotFetched);
-        QCOMPARE(fetch("127.0.0.1", url).status, 200);
+        const QList<QByteArray> hosts{ "127.0.0.1", "127.1.2.3", "2130706433", "localhost", "LOCALHOST", "0.0.0.0",
+            "[::1]", "[::]", "[::ffff:127.0.0.1]", "[::ffff:7f00:1]", "[::ffff:0.0.0.0]", "known.example",
+            RemoteAddress, "[::ffff:192.0.2.1]", "198.51.100.1", "203.0.113.7" };
+        for (const QByteArray& host : hosts) {
+            QVERIFY2(fetch(RemoteAddress, m_upstream.url("/ok", host)).body == NotFetched, host);
+            QVERIFY2(fetch("127.0.0.1", m_upstream.url("/ok", host)).body == "hello", host);
+        }
+        QCOMPARE(fetch(RemoteAddress, m_neighbour->url("/ok", "198.51.100.2")).body, QByteArray("hello"));
     }
 
     void onlyAllowedHostsAreFetched()
     {
         Device device({ R"(settings:webserver/proxyAllowedHosts=["192.0.2.1","localhost"])" });
         const auto status = [&](const QByteArray& host) {
-            return device.get("/proxy/" + QByteArray("http://" + host + ':' + port() + "/ok").toBase64()).status;
+            return device.get("/proxy/" + m_upstream.url("/ok", host).toBase64()).status;
         };
         QCOMPARE(status("LocalHost"), 200);
         QCOMPARE(status("127.0.0.1"), 404);
@@ -290,8 +260,6 @@ private Q_SLOTS:
     }
 
 private:
-    QByteArray port() const { return QByteArray::number(m_upstream.port()); }
-
     static QByteArray request(const QByteArray& url)
     {
         return httpRequest("GET", "/proxy/" + url.toBase64(), { "Host: 127.0.0.1" });

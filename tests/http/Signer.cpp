@@ -1,9 +1,10 @@
 #include "Signer.h"
 
+#include <QCryptographicHash>
 #include <QDateTime>
+#include <QMessageAuthenticationCode>
 
 #include <openssl/evp.h>
-#include <openssl/hmac.h>
 #include <openssl/rand.h>
 
 #include <memory>
@@ -36,20 +37,14 @@ Signer::Signer(const QByteArray& user, const QByteArray& password, const QByteAr
 
 QByteArray Signer::key() const
 {
-    const QByteArray text = QByteArray::fromBase64(m_salt) + m_password;
-    QByteArray digest(32, 0);
-    EVP_Digest(text.constData(), static_cast<size_t>(text.size()), bytes(digest), nullptr, EVP_sha256(), nullptr);
-    return digest;
+    return QCryptographicHash::hash(QByteArray::fromBase64(m_salt) + m_password, QCryptographicHash::Sha256);
 }
 
 QByteArray Signer::authorization(const QByteArray& data) const
 {
     const QByteArray stamp = QByteArray::number(m_timestamp);
     const QByteArray text = m_user + '.' + m_salt + '.' + stamp + '.' + data;
-    QByteArray mac(32, 0);
-    const QByteArray secret = key();
-    HMAC(EVP_sha256(), secret.constData(), secret.size(), bytes(text), static_cast<size_t>(text.size()), bytes(mac),
-        nullptr);
+    const QByteArray mac = QMessageAuthenticationCode::hash(text, key(), QCryptographicHash::Sha256);
     return "Authorization: " + m_scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + stamp + '.' + mac.toBase64();
 }
 

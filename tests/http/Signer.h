@@ -2,8 +2,8 @@
 
 #include <QByteArray>
 
-/// Signs requests from the description of the Authorization field alone, with OpenSSL: nothing of the server's own code
-/// is in it.
+/// Signs requests from the description of the Authorization field alone, with Qt and OpenSSL: nothing of the server's
+/// own code is in it.
 class Signer {
 public:
     Signer(const QByteArray& user, const QByteArray& password, const QByteArray& scheme = "HMAC_SHA256");

@@ -1,32 +1,8 @@
 #include "Tls.h"
 
-#include <QFile>
-#include <QProcess>
 #include <QTemporaryDir>
 
-namespace {
-
-constexpr int ToolMilliseconds = 20000;
-
-QByteArray contentOf(const QString& name)
-{
-    QFile file(name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-} // namespace
-
-ToolResult runTool(const QString& program, const QStringList& arguments, const QByteArray& input)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
-    process.write(input);
-    process.closeWriteChannel();
-    if (!process.waitForFinished(ToolMilliseconds) || process.exitStatus() != QProcess::NormalExit)
-        return { -1, process.readAll() };
-    return { process.exitCode(), process.readAll() };
-}
+#include "Files.h"
 
 TestCertificate makeCertificate(const QByteArray& key)
 {
@@ -40,10 +16,7 @@ TestCertificate makeCertificate(const QByteArray& key)
                   << "rsa:2048"
                   << "-keyout" << keyFile;
     } else {
-        QFile file(keyFile);
-        file.open(QIODevice::WriteOnly);
-        file.write(key);
-        file.close();
+        writeFile(keyFile, key);
         arguments << "-key" << keyFile;
     }
     runTool("openssl", arguments);

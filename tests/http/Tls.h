@@ -4,15 +4,6 @@
 #include <QString>
 #include <QStringList>
 
-/// What a program said (both outputs) and how it ended; status -1 when it did not end by itself in 20 s.
-struct ToolResult {
-    int status = -1;
-    QByteArray output;
-};
-
-/// Runs a program with `input` as its standard input.
-ToolResult runTool(const QString& program, const QStringList& arguments, const QByteArray& input = {});
-
 /// A self-signed certificate for 127.0.0.1 and its key, both PEM. Each call makes another; with a key, for that one.
 struct TestCertificate {
     QByteArray certificate;

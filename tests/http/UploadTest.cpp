@@ -1,7 +1,4 @@
-#include <QCryptographicHash>
-#include <QDir>
-#include <QFile>
-#include <QTest>
+#include <QtTest>
 
 #include <csignal>
 
@@ -62,10 +59,8 @@ private Q_SLOTS:
     {
         const QByteArray data = image();
         const QByteArray whole = part("firmware", data) + End;
-        const QByteArray unfinished = "The body ended before its last boundary.";
         const Row rows[] = {
             { "one part", whole, 200, kept(data) },
-            { "quoted boundary", whole, 200, kept(data), "Content-Type: multipart/form-data; boundary=\"XyZ\"; a=b" },
             { "sum before", part("sha256", sum(data)) + whole, 200, kept(data) },
             { "sum behind", part("firmware", data) + part("sha256", sum(data) + "  x.bin\n") + End, 200, kept(data) },
             { "other parts, preamble, epilogue", "hello\r\n" + part("a", "b") + whole + "\r\n" + whole.left(999), 200,
@@ -76,8 +71,6 @@ private Q_SLOTS:
             { "two images", part("firmware", "x") + whole, 400, "There are two images." },
             { "no image", part("a", data) + End, 400, "There is no part \"firmware\"." },
             { "empty image", part("firmware", "") + End, 400, "The image is empty." },
-            { "no final boundary", part("firmware", data), 400, unfinished },
-            { "nothing of it", "x", 400, unfinished },
             { "no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.",
                 "Content-Type: multipart/form-data" },
             { "10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts." },
@@ -156,11 +149,7 @@ private Q_SLOTS:
     }
 
 private:
-    QByteArray storedImage() const
-    {
-        QFile file(m_device.stateDirectory() + "/update/current/image");
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray storedImage() const { return contentOf(m_device.stateDirectory() + "/update/current/image"); }
 
     Device m_device{ { "settings:webserver/limits/updateBytes=" + QString::number(LimitBytes) } };
 };

@@ -1,36 +1,31 @@
-#include <QTest>
+#include <QtTest>
 
 #include "CMPath.h"
+#include "Rows.h"
 
 class CMPathTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void onlyOneTextIsAPath_data()
+    void onlyOneTextIsAPath()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<bool>("valid");
-
+        Rows<QString, bool> row;
         for (const char* text : { "player:player/volume", "a:b", "a:%20", "a:b%2Fc/d", "a:%C3%BC", "a:~-._",
                  "/player/volume", "/a", "my%20worker:a", "a:%EF%BB%BF", "a:%00", "a:..", "a:%F0%9F%8E%B5" })
-            QTest::addRow("valid %s", text) << QString(text) << true;
+            row(QString::asprintf("valid %s", text).toUtf8(), text, true);
         for (const char* text : { "", "a", ":", "a:", ":b", "/", "//", "a:/", "a:b/", "a:/b", "a:b//c", "/a/", "a b:c",
                  "a:b c", "a:b:c", "a:%", "a:%2", "a:%zz", "a:%c3%bc", "a:%41", "a:%7E", "a:%C3", "a:%C3/%BC",
                  "a:%ED%A0%80", "a:%C0%AF", "a:\xc3\xbc", "a:b?c", "a:b#c", "a:b+c", "a%:b", "a/b:c", "a:b%" })
-            QTest::addRow("invalid %s", text) << QString::fromUtf8(text) << false;
-    }
-
-    void onlyOneTextIsAPath()
-    {
-        QFETCH(QString, text);
-        QFETCH(bool, valid);
-        const CMPath path = CMPath::fromEncoded(text);
-        QCOMPARE(path.isValid(), valid);
-        QCOMPARE(path.toEncoded(), text);
-        if (valid && !text.startsWith('/'))
-            QCOMPARE(CMPath::fromSegments(path.worker(), path.segments()), path);
-        if (!valid)
-            QVERIFY(path.segments().isEmpty() && !path.parent().isValid() && !path.child("a").isValid());
+            row(QString::asprintf("invalid %s", text).toUtf8(), QString::fromUtf8(text), false);
+        for (const auto& [text, valid] : row) {
+            const CMPath path = CMPath::fromEncoded(text);
+            QCOMPARE(path.isValid(), valid);
+            QCOMPARE(path.toEncoded(), text);
+            if (valid && !text.startsWith('/'))
+                QCOMPARE(CMPath::fromSegments(path.worker(), path.segments()), path);
+            if (!valid)
+                QVERIFY(path.segments().isEmpty() && !path.parent().isValid() && !path.child("a").isValid());
+        }
     }
 
     void parentsAndChildrenAreInverse()

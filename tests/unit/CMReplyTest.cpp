@@ -1,4 +1,4 @@
-#include <QTest>
+#include <QtTest>
 
 #include <thread>
 
@@ -8,41 +8,33 @@ class CMReplyTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void isDeliveredOnceFromTheEventLoop_data()
-    {
-        QTest::addColumn<bool>("finishFirst");
-        QTest::addColumn<bool>("fails");
-        for (const bool finishFirst : { false, true }) {
-            for (const bool fails : { false, true })
-                QTest::addRow("%s, %s", finishFirst ? "finished first" : "asked first", fails ? "fails" : "succeeds")
-                    << finishFirst << fails;
-        }
-    }
-
     void isDeliveredOnceFromTheEventLoop()
     {
-        QFETCH(bool, finishFirst);
-        QFETCH(bool, fails);
-        QStringList log;
-        QObject receiver;
-        CMReply<int> reply;
-        const auto finish = [&] {
-            CMReply<int> copy = reply;
-            if (fails)
-                copy.fail(CMError(CMError::Failed, "first"));
-            copy.finish(7);
-            copy.finish(8);
-            copy.fail(CMError(CMError::Failed, "late"));
-        };
-        if (finishFirst)
-            finish();
-        reply.onFinished(&receiver,
-            [&log](int value, const CMError& error) { log.append(QString::number(value) + error.message().source()); });
-        if (!finishFirst)
-            finish();
-        QVERIFY(log.isEmpty());
-        QCoreApplication::processEvents();
-        QCOMPARE(log, QStringList(fails ? "0first" : "7"));
+        for (const int variant : { 0, 1, 2, 3 }) {
+            const bool finishFirst = variant & 1;
+            const bool fails = variant & 2;
+            QStringList log;
+            QObject receiver;
+            CMReply<int> reply;
+            const auto finish = [&] {
+                CMReply<int> copy = reply;
+                if (fails)
+                    copy.fail(CMError(CMError::Failed, "first"));
+                copy.finish(7);
+                copy.finish(8);
+                copy.fail(CMError(CMError::Failed, "late"));
+            };
+            if (finishFirst)
+                finish();
+            reply.onFinished(&receiver, [&log](int value, const CMError& error) {
+                log.append(QString::number(value) + error.message().source());
+            });
+            if (!finishFirst)
+                finish();
+            QVERIFY(log.isEmpty());
+            QCoreApplication::processEvents();
+            QCOMPARE(log, QStringList(fails ? "0first" : "7"));
+        }
     }
 
     void isDroppedWithItsReceiver()

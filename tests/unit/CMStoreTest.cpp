@@ -1,11 +1,6 @@
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <csignal>
-#include <cstdio>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -16,34 +11,14 @@
 #include "CMRoot.h"
 #include "CMStore.h"
 #include "CMValueNode.h"
+#include "Files.h"
+#include "Rows.h"
 
 namespace {
 
 CMPath numbered(int index)
 {
     return CMPath::fromSegments("a", { QString::number(index) });
-}
-
-/// Writes 0, 1, 2, ... and prints each number as soon as its write is answered, until it is killed.
-int writeForever(QCoreApplication& application, const QString& file)
-{
-    CMStore store;
-    QString error;
-    if (!store.open(file, &error))
-        return 1;
-    std::function<void(int)> writeNext = [&](int index) {
-        CMVoidReply reply;
-        reply.onFinished(&store, [&writeNext, index](const CMError& failure) {
-            if (failure.isEmpty())
-                std::printf("%d\n", index);
-            std::fflush(stdout);
-            writeNext(index + 8);
-        });
-        store.write(numbered(index), ZarkValue::fromI32(index), reply);
-    };
-    for (int i = 0; i < 8; ++i) // Several in flight, so that batches are cut too.
-        writeNext(i);
-    return application.exec();
 }
 
 /// As long as it lives, no file can grow beyond `bytes`: a disk that is full, for this process.
@@ -133,47 +108,36 @@ private Q_SLOTS:
         QCOMPARE(store.value(numbered(0)).i32(), 199);
     }
 
-    void damageIsSetAside_data()
-    {
-        QTest::addColumn<int>("size"); // What is left of the file; -1 for all.
-        QTest::addColumn<int>("garbageFrom"); // Where garbage of 2 KiB starts; -1 for none.
-        QTest::addColumn<bool>("journal"); // A journal of garbage stands beside it.
-
-        QTest::newRow("garbage header") << -1 << 0 << false;
-        QTest::newRow("garbage page") << -1 << 4096 << false;
-        QTest::newRow("half a file") << 8192 << -1 << true;
-        QTest::newRow("emptied under its journal") << 0 << -1 << true;
-    }
-
     void damageIsSetAside()
     {
-        QFETCH(int, size);
-        QFETCH(int, garbageFrom);
-        QFETCH(bool, journal);
-        fill(100);
-        QByteArray bytes = read().left(size < 0 ? INT_MAX : size);
-        if (garbageFrom >= 0)
-            bytes.replace(garbageFrom, 2048, QByteArray(2048, '\xa5'));
-        replace(bytes);
-        if (journal) {
-            QFile wal(m_file + "-wal");
-            QVERIFY(wal.open(QIODevice::WriteOnly) && wal.write(QByteArray(9000, 'j')) == 9000);
+        Rows<int, int, bool> row; // What is left of the file, where garbage starts, whether a journal of it is there.
+        row("garbage header", -1, 0, false);
+        row("garbage page", -1, 4096, false);
+        row("half a file", 8192, -1, true);
+        row("emptied under its journal", 0, -1, true);
+        for (const auto& [size, garbageFrom, journal] : row) {
+            init();
+            fill(100);
+            QByteArray bytes = read().left(size < 0 ? INT_MAX : size);
+            if (garbageFrom >= 0)
+                bytes.replace(garbageFrom, 2048, QByteArray(2048, '\xa5'));
+            replace(bytes);
+            if (journal)
+                writeFile(m_file + "-wal", QByteArray(9000, 'j'));
+            {
+                CMStore store;
+                QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+                QVERIFY(m_error.isEmpty());
+                QVERIFY(!store.value(numbered(1)).isValid());
+                QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
+            }
+            const QStringList aside = QDir(m_dir->path()).entryList({ "state.db.damaged-????????T??????Z" });
+            QCOMPARE(aside.size(), 1);
+            QCOMPARE(contentOf(m_dir->filePath(aside.first())), bytes);
+            CMStore again;
+            QVERIFY2(again.open(m_file, &m_error), qPrintable(m_error));
+            QCOMPARE(again.value(numbered(1)).i32(), 5);
         }
-        {
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-            QVERIFY(m_error.isEmpty());
-            QVERIFY(!store.value(numbered(1)).isValid());
-            QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
-        }
-        const QStringList aside = QDir(m_dir->path()).entryList({ "state.db.damaged-????????T??????Z" });
-        QCOMPARE(aside.size(), 1);
-        QFile kept(m_dir->filePath(aside.first()));
-        QVERIFY(kept.open(QIODevice::ReadOnly));
-        QCOMPARE(kept.readAll(), bytes);
-        CMStore again;
-        QVERIFY2(again.open(m_file, &m_error), qPrintable(m_error));
-        QCOMPARE(again.value(numbered(1)).i32(), 5);
     }
 
     void foreignDatabasesAreLeftAlone()
@@ -225,33 +189,29 @@ private Q_SLOTS:
         QCOMPARE(write(store, 1, ZarkValue::fromString(QString(1 << 20, 'x'))), QString());
     }
 
-    void aFullDiskDoesNotPreventAStart_data()
-    {
-        QTest::addColumn<int>("bytes");
-        QTest::addColumn<bool>("stored");
-        QTest::newRow("no room for the shared index") << 16384 << true;
-        QTest::newRow("no room at all") << 0 << true;
-        QTest::newRow("no database yet") << 0 << false;
-    }
-
     void aFullDiskDoesNotPreventAStart()
     {
-        QFETCH(int, bytes);
-        QFETCH(bool, stored);
-        if (stored)
-            fill(1);
-        auto disk = std::make_unique<FullDisk>(rlim_t(bytes));
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        QCOMPARE(store.value(numbered(0)).isValid(), stored);
-        CMVoidReply refused;
-        store.write(numbered(1), ZarkValue::fromString(QString(20000, 'x')), refused);
-        CMError error;
-        refused.onFinished(this, [&error](const CMError& failure) { error = failure; });
-        QTRY_COMPARE(error.name(), QString(CMError::StoreFailed));
-        QVERIFY2(error.message().source().contains("the disk at /"), qPrintable(error.message().source()));
-        disk.reset();
-        QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
+        Rows<int, bool> row;
+        row("no room for the shared index", 16384, true);
+        row("no room at all", 0, true);
+        row("no database yet", 0, false);
+        for (const auto& [bytes, stored] : row) {
+            init();
+            if (stored)
+                fill(1);
+            auto disk = std::make_unique<FullDisk>(rlim_t(bytes));
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            QCOMPARE(store.value(numbered(0)).isValid(), stored);
+            CMVoidReply refused;
+            store.write(numbered(1), ZarkValue::fromString(QString(20000, 'x')), refused);
+            CMError error;
+            refused.onFinished(this, [&error](const CMError& failure) { error = failure; });
+            QTRY_COMPARE(error.name(), QString(CMError::StoreFailed));
+            QVERIFY2(error.message().source().contains("the disk at /"), qPrintable(error.message().source()));
+            disk.reset();
+            QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
+        }
     }
 
     void everySubsetOfTheFilesIsAStart()
@@ -276,26 +236,23 @@ private Q_SLOTS:
         }
     }
 
-    void storedValuesKeepToThePresentBounds_data()
-    {
-        QTest::addColumn<ZarkValue>("stored");
-        QTest::addColumn<int>("value");
-        QTest::newRow("within") << ZarkValue::fromI32(8) << 8;
-        QTest::newRow("above the maximum") << ZarkValue::fromI32(10) << 7;
-        QTest::newRow("of another type") << ZarkValue::fromI64(8) << 7;
-    }
-
     void storedValuesKeepToThePresentBounds()
     {
-        QFETCH(ZarkValue, stored);
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-        QCOMPARE(write(store, 1, stored), QString());
-        CMRootWorker root(&store);
-        CMNodes nodes(root.tree());
-        auto* const node = CMValueNode::create(&nodes, numbered(1), ZarkValue::fromI32(7), CMValueNode::Persistent);
-        node->setEdit({ { "maximum", 9 } });
-        QTEST(int(node->value().i32()), "value");
+        Rows<ZarkValue, int> row;
+        row("within", ZarkValue::fromI32(8), 8);
+        row("above the maximum", ZarkValue::fromI32(10), 7);
+        row("of another type", ZarkValue::fromI64(8), 7);
+        for (const auto& [stored, value] : row) {
+            init();
+            CMStore store;
+            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            QCOMPARE(write(store, 1, stored), QString());
+            CMRootWorker root(&store);
+            CMNodes nodes(root.tree());
+            auto* const node = CMValueNode::create(&nodes, numbered(1), ZarkValue::fromI32(7), CMValueNode::Persistent);
+            node->setEdit({ { "maximum", 9 } });
+            QCOMPARE(int(node->value().i32()), value);
+        }
     }
 
     void nodesChangeAfterTheCommit()
@@ -336,32 +293,6 @@ private Q_SLOTS:
         QCOMPARE(make(&nodes)->value().i32(), 5);
     }
 
-    void killingLosesNoAnsweredWrite()
-    {
-        int answered = -1;
-        for (int round = 0; round < 3; ++round) {
-            init();
-            QProcess writer;
-            writer.start(QCoreApplication::applicationFilePath(), { "--write", m_file });
-            QVERIFY(writer.waitForStarted());
-            QByteArray output;
-            while (output.count('\n') < 20 + round * 77 && writer.waitForReadyRead())
-                output += writer.readAllStandardOutput();
-            writer.kill();
-            writer.waitForFinished();
-            QCOMPARE(writer.exitStatus(), QProcess::CrashExit);
-            output += writer.readAllStandardOutput();
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
-            const QList<QByteArray> lines = output.left(output.lastIndexOf('\n')).split('\n');
-            for (const QByteArray& line : lines) {
-                answered = line.toInt();
-                QCOMPARE(store.value(numbered(answered)), ZarkValue::fromI32(answered));
-            }
-            QVERIFY(lines.size() >= 20);
-        }
-    }
-
 private:
     QString write(CMStore& store, int index, const ZarkValue& value)
     {
@@ -377,31 +308,13 @@ private:
         for (int i = 0; i < count; ++i)
             store.write(numbered(i), ZarkValue::fromString(QString(500, 'x')), {});
     }
-    QByteArray read() const
-    {
-        QFile file(m_file);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-    void replace(const QByteArray& bytes) const
-    {
-        QFile file(m_file);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        QCOMPARE(file.write(bytes), qint64(bytes.size()));
-    }
+    QByteArray read() const { return contentOf(m_file); }
+    void replace(const QByteArray& bytes) const { writeFile(m_file, bytes); }
 
     std::unique_ptr<QTemporaryDir> m_dir;
     QString m_file;
     QString m_error;
 };
 
-int main(int argc, char** argv)
-{
-    QCoreApplication application(argc, argv);
-    const QStringList arguments = application.arguments();
-    if (arguments.value(1) == QLatin1String("--write"))
-        return writeForever(application, arguments.value(2));
-    CMStoreTest test;
-    return QTest::qExec(&test, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(CMStoreTest)
 #include "CMStoreTest.moc"

@@ -1,7 +1,8 @@
-#include <QTest>
+#include <QtTest>
 
 #include "CryptoAes.h"
 #include "CryptoHash.h"
+#include "Rows.h"
 
 class CryptoTest : public QObject {
     Q_OBJECT
@@ -38,60 +39,44 @@ private Q_SLOTS:
         }
     }
 
-    void badInputIsRefused_data()
-    {
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<QByteArray>("key");
-        QTest::addColumn<QByteArray>("iv");
-        QTest::addColumn<int>("cipherSize");
-        QTest::addColumn<bool>("encrypts");
-        const int cbc = CryptoAes::CbcPkcs7;
-        QTest::newRow("ECB") << int(CryptoAes::Ecb) << m_key << m_iv << 48 << false;
-        QTest::newRow("mode from the wire") << 7 << m_key << m_iv << 48 << false;
-        QTest::newRow("key of 128 bits") << cbc << m_key.left(16) << m_iv << 48 << false;
-        QTest::newRow("IV too short") << cbc << m_key << m_iv.left(15) << 48 << false;
-        QTest::newRow("no cipher text") << cbc << m_key << m_iv << 0 << true;
-        QTest::newRow("cut inside the last block") << cbc << m_key << m_iv << 47 << true;
-        QTest::newRow("last block missing") << cbc << m_key << m_iv << 32 << true;
-    }
-
     void badInputIsRefused()
     {
-        QFETCH(int, mode);
-        QFETCH(QByteArray, key);
-        QFETCH(QByteArray, iv);
-        QFETCH(int, cipherSize);
-        QFETCH(bool, encrypts);
-        QByteArray cipherText;
-        QVERIFY(CryptoAes::encrypt(CryptoAes::CbcPkcs7, m_key, m_iv, m_plain, &cipherText));
-        QCOMPARE(cipherText.left(32).toHex(), m_cipherBlocks);
-        QByteArray out("left over");
-        QVERIFY(!CryptoAes::decrypt(CryptoAes::Mode(mode), key, iv, cipherText.left(cipherSize), &out));
-        QCOMPARE(out, QByteArray());
-        QCOMPARE(CryptoAes::encrypt(CryptoAes::Mode(mode), key, iv, m_plain, &out), encrypts);
-        QCOMPARE(out, encrypts ? cipherText : QByteArray());
-    }
-
-    void badPaddingIsRefused_data()
-    {
-        QTest::addColumn<QByteArray>("lastBlock");
-        QTest::addColumn<bool>("valid");
-        QTest::newRow("a whole block of 16") << QByteArray(16, '\x10') << true;
-        QTest::newRow("0") << QByteArray(15, 'x') + '\0' << false;
-        QTest::newRow("17") << QByteArray(16, '\x11') << false;
-        QTest::newRow("16 with a wrong first byte") << '\x0f' + QByteArray(15, '\x10') << false;
+        Rows<int, QByteArray, QByteArray, int, bool> row;
+        const int cbc = CryptoAes::CbcPkcs7;
+        row("ECB", CryptoAes::Ecb, m_key, m_iv, 48, false);
+        row("mode from the wire", 7, m_key, m_iv, 48, false);
+        row("key of 128 bits", cbc, m_key.left(16), m_iv, 48, false);
+        row("IV too short", cbc, m_key, m_iv.left(15), 48, false);
+        row("no cipher text", cbc, m_key, m_iv, 0, true);
+        row("cut inside the last block", cbc, m_key, m_iv, 47, true);
+        row("last block missing", cbc, m_key, m_iv, 32, true);
+        for (const auto& [mode, key, iv, cipherSize, encrypts] : row) {
+            QByteArray cipherText;
+            QVERIFY(CryptoAes::encrypt(CryptoAes::CbcPkcs7, m_key, m_iv, m_plain, &cipherText));
+            QCOMPARE(cipherText.left(32).toHex(), m_cipherBlocks);
+            QByteArray out("left over");
+            QVERIFY(!CryptoAes::decrypt(CryptoAes::Mode(mode), key, iv, cipherText.left(cipherSize), &out));
+            QCOMPARE(out, QByteArray());
+            QCOMPARE(CryptoAes::encrypt(CryptoAes::Mode(mode), key, iv, m_plain, &out), encrypts);
+            QCOMPARE(out, encrypts ? cipherText : QByteArray());
+        }
     }
 
     void badPaddingIsRefused()
     {
-        QFETCH(QByteArray, lastBlock);
-        QFETCH(bool, valid);
-        // The padding of whole blocks is a block of its own: without it, lastBlock is what is checked.
-        QByteArray text;
-        QVERIFY(CryptoAes::encrypt(CryptoAes::CbcPkcs7, m_key, m_iv, m_plain + lastBlock, &text));
-        text.chop(16);
-        QCOMPARE(CryptoAes::decrypt(CryptoAes::CbcPkcs7, m_key, m_iv, text, &text), valid);
-        QCOMPARE(text, valid ? m_plain : QByteArray());
+        Rows<QByteArray, bool> row;
+        row("a whole block of 16", QByteArray(16, '\x10'), true);
+        row("0", QByteArray(15, 'x') + '\0', false);
+        row("17", QByteArray(16, '\x11'), false);
+        row("16 with a wrong first byte", '\x0f' + QByteArray(15, '\x10'), false);
+        for (const auto& [lastBlock, valid] : row) {
+            // The padding of whole blocks is a block of its own: without it, lastBlock is what is checked.
+            QByteArray text;
+            QVERIFY(CryptoAes::encrypt(CryptoAes::CbcPkcs7, m_key, m_iv, m_plain + lastBlock, &text));
+            text.chop(16);
+            QCOMPARE(CryptoAes::decrypt(CryptoAes::CbcPkcs7, m_key, m_iv, text, &text), valid);
+            QCOMPARE(text, valid ? m_plain : QByteArray());
+        }
     }
 
 private:

@@ -1,10 +1,8 @@
-#include <QFile>
-#include <QRegularExpression>
-#include <QTemporaryFile>
-#include <QTest>
+#include <QtTest>
 
 #include <unistd.h>
 
+#include "Rows.h"
 #include "dbglog.h"
 
 namespace {
@@ -110,53 +108,48 @@ private Q_SLOTS:
         QVERIFY(logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
     }
 
-    void faultsOfAPropertyFileAreNamed_data()
+    void faultsOfAPropertyFileAreNamed()
     {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QString>("fault");
-        const auto row = [](const char* fault, const QByteArray& text) {
-            QTest::newRow(text.trimmed().split('\n').constLast()) << text << fault;
+        Rows<QByteArray, QString> row;
+        const auto add = [&](const char* fault, const QByteArray& text) {
+            row(text.trimmed().split('\n').constLast(), text, fault);
         };
         const QByteArray root = "log4cplus.rootLogger=INFO, A\n";
         const QByteArray good = root + "log4cplus.appender.A=log4cplus::ConsoleAppender\n";
-        row("", "# quiet\n\nlog4cplus.rootLogger = off\n");
+        add("", "# quiet\n\nlog4cplus.rootLogger = off\n");
         qputenv("LOG_DIRECTORY", "/dev");
-        row("",
+        add("",
             good
                 + "log4cplus.appender.A.layout = "
                   "log4cplus::TTCCLayout\r\nlog4cplus.appender.B=log4cplus::FileAppender\n"
                   "log4cplus.appender.B.File=${LOG_DIRECTORY}/null\n");
-        row("3: neither a comment nor \"key=value\"", good + "oops\n");
-        row("3: the key \"log4cplus.rootLogger\" comes twice", good + root);
-        row("1: unknown key \"log4cplus.rootLoger\"", "log4cplus.rootLoger=INFO\n");
-        row("3: unknown key \"log4cplus.appender.A.logToStdEr\"", good + "log4cplus.appender.A.logToStdEr=true\n");
-        row("1: there is no appender \"A\"", root);
-        row("3: unknown level \"LOUD\"", good + "log4cplus.logger.Unit=LOUD\n");
-        row("3: unknown level \"LOUD\"", good + "log4cplus.appender.A.Threshold=LOUD\n");
-        row("2: unknown class \"log4cplus::ConsolAppender\"",
+        add("3: neither a comment nor \"key=value\"", good + "oops\n");
+        add("3: the key \"log4cplus.rootLogger\" comes twice", good + root);
+        add("1: unknown key \"log4cplus.rootLoger\"", "log4cplus.rootLoger=INFO\n");
+        add("3: unknown key \"log4cplus.appender.A.logToStdEr\"", good + "log4cplus.appender.A.logToStdEr=true\n");
+        add("1: there is no appender \"A\"", root);
+        add("3: unknown level \"LOUD\"", good + "log4cplus.logger.Unit=LOUD\n");
+        add("3: unknown level \"LOUD\"", good + "log4cplus.appender.A.Threshold=LOUD\n");
+        add("2: unknown class \"log4cplus::ConsolAppender\"",
             root + "log4cplus.appender.A=log4cplus::ConsolAppender\n");
-        row("2: unknown class \"log4cplus::RolingFileAppender\"",
+        add("2: unknown class \"log4cplus::RolingFileAppender\"",
             root + "log4cplus.appender.A=log4cplus::RolingFileAppender\nlog4cplus.appender.A.File=/dev/null\n");
-        row("3: unknown class \"PatternLayout\"", good + "log4cplus.appender.A.layout=PatternLayout\n");
-        row("3: \"log4cplus.appender.A.layout.ConversionPattern\" is missing",
+        add("3: unknown class \"PatternLayout\"", good + "log4cplus.appender.A.layout=PatternLayout\n");
+        add("3: \"log4cplus.appender.A.layout.ConversionPattern\" is missing",
             good + "log4cplus.appender.A.layout=log4cplus::PatternLayout\n");
-        row("3: \"/no/such/log\" cannot be written", good + "log4cplus.appender.A.File=/no/such/log\n");
-        row("1: nothing would be logged: no logger has an appender", "log4cplus.rootLogger=INFO\n");
-    }
-
-    void faultsOfAPropertyFileAreNamed()
-    {
-        QFETCH(QByteArray, text);
-        QFETCH(QString, fault);
-        QTemporaryFile file;
-        QVERIFY(file.open() && file.write(text) == text.size());
-        file.close();
-        QVERIFY(DbgLogger::configure(QStringLiteral("debug"), true));
-        QString error;
-        QCOMPARE(DbgLogger::configureFromFile(file.fileName(), &error), fault.isEmpty());
-        QCOMPARE(error, fault.isEmpty() ? QString() : file.fileName() + ':' + fault);
-        // What was in force stays in force.
-        QCOMPARE(logger().isEnabled(log4cplus::DEBUG_LOG_LEVEL), !fault.isEmpty());
+        add("3: \"/no/such/log\" cannot be written", good + "log4cplus.appender.A.File=/no/such/log\n");
+        add("1: nothing would be logged: no logger has an appender", "log4cplus.rootLogger=INFO\n");
+        for (const auto& [text, fault] : row) {
+            QTemporaryFile file;
+            QVERIFY(file.open() && file.write(text) == text.size());
+            file.close();
+            QVERIFY(DbgLogger::configure(QStringLiteral("debug"), true));
+            QString error;
+            QCOMPARE(DbgLogger::configureFromFile(file.fileName(), &error), fault.isEmpty());
+            QCOMPARE(error, fault.isEmpty() ? QString() : file.fileName() + ':' + fault);
+            // What was in force stays in force.
+            QCOMPARE(logger().isEnabled(log4cplus::DEBUG_LOG_LEVEL), !fault.isEmpty());
+        }
     }
 };
 

@@ -1,33 +1,17 @@
-#include <QDir>
-#include <QFile>
-#include <QFileInfo>
-#include <QTemporaryDir>
-#include <QTest>
+#include <QtTest>
 
 #include <sys/stat.h>
 
 #include "CertificatePair.h"
 #include "DeviceCertificate.h"
-#include "ZarkProcessHandler.h"
+#include "Files.h"
+#include "Rows.h"
 
 namespace {
 
-QByteArray contentOf(const QString& name)
-{
-    QFile file(name);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-void write(const QString& name, const QByteArray& content)
-{
-    QFile file(name);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-
 QByteArray openssl(const QStringList& arguments)
 {
-    return ZarkProcessHandler::startSync("openssl", arguments, 10000).getData();
+    return runTool("openssl", arguments).output;
 }
 
 QByteArray makePair(const QTemporaryDir& directory, const QString& name, const QString& subject)
@@ -44,7 +28,7 @@ class ToolInFront {
 public:
     explicit ToolInFront(const QByteArray& command, const QString& asked = "/dev/null") : m_path(qgetenv("PATH"))
     {
-        write(m_directory.filePath("openssl"),
+        writeFile(m_directory.filePath("openssl"),
             "#!/bin/sh\necho \"$*\" >>" + QFile::encodeName(asked) + "\ncase $* in " + command
                 + ";; esac\nPATH=${PATH#*:} exec openssl \"$@\"\n");
         QFile::setPermissions(m_directory.filePath("openssl"), QFile::Permissions(0x7700));
@@ -70,47 +54,35 @@ private Q_SLOTS:
         QVERIFY(m_authority.contains("PRIVATE KEY"));
     }
 
-    void extensionsNameEveryAddress_data()
-    {
-        QTest::addColumn<QSet<QString>>("addresses");
-        QTest::addColumn<QByteArray>("names");
-        using Set = QSet<QString>;
-        QTest::newRow("one") << Set{ "192.0.2.7" } << QByteArray("IP:192.0.2.7,IP:127.0.0.1");
-        QTest::newRow("both families") << Set{ "192.0.2.7", "2001:db8::1" }
-                                       << QByteArray("IP:192.0.2.7,IP:2001:db8::1,IP:127.0.0.1");
-        QTest::newRow("a zone") << Set{ "fe80::1%eth0" } << QByteArray("IP:fe80::1,IP:127.0.0.1");
-        QTest::newRow("no address") << Set{ "192.0.2.7", "", "x\nbasicConstraints = CA:TRUE" }
-                                    << QByteArray("IP:192.0.2.7,IP:127.0.0.1");
-    }
-
     void extensionsNameEveryAddress()
     {
-        QFETCH(QSet<QString>, addresses);
-        QFETCH(QByteArray, names);
-        QCOMPARE(DeviceCertificate::extensions(addresses),
-            "[v3_ca]\nbasicConstraints = CA:FALSE\nkeyUsage = digitalSignature, keyEncipherment\n"
-            "extendedKeyUsage = serverAuth\nsubjectAltName = "
-                + names + '\n');
-    }
-
-    void theSubjectFollowsTheAuthority_data()
-    {
-        QTest::addColumn<QByteArray>("answer");
-        QTest::addColumn<QString>("subject");
-        const QString fixed = "/C=AT/ST=Vienna/O=Orvanta/CN=Tidekit-device";
-        QTest::newRow("name last") << QByteArray("subject=/C=DE/O=Maker/CN=Root 1\n")
-                                   << "/C=DE/O=Maker/CN=Tidekit-device";
-        QTest::newRow("name first") << QByteArray("subject= /CN=Root/O=Maker\n") << "/CN=Tidekit-device/O=Maker";
-        QTest::newRow("two names") << QByteArray("subject=/CN=a/CN=b\n") << "/CN=Tidekit-device/CN=Tidekit-device";
-        QTest::newRow("no name") << QByteArray("subject=/O=Maker\n") << "/O=Maker/CN=Tidekit-device";
-        QTest::newRow("no subject") << QByteArray("warning: what?\n") << fixed;
-        QTest::newRow("nothing") << QByteArray() << fixed;
+        Rows<QSet<QString>, QByteArray> row;
+        using Set = QSet<QString>;
+        row("one", Set{ "192.0.2.7" }, "IP:192.0.2.7,IP:127.0.0.1");
+        row("both families", Set{ "192.0.2.7", "2001:db8::1" }, "IP:192.0.2.7,IP:2001:db8::1,IP:127.0.0.1");
+        row("a zone", Set{ "fe80::1%eth0" }, "IP:fe80::1,IP:127.0.0.1");
+        row("no address", Set{ "192.0.2.7", "", "x\nbasicConstraints = CA:TRUE" }, "IP:192.0.2.7,IP:127.0.0.1");
+        for (const auto& [addresses, names] : row) {
+            QCOMPARE(DeviceCertificate::extensions(addresses),
+                "[v3_ca]\nbasicConstraints = CA:FALSE\nkeyUsage = digitalSignature, keyEncipherment\n"
+                "extendedKeyUsage = serverAuth\nsubjectAltName = "
+                    + names + '\n');
+        }
     }
 
     void theSubjectFollowsTheAuthority()
     {
-        QFETCH(QByteArray, answer);
-        QTEST(DeviceCertificate::subjectFrom(answer), "subject");
+        Rows<QByteArray, QString> row;
+        const QString fixed = "/C=AT/ST=Vienna/O=Orvanta/CN=Tidekit-device";
+        row("name last", "subject=/C=DE/O=Maker/CN=Root 1\n", "/C=DE/O=Maker/CN=Tidekit-device");
+        row("name first", "subject= /CN=Root/O=Maker\n", "/CN=Tidekit-device/O=Maker");
+        row("two names", "subject=/CN=a/CN=b\n", "/CN=Tidekit-device/CN=Tidekit-device");
+        row("no name", "subject=/O=Maker\n", "/O=Maker/CN=Tidekit-device");
+        row("no subject", "warning: what?\n", fixed);
+        row("nothing", {}, fixed);
+        for (const auto& [answer, subject] : row) {
+            QCOMPARE(DeviceCertificate::subjectFrom(answer), subject);
+        }
     }
 
     void newAddressesKeepTheKey()
@@ -142,61 +114,44 @@ private Q_SLOTS:
             QCOMPARE(info.permissions() & 0x77, QFile::Permissions());
     }
 
-    void preparedNamesLeadNowhere_data()
-    {
-        QTest::addColumn<QString>("name");
-        for (const char* name : { "soup-key.pem", "soup-dev-csr.pem", "soup-cert.pem" })
-            QTest::newRow(name) << name;
-    }
-
     void preparedNamesLeadNowhere()
     {
-        QFETCH(QString, name);
-        const QTemporaryDir work;
-        const QString victim = m_pairs.filePath("victim");
-        write(victim, "untouched");
-        QVERIFY(QFile::link(victim, work.filePath(name)));
-        DeviceCertificate certificate(m_authority, work.path());
-        QString error;
-        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
-        QCOMPARE(contentOf(victim), QByteArray("untouched"));
+        for (const char* name : { "soup-key.pem", "soup-dev-csr.pem", "soup-cert.pem" }) {
+            const QTemporaryDir work;
+            const QString victim = m_pairs.filePath("victim");
+            writeFile(victim, "untouched");
+            QVERIFY(QFile::link(victim, work.filePath(name)));
+            DeviceCertificate certificate(m_authority, work.path());
+            QString error;
+            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+            QCOMPARE(contentOf(victim), QByteArray("untouched"));
 
-        // A file that others can read, as somebody who wants the key would leave it.
-        QFile::remove(work.filePath(name));
-        write(work.filePath(name), {});
-        QFile prepared(work.filePath(name));
-        QVERIFY(prepared.setPermissions(QFile::Permissions(0x6666)) && prepared.open(QIODevice::ReadOnly));
-        QVERIFY2(certificate.renew({ "192.0.2.8" }, &error), qPrintable(error));
-        QCOMPARE(prepared.readAll(), QByteArray());
-    }
-
-    void failuresAreNamed_data()
-    {
-        QTest::addColumn<QByteArray>("authority");
-        QTest::addColumn<QString>("prepare");
-        QTest::addColumn<QString>("error");
-        QTest::newRow("no authority") << QByteArray("x") << ""
-                                      << "Unable to create device key: ";
-        QTest::newRow("a directory at the key's name") << m_authority << "soup-key.pem"
-                                                       << "Unable to create device key: ";
-        QTest::newRow("a directory at the request's name") << m_authority << "soup-dev-csr.pem"
-                                                           << "Unable to create csr: ";
-        QTest::newRow("a directory at the certificate's name") << m_authority << "soup-cert.pem"
-                                                               << "Unable to create device key: ";
+            // A file that others can read, as somebody who wants the key would leave it.
+            QFile::remove(work.filePath(name));
+            writeFile(work.filePath(name), {});
+            QFile prepared(work.filePath(name));
+            QVERIFY(prepared.setPermissions(QFile::Permissions(0x6666)) && prepared.open(QIODevice::ReadOnly));
+            QVERIFY2(certificate.renew({ "192.0.2.8" }, &error), qPrintable(error));
+            QCOMPARE(prepared.readAll(), QByteArray());
+        }
     }
 
     void failuresAreNamed()
     {
-        QFETCH(QByteArray, authority);
-        QFETCH(QString, prepare);
-        QFETCH(QString, error);
-        const QTemporaryDir work;
-        QVERIFY(prepare.isEmpty() || QDir(work.path()).mkdir(prepare));
-        DeviceCertificate certificate(authority, work.path());
-        QString said;
-        QVERIFY(!certificate.renew({ "192.0.2.7" }, &said));
-        QVERIFY2(said.startsWith(error) && said.size() > error.size(), qPrintable(said));
-        QVERIFY(certificate.certificateFile().isEmpty());
+        Rows<QByteArray, QString, QString> row;
+        row("no authority", "x", "", "Unable to create device key: ");
+        row("a directory at the key's name", m_authority, "soup-key.pem", "Unable to create device key: ");
+        row("a directory at the request's name", m_authority, "soup-dev-csr.pem", "Unable to create csr: ");
+        row("a directory at the certificate's name", m_authority, "soup-cert.pem", "Unable to create device key: ");
+        for (const auto& [authority, prepare, error] : row) {
+            const QTemporaryDir work;
+            QVERIFY(prepare.isEmpty() || QDir(work.path()).mkdir(prepare));
+            DeviceCertificate certificate(authority, work.path());
+            QString said;
+            QVERIFY(!certificate.renew({ "192.0.2.7" }, &said));
+            QVERIFY2(said.startsWith(error) && said.size() > error.size(), qPrintable(said));
+            QVERIFY(certificate.certificateFile().isEmpty());
+        }
     }
 
     void aDirectoryInWhichOthersReplaceFilesIsRefused()
@@ -209,26 +164,21 @@ private Q_SLOTS:
         QVERIFY2(DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &error), qPrintable(error));
     }
 
-    void whatTheToolCutsShortIsAFailureAndTriedAgain_data()
-    {
-        QTest::addColumn<QByteArray>("command");
-        QTest::newRow("no key") << QByteArray("genrsa*) : >$3; exit 0");
-        QTest::newRow("half a key") << QByteArray("genrsa*) echo -----BEGIN >$3; exit 0");
-        QTest::newRow("no certificate") << QByteArray("*x509*-req*) exit 0");
-    }
-
     void whatTheToolCutsShortIsAFailureAndTriedAgain()
     {
-        QFETCH(QByteArray, command);
-        const QTemporaryDir work;
-        DeviceCertificate certificate(m_authority, work.path());
-        QString error;
-        {
-            const ToolInFront tool(command);
-            QVERIFY(!certificate.renew({ "192.0.2.7" }, &error));
+        // No key, half a key, no certificate.
+        for (const char* command :
+            { "genrsa*) : >$3; exit 0", "genrsa*) echo -----BEGIN >$3; exit 0", "*x509*-req*) exit 0" }) {
+            const QTemporaryDir work;
+            DeviceCertificate certificate(m_authority, work.path());
+            QString error;
+            {
+                const ToolInFront tool(command);
+                QVERIFY(!certificate.renew({ "192.0.2.7" }, &error));
+            }
+            QVERIFY2(error.startsWith("Unable to create device key: "), qPrintable(error));
+            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
         }
-        QVERIFY2(error.startsWith("Unable to create device key: "), qPrintable(error));
-        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
     }
 
     void anAuthorityWithoutReadableSubjectStillSigns()
@@ -248,11 +198,9 @@ private Q_SLOTS:
         QVERIFY2(asked.contains(" -sha256 -subj /C=AT/ST=Vienna/O=Orvanta/CN=Tidekit-device\n"), asked.constData());
     }
 
-    void pairs_data()
+    void pairs()
     {
-        QTest::addColumn<QByteArray>("certificate");
-        QTest::addColumn<QByteArray>("key");
-        QTest::addColumn<QString>("fault");
+        Rows<QByteArray, QByteArray, QString> row;
         makePair(m_pairs, "other", "/CN=other");
         openssl({ "ecparam", "-genkey", "-name", "prime256v1", "-out", m_pairs.filePath("ec.key") });
         openssl({ "pkey", "-in", m_pairs.filePath("other.key"), "-aes128", "-passout", "pass:abcd", "-out",
@@ -260,25 +208,20 @@ private Q_SLOTS:
         const auto file = [this](const char* name) {
             return contentOf(m_pairs.filePath(name));
         };
-        QTest::newRow("belong together") << file("other.pem") << file("other.key") << "";
-        QTest::newRow("a chain") << file("other.pem") + file("authority.pem") << file("other.key") << "";
-        QTest::newRow("another key") << file("other.pem") << file("authority.key") << "belong";
-        QTest::newRow("a key of another kind") << file("other.pem") << file("ec.key") << "belong";
-        QTest::newRow("a key with a password") << file("other.pem") << file("locked.key") << "password";
-        QTest::newRow("no key") << file("other.pem") << QByteArray() << "";
-        QTest::newRow("no certificate") << QByteArray() << file("ec.key") << "";
-        QTest::newRow("a key for a certificate") << file("other.key") << file("other.key") << "certificate is not";
-        QTest::newRow("a certificate for a key") << file("other.pem") << file("other.pem") << "key is not";
-    }
-
-    void pairs()
-    {
-        QFETCH(QByteArray, certificate);
-        QFETCH(QByteArray, key);
-        QFETCH(QString, fault);
-        const QString found = certificatePairFault(certificate, key);
-        QCOMPARE(found.isEmpty(), fault.isEmpty());
-        QVERIFY2(found.contains(fault), qPrintable(found));
+        row("belong together", file("other.pem"), file("other.key"), "");
+        row("a chain", file("other.pem") + file("authority.pem"), file("other.key"), "");
+        row("another key", file("other.pem"), file("authority.key"), "belong");
+        row("a key of another kind", file("other.pem"), file("ec.key"), "belong");
+        row("a key with a password", file("other.pem"), file("locked.key"), "password");
+        row("no key", file("other.pem"), {}, "");
+        row("no certificate", {}, file("ec.key"), "");
+        row("a key for a certificate", file("other.key"), file("other.key"), "certificate is not");
+        row("a certificate for a key", file("other.pem"), file("other.pem"), "key is not");
+        for (const auto& [certificate, key, fault] : row) {
+            const QString found = certificatePairFault(certificate, key);
+            QCOMPARE(found.isEmpty(), fault.isEmpty());
+            QVERIFY2(found.contains(fault), qPrintable(found));
+        }
     }
 
 private:

@@ -1,7 +1,4 @@
-#include <QAbstractEventDispatcher>
 #include <QTcpSocket>
-#include <QTemporaryDir>
-#include <QTimer>
 #include <QtTest>
 
 #include "CMNodes.h"

@@ -1,6 +1,7 @@
 #include <QtTest>
 
 #include "MultipartParser.h"
+#include "Rows.h"
 
 namespace {
 
@@ -88,40 +89,32 @@ class MultipartParserTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
     // In one piece, in pieces of one byte, and cut in two at every place.
-    void cutAnywhere_data()
-    {
-        QTest::addColumn<int>("row");
-        for (size_t i = 0; i < rows().size(); ++i)
-            QTest::newRow(rows()[i].name) << int(i);
-    }
     void cutAnywhere()
     {
-        QFETCH(int, row);
-        const Row& expected = rows()[size_t(row)];
-        const int size = expected.body.size();
-        for (int cut = 0; cut <= std::min(size, 500) && !QTest::currentTestFailed(); ++cut)
-            check(expected, { cut, size - cut });
-        check(expected, QVector<int>(size, 1));
+        for (const Row& expected : rows()) {
+            const int size = expected.body.size();
+            for (int cut = 0; cut <= std::min(size, 500); ++cut)
+                check(expected, { cut, size - cut });
+            check(expected, QVector<int>(size, 1));
+            QVERIFY2(!QTest::currentTestFailed(), expected.name);
+        }
     }
 
-    void boundaries_data()
-    {
-        QTest::addColumn<QByteArray>("parameter");
-        QTest::addColumn<QByteArray>("boundary");
-        QTest::newRow("bare") << QByteArray("XyZ") << QByteArray("XyZ");
-        QTest::newRow("later parameter") << QByteArray("XyZ ; charset=utf-8") << QByteArray("XyZ");
-        QTest::newRow("quoted") << QByteArray("\"X y:Z\"; charset=utf-8") << QByteArray("X y:Z");
-        QTest::newRow("no such character") << QByteArray("\"X;Z\"") << QByteArray();
-        QTest::newRow("quote left open") << QByteArray("\"XyZ") << QByteArray();
-        QTest::newRow("empty") << QByteArray() << QByteArray();
-        QTest::newRow("ends in a blank") << QByteArray("\"XyZ \"") << QByteArray();
-        QTest::newRow("71 characters") << QByteArray(71, 'x') << QByteArray();
-        QTest::newRow("line break") << QByteArray("X\r\nZ") << QByteArray();
-    }
     void boundaries()
     {
-        QFETCH(QByteArray, parameter);
-        QTEST(MultipartParser::boundaryOf(parameter), "boundary");
+        Rows<QByteArray, QByteArray> row;
+        row("bare", "XyZ", "XyZ");
+        row("later parameter", "XyZ ; charset=utf-8", "XyZ");
+        row("quoted", "\"X y:Z\"; charset=utf-8", "X y:Z");
+        row("no such character", "\"X;Z\"", {});
+        row("quote left open", "\"XyZ", {});
+        row("empty", {}, {});
+        row("ends in a blank", "\"XyZ \"", {});
+        row("71 characters", QByteArray(71, 'x'), {});
+        row("line break", "X\r\nZ", {});
+        for (const auto& [parameter, boundary] : row) {
+            QCOMPARE(MultipartParser::boundaryOf(parameter), boundary);
+        }
     }
 
 private:

@@ -1,30 +1,17 @@
-#include <QDir>
-#include <QFile>
-#include <QProcess>
-#include <QTemporaryDir>
 #include <QtTest>
-
-#include <cerrno>
-#include <cstring>
-#include <sched.h>
-#include <unistd.h>
 
 #include "CMNodes.h"
 #include "CMRoot.h"
+#include "Files.h"
+#include "Namespace.h"
 #include "NetworkNode.h"
 #include "ZarkPaths.h"
-
-// Runs in a network namespace of its own, which holds nothing but what the tests make.
 
 namespace {
 
 bool ip(const QString& commands)
 {
-    QProcess process;
-    process.start(QStringLiteral("ip"), { "-batch", "-" });
-    process.write(commands.toLatin1());
-    process.closeWriteChannel();
-    return process.waitForFinished() && process.exitCode() == 0;
+    return runTool("ip", { "-batch", "-" }, commands.toLatin1()).status == 0;
 }
 
 QString describe(const ZarkNetworkInterface& interface)
@@ -46,11 +33,8 @@ QString wired()
 /// What the kernel has dropped of the reports to this process's sockets.
 int droppedReports()
 {
-    QFile file(QStringLiteral("/proc/net/netlink"));
-    if (!file.open(QIODevice::ReadOnly))
-        return -1;
     int dropped = 0;
-    const QList<QByteArray> lines = file.readAll().split('\n').mid(1);
+    const QList<QByteArray> lines = contentOf("/proc/net/netlink").split('\n').mid(1);
     for (const QByteArray& line : lines) {
         const QList<QByteArray> fields = line.simplified().split(' '); // sk Eth Pid Groups Rmem Wmem Dump Locks Drops
         if (fields.value(1) == "0")
@@ -59,27 +43,16 @@ int droppedReports()
     return dropped;
 }
 
-/// As root, or as the root of a user namespace.
-bool enterNamespace()
-{
-    const QByteArray map = "0 " + QByteArray::number(getuid()) + " 1";
-    if (unshare(CLONE_NEWNET) == 0)
-        return true;
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
-        return false;
-    QFile file(QStringLiteral("/proc/self/uid_map"));
-    return file.open(QIODevice::WriteOnly) && file.write(map) == map.size();
-}
-
 } // namespace
 
+/// In a network namespace of its own, which holds nothing but what the tests make.
 class SystemNetworkTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(ip(QStringLiteral("link set lo up\n"))); }
+    void initTestCase() { QVERIFY(ip("link del zark0\n")); }
 
-    void cleanup() { QVERIFY(ip(QStringLiteral("link del e0\n"))); }
+    void cleanup() { QVERIFY(ip("link del e0\n")); }
 
     void nodeFollowsTheKernel()
     {
@@ -89,38 +62,37 @@ private Q_SLOTS:
         QCOMPARE(wired(), QString()); // Loopback is none of them.
 
         // The other end is down: e0 has no carrier, so that what must be checked for duplicates stays tentative.
-        QVERIFY(ip(QStringLiteral("link add e0 address 02:00:00:00:00:01 type veth peer name e1\n"
-                                  "link set e1 addrgenmode none\nlink set e0 up\naddr add 192.0.2.1/24 dev e0\n")));
-        QTRY_COMPARE(wired(), QStringLiteral("e0 192.0.2.1/24"));
-        QVERIFY(ip(QStringLiteral("addr add 2001:db8::1/64 dev e0 nodad\naddr add 2001:db8::2/64 dev e0\n")));
-        QTRY_COMPARE(wired(), QStringLiteral("e0 192.0.2.1/24 2001:db8::1/64"));
-        QVERIFY(ip(QStringLiteral("addr change 2001:db8::1/64 dev e0 valid_lft 999 preferred_lft 0\n"
-                                  "addr add 10.0.0.9/8 dev e0\n")));
-        QTRY_COMPARE(
-            wired(), QStringLiteral("e0 10.0.0.9/8 192.0.2.1/24 2001:db8::1/64")); // Deprecated, and still used.
+        QVERIFY(ip("link add e0 address 02:00:00:00:00:01 type veth peer name e1\n"
+                   "link set e1 addrgenmode none\nlink set e0 up\naddr add 192.0.2.1/24 dev e0\n"));
+        QTRY_COMPARE(wired(), QString("e0 192.0.2.1/24"));
+        QVERIFY(ip("addr add 2001:db8::1/64 dev e0 nodad\naddr add 2001:db8::2/64 dev e0\n"));
+        QTRY_COMPARE(wired(), QString("e0 192.0.2.1/24 2001:db8::1/64"));
+        QVERIFY(ip("addr change 2001:db8::1/64 dev e0 valid_lft 999 preferred_lft 0\n"
+                   "addr add 10.0.0.9/8 dev e0\n"));
+        QTRY_COMPARE(wired(), QString("e0 10.0.0.9/8 192.0.2.1/24 2001:db8::1/64")); // Deprecated, and still used.
 
-        QVERIFY(ip(QStringLiteral("link set e1 up\n")));
-        QTRY_COMPARE_WITH_TIMEOUT(wired(),
-            QStringLiteral("e0 10.0.0.9/8 192.0.2.1/24 2001:db8::1/64 2001:db8::2/64 fe80::ff:fe00:1/64"), 8000);
+        QVERIFY(ip("link set e1 up\n"));
+        QTRY_COMPARE_WITH_TIMEOUT(
+            wired(), QString("e0 10.0.0.9/8 192.0.2.1/24 2001:db8::1/64 2001:db8::2/64 fe80::ff:fe00:1/64"), 8000);
 
-        QVERIFY(ip(QStringLiteral("link set e0 down\n")));
-        QTRY_COMPARE(wired(), QStringLiteral("e0")); // The kernel keeps the IPv4 addresses; nobody can reach them.
-        QVERIFY(ip(QStringLiteral("link set e0 up\naddr del 10.0.0.9/8 dev e0\n")));
-        QTRY_VERIFY(wired().startsWith(QStringLiteral("e0 192.0.2.1/24")));
-        QVERIFY(ip(QStringLiteral("link del e0\n")));
+        QVERIFY(ip("link set e0 down\n"));
+        QTRY_COMPARE(wired(), QString("e0")); // The kernel keeps the IPv4 addresses; nobody can reach them.
+        QVERIFY(ip("link set e0 up\naddr del 10.0.0.9/8 dev e0\n"));
+        QTRY_VERIFY(wired().startsWith("e0 192.0.2.1/24"));
+        QVERIFY(ip("link del e0\n"));
         QTRY_COMPARE(wired(), QString());
-        QVERIFY(ip(QStringLiteral("link add e0 type veth peer name e1\n")));
+        QVERIFY(ip("link add e0 type veth peer name e1\n"));
     }
 
     void interfacesAreToldApart()
     {
         QTemporaryDir sysfs;
-        QVERIFY(QDir(sysfs.path()).mkpath(QStringLiteral("w0/phy80211")));
-        QVERIFY(QDir(sysfs.path()).mkpath(QStringLiteral("w1/wireless")));
-        QVERIFY(QDir(sysfs.path()).mkpath(QStringLiteral("guests/wireless")));
+        QVERIFY(QDir(sysfs.path()).mkpath("w0/phy80211"));
+        QVERIFY(QDir(sysfs.path()).mkpath("w1/wireless"));
+        QVERIFY(QDir(sysfs.path()).mkpath("guests/wireless"));
         // The reverse of the order that is told.
-        QVERIFY(ip(QStringLiteral("link add w1 type veth peer name w0\nlink add uap0 type veth peer name guests\n"
-                                  "link add e1 type veth peer name e0\nlink add ap0 type veth peer name e2\n")));
+        QVERIFY(ip("link add w1 type veth peer name w0\nlink add uap0 type veth peer name guests\n"
+                   "link add e1 type veth peer name e0\nlink add ap0 type veth peer name e2\n"));
         int host = 9;
         for (const char* name : { "w1", "w0", "uap0", "guests", "e1", "e0", "ap0", "e2" }) {
             const QString interface = QString::fromLatin1(name);
@@ -130,11 +102,11 @@ private Q_SLOTS:
         }
         CMRootWorker root;
         CMNodes nodes(root.tree());
-        NetworkNode node(&nodes, InterfaceClassifier({ QStringLiteral("guests") }, sysfs.path()));
+        NetworkNode node(&nodes, InterfaceClassifier({ "guests" }, sysfs.path()));
 
         const ZarkNetworkInfo info = ZarkValue(root.getValue(ZarkNetworkInfoPath())).networkInfo();
-        QCOMPARE(describe(info.wired()), QStringLiteral("e0 192.0.2.4/32 192.0.2.5/32 192.0.2.2/32"));
-        QCOMPARE(describe(info.wireless()), QStringLiteral("w0 192.0.2.8/32 192.0.2.9/32"));
+        QCOMPARE(describe(info.wired()), QString("e0 192.0.2.4/32 192.0.2.5/32 192.0.2.2/32"));
+        QCOMPARE(describe(info.wireless()), QString("w0 192.0.2.8/32 192.0.2.9/32"));
         QStringList accessPoints;
         const QVariantList aps = info.softAp().aps();
         for (const QVariant& variant : aps)
@@ -143,14 +115,14 @@ private Q_SLOTS:
         QCOMPARE(
             addresses.stringList(), QStringList({ "192.0.2.4", "192.0.2.5", "192.0.2.2", "192.0.2.8", "192.0.2.9" }));
         QCOMPARE(accessPoints, QStringList({ "ap0 192.0.2.3/32", "guests 192.0.2.6/32", "uap0 192.0.2.7/32" }));
-        QVERIFY(ip(QStringLiteral("addr flush dev e0\n")));
-        QTRY_COMPARE(wired(), QStringLiteral("e1 192.0.2.5/32 192.0.2.2/32")); // Named by what can be reached.
-        QVERIFY(ip(QStringLiteral("link del w0\nlink del uap0\nlink del ap0\n")));
+        QVERIFY(ip("addr flush dev e0\n"));
+        QTRY_COMPARE(wired(), QString("e1 192.0.2.5/32 192.0.2.2/32")); // Named by what can be reached.
+        QVERIFY(ip("link del w0\nlink del uap0\nlink del ap0\n"));
     }
 
     void lostReportsCostNothing()
     {
-        QVERIFY(ip(QStringLiteral("link add e0 type veth peer name e1\nlink set e0 up\n")));
+        QVERIFY(ip("link add e0 type veth peer name e1\nlink set e0 up\n"));
         CMRootWorker root;
         CMNodes nodes(root.tree());
         NetworkNode node(&nodes, InterfaceClassifier());
@@ -161,19 +133,12 @@ private Q_SLOTS:
         QVERIFY(droppedReports() > 0);
 
         QTRY_COMPARE(wired().count(QLatin1Char('/')), 2000);
-        QVERIFY(wired().endsWith(QStringLiteral(" 10.0.9.200/32")));
-        QVERIFY(ip(QStringLiteral("addr flush dev e0\naddr add 192.0.2.1/24 dev e0\n")));
-        QTRY_COMPARE(wired(), QStringLiteral("e0 192.0.2.1/24"));
+        QVERIFY(wired().endsWith(" 10.0.9.200/32"));
+        QVERIFY(ip("addr flush dev e0\naddr add 192.0.2.1/24 dev e0\n"));
+        QTRY_COMPARE(wired(), QString("e0 192.0.2.1/24"));
     }
 };
 
-int main(int argc, char* argv[])
-{
-    if (!enterNamespace()) // Before there is any thread.
-        qFatal("No network namespace to be had: %s", strerror(errno));
-    QCoreApplication application(argc, argv);
-    SystemNetworkTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+NAMESPACE_TEST_MAIN(SystemNetworkTest)
 
 #include "SystemNetworkTest.moc"

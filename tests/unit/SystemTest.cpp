@@ -1,5 +1,3 @@
-#include <QDateTime>
-#include <QFile>
 #include <QtTest>
 
 #include <memory>
@@ -9,6 +7,8 @@
 #include "CMNodesWorker.h"
 #include "CMRoot.h"
 #include "CMValueItem.h"
+#include "Files.h"
+#include "Rows.h"
 #include "SystemNodes.h"
 #include "SystemSample.h"
 
@@ -32,27 +32,19 @@ class SystemTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void processorShare_data()
-    {
-        QTest::addColumn<QByteArray>("earlier");
-        QTest::addColumn<QByteArray>("later");
-        QTest::addColumn<double>("percent");
-        const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
-        QTest::newRow("idle and waiting are not busy") << zero << QByteArray("cpu  0 0 0 60 40 0 0 0 0 0\n") << 0.0;
-        QTest::newRow("guests are in user already") << zero << QByteArray("cpu  50 0 0 50 0 0 0 0 50 0\n") << 50.0;
-        QTest::newRow("waiting that steps back")
-            << QByteArray("cpu  0 0 0 0 50 0 0 0 0 0\n") << QByteArray("cpu  60 0 0 0 0 0 0 0 0 0\n") << 100.0;
-        QTest::newRow("no tick") << zero << zero << -1.0;
-        QTest::newRow("unreadable") << zero << QByteArray() << -1.0;
-    }
-
     void processorShare()
     {
-        QFETCH(QByteArray, earlier);
-        QFETCH(QByteArray, later);
-        QFETCH(double, percent);
-        const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
-        QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
+        Rows<QByteArray, QByteArray, double> row;
+        const QByteArray zero = "cpu  0 0 0 0 0 0 0 0 0 0\ncpu0 1 2 3\n";
+        row("idle and waiting are not busy", zero, "cpu  0 0 0 60 40 0 0 0 0 0\n", 0.0);
+        row("guests are in user already", zero, "cpu  50 0 0 50 0 0 0 0 50 0\n", 50.0);
+        row("waiting that steps back", "cpu  0 0 0 0 50 0 0 0 0 0\n", "cpu  60 0 0 0 0 0 0 0 0 0\n", 100.0);
+        row("no tick", zero, zero, -1.0);
+        row("unreadable", zero, {}, -1.0);
+        for (const auto& [earlier, later, percent] : row) {
+            const ProcessorTimes from = ProcessorTimes::fromProcStat(earlier);
+            QCOMPARE(ProcessorTimes::fromProcStat(later).percentSince(from), percent);
+        }
     }
 
     void valuesAreThisMachines()
@@ -68,17 +60,14 @@ private Q_SLOTS:
         QVERIFY2(process > 1 << 20 && process < 1 << 30, QByteArray::number(process));
         QVERIFY(qAbs(read("system:time/now").i64() - QDateTime::currentMSecsSinceEpoch()) < 2000);
 
-        QFile uptime(QStringLiteral("/proc/uptime"));
-        QVERIFY(uptime.open(QIODevice::ReadOnly));
-        QVERIFY(
-            qAbs(double(read("system:uptime/seconds").i64()) - uptime.readAll().split(' ').first().toDouble()) <= 2);
+        const double uptime = contentOf("/proc/uptime").split(' ').first().toDouble();
+        QVERIFY(qAbs(double(read("system:uptime/seconds").i64()) - uptime) <= 2);
         char name[256] = {};
         gethostname(name, sizeof name - 1);
         QCOMPARE(read("system:host/name").string(), QString::fromLocal8Bit(name));
 
-        QFile load(QStringLiteral("/proc/loadavg"));
-        QVERIFY(load.open(QIODevice::ReadOnly));
-        QVERIFY(qAbs(read("system:load/fifteen").double_() - load.readAll().split(' ').at(2).toDouble()) < 0.2);
+        const double load = contentOf("/proc/loadavg").split(' ').at(2).toDouble();
+        QVERIFY(qAbs(read("system:load/fifteen").double_() - load) < 0.2);
         const ZarkValue processor = read("system:load/cpu");
         QVERIFY(processor.type() == ZarkValueType::Double && processor.double_() > 0 && processor.double_() <= 100);
         QCOMPARE(read("system:network/info").type(), ZarkValueType::NetworkInfo);

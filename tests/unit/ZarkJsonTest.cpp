@@ -1,10 +1,9 @@
-#include <QDateTime>
-#include <QTest>
-#include <QTranslator>
+#include <QtTest>
 
 #include <cmath>
 #include <limits>
 
+#include "Rows.h"
 #include "TrString.h"
 #include "ZarkJson.h"
 #include "ZarkRowsRoles.h"
@@ -14,13 +13,9 @@ class ZarkJsonTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void textsAreRead_data()
+    void textsAreRead()
     {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QVariant>("value");
-        const auto row = [](const char* name, const QByteArray& text, const QVariant& value) {
-            QTest::newRow(name) << text << value;
-        };
+        Rows<QByteArray, QVariant> row;
         const QVariantList mixed{ 1LL, "x", QVariant::fromValue(nullptr), QVariantHash(), QVariantList() };
         row("mixed", "{\"a\" : [1, \"x\",null, { },[\n]] ,\"\":true}", QVariantHash{ { "a", mixed }, { "", true } });
         row("of equal keys the last", "{\"a\":{\"x\":1},\"a\":2}", QVariantHash{ { "a", 2LL } });
@@ -29,27 +24,20 @@ private Q_SLOTS:
             QString::fromUtf8("\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF4\x8F\xBF\xBF"));
         row("a byte order mark in a string stays", "\"\xEF\xBB\xBFx\"", QString(QChar(0xFEFF)) + 'x');
         row("the deepest list", QByteArray(128, '[') + QByteArray(128, ']'), QVariant());
+        for (const auto& [text, value] : row) {
+            ZarkError error{ QStringLiteral("left over"), 1, 1 };
+            const QVariant read = ZarkJson::parse(text, &error);
+            QCOMPARE(error.toString(), QString());
+            QCOMPARE(ZarkJson::parse(QString::fromUtf8(text), nullptr), read);
+            if (value.isValid())
+                QCOMPARE(read, value);
+            QCOMPARE(ZarkJson::parse(ZarkJson::serialize(read), nullptr), read);
+        }
     }
 
-    void textsAreRead()
+    void numbersKeepTheirType()
     {
-        QFETCH(QByteArray, text);
-        QFETCH(QVariant, value);
-        ZarkError error{ QStringLiteral("left over"), 1, 1 };
-        const QVariant read = ZarkJson::parse(text, &error);
-        QCOMPARE(error.toString(), QString());
-        QCOMPARE(ZarkJson::parse(QString::fromUtf8(text), nullptr), read);
-        if (value.isValid())
-            QCOMPARE(read, value);
-        QCOMPARE(ZarkJson::parse(ZarkJson::serialize(read), nullptr), read);
-    }
-
-    void numbersKeepTheirType_data()
-    {
-        QTest::addColumn<QVariant>("value");
-        const auto row = [](const char* text, const QVariant& value) {
-            QTest::newRow(text) << value;
-        };
+        Rows<QVariant> row;
         row("-9223372036854775808", std::numeric_limits<qlonglong>::min());
         row("9223372036854775808", 9223372036854775808ULL);
         row("18446744073709551615", std::numeric_limits<qulonglong>::max());
@@ -59,43 +47,36 @@ private Q_SLOTS:
         row("1e+22", 1e22);
         row("1.7976931348623157e+308", std::numeric_limits<double>::max());
         row("5e-324", std::numeric_limits<double>::denorm_min());
-    }
-
-    void numbersKeepTheirType()
-    {
-        QFETCH(QVariant, value);
-        const QVariant read = ZarkJson::parse(QByteArray(QTest::currentDataTag()), nullptr);
-        QCOMPARE(read.userType(), value.userType());
-        QCOMPARE(read, value);
-        QCOMPARE(std::signbit(read.toDouble()), std::signbit(value.toDouble()));
-        QCOMPARE(ZarkJson::serialize(read), QByteArray(QTest::currentDataTag()));
-    }
-
-    void wrongTextsAreRefusedWithTheirPlace_data()
-    {
-        QTest::addColumn<QByteArray>("text");
-        QTest::addColumn<QString>("place");
-        const auto row = [](const char* name, const QByteArray& text, int column, int line = 1) {
-            QTest::newRow(name) << text << QStringLiteral("line %1, column %2: ").arg(line).arg(column);
-        };
-        row("white space only", " \n ", 2, 2);
-        row("byte order mark", "\xEF\xBB\xBF{}", 1);
-        row("NUL after the value", QByteArray("1\0", 2), 2);
-        row("NUL alone", QByteArray("\0", 1), 1);
-        row("beyond a double", "[1, 1e309]", 9);
-        row("a secret", "\"SECRET\x01\"", 8);
-        row("columns are characters, lines end with LF", "{\r\n \"ü😀\": x}", 8, 2);
-        row("one level too deep", QByteArray(129, '[') + QByteArray(129, ']'), 129);
-        row("a million levels", QByteArray("{\"a\":").repeated(1000000), 128 * 5 + 1);
+        for (const auto& [value] : row) {
+            const QVariant read = ZarkJson::parse(QByteArray(row.name()), nullptr);
+            QCOMPARE(read.userType(), value.userType());
+            QCOMPARE(read, value);
+            QCOMPARE(std::signbit(read.toDouble()), std::signbit(value.toDouble()));
+            QCOMPARE(ZarkJson::serialize(read), QByteArray(row.name()));
+        }
     }
 
     void wrongTextsAreRefusedWithTheirPlace()
     {
-        QFETCH(QByteArray, text);
-        ZarkError error;
-        QVERIFY(!ZarkJson::parse(text, &error).isValid());
-        QVERIFY(!error.message.isEmpty() && !error.message.contains("SECRET"));
-        QTEST(error.toString().chopped(error.message.size()), "place");
+        Rows<QByteArray, QString> row;
+        const auto add = [&](const char* name, const QByteArray& text, int column, int line = 1) {
+            row(name, text, QStringLiteral("line %1, column %2: ").arg(line).arg(column));
+        };
+        add("white space only", " \n ", 2, 2);
+        add("byte order mark", "\xEF\xBB\xBF{}", 1);
+        add("NUL after the value", QByteArray("1\0", 2), 2);
+        add("NUL alone", QByteArray("\0", 1), 1);
+        add("beyond a double", "[1, 1e309]", 9);
+        add("a secret", "\"SECRET\x01\"", 8);
+        add("columns are characters, lines end with LF", "{\r\n \"ü😀\": x}", 8, 2);
+        add("one level too deep", QByteArray(129, '[') + QByteArray(129, ']'), 129);
+        add("a million levels", QByteArray("{\"a\":").repeated(1000000), 128 * 5 + 1);
+        for (const auto& [text, place] : row) {
+            ZarkError error;
+            QVERIFY(!ZarkJson::parse(text, &error).isValid());
+            QVERIFY(!error.message.isEmpty() && !error.message.contains("SECRET"));
+            QCOMPARE(error.toString().chopped(error.message.size()), place);
+        }
     }
 
     void aLoneSurrogateIsRefused()
@@ -110,13 +91,9 @@ private Q_SLOTS:
         QCOMPARE(recorded, QByteArray(R"({"@line":2,"a":[{"@line":2},{"@line":3,"b":"\n"}]})"));
     }
 
-    void valuesAreWritten_data()
+    void valuesAreWritten()
     {
-        QTest::addColumn<QVariant>("value");
-        QTest::addColumn<QByteArray>("json");
-        const auto row = [](const char* name, const QVariant& value, const QByteArray& json) {
-            QTest::newRow(name) << value << json;
-        };
+        Rows<QVariant, QByteArray> row;
         row("minus infinity", -qInf(), "null");
         row("uint", 4000000000U, "4000000000");
         row("short", QVariant::fromValue(short(-3)), "-3");
@@ -130,12 +107,9 @@ private Q_SLOTS:
         row("invalid value", QVariant::fromValue(ZarkValue()), "null");
         row("escapes", QString("\"\\/\b\f\n\r\t\x01\x1f\x7f"), "\"\\\"\\\\/\\b\\f\\n\\r\\t\\u0001\\u001f\x7f\"");
         row("lone surrogate", QString(QChar(0xD800)) + 'x', "\"?x\"");
-    }
-
-    void valuesAreWritten()
-    {
-        QFETCH(QVariant, value);
-        QTEST(ZarkJson::serialize(value), "json");
+        for (const auto& [value, json] : row) {
+            QCOMPARE(ZarkJson::serialize(value), json);
+        }
     }
 
     void translatedTextsAreWritten()
