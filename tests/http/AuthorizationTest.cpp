@@ -150,7 +150,7 @@ private Q_SLOTS:
     void aWrongClockIsWarnedOfOnceAMinute()
     {
         const QByteArray target = "/api/getData?path=demo:permissions/protected&roles=value";
-        Device& device = this->device(1);
+        const Device& device = this->device(1);
         Signer old("admin", "pässword");
         old.setTimestamp(5000);
         const auto warnings = [&device] {

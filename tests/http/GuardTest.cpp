@@ -167,33 +167,28 @@ private Q_SLOTS:
     }
 
     // Those that are silent for a moment: the library has to find what comes then.
-    void parkedConnectionsGoOn_data()
-    {
-        QTest::addColumn<QByteArray>("before");
-        QTest::addColumn<QByteArray>("after");
-        const QByteArray request = "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n";
-        QTest::newRow("new") << QByteArray() << request;
-        QTest::newRow("new, with half a head") << request.left(30) << request.mid(30);
-        QTest::newRow("answered") << request << request;
-        QTest::newRow("answered, with half a head") << request + request.left(30) << request.mid(30);
-        QTest::newRow("answered, then two at once") << request << request + request;
-    }
-
     void parkedConnectionsGoOn()
     {
-        QFETCH(QByteArray, before);
-        QFETCH(QByteArray, after);
-        QCOMPARE(m_device->get(Counter).status, 200);
-        const int descriptors = openDescriptors(m_device->pid());
-        HttpConnection connection(m_device->port());
-        connection.send(before);
-        QTest::qWait(700);
-        connection.send(after);
-        for (int answers = (before + after).count("Host"); answers > 0; --answers)
-            QCOMPARE(connection.readReply(1000).status, 200);
-        QTest::qWait(700);
-        connection.close();
-        QTRY_VERIFY_WITH_TIMEOUT(openDescriptors(m_device->pid()) <= descriptors, 500);
+        Rows<QByteArray, QByteArray> row;
+        const QByteArray request = "GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n";
+        row("new", {}, request);
+        row("new, with half a head", request.left(30), request.mid(30));
+        row("answered", request, request);
+        row("answered, with half a head", request + request.left(30), request.mid(30));
+        row("answered, then two at once", request, request + request);
+        for (const auto& [before, after] : row) {
+            QCOMPARE(m_device->get(Counter).status, 200);
+            const int descriptors = m_device->descriptors();
+            HttpConnection connection(m_device->port());
+            connection.send(before);
+            QTest::qWait(700);
+            connection.send(after);
+            for (int answers = (before + after).count("Host"); answers > 0; --answers)
+                QCOMPARE(connection.readReply(1000).status, 200);
+            QTest::qWait(700);
+            connection.close();
+            QTRY_VERIFY_WITH_TIMEOUT(m_device->descriptors() <= descriptors, 500);
+        }
     }
 
     void aHalfClosedClientIsAnswered()
