@@ -80,7 +80,7 @@ for (const name of pages) {
       if (language === "sh") {
         await writeFile(join(directory, "sign.sh"), text);
         await shell.run(". ./sign.sh");
-        if (!page.includes(`$ (umask`)) await shell.run(`${preparation} && build/release/bin/zarkctl --user admin passwd --new-password-file var/password`);
+        if (!page.includes(`$ (umask`)) await shell.run(`${preparation} && build/release/bin/zarkctl --user admin --empty-password passwd --new-password-file var/password`);
         continue;
       }
       for (const [command, expected] of commandsOf(text)) {
