@@ -25,8 +25,9 @@ from typing import Optional
 from instructions import print_instructions
 from load import COUNTER, BenchError, Exchange, ask_once, post_json, run_alternately, run_load, signed, total
 from polls import WaitingPolls, events_in
-from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, make_certificate
+from servers import PASSWORD, USER, Device, Floor, IdleFloor, SecureDevice, fresh_device, make_certificate
 from static_files import file_row
+from transfers import stream_cost, upload_rate
 
 POLLS = 1000
 
@@ -362,11 +363,6 @@ def subscriptions_one_by_one(bench, name):
     return at_most(name, ours, reference, "us CPU/request", ours / reference, 1.2)
 
 
-def fresh_device(bench):
-    """A newly started device, whose state the rows that start one share."""
-    return Device(bench.build, bench.scratch / "fresh")
-
-
 ROWS = [
     ("start to first answer", start_to_first_answer),
     ("memory in use, Pss", memory_share),
@@ -385,6 +381,8 @@ ROWS = [
     ("static 1 KiB HEAD", static_file(1024, 0.85, method="HEAD")),
     ("static 64 KiB", static_file(64 * 1024, 0.95)),
     ("static 10 MiB", static_file(10 * 1024 * 1024, 1.90, connections=8)),
+    ("stream", lambda bench, name: stream_cost(bench, name, at_most)),
+    ("upload 256 MiB", lambda bench, name: upload_rate(bench, name, at_least)),
     ("latency p99 / median", latency_p99),
     ("latency max / 200 ms step", latency_max),
     ("1,000 polls, one change, p99", polls_latency),

@@ -4,6 +4,8 @@
 //     floor --body FILE [--files DIR] [--tls PEM]
 //                                          GET and POST /value (any query) answer FILE's bytes as JSON;
 //                                          GET /file/NAME sends DIR/NAME mapped into memory;
+//                                          GET /stream?N sends chunks of N bytes until the client has enough;
+//                                          POST /upload counts the bytes of a body as they come;
 //                                          over TLS with the certificate and the key in the file PEM
 //     floor --idle                         an application and a server that does nothing
 //
@@ -24,6 +26,7 @@ const int Backlog = 512; ///< The library's 10 loses connections under load, and
 struct Floor {
     QByteArray body;
     QString directory;
+    quint64 received = 0; ///< Bytes of the upload under way.
 };
 
 /// Runs `answer` from the event loop, as the reply of an asynchronous framework comes.
@@ -83,6 +86,50 @@ void serveFile(SoupServer* server, SoupMessage* message, const char* path, GHash
     });
 }
 
+void appendChunk(SoupMessage* message, gpointer chunk)
+{
+    soup_message_body_append_buffer(message->response_body, static_cast<SoupBuffer*>(chunk));
+}
+
+void releaseChunk(gpointer chunk, GClosure*)
+{
+    soup_buffer_free(static_cast<SoupBuffer*>(chunk));
+}
+
+void serveStream(SoupServer*, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void*)
+{
+    const gsize size = QByteArray(soup_message_get_uri(message)->query).toULong();
+    if (size == 0)
+        return soup_message_set_status(message, SOUP_STATUS_BAD_REQUEST);
+    SoupBuffer* chunk = soup_buffer_new_take(static_cast<guchar*>(g_malloc0(size)), size);
+    soup_message_set_status(message, SOUP_STATUS_OK);
+    soup_message_headers_set_encoding(message->response_headers, SOUP_ENCODING_CHUNKED);
+    soup_message_body_set_accumulate(message->response_body, FALSE);
+    g_signal_connect_data(
+        message, "wrote-chunk", G_CALLBACK(appendChunk), chunk, releaseChunk, static_cast<GConnectFlags>(0));
+    appendChunk(message, chunk);
+}
+
+void countBytes(SoupMessage*, SoupBuffer* chunk, quint64* count)
+{
+    *count += chunk->length;
+}
+
+void beginUpload(SoupServer*, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void* data)
+{
+    static_cast<Floor*>(data)->received = 0;
+    soup_message_body_set_accumulate(message->request_body, FALSE);
+    g_signal_connect(message, "got-chunk", G_CALLBACK(countBytes), &static_cast<Floor*>(data)->received);
+}
+
+void serveUpload(SoupServer*, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void* data)
+{
+    const QByteArray count = QByteArray::number(static_cast<Floor*>(data)->received);
+    soup_message_set_status(message, SOUP_STATUS_OK);
+    soup_message_set_response(
+        message, "application/json", SOUP_MEMORY_COPY, count.constData(), static_cast<gsize>(count.size()));
+}
+
 bool fail(GError* error)
 {
     std::fprintf(stderr, "floor: %s\n", error->message);
@@ -137,7 +184,7 @@ int main(int argc, char** argv)
     });
     parser.process(application);
     SoupServer* server = soup_server_new(nullptr, nullptr);
-    Floor floor{ {}, parser.value("files") };
+    Floor floor{ {}, parser.value("files"), 0 };
     if (parser.isSet("idle")) {
         std::puts("idle");
     } else {
@@ -145,6 +192,9 @@ int main(int argc, char** argv)
             return 2;
         soup_server_add_handler(server, "/value", serveValue, &floor, nullptr);
         soup_server_add_handler(server, "/file", serveFile, &floor, nullptr);
+        soup_server_add_handler(server, "/stream", serveStream, &floor, nullptr);
+        soup_server_add_early_handler(server, "/upload", beginUpload, &floor, nullptr);
+        soup_server_add_handler(server, "/upload", serveUpload, &floor, nullptr);
         const QByteArray pem = QFile::encodeName(parser.value("tls"));
         if ((!pem.isEmpty() && !useCertificate(server, pem)) || !listenOnLoopback(server, !pem.isEmpty()))
             return 3;

@@ -203,6 +203,11 @@ class SecureDevice(Device):
         self.port = values["settings:webserver/httpsPort"]
 
 
+def fresh_device(bench):
+    """A newly started device, whose state the rows that start one share."""
+    return Device(bench.build, bench.scratch / "fresh")
+
+
 def make_certificate(path):
     """A file with a new key and a certificate for it, as devices use them: RSA with 2048 bits."""
     command = ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", path, "-out", f"{path}.crt"]
