@@ -82,6 +82,15 @@ QVariant ApiClient::post(const QString& path, const QVariantHash& body, int wait
     return readApiReply(m_http.post(target, json, authorization(target + '.' + json), waitSeconds), target);
 }
 
+/// The answer to a setData: a typed value, or null from a command that returns nothing.
+QVariant ApiClient::writtenValue(const QVariant& answer) const
+{
+    const QVariantHash value = answer.toHash();
+    if (!answer.isNull() && !(value.contains(QStringLiteral("type")) && value.contains(QStringLiteral("value"))))
+        failForeign(url(endpoint("setData")), QStringLiteral("no value"));
+    return answer;
+}
+
 QVariant ApiClient::postEncrypted(const QVariantHash& body)
 {
     const QByteArray target = url(endpoint("setData"));
@@ -89,7 +98,8 @@ QVariant ApiClient::postEncrypted(const QVariantHash& body)
     QVariant& value = sent[QStringLiteral("value")];
     value = QString::fromLatin1(m_signer->encrypt(ZarkJson::serialize(value)));
     const QByteArray json = ZarkJson::serialize(sent);
-    return readApiReply(m_http.post(target, json, m_signer->encryptedAuthorization(target + '.' + json)), target);
+    return writtenValue(
+        readApiReply(m_http.post(target, json, m_signer->encryptedAuthorization(target + '.' + json)), target));
 }
 
 QVariantList ApiClient::getData(const QString& path, const QStringList& roles)
@@ -158,7 +168,7 @@ QVariant ApiClient::setData(const QString& path, const QString& role, const QVar
         { QStringLiteral("value"), value } };
     const bool encrypt = m_signer && m_target.url.scheme() == QLatin1String("http");
     try {
-        return encrypt ? postEncrypted(body) : post(endpoint("setData"), body);
+        return encrypt ? postEncrypted(body) : writtenValue(post(endpoint("setData"), body));
     } catch (const Failure& failure) {
         failAt(path, failure);
     }
@@ -199,6 +209,9 @@ QVariantHash ApiClient::upload(const UploadFile& file, const HttpSession::Progre
 
 void ApiClient::stream(const QString& path, const HttpSession::Sink& sink)
 {
+    // A stream may hold anything: that it is a device's is asked before its first byte.
+    if (getData(path, { QStringLiteral("type") }).first() != QStringLiteral("stream"))
+        throw Failure{ ExitNotFound, path + QStringLiteral(": notFound: there is no such stream") };
     const QByteArray target = url(endpoint("stream/") + QString::fromLatin1(QUrl::toPercentEncoding(path, "/:")));
     bool ended = false;
     const auto until = [&sink, &ended](const char* data, size_t size) {

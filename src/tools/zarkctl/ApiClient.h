@@ -45,6 +45,7 @@ private:
     QByteArray authorization(const QByteArray& data) const;
     QVariant get(const QString& endpoint, const Query& query);
     QVariant post(const QString& endpoint, const QVariantHash& body, int waitSeconds = 0);
+    QVariant writtenValue(const QVariant& answer) const;
     QVariant postEncrypted(const QVariantHash& body);
     bool readRows(QVariantList* rows, const QString& path, const QStringList& roles, qint64 from, qint64 to);
 

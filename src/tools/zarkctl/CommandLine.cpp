@@ -85,7 +85,7 @@ QStringList Invocation::takeWords(QStringList words)
         else if (!looksLikeOption(word))
             plain += word;
         else if (word.startsWith(QLatin1String("--")))
-            takeOption(word, &words);
+            takeOption(word, plain.value(0), &words);
         else
             takeLetters(word, &words);
     }
@@ -125,10 +125,13 @@ Invocation Invocation::begun(const QStringList& words)
     return invocation;
 }
 
-void Invocation::takeOption(const QString& word, QStringList* rest)
+void Invocation::takeOption(const QString& word, const QString& commandName, QStringList* rest)
 {
     const QString name = word.mid(2).section(QLatin1Char('='), 0, 0);
     const OptionSyntax* const option = findOption(name);
+    const bool maybeValue = commandName == QLatin1String("set") || commandName == QLatin1String("call");
+    if (!option && maybeValue) // Which may be a secret.
+        refuse(QStringLiteral("unknown option; -- goes before a value that begins with a minus"));
     if (!option)
         refuse(QStringLiteral("unknown option: --") + name);
     const bool joined = word.contains(QLatin1Char('='));
@@ -141,7 +144,8 @@ void Invocation::takeLetters(const QString& word, QStringList* rest)
 {
     for (int at = 1; at < word.size(); ++at) {
         const OptionSyntax* const option = findLetter(word.at(at));
-        if (!option)
+        // "-hunter2" is a value that has lost its "--", and no wish for help.
+        if (!option || (option->letter == 'h' && word.size() > 2))
             refuse(QStringLiteral("unknown option: -") + word.at(at));
         const QString joined = word.mid(at + 1);
         if (option->kind == OptionSyntax::Flag)

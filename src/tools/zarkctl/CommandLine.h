@@ -74,7 +74,7 @@ public:
 
 private:
     QStringList takeWords(QStringList words);
-    void takeOption(const QString& word, QStringList* rest);
+    void takeOption(const QString& word, const QString& commandName, QStringList* rest);
     void takeLetters(const QString& word, QStringList* rest);
     void store(const OptionSyntax& option, const QString* value, QStringList* rest);
     void check() const;

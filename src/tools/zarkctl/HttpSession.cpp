@@ -154,7 +154,8 @@ void HttpSession::fail(CURLcode code) const
 {
     long verification = 0;
     curl_easy_getinfo(m_curl, CURLINFO_SSL_VERIFYRESULT, &verification);
-    throw Failure{ ExitUnreachable, transferFailure({ code, verification, m_error, m_url }) };
+    throw Failure{ code == CURLE_SSL_CACERT_BADFILE ? ExitUsage : ExitUnreachable,
+        transferFailure({ code, verification, m_error, m_url }) };
 }
 
 size_t HttpSession::onBody(char* data, size_t size, size_t count, void* self)

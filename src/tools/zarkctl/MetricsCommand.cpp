@@ -67,7 +67,9 @@ QByteArray textOf(const QList<Report>& reports)
     }
     for (auto it = samples.cbegin(); it != samples.cend(); ++it) {
         const QByteArray name = it.key().toLatin1();
-        text += "# HELP " + name + ' ' + escaped(helps.value(it.key())) + "\n# TYPE " + name + " gauge\n" + it.value();
+        // The two readers of the format do not agree on whether a quote is escaped here.
+        const QString help = QString(helps.value(it.key())).replace(QLatin1Char('"'), QLatin1Char('\''));
+        text += "# HELP " + name + ' ' + escaped(help) + "\n# TYPE " + name + " gauge\n" + it.value();
     }
     return text + "# EOF\n";
 }

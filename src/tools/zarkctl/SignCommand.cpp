@@ -29,6 +29,7 @@ ExitStatus runSign(Session& session)
     if (session.invocation.has("explain")) {
         const SignatureCheck check({ target.user, target.password, given, isPost, body });
         bool holds = false;
+        session.report.bare = true;
         session.report.lines = check.explain(session.invocation.value("explain").toUtf8(), &holds);
         return holds ? ExitOk : ExitFailed;
     }
@@ -38,6 +39,7 @@ ExitStatus runSign(Session& session)
         line += " --cacert " + quoted(target.caFile.toUtf8());
     if (isPost)
         line += " -H 'Content-Type: application/json' --data-binary " + quoted(body);
+    session.report.bare = true;
     session.report.lines.append(line + ' ' + quoted(uri));
     return ExitOk;
 }

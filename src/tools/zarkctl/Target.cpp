@@ -1,6 +1,7 @@
 #include "Target.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include "CommandLine.h"
 #include "Failure.h"
@@ -24,6 +25,15 @@ QStringList urlsIn(const QString& fileName)
     if (urls.isEmpty())
         throw Failure{ ExitUsage, fileName + QStringLiteral(": names no device") };
     return urls;
+}
+
+/// Whole, because a profile keeps it for other directories.
+QString authorityFile(const QString& fileName)
+{
+    QFile file(fileName);
+    if (!file.open(QIODevice::ReadOnly))
+        throw Failure{ ExitUsage, fileName + QStringLiteral(": ") + file.errorString() };
+    return QFileInfo(file).absoluteFilePath();
 }
 
 QList<Target> named(const Invocation& invocation)
@@ -87,7 +97,7 @@ QList<Target> targetsOf(const Invocation& invocation)
         if (given)
             target.user = invocation.value("user"), target.password = password;
         if (invocation.has("ca"))
-            target.caFile = invocation.value("ca");
+            target.caFile = authorityFile(invocation.value("ca"));
         else if (target.caFile.isEmpty() && QFile::exists(trustedFile(target.url)))
             target.caFile = trustedFile(target.url);
         target.timeoutSeconds = int(invocation.number("timeout", 0));

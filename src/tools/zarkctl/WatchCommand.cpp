@@ -114,9 +114,9 @@ void Watch::recover(const Failure& failure)
     if (isLost) {
         m_session.note(QStringLiteral("the device has forgotten the subscription; subscribing again"));
         m_queue.clear();
-        return;
+    } else {
+        m_session.note(QStringLiteral("%1; trying again in %2 s").arg(failure.text).arg(m_pause / 1000));
     }
-    m_session.note(QStringLiteral("%1; trying again in %2 s").arg(failure.text).arg(m_pause / 1000));
     pause(m_pause);
     m_pause = qMin(2 * m_pause, LongestPauseMilliseconds);
 }
