@@ -69,8 +69,9 @@ def statements(header):
         else:
             code, _, trailing = bare.partition("///<")
             declaration = f"{declaration} {code.strip()}".strip()
-            comment += [trailing.strip()] if trailing else []
             enumeration = declaration.startswith("enum ")
+            of = f"{code.split()[0].strip(',')}: " if enumeration and code[:1].isalpha() else ""
+            comment += [of + trailing.strip()] if trailing else []
             if declaration.endswith(";") or (declaration.endswith(("{", "}")) and not enumeration):
                 in_body = declaration.endswith("{") and not CLASS.match(declaration)
                 yield comment, re.sub(r"([({]) ", r"\1", declaration) if not enumeration else declaration
@@ -92,7 +93,7 @@ def is_needed(declaration, name, used, sources):
 def signature(declaration):
     if declaration.startswith("enum "):
         return declaration.rstrip(";").replace(", }", " }")
-    return re.sub(r" (\{.*|: m_.*|= default;|= 0;)$|;$", "", declaration)
+    return re.sub(r" (\{.*|: m_.*|= default;|= 0;)$|;$", "", declaration.replace("= {}", "={}")).replace("={}", "= {}")
 
 
 def operations(header, used, sources):

@@ -6,7 +6,7 @@
 #include "ZarkList.h"
 
 /// One poll of an event queue, from CMEventQueue::poll() until its answer. The queue owns it and deletes it when done()
-/// has returned, or unanswered when the poll was given up (CMEventQueue::restore()).
+/// has returned, or unanswered when the poll was given up (CMEventQueue::giveUp()).
 class CMEventQueueRequest {
 public:
     CMEventQueueRequest() = default;
