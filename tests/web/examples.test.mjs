@@ -80,7 +80,8 @@ for (const name of pages) {
       if (language === "sh") {
         await writeFile(join(directory, "sign.sh"), text);
         await shell.run(". ./sign.sh");
-        if (!page.includes(`$ (umask`)) await shell.run(`${preparation} && build/release/bin/zarkctl --user admin --empty-password passwd --new-password-file var/password`);
+        if (!page.includes(`$ (umask`))
+          assert.match(await shell.run(`${preparation} && build/release/bin/zarkctl --user admin --empty-password passwd --new-password-file var/password`), /is changed/);
         continue;
       }
       for (const [command, expected] of commandsOf(text)) {
