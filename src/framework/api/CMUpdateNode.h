@@ -34,10 +34,14 @@ public:
     static CMUpdateNode* create(CMNodes* nodes, const CMPath& path);
 
     void setBegin(const Begin& begin) { m_begin = begin; }
+    /// Whether begin() would fail with CMError::Busy now: asked before a body is let come.
+    void setBusy(const std::function<bool()>& busy) { m_busy = busy; }
+    bool isBusy() const { return m_busy && m_busy(); }
     std::unique_ptr<CMUpdate> begin(const QString& fileName, qint64 bytes, CMError* error) const;
 
 private:
     CMUpdateNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
 
     Begin m_begin;
+    std::function<bool()> m_busy;
 };

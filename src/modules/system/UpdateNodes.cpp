@@ -31,7 +31,12 @@ class UpdateNodes::Update : public CMUpdate {
 public:
     Update(UpdateNodes* nodes, quint64 number, int writeEnd)
         : m_nodes(nodes), m_number(number), m_writeEnd(writeEnd) { }
-    ~Update() override { closePipe(); }
+    ~Update() override
+    {
+        closePipe();
+        if (m_nodes)
+            m_nodes->abandon(m_number); // Nothing happens when it was finished.
+    }
 
     int descriptor() const override { return m_writeEnd; }
     void finish(const QByteArray& sha256, CMReply<CMUpdateResult> reply) override
@@ -77,13 +82,16 @@ UpdateNodes::UpdateNodes(CMNodes* nodes, const QString& directory, QObject* pare
     showKept(fileName, kept);
     m_timer.setInterval(ProgressMilliseconds);
     connect(&m_timer, &QTimer::timeout, this, &UpdateNodes::showProgress);
+    m_node->setBusy([this] { return m_transfer && !m_isAbandoned; });
     m_node->setBegin([this](const QString& name, qint64 bytes, CMError* error) { return begin(name, bytes, error); });
 }
 
 UpdateNodes::~UpdateNodes()
 {
-    if (m_node)
+    if (m_node) {
+        m_node->setBusy({});
         m_node->setBegin({});
+    }
 }
 
 CMValueNode* UpdateNodes::add(CMNodes* nodes, const char* name, const char* title, const ZarkValue& initial)
@@ -98,6 +106,9 @@ CMValueNode* UpdateNodes::add(CMNodes* nodes, const char* name, const char* titl
 std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 bytes, CMError* error)
 {
     int ends[2] = { -1, -1 };
+    // What nobody writes any more is no reason to be busy. The thread has little left to do.
+    if (m_transfer && m_isAbandoned)
+        m_transfer.reset();
     if (m_transfer) {
         *error = CMError(CMError::Busy, "Another image is on its way.");
         return nullptr;
@@ -110,13 +121,15 @@ std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 byt
     fcntl(ends[1], F_SETPIPE_SZ, PipeBytes);
     m_fileName = fileName;
     m_expectedBytes = bytes;
-    ++m_number;
+    const quint64 number = ++m_number;
+    m_isAbandoned = false;
+    m_isFinishing = false;
     m_reply = CMReply<CMUpdateResult>();
-    m_transfer =
-        std::make_unique<ImageTransfer>(m_directory, fileName, ends[0], [this](const ImageTransfer::Outcome& outcome) {
+    m_transfer = std::make_unique<ImageTransfer>(
+        m_directory, fileName, ends[0], [this, number](const ImageTransfer::Outcome& outcome) {
             // The destructor waits for the thread, and what is posted to a dead receiver is dropped.
             QMetaObject::invokeMethod(
-                this, [this, outcome] { done(outcome); }, Qt::QueuedConnection);
+                this, [this, number, outcome] { done(number, outcome); }, Qt::QueuedConnection);
         });
     m_state->setMeasured(ZarkValue::fromString(QStringLiteral("receiving")));
     m_error->setMeasured(ZarkValue::fromString({}));
@@ -134,6 +147,7 @@ void UpdateNodes::finish(quint64 number, const QByteArray& sha256, CMReply<CMUpd
     if (!m_transfer)
         return reply.fail(CMError(CMError::Failed, TrString(m_lastError)));
     m_reply = reply;
+    m_isFinishing = true;
     m_transfer->markWhole(sha256);
 }
 
@@ -154,8 +168,15 @@ void UpdateNodes::showKept(const QString& fileName, const ImageTransfer::Outcome
         m_state->setMeasured(ZarkValue::fromString(QStringLiteral("ready")));
 }
 
-void UpdateNodes::done(const ImageTransfer::Outcome& outcome)
+void UpdateNodes::abandon(quint64 number)
 {
+    m_isAbandoned = m_isAbandoned || (number == m_number && m_transfer && !m_isFinishing);
+}
+
+void UpdateNodes::done(quint64 number, const ImageTransfer::Outcome& outcome)
+{
+    if (number != m_number || !m_transfer)
+        return; // Another came in place of one that had been abandoned.
     m_timer.stop();
     m_expectedBytes = outcome.error.isEmpty() ? outcome.bytes : m_expectedBytes;
     showProgress();

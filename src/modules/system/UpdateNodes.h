@@ -30,7 +30,8 @@ private:
     void finish(quint64 number, const QByteArray& sha256, CMReply<CMUpdateResult> reply);
     void showKept(const QString& fileName, const ImageTransfer::Outcome& kept);
     void showProgress();
-    void done(const ImageTransfer::Outcome& outcome);
+    void abandon(quint64 number);
+    void done(quint64 number, const ImageTransfer::Outcome& outcome);
 
     QString m_directory;
     CMUpdateNode* m_node;
@@ -45,6 +46,8 @@ private:
     QString m_fileName; ///< Of the transfer.
     quint64 m_number = 0; ///< Of the transfer, or of the last one.
     QString m_lastError;
+    bool m_isAbandoned = false; ///< The transfer's writer has gone; it is only to be ended.
+    bool m_isFinishing = false; ///< All of it was written.
     qint64 m_expectedBytes = -1;
     std::unique_ptr<ImageTransfer> m_transfer;
     CMReply<CMUpdateResult> m_reply;

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <sys/sendfile.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include "GuardedMapping.h"
 #include "WebserverLog.h"
@@ -20,6 +21,14 @@ constexpr qint64 BytesATurn = 1024 * 1024;
 GSocket* socketOf(const Message& message)
 {
     return soup_client_context_get_gsocket(message.data().client);
+}
+
+// One that has only grown, a log, is sent as far as it was promised.
+bool isOverwritten(const struct stat& before, const struct stat& now)
+{
+    const bool isSameTime =
+        before.st_mtim.tv_sec == now.st_mtim.tv_sec && before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
+    return now.st_size < before.st_size || (now.st_size == before.st_size && !isSameTime);
 }
 
 } // namespace
@@ -48,6 +57,7 @@ FileTransfer::FileTransfer(
       m_end(offset + length), m_headWrittenId(g_signal_connect(message.data().message, "wrote-headers",
                                   G_CALLBACK(&FileTransfer::onHeadWritten), this))
 {
+    fstat(m_mapping->descriptor(), &m_version);
     connect(&m_message, &Message::finished, this, &FileTransfer::stop);
     m_message.setContentLength(length);
 }
@@ -79,15 +89,18 @@ void FileTransfer::send()
     off64_t offset = m_offset;
     const ssize_t sent = sendfile64(m_socket, m_mapping->descriptor(), &offset, wanted);
     m_offset = offset;
-    if (m_offset == m_end) {
+    struct stat version = {};
+    // What is queued is the file's own pages: what is written to them now, the client gets.
+    const bool isChanged = fstat(m_mapping->descriptor(), &version) != 0 || isOverwritten(m_version, version);
+    if (m_offset == m_end && !isChanged) {
         stop();
         m_message.responseBodyComplete();
         return;
     }
     const bool isFull = sent < 0 && (errno == EAGAIN || errno == EINTR);
-    if (sent <= 0 && !isFull) {
-        if (sent == 0)
-            dbglog_warn(webserverLog(), "A file became shorter while it was sent: " << m_message.fullUri());
+    if (isChanged || (sent <= 0 && !isFull)) {
+        if (isChanged || sent == 0)
+            dbglog_warn(webserverLog(), "A file changed while it was sent: " << m_message.fullUri());
         stop();
         // The table of connections sees the end of this one, and ends the exchange.
         shutdown(m_socket, SHUT_RDWR);

@@ -22,7 +22,8 @@ namespace {
 
 constexpr int NoSocket = -1;
 constexpr quint64 ReservedBytes = 64 * 1024 * 1024;
-constexpr int MaximumDescriptors = 64; ///< Clients need the others.
+constexpr int MaximumDescriptors = 16; ///< Clients need the others; the table of connections leaves so many.
+constexpr gsize SmallestKept = 128 * 1024; ///< A smaller file is never sent from its descriptor.
 constexpr quint64 SmallAddressSpace = quint64(2) << 30; ///< Of a process with 32 bits, in the worst case.
 
 quint64 addressSpace()
@@ -47,8 +48,10 @@ quint64 usedAddressSpace()
 std::atomic<int> keptDescriptors{ 0 };
 
 // A descriptor of the same open file; -1 when there is none to spare.
-int keepDescriptor(int fd)
+int keepDescriptor(int fd, gsize length)
 {
+    if (length < SmallestKept)
+        return -1;
     const int kept = ++keptDescriptors <= MaximumDescriptors ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
     if (kept < 0)
         --keptDescriptors;
@@ -204,7 +207,8 @@ std::shared_ptr<GuardedMapping> GuardedMapping::map(int fd, GError** error)
     return file ? std::shared_ptr<GuardedMapping>(new GuardedMapping(file, fd)) : nullptr;
 }
 
-GuardedMapping::GuardedMapping(GMappedFile* file, int fd) : m_file(file), m_descriptor(keepDescriptor(fd))
+GuardedMapping::GuardedMapping(GMappedFile* file, int fd)
+    : m_file(file), m_descriptor(keepDescriptor(fd, g_mapped_file_get_length(file)))
 {
     if (length() > 0)
         m_slot = Registry::instance().take(data(), length());

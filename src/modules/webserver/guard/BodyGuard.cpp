@@ -1,6 +1,7 @@
 #include "BodyGuard.h"
 
 #include <cstring>
+#include <limits>
 
 #include "RequestGuard.h"
 #include "WebserverLog.h"
@@ -73,7 +74,10 @@ void stopReading(SoupMessage* message, Body* body)
     if (body->isRefused)
         return;
     body->isRefused = true;
-    body->end = body->received + body->limit() * ToleratedExcess;
+    // A streamed body may be of any length, and a client that is cut off in it sees no answer. Its deadline, which
+    // moves no more, bounds it.
+    body->end =
+        body->isStreamed ? std::numeric_limits<qint64>::max() : body->received + body->limit() * ToleratedExcess;
     soup_message_body_set_accumulate(message->request_body, FALSE);
     closeAfterAnswer(message, nullptr);
 }

@@ -15,7 +15,7 @@ constexpr int HeldTexts = 50000; ///< Of answers; then they are asked for again.
 
 const PageAnswer& readTooMuch()
 {
-    static const PageAnswer answer{ QStringLiteral("The page reads too much."), {}, 0 };
+    static const PageAnswer answer{ QStringLiteral("The page reads too much."), {}, 0, {} };
     return answer;
 }
 
@@ -128,6 +128,8 @@ PageRun::Step PageRun::beginRows(const PageCommand& command)
         return Stay;
     if (problem.isEmpty() && answer->error.isEmpty()) {
         noteRows(read, *answer);
+        if (!answer->notice.isEmpty())
+            m_error = answer->notice;
         if (!answer->rows.isEmpty()) {
             m_blocks.append({ m_position, *answer, 0 });
             return Next;

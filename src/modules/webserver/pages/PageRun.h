@@ -30,6 +30,7 @@ struct PageAnswer {
     QString error; ///< Empty: there is none.
     QVector<QStringList> rows; ///< Texts in the order of the roles; one row for a node itself.
     int rowsCount = 0; ///< Of the whole list.
+    QString notice = {}; ///< What is wrong with some of the rows; the others are shown. Empty: nothing.
 };
 
 /// One rendering of a page, from command to command: it asks for what it needs and goes on when it has it. Knows

@@ -46,6 +46,8 @@ const char* faultOf(MultipartParser::Error error)
         return "The header of a part is too long.";
     case MultipartParser::HeaderMalformed:
         return "The header of a part is malformed.";
+    case MultipartParser::EpilogueTooLong:
+        return "There is too much behind the last part.";
     case MultipartParser::TooManyParts:
         return "There are too many parts.";
     default:
@@ -76,6 +78,8 @@ void FirmwareUpdateResponder::respond()
     }
     if (!node)
         return refuse(SOUP_STATUS_NOT_FOUND, CMError::NotSupported, "This device takes no updates.");
+    if (node->isBusy())
+        return refuse(SOUP_STATUS_CONFLICT, CMError::Busy, "Another image is on its way.");
     m_limit = imageLimit();
     const QByteArray length = request().header(QStringLiteral("Content-Length"));
     m_expected = length.isEmpty() ? -1 : length.toLongLong();
@@ -127,10 +131,14 @@ void FirmwareUpdateResponder::beginImage(const MultipartPart& part)
 
 void FirmwareUpdateResponder::partData(const char* data, qsizetype length)
 {
-    if (m_answered || m_part == Other)
+    if (m_answered)
         return;
-    if (m_part == Sum) {
-        if (m_sum.size() < MaximumSumLength)
+    if (m_part != Image) {
+        // Or a chunked body could go on for ever, and nobody else could update.
+        m_otherReceived += length;
+        if (m_otherReceived > MaximumOverhead)
+            return refuse(SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, CMError::OutOfRange, "The other parts are too large.");
+        if (m_part == Sum && m_sum.size() < MaximumSumLength)
             m_sum.append(data, static_cast<int>(length));
         return;
     }

@@ -43,6 +43,7 @@ private:
     qint64 m_limit = 0; ///< Of the image, in bytes.
     qint64 m_expected = -1; ///< Bytes of the body, -1 when the head does not tell.
     qint64 m_received = 0; ///< Bytes of the image.
+    qint64 m_otherReceived = 0; ///< Bytes of all other parts.
     Part m_part = Other;
     QByteArray m_sum; ///< As sent.
     QByteArray m_unwritten; ///< What the pipe had no room for.

@@ -183,8 +183,9 @@ PageAnswer PageResponder::answerOfRows(const PageRead& read, const ZarkRowsRoles
     if (!canRespond(read.path, ApiRequestType::GetRows, rows.roles().permission(), false))
         return { QString::fromLatin1(ForbiddenText), {}, 0 };
     ZarkRowsRoles shown = rows;
-    withholdRows(read.path, withPermission(read.roles), &shown);
     PageAnswer answer{ {}, {}, shown.rowsCount() };
+    if (withholdRows(read.path, withPermission(read.roles), &shown))
+        answer.notice = QString::fromLatin1(ForbiddenText);
     for (const QVariantList& row : shown.rows()) {
         QStringList texts;
         std::transform(row.begin(), row.end(), std::back_inserter(texts), textOfRole);

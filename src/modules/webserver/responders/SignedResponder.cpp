@@ -130,8 +130,9 @@ bool SignedResponder::canRespond(
     return verdict.allowed;
 }
 
-void SignedResponder::withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer)
+bool SignedResponder::withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer)
 {
+    bool anyRefused = false;
     answer->hideLastColumn();
     QString text; // Most rows of a list have the same.
     ZarkPermission::Enum permission = ZarkPermission::fromString(text);
@@ -146,7 +147,9 @@ void SignedResponder::withholdRows(const QString& path, const QStringList& roles
             continue;
         dbglog_debug(webserverLog(), "Private row: " << rowName << " will be excluded from the response");
         hideRow(answer, row, roles, permission);
+        anyRefused = true;
     }
+    return anyRefused;
 }
 
 void SignedResponder::releaseBrake()

@@ -51,8 +51,12 @@ QByteArray MultipartParser::boundaryOf(const QByteArray& parameter)
 
 bool MultipartParser::feed(const char* data, qsizetype length)
 {
-    if (m_error != NoError || m_state == Epilogue)
-        return m_error == NoError;
+    if (m_error != NoError)
+        return false;
+    if (m_state == Epilogue) {
+        m_epilogueBytes += length;
+        return m_epilogueBytes <= m_limits.epilogueBytes || fail(EpilogueTooLong);
+    }
     // What is held is short, and so are the pieces that a connection delivers.
     m_held.append(data, static_cast<int>(length));
     const QByteArray buffer = m_held;

@@ -22,6 +22,7 @@ public:
         int headerBytes = 8 * 1024; ///< Of one part, with its line ends.
         int parts = 100;
         int preambleBytes = 8 * 1024; ///< What stands before the first boundary.
+        int epilogueBytes = 64 * 1024; ///< What stands behind the last one; none of it is looked at.
     };
 
     enum Error {
@@ -31,6 +32,7 @@ public:
         HeaderTooLong,
         HeaderMalformed, ///< No field name, or a Content-Disposition that is not form-data.
         TooManyParts,
+        EpilogueTooLong,
         Unterminated, ///< The body ended before its final boundary.
     };
 
@@ -72,5 +74,6 @@ private:
     /// before it, so one is put there.
     QByteArray m_held = QByteArrayLiteral("\r\n");
     qint64 m_preambleBytes = 0;
+    qint64 m_epilogueBytes = 0;
     int m_partCount = 0;
 };
