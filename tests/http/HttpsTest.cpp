@@ -59,16 +59,6 @@ private Q_SLOTS:
         QVERIFY(m_device->isRunning());
     }
 
-    void theConfiguredCertificateIsServedAndTrustedByAddress()
-    {
-        QCOMPARE(servedCertificate(m_port), m_pair.certificate);
-        const QString file = m_device->stateDirectory() + "/trusted.pem";
-        writeFile(file, m_pair.certificate);
-        const ToolResult fetched = runTool("curl", { "-sS", "--cacert", file, url(m_port, Value) });
-        QCOMPARE(fetched.status, 0);
-        QCOMPARE(fetched.output, m_device->get(Value).body);
-    }
-
     void handshakes()
     {
         Rows<QStringList, bool> row;
