@@ -90,9 +90,7 @@ private Q_SLOTS:
         add("no log file", "--tree tree.json --state s --log-config none.ini", "none.ini: ");
         add("state below a file", "--tree tree.json --state tree.json/s", "--state tree.json/s: ");
         add("tree is no JSON", "--tree tree.json --state s", "tree.json:2: ", "{\"nodes\": [\n  oops]}");
-        add("misspelled key", "--tree tree.json --state s", "tree.json:3: .*\"titel\"",
-            "{\"nodes\": [\n  {\"path\": \"a:b\", \"type\": \"container\"},\n"
-            "  {\"path\": \"a:c\", \"type\": \"container\", \"titel\": \"C\"}]}");
+        add("no tree", "--tree none.json --state s", "none.json: ");
         add("missing module, checked", "--tree tree.json --check --worker none", "module 'none': .*libzark_none.so$");
         add("module is no library", "--tree tree.json --check --worker ./tree.json",
             "module './tree.json': .*tree.json");

@@ -9,15 +9,9 @@
 #include "CMRoot.h"
 #include "CMStreamNode.h"
 #include "PlayerWorker.h"
-#include "Rows.h"
 #include "SineWav.h"
 
 namespace {
-
-CMPath pathOf(const QString& name)
-{
-    return CMPath::fromEncoded(QStringLiteral("player:player/") + name);
-}
 
 /// Reads `size` bytes in pieces, letting the event loop turn; `most` is the most that ever waited in the pipe.
 QByteArray readSlowly(int fd, int size, int piece, int* most)
@@ -42,25 +36,16 @@ QByteArray readSlowly(int fd, int size, int piece, int* most)
 class PlayerTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { signal(SIGPIPE, SIG_IGN); }
-    void init()
-    {
-        m_root.reset(new CMRootWorker);
-        m_worker.reset(new PlayerWorker({}));
-        QVERIFY(m_worker->isComplete());
-    }
-    void cleanup()
-    {
-        m_worker.reset();
-        m_root.reset();
-    }
-
     void fillsThePipeOnlyAsItIsRead()
     {
+        signal(SIGPIPE, SIG_IGN);
+        CMRootWorker root;
+        const PlayerWorker worker({});
+        const auto* audio = dynamic_cast<CMStreamNode*>(root.tree()->node(CMPath::fromEncoded("player:player/audio")));
+        QVERIFY(audio);
+        QCOMPARE(audio->mimeType(), QStringLiteral("audio/wav"));
         for (const int piece : { 777, 65536 }) { // Small odd ones; more than the pipe holds.
             const int size = 200000;
-            const CMStreamNode* audio = node<CMStreamNode>(QStringLiteral("audio"));
-            QCOMPARE(audio->mimeType(), QStringLiteral("audio/wav"));
             const int fd = audio->openPipe();
             QVERIFY(fd >= 0);
             int most = 0;
@@ -70,15 +55,6 @@ private Q_SLOTS:
             QVERIFY2(most > 0 && most <= 16384, qPrintable(QString::number(most)));
         }
     }
-
-private:
-    template <class Node> Node* node(const QString& name) const
-    {
-        return dynamic_cast<Node*>(m_root->tree()->node(pathOf(name)));
-    }
-
-    QScopedPointer<CMRootWorker> m_root;
-    QScopedPointer<PlayerWorker> m_worker;
 };
 
 QTEST_GUILESS_MAIN(PlayerTest)

@@ -231,15 +231,6 @@ private Q_SLOTS:
         QCOMPARE(rowsOf(page(3, 3)), QJsonArray({ QJsonArray{ "New" } }));
     }
 
-    void announcesTheLanguageToWhoAsks()
-    {
-        const QByteArray target = "/api/getData?path=player:player/volume&roles=title";
-        QCOMPARE(m_device->get(target, { "Accept-Language: fr" }).header("Content-Language"), QByteArray("en"));
-        QCOMPARE(m_device->get(target).header("Content-Language"), QByteArray());
-        QCOMPARE(m_device->set("settings:ui/language", "\"de\""), 200);
-        QTRY_COMPARE(m_device->get(target, { "Accept-Language: fr" }).header("Content-Language"), QByteArray("de"));
-    }
-
     // Several at a time, so that batches of writes are cut, too; each has numbers of its own, and all grow.
     void noAcknowledgedWriteIsLost()
     {

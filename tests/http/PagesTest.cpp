@@ -7,6 +7,7 @@
 #include "Device.h"
 #include "DocumentRoot.h"
 #include "Namespace.h"
+#include "Rows.h"
 #include "Signer.h"
 #include "Tls.h"
 
@@ -62,66 +63,61 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(fetch("/value.fcgi").startsWith("HTTP/1.1 200"), 20000);
     }
 
-    void answers_data()
+    // Rows are a story. What is expected are parts of the answer; the first is its status.
+    void answers()
     {
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<QStringList>("arguments");
-        QTest::addColumn<QByteArrayList>("expected"); ///< Parts of the answer; the first is its status.
+        Rows<QByteArray, QStringList, QByteArrayList> row;
         const QStringList origin{ "-H", "Origin: https://127.0.0.1:" + QString::number(m_port) };
-        const auto add = [](const char* name, const QByteArray& target, const QStringList& arguments,
-                             const QByteArrayList& expected) {
-            QTest::newRow(name) << target << arguments << expected;
-        };
         const auto form = [](const char* path, const char* value) {
             return QStringList{ "-d", QStringLiteral("path=") + path, "--data-urlencode",
                 QStringLiteral("value=") + value };
         };
-        add("values", "/value.fcgi", {},
+        row("values", "/value.fcgi", {},
             { "200", "<p a='en'>3021.5true ", "\r\nContent-Type: text/html; charset=utf-8\r\n",
                 "\r\nContent-Security-Policy: frame-ancestors 'self'\r\n", "no-store" });
-        add("HEAD", "/value.fcgi", { "-I" }, { "200", "text/html" });
-        add("another method", "/value.fcgi", { "-X", "PUT" }, { "405", "\r\nAllow: GET, HEAD, POST\r\n" });
-        add("no page", "/no.fcgi", {}, { "404", "/no.fcgi' was not found." });
-        add("outside the root", "/link.fcgi", {}, { "404" });
-        add("plain HTTP", "http:/set.fcgi", {}, { "200", Set });
-        add("markup in a query", "/text.fcgi?value=%3Cscript%3E%22%27%26--%3E", {},
+        row("HEAD", "/value.fcgi", { "-I" }, { "200", "text/html" });
+        row("another method", "/value.fcgi", { "-X", "PUT" }, { "405", "\r\nAllow: GET, HEAD, POST\r\n" });
+        row("no page", "/no.fcgi", {}, { "404", "/no.fcgi' was not found." });
+        row("outside the root", "/link.fcgi", {}, { "404" });
+        row("plain HTTP", "http:/set.fcgi", {}, { "200", Set });
+        row("markup in a query", "/text.fcgi?value=%3Cscript%3E%22%27%26--%3E", {},
             { "200", "<p a='" + Escaped + "'>" + Escaped });
-        add("markup in a form", "/text.fcgi", origin + form("", Hostile), { "200", "<p a='" + Escaped });
-        add("form of another type", "/text.fcgi",
+        row("markup in a form", "/text.fcgi", origin + form("", Hostile), { "200", "<p a='" + Escaped });
+        row("form of another type", "/text.fcgi",
             origin + QStringList{ "-H", "Content-Type: application/json", "-d", R"({"value":"xyz"})" },
             { "200", "<p a=''>" });
 
-        add("number", "/set.fcgi?a=b", origin + form("demo:values/i32", "-5"),
+        row("number", "/set.fcgi?a=b", origin + form("demo:values/i32", "-5"),
             { "303", "\r\nLocation: https://127.0.0.1:" + QByteArray::number(m_port) + "/set.fcgi?a=b\r\n" });
-        add("by its Referer", "/set.fcgi",
+        row("by its Referer", "/set.fcgi",
             QStringList{ "-H", origin.at(1) + "/x" }.replaceInStrings("Origin", "Referer")
                 + form("demo:values/bool", "off"),
             { "303" });
-        add("a text that is markup", "/set.fcgi", origin + form("settings:webserver/defaultLocation", Hostile),
+        row("a text that is markup", "/set.fcgi", origin + form("settings:webserver/defaultLocation", Hostile),
             { "303" });
-        add("markup in a node", "/text.fcgi", {}, { "200", "<p a=''>" + Escaped });
-        add("command", "/set.fcgi", origin + form("player:player/control", "play"), { "303" });
-        add("no number", "/set.fcgi", origin + form("demo:values/i32", "4.5"),
+        row("markup in a node", "/text.fcgi", {}, { "200", "<p a=''>" + Escaped });
+        row("command", "/set.fcgi", origin + form("player:player/control", "play"), { "303" });
+        row("no number", "/set.fcgi", origin + form("demo:values/i32", "4.5"),
             { "200", "[$error&quot;4.5&quot; is no value of type i32.]" });
-        add("out of range", "/set.fcgi", origin + form("demo:values/i32", "101"),
+        row("out of range", "/set.fcgi", origin + form("demo:values/i32", "101"),
             { "200", "[$errorThe value must be at most 100.]" });
-        add("no such node", "/set.fcgi", origin + form("demo:values/no", "1"),
+        row("no such node", "/set.fcgi", origin + form("demo:values/no", "1"),
             { "200", "[$errorThere is no such node.]" });
-        add("a field is missing", "/set.fcgi", origin + QStringList{ "-d", "value=1" }, { "200", "<p>[$error]" });
+        row("a field is missing", "/set.fcgi", origin + QStringList{ "-d", "value=1" }, { "200", "<p>[$error]" });
         for (const char* foreign : { "null", "http://127.0.0.1:%1", "https://127.0.0.1", "https://127.0.0.1:%1.evil" })
-            add(foreign, "/set.fcgi",
+            row(foreign, "/set.fcgi",
                 QStringList{ "-H", "Origin: " + QString(foreign).replace("%1", QString::number(m_port)) }
                     + form("demo:values/i32", "77"),
                 { "403", "Forms are taken from pages of this server only." });
-        add("no origin", "/set.fcgi", form("demo:values/i32", "77"), { "403" });
-        add("nothing refused was set", "/api/getData?path=demo:values/i32&roles=value", {}, { "200", "\"value\":-5}" });
+        row("no origin", "/set.fcgi", form("demo:values/i32", "77"), { "403" });
+        row("nothing refused was set", "/api/getData?path=demo:values/i32&roles=value", {}, { "200", "\"value\":-5}" });
 
         const QByteArray uri = "https://127.0.0.1:" + QByteArray::number(m_port) + "/closed.fcgi";
-        add("wrong signature", "/closed.fcgi", { "-H", Signer("admin", "wrong").forGet(uri) },
+        row("wrong signature", "/closed.fcgi", { "-H", Signer("admin", "wrong").forGet(uri) },
             { "401", "\r\nWWW-Authenticate: HMAC_SHA256", "Forbidden" });
-        add("local", "/closed.fcgi", {},
+        row("local", "/closed.fcgi", {},
             { "200", "[0|0|0Open row,Default row,Protected row,Internal row,Last row,rowrowrow]" });
-        add("remote", "remote:/closed.fcgi", {},
+        row("remote", "remote:/closed.fcgi", {},
             { "200",
                 "[<!-- error: demo:permissions/protected: Forbidden -->|<!-- error: demo:permissions/internal: "
                 "Forbidden -->|<!-- error: demo:permissions/protected: Forbidden -->Open row,Default row,"
@@ -129,47 +125,39 @@ private Q_SLOTS:
                 "demo:permissionLists/protected: "
                 "Forbidden -->]" });
         const QStringList remote{ "-H", "Origin: https://192.0.2.1:" + QString::number(m_port) };
-        add("set by a remote client", "remote:/set.fcgi", remote + form("demo:permissions/default", "1"),
+        row("set by a remote client", "remote:/set.fcgi", remote + form("demo:permissions/default", "1"),
             { "200", "[$errorForbidden]" });
-        add("set in the open", "remote:/set.fcgi", remote + form("demo:permissions/open", "1"), { "303" });
+        row("set in the open", "remote:/set.fcgi", remote + form("demo:permissions/open", "1"), { "303" });
 
-        add("the demo's page", "/status/", { "-L" },
+        row("the demo's page", "/status/", { "-L" },
             { "301", "\r\n\r\nHTTP/1.1 200", ">Quiet Harbour No. 1<", "of 500" });
-        add("its form", "/status/index.fcgi?from=490", origin + QStringList{ "-d", "volume=44" },
+        row("its form", "/status/index.fcgi?from=490", origin + QStringList{ "-d", "volume=44" },
             { "303", "/status/index.fcgi?from=490" });
-        add("what it shows then", "/status/index.fcgi?from=490", {},
+        row("what it shows then", "/status/index.fcgi?from=490", {},
             { "200", "value=\"44\"", "No. 500<", "?from=480\"", "<span>Later" });
-    }
-    void answers()
-    {
-        QFETCH(QByteArray, target);
-        QFETCH(QStringList, arguments);
-        QFETCH(QByteArrayList, expected);
-        const QByteArray reply = fetch(target, arguments);
-        QVERIFY2(reply.startsWith("HTTP/1.1 " + expected.takeFirst()), reply);
-        for (const QByteArray& part : expected)
-            QVERIFY2(reply.contains(part), reply + "\n has no " + part);
+        for (const auto& [target, arguments, expected] : row) {
+            const QByteArray reply = fetch(target, arguments);
+            QVERIFY2(reply.startsWith("HTTP/1.1 " + expected.first()), reply);
+            for (const QByteArray& part : expected.mid(1))
+                QVERIFY2(reply.contains(part), reply + "\n has no " + part);
+        }
     }
 
     // What is wrong stands in the log, and in no answer.
     void faults()
     {
-        const struct {
-            QByteArray page;
-            QByteArray logged;
-        } rows[] = {
-            { "a\n<!--#get-->", "bad.fcgi:2:1: the attribute \"path\" is missing" },
-            { "<!--#include file='../canary.txt'-->", "bad.fcgi:1:1: there is no file \"../canary.txt\"" },
-            { "<!--#include file='bad.fcgi'-->", "bad.fcgi:1:1: the file includes itself" },
-            { "<!--#include file='bad.inc'-->", "bad.inc:1:3: the page ends inside a tag" },
-            { QByteArray(1024 * 1024 + 1, 'x'), "bad.fcgi:1:1: the file cannot be read, or is longer" },
-        };
+        Rows<QByteArray> row;
+        row("bad.fcgi:2:1: the attribute \"path\" is missing", "a\n<!--#get-->");
+        row("bad.fcgi:1:1: there is no file \"../canary.txt\"", "<!--#include file='../canary.txt'-->");
+        row("bad.fcgi:1:1: the file includes itself", "<!--#include file='bad.fcgi'-->");
+        row("bad.inc:1:3: the page ends inside a tag", "<!--#include file='bad.inc'-->");
+        row("bad.fcgi:1:1: the file cannot be read, or is longer", QByteArray(1024 * 1024 + 1, 'x'));
         m_root.write("bad.inc", "<p");
-        for (const auto& row : rows) {
-            m_root.write("bad.fcgi", row.page);
+        for (const auto& [page] : row) {
+            m_root.write("bad.fcgi", page);
             const QByteArray reply = fetch("/bad.fcgi");
             QVERIFY2(reply.startsWith("HTTP/1.1 500") && reply.endsWith("\r\n\r\nThe page cannot be shown."), reply);
-            QVERIFY2(m_device->log().contains(row.logged), row.logged);
+            QVERIFY(m_device->log().contains(row.name()));
         }
     }
 

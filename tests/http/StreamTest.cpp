@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Device.h"
+#include "Rows.h"
 
 namespace {
 
@@ -25,29 +26,22 @@ private Q_SLOTS:
 
     void answers()
     {
-        struct Row {
-            const char* name;
-            QByteArray request;
-            int status;
-            QByteArray type;
-        };
+        Rows<QByteArray, int, QByteArray> row;
         const QByteArray json = "application/json";
-        const Row rows[] = {
-            { "HEAD", request("HEAD", Audio), 200, "audio/wav" },
-            { "HEAD, encoded once more", request("HEAD", "/api/stream/player%3Aplayer%2Faudio"), 200, "audio/wav" },
-            { "HEAD, old form", request("HEAD", "/api/stream//player/audio"), 200, "audio/wav" },
-            { "no stream", request("GET", "/api/stream/player:player/volume"), 404, json },
-            { "no node", request("GET", "/api/stream/player:player/nothing"), 404, json },
-            { "no path", request("GET", "/api/stream/"), 404, json },
-            { "another method", request("PUT", Audio), 405, json },
-        };
-        for (const Row& row : rows) {
+        row("HEAD", request("HEAD", Audio), 200, "audio/wav");
+        row("HEAD, encoded once more", request("HEAD", "/api/stream/player%3Aplayer%2Faudio"), 200, "audio/wav");
+        row("HEAD, old form", request("HEAD", "/api/stream//player/audio"), 200, "audio/wav");
+        row("no stream", request("GET", "/api/stream/player:player/volume"), 404, json);
+        row("no node", request("GET", "/api/stream/player:player/nothing"), 404, json);
+        row("no path", request("GET", "/api/stream/"), 404, json);
+        row("another method", request("PUT", Audio), 405, json);
+        for (const auto& [request, status, type] : row) {
             HttpConnection connection(m_device.port());
-            connection.send(row.request);
-            const HttpReply reply = connection.readReply(10000, row.request.startsWith("HEAD"));
-            QVERIFY2(reply.status == row.status, row.name);
-            QCOMPARE(reply.header("Content-Type"), row.type);
-            QCOMPARE(reply.header("Allow"), row.status == 405 ? QByteArray("GET, HEAD") : QByteArray());
+            connection.send(request);
+            const HttpReply reply = connection.readReply(10000, request.startsWith("HEAD"));
+            QCOMPARE(reply.status, status);
+            QCOMPARE(reply.header("Content-Type"), type);
+            QCOMPARE(reply.header("Allow"), status == 405 ? QByteArray("GET, HEAD") : QByteArray());
         }
     }
 

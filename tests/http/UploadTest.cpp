@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include "Device.h"
+#include "Rows.h"
 #include "Signer.h"
 
 namespace {
@@ -39,14 +40,6 @@ QByteArray image()
     return data;
 }
 
-struct Row {
-    const char* name;
-    QByteArray body;
-    int status;
-    QByteArray answer; ///< The body, or the error's message.
-    QByteArray type = Type;
-};
-
 } // namespace
 
 /// POST /firmware/update: what is kept, what is refused, and that the last whole image stays whatever happens.
@@ -59,33 +52,29 @@ private Q_SLOTS:
     {
         const QByteArray data = image();
         const QByteArray whole = part("firmware", data) + End;
-        const Row rows[] = {
-            { "one part", whole, 200, kept(data) },
-            { "sum before", part("sha256", sum(data)) + whole, 200, kept(data) },
-            { "sum behind", part("firmware", data) + part("sha256", sum(data) + "  x.bin\n") + End, 200, kept(data) },
-            { "other parts, preamble, epilogue", "hello\r\n" + part("a", "b") + whole + "\r\n" + whole.left(999), 200,
-                kept(data) },
-            { "wrong sum", part("sha256", sum("x")) + whole, 500,
-                "The image does not have the SHA-256 sum that was sent with it" },
-            { "no sum", part("sha256", "beef") + whole, 400, "The sum is no SHA-256 sum in hexadecimal digits." },
-            { "two images", part("firmware", "x") + whole, 400, "There are two images." },
-            { "two images, with much to come",
-                part("firmware", "x") + part("firmware", QByteArray(LimitBytes - 9, 'x')), 400,
-                "There are two images." },
-            { "another part is large", part("a", QByteArray(LimitBytes, 'x')) + whole.left(99), 413,
-                "The other parts are too large." },
-            { "no image", part("a", "b") + End, 400, "There is no part \"firmware\"." },
-            { "empty image", part("firmware", "") + End, 400, "The image is empty." },
-            { "no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.",
-                "Content-Type: multipart/form-data" },
-            { "10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts." },
-            { "over the limit", part("firmware", QByteArray(LimitBytes + 1, 'x')) + End, 413,
-                "The image is too large." },
-        };
-        for (const Row& row : rows) {
-            const HttpReply reply = m_device.request("POST", "/firmware/update", { row.type }, row.body);
-            QVERIFY2(reply.status == row.status, row.name);
-            QCOMPARE(reply.status == 200 ? reply.body : reply.errorMessage(), row.answer);
+        Rows<QByteArray, int, QByteArray> row; // A body; the answer's body, or the error's message.
+        row("one part", whole, 200, kept(data));
+        row("sum before", part("sha256", sum(data)) + whole, 200, kept(data));
+        row("sum behind", part("firmware", data) + part("sha256", sum(data) + "  x.bin\n") + End, 200, kept(data));
+        row("wrong sum", part("sha256", sum("x")) + whole, 500,
+            "The image does not have the SHA-256 sum that was sent with it");
+        row("no sum", part("sha256", "beef") + whole, 400, "The sum is no SHA-256 sum in hexadecimal digits.");
+        row("two images", part("firmware", "x") + whole, 400, "There are two images.");
+        row("two images, with much to come", part("firmware", "x") + part("firmware", QByteArray(LimitBytes - 9, 'x')),
+            400, "There are two images.");
+        row("another part is large", part("a", QByteArray(LimitBytes, 'x')) + whole.left(99), 413,
+            "The other parts are too large.");
+        row("no image", part("a", "b") + End, 400, "There is no part \"firmware\".");
+        row("empty image", part("firmware", "") + End, 400, "The image is empty.");
+        row("no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.");
+        row("10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts.");
+        row("over the limit", part("firmware", QByteArray(LimitBytes + 1, 'x')) + End, 413, "The image is too large.");
+        for (const auto& [body, status, answer] : row) {
+            const QByteArray type =
+                row.name() == "no boundary" ? QByteArray("Content-Type: multipart/form-data") : Type;
+            const HttpReply reply = m_device.request("POST", "/firmware/update", { type }, body);
+            QCOMPARE(reply.status, status);
+            QCOMPARE(reply.status == 200 ? reply.body : reply.errorMessage(), answer);
             QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
         }
         QCOMPARE(storedImage(), data);

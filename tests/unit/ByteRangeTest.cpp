@@ -62,15 +62,6 @@ private Q_SLOTS:
         }
     }
 
-    void boundsNumbers()
-    {
-        const QByteArray nines(18, '9');
-        QCOMPARE(withBoundedNumbers("bytes=007-00"), QByteArray("bytes=7-0"));
-        QCOMPARE(withBoundedNumbers("bytes=" + nines + "-"), "bytes=" + nines + "-");
-        QCOMPARE(withBoundedNumbers("bytes=1000000000000000000-"), "bytes=" + nines + "-");
-        QCOMPARE(withBoundedNumbers("bytes=-" + QByteArray(500, '1') + ",3"), "bytes=-" + nines + ",3");
-    }
-
     void anyNumberOfRangesCostsNothing()
     {
         QByteArray field("bytes=0-");

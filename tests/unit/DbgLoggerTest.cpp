@@ -85,29 +85,6 @@ private Q_SLOTS:
         QCOMPARE(capture.text(), QByteArray("<4>Unit: x\\r\\n<2>Unit: forged\\t\\x1b[2J\\x00\\x7f\\x9b \xC3\xA9\n"));
     }
 
-    void aPropertyFileSetsLevels()
-    {
-        const StandardErrorCapture capture;
-        QTemporaryFile file;
-        QVERIFY(file.open());
-        file.write("log4cplus.rootLogger=ERROR, A\nlog4cplus.logger.Unit=INFO\n"
-                   "log4cplus.appender.A=log4cplus::ConsoleAppender\nlog4cplus.appender.A.logToStdErr=true\n"
-                   "log4cplus.appender.A.layout=log4cplus::PatternLayout\n"
-                   "log4cplus.appender.A.layout.ConversionPattern=%p|%m%n\n");
-        file.close();
-        const DbgLogger other("Other");
-        QVERIFY(DbgLogger::configureFromFile(file.fileName(), nullptr));
-        dbglog_info(logger(), "shown");
-        dbglog_debug(logger(), "hidden");
-        dbglog_warn(other, "hidden");
-        QCOMPARE(capture.text(), QByteArray("INFO|shown\n"));
-
-        QString error;
-        QVERIFY(!DbgLogger::configureFromFile(QStringLiteral("/no/such/file"), &error));
-        QVERIFY(error.startsWith(QStringLiteral("/no/such/file: ")));
-        QVERIFY(logger().isEnabled(log4cplus::INFO_LOG_LEVEL));
-    }
-
     void faultsOfAPropertyFileAreNamed()
     {
         Rows<QByteArray, QString> row;

@@ -114,16 +114,6 @@ private Q_SLOTS:
         }
     }
 
-    void missingFilesAreNamed()
-    {
-        CMRootWorker root;
-        CMNodes nodes(root.tree());
-        QString error;
-        QVERIFY(!CMTreeFile::load("/nowhere/tree.json", &nodes, &error));
-        QVERIFY2(error.startsWith("/nowhere/tree.json: "), qPrintable(error));
-        QVERIFY(load("{\"nodes\": [\n}", &nodes).startsWith("tree.json:2: "));
-    }
-
 private:
     QString load(const QByteArray& text, CMNodes* nodes)
     {

@@ -234,22 +234,6 @@ const SCENARIOS = {
     await value("12 %");
   },
 
-  "polls once for two tabs": async () => {
-    await open(`webclient/#/${VOLUME}`);
-    const [first, second] = [page, await page.context().newPage()];
-    const polls = new Set();
-    page
-      .context()
-      .on("request", (request) => request.url().endsWith("/pollQueue") && polls.add(request.frame().page()));
-    watch(second);
-    await second.goto(`${device.url}/webclient/#/${VOLUME}`);
-    for (const volume of [20, 21, 22]) {
-      await setData(device, VOLUME, volume);
-      for (page of [first, second]) await value(`${volume} %`);
-    }
-    assert.equal(polls.size, 1);
-  },
-
   "leads to a password, and from then on only writes with the right one": async () => {
     await open("", { host: ELSEWHERE });
     await button("Set a password").click();
