@@ -212,15 +212,13 @@ private Q_SLOTS:
     void overridesForOneRunOnly()
     {
         const CMPath value = CMPath::fromEncoded("test:value");
-        const QString database = path("state.db");
         QString error;
+        QVERIFY(QDir(m_directory->path()).mkdir("state"));
         {
             CMStore store;
-            QVERIFY(store.open(database, &error));
+            QVERIFY(store.open(path("state/state.db"), &error));
             store.write(value, ZarkValue::fromI32(5), {});
         }
-        QVERIFY(QDir(m_directory->path()).mkdir("state"));
-        QVERIFY(QFile::rename(database, path("state/state.db")));
         startRecorders({ "--set", "test:value=7" });
         QVERIFY(waitForReady());
         m_host->terminate();

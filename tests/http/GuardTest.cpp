@@ -191,15 +191,6 @@ private Q_SLOTS:
         }
     }
 
-    void aHalfClosedClientIsAnswered()
-    {
-        HttpConnection connection(m_device->port());
-        connection.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
-        connection.shutDownSending();
-        QCOMPARE(connection.readReply().status, 200);
-        QVERIFY(connection.isClosedWithin(1000));
-    }
-
     void clientsThatLeaveAtAnyStageLeaveNothingBehind()
     {
         const QByteArray request =

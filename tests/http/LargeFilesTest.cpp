@@ -264,7 +264,5 @@ private:
     std::unique_ptr<Device> m_device;
 };
 
-// idleSeconds is 1, and stalledSeconds 4.
-
 QTEST_GUILESS_MAIN(LargeFilesTest)
 #include "LargeFilesTest.moc"

@@ -1,4 +1,3 @@
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QProcess>
@@ -203,13 +202,6 @@ private:
     int m_port = 0;
 };
 
-int main(int argc, char** argv)
-{
-    if (!enterNetworkNamespace())
-        return 1;
-    QCoreApplication application(argc, argv);
-    PagesTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+NAMESPACE_TEST_MAIN(PagesTest)
 
 #include "PagesTest.moc"

@@ -92,10 +92,6 @@ private Q_SLOTS:
             QCOMPARE(reply.status, 404);
             QCOMPARE(reply.errorMessage(), QByteArray("Node is internal"));
         }
-        const QByteArray rows =
-            m_device->ask(remote, "/api/getRows?path=settings:webserver&roles=path,value&from=0&to=99").body;
-        QVERIFY2(rows.contains(Node), rows.constData());
-        QVERIFY2(!rows.contains("BEGIN") && !rows.contains("admin"), rows.constData());
     }
 
 private:

@@ -44,10 +44,8 @@ private Q_SLOTS:
         m_root.write("strange/index.html/inner.txt", "x");
         m_root.write("größe €.txt", "named");
         m_root.write("secret.txt", "x");
-        m_root.write("closed/file.txt", "x");
         m_root.write("q?#%.txt", "odd");
         chmod(m_root.file("secret.txt").constData(), 0);
-        chmod(m_root.file("closed").constData(), 0311);
         QFile::link("../canary.txt", m_root.file("leak.txt"));
         QFile::link("..", m_root.file("parent"));
         QFile::link("ten.txt", m_root.file("inner-link.txt"));
@@ -106,10 +104,7 @@ private Q_SLOTS:
             nothing);
 
         row("range", "GET", "/ten.txt", { "Range: bytes=2-4" }, 206, "234", "bytes 2-4/10");
-        row("range, one byte", "GET", "/ten.txt", { "Range: bytes=0-0" }, 206, "0", "bytes 0-0/10");
         row("range, beyond the end", "GET", "/ten.txt", { "Range: bytes=0-99" }, 206, Content, "bytes 0-9/10");
-        row("range, long suffix", "GET", "/ten.txt", { "Range: bytes=-100" }, 206, Content, "bytes 0-9/10");
-        row("range, no suffix", "GET", "/ten.txt", { "Range: bytes=-0" }, 416, {});
         row("range, outside", "GET", "/ten.txt", { "Range: bytes=10-" }, 416, {});
         row("range, invalid", "GET", "/ten.txt", { "Range: bytes=5-2" }, 200, Content);
         row("ranges", "GET", "/ten.txt", { "Range: bytes=0-1,4-5" }, 200, Content);

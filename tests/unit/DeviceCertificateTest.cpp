@@ -22,15 +22,13 @@ QByteArray makePair(const QTemporaryDir& directory, const QString& name, const Q
     return contentOf(certificate) + contentOf(key);
 }
 
-/// In front of the real tool in PATH: treats what matches `command` (a branch of the shell's case) on its own, and
-/// notes what it was asked.
+/// In front of the real tool in PATH: treats what matches `command` (a branch of the shell's case) on its own.
 class ToolInFront {
 public:
-    explicit ToolInFront(const QByteArray& command, const QString& asked = "/dev/null") : m_path(qgetenv("PATH"))
+    explicit ToolInFront(const QByteArray& command) : m_path(qgetenv("PATH"))
     {
         writeFile(m_directory.filePath("openssl"),
-            "#!/bin/sh\necho \"$*\" >>" + QFile::encodeName(asked) + "\ncase $* in " + command
-                + ";; esac\nPATH=${PATH#*:} exec openssl \"$@\"\n");
+            "#!/bin/sh\ncase $* in " + command + ";; esac\nPATH=${PATH#*:} exec openssl \"$@\"\n");
         QFile::setPermissions(m_directory.filePath("openssl"), QFile::Permissions(0x7700));
         qputenv("PATH", QFile::encodeName(m_directory.path()) + ':' + m_path);
     }
@@ -58,7 +56,6 @@ private Q_SLOTS:
     {
         Rows<QSet<QString>, QByteArray> row;
         using Set = QSet<QString>;
-        row("one", Set{ "192.0.2.7" }, "IP:192.0.2.7,IP:127.0.0.1");
         row("both families", Set{ "192.0.2.7", "2001:db8::1" }, "IP:192.0.2.7,IP:2001:db8::1,IP:127.0.0.1");
         row("a zone", Set{ "fe80::1%eth0" }, "IP:fe80::1,IP:127.0.0.1");
         row("no address", Set{ "192.0.2.7", "", "x\nbasicConstraints = CA:TRUE" }, "IP:192.0.2.7,IP:127.0.0.1");
@@ -183,19 +180,14 @@ private Q_SLOTS:
 
     void anAuthorityWithoutReadableSubjectStillSigns()
     {
-        const QTemporaryDir tools;
         const QTemporaryDir work;
         DeviceCertificate certificate(m_authority, work.path());
         QString error;
-        {
-            const ToolInFront tool("*-subject*) echo no; exit 1", tools.filePath("asked"));
-            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
-        }
-        const QByteArray asked = contentOf(tools.filePath("asked"));
-        const QByteArray key = QFile::encodeName(work.filePath("soup-key.pem"));
-        QVERIFY2(asked.startsWith("genrsa -out " + key + " 2048\nx509 -noout -subject -nameopt compat -in "),
-            asked.constData());
-        QVERIFY2(asked.contains(" -sha256 -subj /C=AT/ST=Vienna/O=Orvanta/CN=Tidekit-device\n"), asked.constData());
+        const ToolInFront tool("*-subject*) echo no; exit 1");
+        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+        const QByteArray text = openssl({ "x509", "-in", certificate.certificateFile(), "-noout", "-text" });
+        QVERIFY2(text.contains("C = AT, ST = Vienna, O = Orvanta, CN = Tidekit-device"), text.constData());
+        QVERIFY(text.contains("Public-Key: (2048 bit)") && text.contains("Algorithm: sha256WithRSA"));
     }
 
     void pairs()

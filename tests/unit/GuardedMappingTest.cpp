@@ -6,7 +6,7 @@
 #include <csignal>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
