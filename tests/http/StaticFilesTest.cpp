@@ -106,7 +106,6 @@ private Q_SLOTS:
         row("range", "GET", "/ten.txt", { "Range: bytes=2-4" }, 206, "234", "bytes 2-4/10");
         row("range, beyond the end", "GET", "/ten.txt", { "Range: bytes=0-99" }, 206, Content, "bytes 0-9/10");
         row("range, outside", "GET", "/ten.txt", { "Range: bytes=10-" }, 416, {});
-        row("range, invalid", "GET", "/ten.txt", { "Range: bytes=5-2" }, 200, Content);
         row("ranges", "GET", "/ten.txt", { "Range: bytes=0-1,4-5" }, 200, Content);
         row("range POST", "POST", "/ten.txt", { "Range: bytes=2-4" }, 206, "234", "bytes 2-4/10");
         row("If-Range", "GET", "/ten.txt", { "Range: bytes=2-4", "If-Range: " + Tag }, 206, "234", "bytes 2-4/10");
