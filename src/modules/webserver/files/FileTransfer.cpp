@@ -23,12 +23,11 @@ GSocket* socketOf(const Message& message)
     return soup_client_context_get_gsocket(message.data().client);
 }
 
-// One that has only grown, a log, is sent as far as it was promised.
-bool isOverwritten(const struct stat& before, const struct stat& now)
+// What is queued is the file's own pages: what the file has lost meanwhile would be zeros.
+bool hasLost(int file, qint64 queued)
 {
-    const bool isSameTime =
-        before.st_mtim.tv_sec == now.st_mtim.tv_sec && before.st_mtim.tv_nsec == now.st_mtim.tv_nsec;
-    return now.st_size < before.st_size || (now.st_size == before.st_size && !isSameTime);
+    struct stat status = {};
+    return fstat(file, &status) != 0 || status.st_size < queued;
 }
 
 } // namespace
@@ -57,7 +56,6 @@ FileTransfer::FileTransfer(
       m_end(offset + length), m_headWrittenId(g_signal_connect(message.data().message, "wrote-headers",
                                   G_CALLBACK(&FileTransfer::onHeadWritten), this))
 {
-    fstat(m_mapping->descriptor(), &m_version);
     connect(&m_message, &Message::finished, this, &FileTransfer::stop);
     m_message.setContentLength(length);
 }
@@ -88,19 +86,17 @@ void FileTransfer::send()
     const auto wanted = static_cast<size_t>(std::min(m_end - m_offset, BytesATurn));
     off64_t offset = m_offset;
     const ssize_t sent = sendfile64(m_socket, m_mapping->descriptor(), &offset, wanted);
+    const bool isFull = sent < 0 && (errno == EAGAIN || errno == EINTR);
     m_offset = offset;
-    struct stat version = {};
-    // What is queued is the file's own pages: what is written to them now, the client gets.
-    const bool isChanged = fstat(m_mapping->descriptor(), &version) != 0 || isOverwritten(m_version, version);
-    if (m_offset == m_end && !isChanged) {
+    const bool isShorter = sent == 0 || hasLost(m_mapping->descriptor(), m_offset);
+    if (m_offset == m_end && !isShorter) {
         stop();
         m_message.responseBodyComplete();
         return;
     }
-    const bool isFull = sent < 0 && (errno == EAGAIN || errno == EINTR);
-    if (isChanged || (sent <= 0 && !isFull)) {
-        if (isChanged || sent == 0)
-            dbglog_warn(webserverLog(), "A file changed while it was sent: " << m_message.fullUri());
+    if (isShorter || (sent < 0 && !isFull)) {
+        if (isShorter)
+            dbglog_warn(webserverLog(), "A file became shorter while it was sent: " << m_message.fullUri());
         stop();
         // The table of connections sees the end of this one, and ends the exchange.
         shutdown(m_socket, SHUT_RDWR);

@@ -4,8 +4,6 @@
 
 #include <libsoup/soup.h>
 
-#include <sys/stat.h>
-
 #include <memory>
 
 #include "Message.h"
@@ -39,7 +37,6 @@ private:
     int m_socket;
     qint64 m_offset;
     qint64 m_end;
-    struct stat m_version = {}; ///< Of the file, at the beginning.
     gulong m_headWrittenId;
     guint m_writableSource = 0; ///< From the first write that finds the socket full on.
 };
