@@ -63,8 +63,8 @@ protected:
     bool canRespond(
         const QString& path, ApiRequestType type, ZarkPermission::Enum permission, bool respondOnError = true);
     /// The same for each row of an answer whose last role is the permission, which is taken away: a row that is refused
-    /// keeps its place and loses what it holds. `roles` are all that were asked for, `path` that of the list. Whether any
-    /// was refused.
+    /// keeps its place and loses what it holds. `roles` are all that were asked for, `path` that of the list. Whether
+    /// any was refused.
     bool withholdRows(const QString& path, const QStringList& roles, ZarkRowsRoles* answer);
     /// Ends the holding back of refusals if the caller is verified.
     void releaseBrake();
