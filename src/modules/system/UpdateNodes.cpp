@@ -106,10 +106,7 @@ CMValueNode* UpdateNodes::add(CMNodes* nodes, const char* name, const char* titl
 std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 bytes, CMError* error)
 {
     int ends[2] = { -1, -1 };
-    // What nobody writes any more is no reason to be busy. The thread has little left to do.
-    if (m_transfer && m_isAbandoned)
-        m_transfer.reset();
-    if (m_transfer) {
+    if (m_node->isBusy()) {
         *error = CMError(CMError::Busy, "Another image is on its way.");
         return nullptr;
     }
@@ -117,6 +114,7 @@ std::unique_ptr<CMUpdate> UpdateNodes::begin(const QString& fileName, qint64 byt
         *error = CMError(CMError::Failed, TrString(QString::fromLocal8Bit(strerror(errno))));
         return nullptr;
     }
+    m_transfer.reset(); // One that nobody writes any more: its thread has little left to do.
     fcntl(ends[1], F_SETFL, O_NONBLOCK); // The reader, on its own thread, may block.
     fcntl(ends[1], F_SETPIPE_SZ, PipeBytes);
     m_fileName = fileName;

@@ -28,8 +28,7 @@ struct ServerLimits;
 /// 5. handler: the registration's Handler answers at once, or
 /// 6. pause: a ResponderHandler pauses the exchange and goes on from the event loop, where it makes a
 /// 7. responder with a Request as its input. The responder asks the framework, sets status, headers and body, or
-/// streams
-///    the body into a ServerMessageDevice, and emits finished(id).
+///    streams the body into a ServerMessageDevice, and emits finished(id).
 /// 8. completion: the handler ends what was streamed and resumes the exchange; the library sends it.
 /// 9. finished: the library reports the exchange sent, or the client gone, whichever comes first and at any of the
 ///    steps above; Message::finished() tells everybody who still works on it.

@@ -81,13 +81,10 @@ PageRun::Step PageRun::step(const PageCommand& command)
 
 PageRun::Step PageRun::get(const PageCommand& command)
 {
-    const PageRead read = readOfNode(command);
-    const PageAnswer* answer = find(read);
+    const PageAnswer* answer = findNode(command);
     if (!answer)
         return Stay;
-    if (!answer->error.isEmpty())
-        report(command, read.path, answer->error);
-    else
+    if (answer->error.isEmpty())
         put(command, answer->rows.value(0).value(0));
     return Next;
 }
@@ -157,12 +154,9 @@ PageRun::Step PageRun::decide(const PageCommand& command)
     if (command.has("value")) {
         holds = text(command.attribute("value")) == equals;
     } else {
-        const PageRead read = readOfNode(command);
-        const PageAnswer* answer = find(read);
+        const PageAnswer* answer = findNode(command);
         if (!answer)
             return Stay;
-        if (!answer->error.isEmpty())
-            report(command, read.path, answer->error);
         holds = answer->error.isEmpty() && answer->rows.value(0).value(0) == equals;
     }
     if (!holds)
@@ -182,6 +176,16 @@ const PageAnswer* PageRun::find(const PageRead& read)
     m_readCount += m_reads.size();
     m_state = Reading;
     return nullptr;
+}
+
+// The same for the node of a command; an error is reported.
+const PageAnswer* PageRun::findNode(const PageCommand& command)
+{
+    const PageRead read = readOfNode(command);
+    const PageAnswer* answer = find(read);
+    if (answer && !answer->error.isEmpty())
+        report(command, read.path, answer->error);
+    return answer;
 }
 
 // What is certain to be read from here on goes out together: up to where it depends on an answer how the page goes on.

@@ -89,6 +89,7 @@ private:
     Step decide(const PageCommand& command);
 
     const PageAnswer* find(const PageRead& read);
+    const PageAnswer* findNode(const PageCommand& command);
     void collect();
     bool wouldRead(const PageCommand& command, PageRead* read) const;
     PageRead readOfNode(const PageCommand& command) const;
