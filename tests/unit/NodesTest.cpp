@@ -6,6 +6,7 @@
 
 #include "Answer.h"
 #include "CMActivateNode.h"
+#include "CMContainerNode.h"
 #include "CMListNode.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
@@ -242,8 +243,8 @@ private Q_SLOTS:
         auto* const c = CMValueNode::create(m_nodes.get(), path("a:b/c"), ZarkValue::fromI32(1));
         auto* const e = CMValueNode::create(m_nodes.get(), path("a:b/d/e"), ZarkValue::fromI32(1));
         QCOMPARE(listener.take(), QStringList({ "appeared a:b", "rows 1 0 -1", "rows 1 1 -1" }));
-        QVERIFY(!CMUINode::create(m_nodes.get(), path("a:b/c")));
-        QVERIFY(!CMUINode::create(m_nodes.get(), path("/old")));
+        QVERIFY(!CMContainerNode::create(m_nodes.get(), path("a:b/c")));
+        QVERIFY(!CMContainerNode::create(m_nodes.get(), path("/old")));
         const auto got = rows(path("a:b"), 0, 9, 0, { "path", "type" });
         QCOMPARE(got.value.rows(), QList<QVariantList>({ { "a:b/c", "value" }, { "a:b/d", "container" } }));
 
@@ -253,7 +254,7 @@ private Q_SLOTS:
             QList<QVariantList>({ { "a:b", "container", "default" }, { "z:top", "value", "default" } }));
         QVERIFY(rows(path(":"), 0, 9, roots.value.rowsVersion(), { "path" }).error.isEmpty());
 
-        CMUINode* const b = CMUINode::create(m_nodes.get(), path("a:b"));
+        CMUINode* const b = CMContainerNode::create(m_nodes.get(), path("a:b"));
         QVERIFY(b);
         QCOMPARE(b->children().size(), 2);
         m_nodes->destroy(b);

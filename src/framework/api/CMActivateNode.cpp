@@ -1,11 +1,12 @@
 #include "CMActivateNode.h"
 
+#include "CMNodeTree.h"
 #include "CMNodes.h"
 
 CMActivateNode* CMActivateNode::create(CMNodes* nodes, const CMPath& path)
 {
     auto* const node = new CMActivateNode(nodes->tree(), path);
-    return enter(nodes, node) ? node : nullptr;
+    return nodes->enter(node) ? node : nullptr;
 }
 
 QString CMActivateNode::nodeType() const

@@ -5,6 +5,8 @@
 #include "CMSetDataRequest.h"
 #include "CMUINode.h"
 
+class CMNodes;
+
 /// A command: a value in, a value out. Shows no value when it is read. Modifiable from the start.
 class CMActivateNode : public CMUINode {
 public:
@@ -21,7 +23,7 @@ public:
     void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply) override;
 
 private:
-    CMActivateNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { setModifiable(true); }
+    CMActivateNode(CMNodeHome* tree, const CMPath& path) : CMUINode(tree, path) { setModifiable(true); }
 
     Invoke m_invoke;
     ZarkValueType::Enum m_argumentType = ZarkValueType::Invalid;

@@ -2,12 +2,13 @@
 
 #include <utility>
 
+#include "CMNodeTree.h"
 #include "CMNodes.h"
 
 CMListNode* CMListNode::create(CMNodes* nodes, const CMPath& path)
 {
     auto* const node = new CMListNode(nodes->tree(), path);
-    return enter(nodes, node) ? node : nullptr;
+    return nodes->enter(node) ? node : nullptr;
 }
 
 QString CMListNode::nodeType() const

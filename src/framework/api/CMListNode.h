@@ -7,6 +7,8 @@
 
 #include "CMUINode.h"
 
+class CMNodes;
+
 /// A list of rows. A row is a hash from role name to value; roles that it leaves out are null, its permission is
 /// "default" and its path is the list's with ".row" and the index unless it says otherwise. Rows are either held here
 /// or generated on demand (for lists too long to hold).
@@ -40,7 +42,7 @@ protected:
     void appendRows(int from, int last, const QStringList& roles, QVector<QVariant>* values) const override;
 
 private:
-    CMListNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
+    CMListNode(CMNodeHome* tree, const CMPath& path) : CMUINode(tree, path) { }
 
     /// What a row that leaves the role out has.
     QVariant defaultOf(int index, const QString& role) const;

@@ -9,7 +9,7 @@ namespace {
 /// What the tree makes by itself.
 class ImpliedContainer : public CMUINode {
 public:
-    ImpliedContainer(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
+    ImpliedContainer(CMNodeHome* tree, const CMPath& path) : CMUINode(tree, path) { }
 };
 
 qint64 nextRowsVersion()

@@ -1,18 +1,11 @@
 #pragma once
 
 #include <QHash>
-#include <QList>
-#include <QStringList>
-#include <QVector>
 
 #include <memory>
 #include <unordered_map>
 
-#include "CMPath.h"
-#include "ZarkRowEvent.h"
-
-class CMStore;
-class CMUINode;
+#include "CMNodeHome.h"
 
 /// Hears of the node at one path. Called on the tree's thread, synchronously, from inside the change: note what
 /// happened and act later. Listeners may be added and removed from inside a call.
@@ -30,15 +23,15 @@ public:
 /// The tree holds places: which node is at a path, what is below it, and the version of its rows. What a node is like,
 /// its roles, the node holds. Where nobody made a node and one has others below it, a container of the tree's own
 /// stands: it is *implied*, gives way to a node that is made there, and goes with the last one below it.
-class CMNodeTree {
+class CMNodeTree final : public CMNodeHome {
 public:
     explicit CMNodeTree(CMStore* store);
     ~CMNodeTree();
     CMNodeTree(const CMNodeTree&) = delete;
     CMNodeTree& operator=(const CMNodeTree&) = delete;
 
-    CMStore* store() const { return m_store; }
-    CMUINode* node(const CMPath& path) const; ///< Null when there is none.
+    CMStore* store() const override { return m_store; }
+    CMUINode* node(const CMPath& path) const override; ///< Null when there is none.
     /// The container above all: its path is ":", its children are the nodes of one segment, and node() does not find
     /// it.
     CMUINode* top() const { return m_top.get(); }
@@ -46,25 +39,25 @@ public:
     QList<CMPath> paths() const;
 
     /// The nodes one segment below, in the order in which they came; until the next change of the tree.
-    const QVector<CMUINode*>& children(const CMUINode* node) const;
+    const QVector<CMUINode*>& children(const CMUINode* node) const override;
     /// As CMUINode::rowsVersion().
-    qint64 rowsVersion(const CMUINode* node) const;
+    qint64 rowsVersion(const CMUINode* node) const override;
 
     /// False when the path is invalid, in the old form or taken by anything but an implied container. The node is not
     /// owned, and calls remove() at its end.
     bool insert(CMUINode* node);
     /// No effect for a node that the tree did not take.
-    void remove(CMUINode* node);
+    void remove(CMUINode* node) override;
 
     /// Listens to a path, whether it has a node now or not. The listener is not owned.
     void addListener(const CMPath& path, CMNodeListener* listener);
     void removeListener(const CMPath& path, CMNodeListener* listener);
     int listenerCount(const CMPath& path) const;
-    bool isListenedTo(const CMPath& path) const { return m_listeners.contains(path); }
+    bool isListenedTo(const CMPath& path) const override { return m_listeners.contains(path); }
 
-    void notifyChanged(CMUINode* node, const QStringList& roles);
+    void notifyChanged(CMUINode* node, const QStringList& roles) override;
     /// The rows of a node have changed: they get a new version, which the events get too, and the node the time.
-    void changeRows(CMUINode* node, QList<ZarkRowEvent> events);
+    void changeRows(CMUINode* node, QList<ZarkRowEvent> events) override;
 
 private:
     struct Place {

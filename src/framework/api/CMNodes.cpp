@@ -1,5 +1,7 @@
 #include "CMNodes.h"
 
+#include "ApiLogger.h"
+#include "CMNodeTree.h"
 #include "CMUINode.h"
 
 CMNodes::~CMNodes()
@@ -9,9 +11,16 @@ CMNodes::~CMNodes()
         delete m_nodes.takeLast();
 }
 
-void CMNodes::adopt(CMUINode* node)
+bool CMNodes::enter(CMUINode* node)
 {
+    if (!m_tree->insert(node)) {
+        dbglog_error(
+            apiLogger(), "No node made at \"" << node->path().toEncoded() << "\": the path is invalid or taken.");
+        delete node;
+        return false;
+    }
     m_nodes.append(node);
+    return true;
 }
 
 void CMNodes::destroy(CMUINode* node)

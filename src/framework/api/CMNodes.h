@@ -14,7 +14,8 @@ public:
     CMNodes& operator=(const CMNodes&) = delete;
 
     CMNodeTree* tree() const { return m_tree; }
-    void adopt(CMUINode* node);
+    /// Enters a new node in the tree, and owns it; deletes it, with an error in the log, when the tree refuses.
+    bool enter(CMUINode* node);
     /// Deletes one node and takes it out of the tree.
     void destroy(CMUINode* node);
 

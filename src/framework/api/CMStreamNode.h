@@ -4,6 +4,8 @@
 
 #include "CMUINode.h"
 
+class CMNodes;
+
 /// A node that can be read as a stream of bytes.
 class CMStreamNode : public CMUINode {
 public:
@@ -20,7 +22,7 @@ public:
     QString nodeType() const override;
 
 private:
-    CMStreamNode(CMNodeTree* tree, const CMPath& path, const QString& mimeType)
+    CMStreamNode(CMNodeHome* tree, const CMPath& path, const QString& mimeType)
         : CMUINode(tree, path), m_mimeType(mimeType)
     {
     }

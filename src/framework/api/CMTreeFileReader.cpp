@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "CMActivateNode.h"
+#include "CMContainerNode.h"
 #include "CMNodeTree.h"
 #include "CMNodes.h"
 #include "CMValueBounds.h"
@@ -147,7 +148,7 @@ CMUINode* CMTreeFileReader::makeNode(const QVariantHash& object, const CMPath& p
     if (type == QLatin1String("action"))
         return makeAction(object, path);
     if (type == QLatin1String("container"))
-        return allow(object, CommonKeys) ? CMUINode::create(m_nodes, path) : nullptr;
+        return allow(object, CommonKeys) ? CMContainerNode::create(m_nodes, path) : nullptr;
     fail(object, QStringLiteral("unknown type \"%1\"").arg(type));
     return nullptr;
 }

@@ -2,11 +2,9 @@
 
 #include <QDateTime>
 
-#include "ApiLogger.h"
-#include "CMNodeTree.h"
-#include "CMNodes.h"
+#include "CMNodeHome.h"
 
-CMUINode::CMUINode(CMNodeTree* tree, const CMPath& path) : m_tree(tree), m_path(path)
+CMUINode::CMUINode(CMNodeHome* tree, const CMPath& path) : m_tree(tree), m_path(path)
 {
     touch();
 }
@@ -15,24 +13,6 @@ CMUINode::~CMUINode()
 {
     if (m_tree)
         m_tree->remove(this);
-}
-
-CMUINode* CMUINode::create(CMNodes* nodes, const CMPath& path)
-{
-    auto* const node = new CMUINode(nodes->tree(), path);
-    return enter(nodes, node) ? node : nullptr;
-}
-
-bool CMUINode::enter(CMNodes* nodes, CMUINode* node)
-{
-    if (!nodes->tree()->insert(node)) {
-        dbglog_error(
-            apiLogger(), "No node made at \"" << node->path().toEncoded() << "\": the path is invalid or taken.");
-        delete node;
-        return false;
-    }
-    nodes->adopt(node);
-    return true;
 }
 
 TrString CMUINode::title() const

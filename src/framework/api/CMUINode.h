@@ -14,22 +14,19 @@
 #include "ZarkRowsRoles.h"
 #include "ZarkValue.h"
 
-class CMNodes;
-class CMNodeTree;
+class CMNodeHome;
 
 /// A node of the tree and the base of all kinds; by itself a container, whose rows are its children.
 ///
 /// Owned by its CMNodes. Setters tell the tree's listeners when something really changed.
 class CMUINode {
 public:
-    /// Null, with an error in the log, when the path is invalid or taken.
-    static CMUINode* create(CMNodes* nodes, const CMPath& path);
     virtual ~CMUINode();
     CMUINode(const CMUINode&) = delete;
     CMUINode& operator=(const CMUINode&) = delete;
 
     const CMPath& path() const { return m_path; }
-    CMNodeTree* tree() const { return m_tree; }
+    CMNodeHome* tree() const { return m_tree; }
 
     TrString title() const; ///< The last segment of the path unless set.
     void setTitle(const TrString& title);
@@ -74,9 +71,7 @@ public:
     void forgetTree() { m_tree = nullptr; }
 
 protected:
-    CMUINode(CMNodeTree* tree, const CMPath& path);
-    /// Enters the node in the tree and hands it to `nodes`; deletes it and returns false when the tree refuses.
-    static bool enter(CMNodes* nodes, CMUINode* node);
+    CMUINode(CMNodeHome* tree, const CMPath& path);
     void changed(const QStringList& roles);
     /// As CMNodeTree::changeRows().
     void bumpRows(const QList<ZarkRowEvent>& events);
@@ -92,7 +87,7 @@ private:
     CMError beginRows(
         int count, int from, qint64 version, const QStringList& roles, int* to, ZarkRowsRoles* answer) const;
 
-    CMNodeTree* m_tree;
+    CMNodeHome* m_tree;
     CMPath m_path;
     TrString m_title; // Null: the path's. Most nodes get another at once.
     TrString m_description;

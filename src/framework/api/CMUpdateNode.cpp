@@ -1,11 +1,12 @@
 #include "CMUpdateNode.h"
 
+#include "CMNodeTree.h"
 #include "CMNodes.h"
 
 CMUpdateNode* CMUpdateNode::create(CMNodes* nodes, const CMPath& path)
 {
     auto* const node = new CMUpdateNode(nodes->tree(), path);
-    if (!enter(nodes, node))
+    if (!nodes->enter(node))
         return nullptr;
     node->setPermission(ZarkPermission::Protected);
     return node;

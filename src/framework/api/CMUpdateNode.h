@@ -5,6 +5,8 @@
 
 #include "CMUINode.h"
 
+class CMNodes;
+
 /// What the reader of an update pipe made of an image.
 struct CMUpdateResult {
     qint64 bytes = 0;
@@ -30,7 +32,7 @@ public:
     /// while another image is on its way.
     using Begin = std::function<std::unique_ptr<CMUpdate>(const QString& fileName, qint64 bytes, CMError* error)>;
 
-    /// Null as CMUINode::create(). Permission: protected.
+    /// Null as CMContainerNode::create(). Permission: protected.
     static CMUpdateNode* create(CMNodes* nodes, const CMPath& path);
 
     void setBegin(const Begin& begin) { m_begin = begin; }
@@ -40,7 +42,7 @@ public:
     std::unique_ptr<CMUpdate> begin(const QString& fileName, qint64 bytes, CMError* error) const;
 
 private:
-    CMUpdateNode(CMNodeTree* tree, const CMPath& path) : CMUINode(tree, path) { }
+    CMUpdateNode(CMNodeHome* tree, const CMPath& path) : CMUINode(tree, path) { }
 
     Begin m_begin;
     std::function<bool()> m_busy;

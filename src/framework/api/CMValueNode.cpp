@@ -19,10 +19,10 @@ void warnOfDefault(const CMPath& path, const QString& reason)
 CMValueNode* CMValueNode::create(CMNodes* nodes, const CMPath& path, const ZarkValue& initial, Persistence persistence)
 {
     auto* const node = new CMValueNode(nodes->tree(), path, initial, persistence);
-    return enter(nodes, node) ? node : nullptr;
+    return nodes->enter(node) ? node : nullptr;
 }
 
-CMValueNode::CMValueNode(CMNodeTree* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence)
+CMValueNode::CMValueNode(CMNodeHome* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence)
     : CMUINode(tree, path), m_value(initial), m_persistence(persistence)
 {
     if (m_persistence == Persistent && tree->store())
@@ -169,7 +169,7 @@ ZarkValue CMValueNode::accept(const ZarkValue& value)
     if (value == m_value)
         return value;
     // Listeners and the hook may delete the node: from here on only what is at hand.
-    CMNodeTree* const home = tree();
+    CMNodeHome* const home = tree();
     const CMPath place = path();
     const auto hook = m_changeHook;
     apply(value);

@@ -5,6 +5,7 @@
 
 #include "CMUINode.h"
 
+class CMNodes;
 class CMValueBounds;
 
 /// A node that holds one value of a fixed type, within the bounds of edit(). A persistent one takes its value from the
@@ -16,7 +17,7 @@ public:
 
     ~CMValueNode() override;
 
-    /// `initial` gives the type and the default. Null as CMUINode::create().
+    /// `initial` gives the type and the default. Null as CMContainerNode::create().
     static CMValueNode* create(
         CMNodes* nodes, const CMPath& path, const ZarkValue& initial, Persistence persistence = Volatile);
 
@@ -39,7 +40,7 @@ public:
     void invoke(const QVariant& value, const QString& role, CMReply<QVariant> reply) override;
 
 private:
-    CMValueNode(CMNodeTree* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence);
+    CMValueNode(CMNodeHome* tree, const CMPath& path, const ZarkValue& initial, Persistence persistence);
 
     void takeStored();
     CMError check(const ZarkValue& value) const; ///< Type, range, step, options, validator.

@@ -33,7 +33,7 @@ const curl_slist* requestFields()
 
 } // namespace
 
-HttpFetch::HttpFetch(const QUrl& url, const HttpClientOptions& options, const HttpClient::Callback& callback)
+HttpFetch::HttpFetch(const QUrl& url, const HttpClientOptions& options, const Callback& callback)
     : QObject(owner()), m_options(options), m_callback(callback), m_multi(CurlMulti::shared()),
       m_transfer(curl_easy_init()), m_isAddress(!QHostAddress(url.host()).isNull())
 {

@@ -4,9 +4,11 @@
 
 #include <curl/curl.h>
 
+#include <functional>
 #include <memory>
 
-#include "HttpClient.h"
+#include "HttpClientOptions.h"
+#include "HttpClientResult.h"
 
 class CurlMulti;
 class QUrl;
@@ -24,7 +26,9 @@ class QUrl;
 class HttpFetch : public QObject {
     Q_OBJECT
 public:
-    HttpFetch(const QUrl& url, const HttpClientOptions& options, const HttpClient::Callback& callback);
+    using Callback = std::function<void(const HttpClientResult&)>;
+
+    HttpFetch(const QUrl& url, const HttpClientOptions& options, const Callback& callback);
     ~HttpFetch() override;
 
     /// Ends without a report. Harmless after the end, and from inside the callbacks of the options.
@@ -44,7 +48,7 @@ private:
     static size_t onBody(char* data, size_t size, size_t count, void* self);
 
     HttpClientOptions m_options;
-    HttpClient::Callback m_callback;
+    Callback m_callback;
     HttpClientResult m_result;
     std::shared_ptr<CurlMulti> m_multi;
     CURL* m_transfer;

@@ -63,7 +63,8 @@ ZarkValue ZarkValue::fromNetworkInfo(const QVariantHash& info)
 ZarkValue ZarkValue::fromJson(const QVariant& json, ZarkValueType::Enum type, QString* error)
 {
     ZarkValueReader reader(type);
-    const QVariant plain = reader.read(json);
+    const bool isValue = json.userType() == qMetaTypeId<ZarkValue>();
+    const QVariant plain = reader.read(isValue ? json.value<ZarkValue>().toVariant() : json);
     if (error)
         *error = reader.error();
     return plain.isValid() ? ZarkValue(type, plain) : ZarkValue();

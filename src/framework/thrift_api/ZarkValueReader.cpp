@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "ZarkWebserverAuthMode.h"
 #include "ZarkWebserverUser.h"
 
 namespace {
@@ -88,8 +89,6 @@ bool isExactDouble(const QVariant& integer)
 
 QVariant ZarkValueReader::read(const QVariant& json)
 {
-    if (json.userType() == qMetaTypeId<ZarkValue>())
-        return read(json.value<ZarkValue>().toVariant());
     if (!isObject(json) || !json.toHash().contains(QStringLiteral("type")))
         return readPlain(json);
 

@@ -3,7 +3,7 @@
 #include <QString>
 #include <QVariant>
 
-#include "ZarkValue.h"
+#include "ZarkValueType.h"
 
 /// Checks JSON against a type of ZarkValue and normalises it to the plain value inside; the inside of
 /// ZarkValue::fromJson(). Keys that a structured type does not have are refused, except "@line".

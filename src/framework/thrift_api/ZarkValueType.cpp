@@ -1,4 +1,4 @@
-#include "ZarkValue.h"
+#include "ZarkValueType.h"
 
 namespace {
 

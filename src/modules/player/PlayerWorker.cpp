@@ -1,6 +1,7 @@
 #include "PlayerWorker.h"
 
 #include "CMActivateNode.h"
+#include "CMContainerNode.h"
 #include "CMListNode.h"
 #include "CMStreamNode.h"
 #include "CMValueNode.h"
@@ -57,7 +58,7 @@ void PlayerWorker::offerFiles(const QString& stateDirectory)
 
 bool PlayerWorker::makeNodes()
 {
-    CMUINode* container = describe(CMUINode::create(nodes(), playerPath()), QStringLiteral("Player"),
+    CMUINode* container = describe(CMContainerNode::create(nodes(), playerPath()), QStringLiteral("Player"),
         QStringLiteral("A media player that plays a playlist in silence."), QStringLiteral("player"));
     return container && makeSettings() && makeControl()
         && makeChange(QStringLiteral("playlistInsert"), QStringLiteral("Insert a track"),
