@@ -119,17 +119,35 @@ def prose(lines):
     return re.sub(r"((?:^\|.*\n?)+)", r"\n```text\n\1\n```\n", text, flags=re.M).replace("\n\n```\n", "\n```\n")
 
 
+def included_headers(sources, used):
+    """Names of the framework's headers that the sources include, and of those that come with them and whose classes
+    the module calls, names or knows as the base of others."""
+    paths = {path.name: path for path in (ROOT / "src/framework").rglob("*.h")}
+    seen, ahead = set(), [sources]
+    while ahead:
+        new = (set(re.findall(r'#include "(\w+\.h)"', ahead.pop())) & paths.keys()) - seen
+        seen |= new
+        ahead += [paths[name].read_text() for name in new]
+    bases = " ".join(re.findall(r"public (\w+)", "\n".join(paths[name].read_text() for name in seen)))
+    known = sources + bases + " ".join(used)
+    return {name for name in seen if f'"{name}"' in sources
+            or any(re.search(rf"\b{kind}\b", known) for kind in re.findall(r"(?:class|struct) (\w+)[^;]*\{", paths[name].read_text()))}
+
+
 def main(module):
     used, sources = used_symbols(module), text_of(SOURCES)
-    included = set(re.findall(r'#include "(\w+\.h)"', sources))
+    included = included_headers(sources, used)
     print(INTRODUCTION)
     for library in LIBRARIES:
         print(f"## libzark_{library}.so\n")
         for header in sorted((ROOT / "src/framework" / library).glob("*.h")):
             if header.name not in included:
                 continue
+            offered = list(operations(header, used, sources))
+            if not any(found for _, _, found in offered):
+                continue
             print(f"### {header.name}\n")
-            for name, about, found in operations(header, used, sources):
+            for name, about, found in offered:
                 if name and (about or found):
                     print(f"**{name}.** {prose(about)}".strip() + "\n")
                 for operation, comment in found:
