@@ -3,6 +3,7 @@
 #include "CommandLine.h"
 #include "Nodes.h"
 #include "Session.h"
+#include "Targets.h"
 
 namespace {
 

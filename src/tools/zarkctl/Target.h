@@ -1,8 +1,7 @@
 #pragma once
 
+#include <QString>
 #include <QUrl>
-
-class Invocation;
 
 /// One device, and how to talk to it.
 struct Target {
@@ -15,11 +14,6 @@ struct Target {
 
     QString name() const; ///< For people: host and port.
 };
-
-/// The devices that a command line, the environment and the profiles name: each --url, each line of --urls, each
-/// --profile; without any of them ZARK_URL, then the profile "default", then http://localhost:8080. Asks for a password
-/// that is needed and given nowhere. Throws a Failure of status ExitUsage.
-QList<Target> targetsOf(const Invocation& invocation);
 
 /// "host", "host:port" or a URL without user and password. Throws a Failure of status ExitUsage.
 QUrl urlFrom(const QString& text);

@@ -4,6 +4,7 @@
 #include "Completion.h"
 #include "Fleet.h"
 #include "Session.h"
+#include "Targets.h"
 
 namespace {
 
