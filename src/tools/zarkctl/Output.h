@@ -31,6 +31,8 @@ public:
     bool isTerminal() const { return m_width > 0; }
     /// Several reports with a "path" and a "value" come side by side, a column each; others one below the other.
     void print(const QList<Report>& reports);
+    /// The reports' records in JSON, as the format wants them.
+    QByteArray json(const QList<Report>& reports) const;
     /// At once, for what has no end.
     void write(const QByteArray& bytes);
 
@@ -40,7 +42,6 @@ public:
     static bool pause(int milliseconds);
 
 private:
-    void printJson(const QList<Report>& reports);
     void printTable(const QList<Report>& reports);
     void printSideBySide(const QList<Report>& reports);
 
