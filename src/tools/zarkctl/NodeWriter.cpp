@@ -65,7 +65,8 @@ QVariant NodeWriter::read(const QByteArray& text, bool fromFile) const
 {
     const QVariant value = ValueText::typed(text, type(), fromFile);
     if (!value.isValid())
-        refuse(m_path, QStringLiteral("invalidType: this is no %1; it takes %2").arg(type(), ValueText::formOf(type())));
+        refuse(
+            m_path, QStringLiteral("invalidType: this is no %1; it takes %2").arg(type(), ValueText::formOf(type())));
     return value;
 }
 

@@ -14,7 +14,7 @@ struct Report {
     QString device; ///< For people and for the member "device"; empty when there is only one.
     QList<Record> records;
     QByteArrayList lines; ///< In place of the table, when there are any.
-    bool bare = false; ///< The lines are the answer in every format.
+    bool bare = false; ///< The lines, or what was written at once, are the answer in every format.
     bool answered = true; ///< The device could be reached.
 };
 

@@ -115,6 +115,7 @@ ExitStatus runDump(Session& session)
     const Snapshot snapshot = Snapshot::fromDevice(session.api, startsOf(session.arguments()), true);
     if (snapshot.hidden() > 0)
         session.note(QStringLiteral("%1 nodes are left out, which this user may not see").arg(snapshot.hidden()));
+    session.report.bare = true;
     session.output->write(snapshot.toJson());
     return ExitOk;
 }

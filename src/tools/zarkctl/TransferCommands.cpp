@@ -57,6 +57,7 @@ ExitStatus runUpload(Session& session)
 
 ExitStatus runStream(Session& session)
 {
+    session.report.bare = true;
     std::exception_ptr failed;
     session.api->http().setGivingUp(&Output::isClosed);
     // No exception crosses libcurl: it is kept until the transfer has ended.

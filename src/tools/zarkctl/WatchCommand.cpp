@@ -178,6 +178,7 @@ QByteArrayList Watch::linesOf(const QVariantHash& event) const
 
 ExitStatus runWatch(Session& session)
 {
+    session.report.bare = true;
     try {
         Watch(&session).run();
     } catch (const Failure& failure) {
