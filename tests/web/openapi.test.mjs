@@ -1,6 +1,6 @@
 // docs/openapi.yaml against the real device, both ways: every request that it shows is sent, and whatever an answer has
-// and the schema has not, or the schema has and no answer, is a fault. So is an answer that another test was given and
-// that the schema has not. The device has an interface of its own, in a
+// and the schema has not, or the schema has and no answer, is a fault. So is an answer that the tests in
+// tests/http were given and that the schema has not. The device has an interface of its own, in a
 // network namespace, because much of the API depends on where a client is.
 
 import Ajv from "ajv/dist/2020.js";
@@ -133,7 +133,7 @@ const templateOf = (target) => TEMPLATES.find(([pattern]) => pattern.test(target
 function isDescribed(method, name, status, type) {
   const path = document.paths[name];
   const listed = METHODS.find((key) => key.toUpperCase() === method && path[key]);
-  if (ANY_REQUEST.includes(status) || (!listed && Number(status) === path["x-other-methods"])) return true;
+  if ((ANY_REQUEST.includes(status) && !type) || (!listed && Number(status) === path["x-other-methods"])) return true;
   // What is judged before the method is the same for all.
   const { responses } = path[listed ?? (path.get ? "get" : "post")];
   const response = listed || status >= "400" ? resolve(responses[status]) : undefined;

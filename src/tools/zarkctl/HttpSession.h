@@ -79,12 +79,12 @@ private:
     QByteArray m_body;
     /// Of the request under way.
     struct Silence {
-        int seconds; ///< The longest.
-        bool allowed; ///< Without an end, in a body.
+        int seconds = 0; ///< The longest.
+        bool allowed = false; ///< Without an end, in a body.
         bool isOver = false; ///< It was longer.
         qint64 bytes = -1; ///< When something came last.
         QElapsedTimer since = {};
-    } m_silence{};
+    } m_silence;
     Sink m_sink;
     Progress m_progress;
     std::function<bool()> m_givingUp;
