@@ -4,12 +4,14 @@
 #include <QJsonObject>
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <linux/filter.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
 
 QByteArray HttpReply::header(const QByteArray& name) const
@@ -25,6 +27,27 @@ QByteArray HttpReply::errorMessage() const
 {
     return json().object().value("error").toObject().value("message").toString().toUtf8();
 }
+
+namespace {
+
+int trafficFile()
+{
+    const QByteArray folder = qgetenv("ZARK_TRAFFIC");
+    const QByteArray name = folder + '/' + QByteArray(program_invocation_short_name);
+    return folder.isEmpty() ? -1 : ::open(name.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+}
+
+/// A line for each exchange of this program, which openapi.test.mjs compares with the description.
+void record(const QByteArray& request, const HttpReply& reply)
+{
+    static const int file = trafficFile();
+    const QByteArray line =
+        request + ' ' + QByteArray::number(reply.status) + ' ' + reply.header("Content-Type") + '\n';
+    if (!request.isEmpty() && reply.status != 0)
+        (void)!::write(file, line.constData(), size_t(line.size()));
+}
+
+} // namespace
 
 HttpConnection::HttpConnection(int port, const QByteArray& address)
 {
@@ -70,6 +93,8 @@ void HttpConnection::shutDownSending()
 
 bool HttpConnection::send(const QByteArray& bytes)
 {
+    if (m_request.isEmpty() && bytes.contains(" HTTP/1.1\r\n"))
+        m_request = bytes.left(bytes.indexOf(" HTTP/1.1\r\n"));
     int sent = 0;
     while (sent < bytes.size()) {
         const auto count =
@@ -142,6 +167,8 @@ HttpReply HttpConnection::readReply(int timeoutMs, bool headRequest)
         const int colon = line.indexOf(':');
         reply.headers.append({ line.left(colon), line.mid(colon + 1).trimmed() });
     }
+    if (reply.status / 100 != 1)
+        record(std::exchange(m_request, {}), reply);
     if (reply.status / 100 == 1)
         return readReply(timeoutMs, headRequest);
     if (reply.status == 0 || headRequest || reply.status == 204 || reply.status == 304)

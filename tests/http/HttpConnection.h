@@ -50,6 +50,7 @@ private:
     bool fill(int timeoutMs);
 
     int m_fd = -1;
+    QByteArray m_request; ///< The first one that was not answered yet: method and target.
     QByteArray m_buffer;
 };
 

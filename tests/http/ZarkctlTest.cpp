@@ -93,7 +93,8 @@ private Q_SLOTS:
         row("out of range", "$Z set demo:values/i32 250", 3, "", "outOfRange: the value must be at most 100\n$");
         row("off the step", "$Z set demo:values/double 6.3", 3, "",
             "^zarkctl: demo:values/double: outOfRange: The value must be a multiple");
-        row("another type", "$Z set demo:values/i32 x", 3, "", "invalidType: this is no i32\n$");
+        row("another type", "$Z set demo:values/i32 x", 3, "", "invalidType: this is no i32; it takes a whole");
+        row("no UTF-8", "printf '\\377' >n; $Z set settings:webserver/defaultLocation @n", 3, "", "invalidType");
         row("a command is called", "$Z set player:player/control play", 3, "", "zarkctl call");
         row("a secret stays one", "$Z set settings:webserver/httpsPrivateKey -----BEGIN-geheim", 1, "",
             "^(?!.*geheim)zarkctl: settings");
@@ -125,8 +126,9 @@ private Q_SLOTS:
         row("another one", "echo 'open sesame' >p; echo another >q; $Z --user admin --password-file q login", 3, "",
             "does not know this user");
         row("a profile",
-            "chmod 644 p; $Z --user admin --password-file p login && stat -c %a $HOME/.config/zarkctl/default.json", 0,
-            "\n600\n$");
+            "chmod 644 p; $Z --user admin --password-file p login -o json && stat -c %a "
+            "$HOME/.config/zarkctl/default.json",
+            0, "\"profile\":\"default\",[^\n]*\n600\n$");
         row("is used by itself", "unset ZARK_URL; $Z set demo:permissions/protected 5", 0, "0 → 5\n$");
         row("is read by its owner alone", "chmod 640 $HOME/.config/zarkctl/default.json; $Z -p default ls", 2, "",
             "others can read it");
@@ -151,8 +153,8 @@ private Q_SLOTS:
             "too large. \\(HTTP 413\\)");
         row("no image", "$Z upload /etc", 2, "", "no regular file");
 
-        row("the same bytes", "$Z dump demo: >d; $Z dump demo: | cmp - d && grep -c internal d", 1, "^0$");
-        row("no secrets", "$Z dump settings: | grep -Ec 'Key|users'", 1, "^0$");
+        row("the same bytes", "$Z dump demo: >d; $Z dump demo: -o json | cmp - d && grep -c internal d", 1, "^0$");
+        row("no secrets", "$Z dump settings: | grep -Ec 'Key|users|httpsCert'", 1, "^0$");
         row("restored in part is restored not at all",
             "sed 's/\"value\":true/\"value\":false/;s/21.5/21.7/' d >e; $Z restore e; $Z get -r demo:values/bool", 0,
             "^true\n$", "multiple of 0.5[^$]*set back");
@@ -167,8 +169,12 @@ private Q_SLOTS:
             5, ": 8 → 9\n[^$]*: 7 → 9\n", "^zarkctl: 127.0.0.1:1: ");
         row("their differences", "$Z -u $A -u $B diff demo:values", 1,
             "^- demo:values/bytes: AP8=\n\\+ demo:values/bytes: AAEC/w==\n");
-        row("metrics", "$Z -u $A -u 127.0.0.1:1 metrics -f m demo:values; cat m", 0,
-            "zark_up\\{device=\"127[^\n]+\"\\} 1\nzark_up[^\n]+ 0\n# HELP zark_demo_values_bool Switch\n# TYPE "
+        row("a dump and two devices", "$Z -u $A -u $B diff d", 1,
+            "^127[^ ]+: - demo:values/i32: 8\n127[^ ]+: \\+ demo:values/i32: 9\n[^$]*: - demo:values/bytes: AP8=\n");
+        row("metrics", "$Z metrics -o json -f m; head -c 2 m; $Z -u $A -u 127.0.0.1:1 metrics -f m demo:values; cat m",
+            0,
+            "^\\[\\{# HELP[^$]*zark_up\\{device=\"127[^\n]+\"\\} 1\nzark_up[^\n]+ 0\n# HELP zark_demo_values_bool "
+            "Switch\n# TYPE "
             "zark_demo_values_bool gauge\nzark_demo_values_bool\\{path=\"demo:values/bool\",device=[^\n]+\\} 1\n[^$]*# "
             "EOF\n$",
             "127.0.0.1:1");
@@ -179,6 +185,8 @@ private Q_SLOTS:
             "$Z -u $S --ca $CA cert verify && $Z -u $S --ca $CA cert trust && $Z -u $S get -r demo:values/i32", 0,
             "\n9\n$");
         row("no TLS there", "$Z -u ${A/http/https} --timeout 1 ls", 5, "", "is it http://");
+        row("TLS alone there", "$Z -u ${S/https/http} ls", 5, "", "is it https://");
+        row("nothing but silence there", "timeout 5 $Z -u $X --timeout 1 call g:h", 5, "", "no answer in time");
         row("nobody there", "$Z -u 127.0.0.1:1 ls", 5, "", "connect");
         row("one at a time", "$Z -u $A -u $B dump", 2, "", "takes one device at the most");
         row("a portal", "$Z -u $X get a:b", 5, "", "no answer of a device \\(HTTP 200, text/html\\)");
@@ -200,6 +208,8 @@ private Q_SLOTS:
             ". <($Z completion bash); compopt() { :; }; COMP_WORDBREAKS=:; COMP_LINE='zarkctl ls demo:val'; "
             "COMP_POINT=99; PATH=${Z%/*}:$PATH; _zarkctl; echo ${COMPREPLY[@]}",
             0, "^values/\n$");
+        row("and of what is no path", "$Z __complete help pa; $Z __complete set demo:values/string l", 0,
+            "^passwd\nlarge\n$");
         for (const auto& [line, status, output, errors] : rows) {
             start(line);
             QVERIFY(m_shell.waitForFinished(30000));
@@ -245,7 +255,7 @@ private:
     Device m_device{ { QStringLiteral("settings:webserver/httpsPort=%1").arg(m_httpsPort) } };
     Device m_other;
     Upstream m_foreign{ { { "/api/getData?path=a:b&roles=title,value", { Page } },
-        { "/api/getData?path=c:d&roles=title,value", { Cut } },
+        { "/api/getData?path=c:d&roles=title,value", { Cut } }, { "/api/setData", { {}, {}, 0, true } },
         { "/api/getRows?path=e:f&roles=title,value&from=0&to=999&version=0", { OneRow } },
         { "/api/getRows?path=e:f&roles=title,value&from=1&to=1&version=7", { Outdated } } } };
     QTemporaryDir m_directory;

@@ -1,5 +1,5 @@
 // Every console example of the documentation, run word for word in one shell a page, against a device of its own. What
-// an example shows has to be what it prints, apart from what differs from run to run.
+// an example shows has to be what it prints, apart from what differs from run to run. And every setting's default.
 
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -98,3 +98,14 @@ for (const name of pages) {
     await once(shell.program, "exit");
   });
 }
+
+test("operations.md has every setting with its default", async () => {
+  const page = await readFile(join(PROJECT, "docs/operations.md"), "utf8");
+  const { nodes } = JSON.parse(await readFile(join(PROJECT, "share/demo/tree.json"), "utf8"));
+  const wrong = nodes.filter((node) => node.path.startsWith("settings:webserver/") && node.value).filter(({ path, value: { value } }) => {
+    const text = value.length === 0 ? "empty" : value.users ? value.users[0].name : String(value.mode ?? value);
+    const row = new RegExp(`^\\| [^|]*\`${path.split("/").pop()}\`[^|]*\\| ([^|]*)`, "m").exec(page);
+    return !row?.[1].includes(text);
+  });
+  assert.deepEqual(wrong.map((node) => node.path), []);
+});

@@ -1,11 +1,12 @@
 // docs/openapi.yaml against the real device, both ways: every request that it shows is sent, and whatever an answer has
-// and the schema has not, or the schema has and no answer, is a fault. The device has an interface of its own, in a
+// and the schema has not, or the schema has and no answer, is a fault. So is an answer that the tests in
+// tests/http were given and that the schema has not. The device has an interface of its own, in a
 // network namespace, because much of the API depends on where a client is.
 
 import Ajv from "ajv/dist/2020.js";
 import { load } from "js-yaml";
 import assert from "node:assert/strict";
-import { readFileSync } from "node:fs";
+import { readFileSync, readdirSync } from "node:fs";
 import { request as httpRequest } from "node:http";
 import { request as httpsRequest } from "node:https";
 import { test } from "node:test";
@@ -13,8 +14,10 @@ import { setData, startDevice } from "./device.mjs";
 import { enterNamespace } from "./namespace.mjs";
 
 enterNamespace();
-const { ZARK_HOST, PROJECT } = process.env;
+const { ZARK_HOST, PROJECT, TRAFFIC } = process.env;
 const METHODS = ["get", "head", "post"];
+const ANY_REQUEST = ["400", "505"]; // Malformed HTTP, and another version of it.
+const TARGET = /^(\/|https?:)/; // What a request begins with that has its own.
 const QUEUE = "f37b8d25-3223-4493-997b-031ff09a9e89"; // Stands in the examples for a queue of the device.
 // What HTTP itself and the server put into any answer.
 const COMMON_HEADERS = ["date", "connection", "keep-alive", "content-type", "content-length", "transfer-encoding", "x-robots-tag"];
@@ -52,7 +55,7 @@ function* objectsOf(schema, data, whole, known = new Set()) {
 function parse(text, first) {
   const [head, ...rest] = text.split("\n\n");
   const lines = head.split("\n");
-  const target = /^(\/|https?:)/.test(lines[0]) ? lines.shift() : first.target;
+  const target = TARGET.test(lines[0]) ? lines.shift() : first.target;
   const headers = Object.fromEntries(lines.flatMap((line) => {
     const count = Number(/^\{(\d+) fields\}$/.exec(line)?.[1] ?? 0);
     return count ? Array.from({ length: count }, (_, i) => [`X-${i}`, "x"]) : [line.split(/: (.*)/s).slice(0, 2)];
@@ -121,6 +124,32 @@ function checkRequest(path, operation, { target, headers, body }) {
     assert.equal(faultsOf(operation.requestBody.content["application/json"].schema, JSON.parse(body)), null, body);
 }
 
+/** What describes a target: its whole path, or the template that says most of it. */
+const weight = (name) => 2 * name.split("{")[0].length + !name.includes("{");
+const TEMPLATES = Object.keys(document.paths).sort((a, b) => weight(b) - weight(a) || b.length - a.length)
+  .map((name) => [new RegExp(`^${name.replaceAll(".", "\\.").replace(/\{\w+\}/g, ".*")}$`), name]);
+const templateOf = (target) => TEMPLATES.find(([pattern]) => pattern.test(target.replace(/^https?:\/\/[^/]*|\?.*/g, "")))?.[1];
+
+function isDescribed(method, name, status, type) {
+  const path = document.paths[name];
+  const listed = METHODS.find((key) => key.toUpperCase() === method && path[key]);
+  if ((ANY_REQUEST.includes(status) && !type) || (!listed && Number(status) === path["x-other-methods"])) return true;
+  // What is judged before the method is the same for all.
+  const { responses } = path[listed ?? (path.get ? "get" : "post")];
+  const response = listed || status >= "400" ? resolve(responses[status]) : undefined;
+  return response && (!type || method === "HEAD" || status === "304" || response.content?.[type] || response.content?.["*/*"]);
+}
+
+test("what the tests of the API are answered is described", (t) => {
+  const files = TRAFFIC ? readdirSync(TRAFFIC) : [];
+  if (!files.length) return t.skip("none of them has run");
+  const unknown = new Set();
+  for (const file of files)
+    for (const [, method, target, status, type] of readFileSync(`${TRAFFIC}/${file}`, "utf8").matchAll(/^(\S+) (\/\S*|https?:\S*) (\d+) (.*)$/gm))
+      if (!isDescribed(method, templateOf(target), status, type)) unknown.add(`${method} ${templateOf(target)} ${status} ${type}, as to ${file}`);
+  assert.deepEqual([...unknown], []);
+});
+
 test("the description and the device say the same", async (t) => {
   const limits = { "limits/updateBytes": 1000000, "limits/queuesPerClient": 100 };
   const device = await startDevice(ZARK_HOST, PROJECT, { port: 80, httpsPort: 443, ...limits });
@@ -139,13 +168,14 @@ test("the description and the device say the same", async (t) => {
     let target;
     for (const method of METHODS.filter((key) => path[key])) {
       const operation = path[method];
-      let first;
+      const texts = Object.values(operation.responses).flatMap((item) => Object.values(resolve(item)["x-requests"] ?? {}));
+      const firstText = texts.find((text) => TARGET.test(text));
+      const prepared = (text, first) => parse(text.replace(QUEUE, queue).replace("/var/lib/zark", device.state), first);
       for (const [status, response] of Object.entries(operation.responses).map(([key, item]) => [key, resolve(item)])) {
         assert.ok(response["x-requests"] || response["x-unprovoked"], `${method} ${name} ${status} has no request`);
         for (const [example, text] of Object.entries(response["x-requests"] ?? {})) await t.test(`${method} ${name}: ${status} ${example}`, async () => {
           if (!queue && text.includes(QUEUE)) queue = JSON.parse((await send("POST", parse(makeQueue))).body);
-          const request = parse(text.replace(QUEUE, queue).replace("/var/lib/zark", device.state), first);
-          first ??= request;
+          const request = prepared(text, prepared(firstText));
           await before[`${operation.operationId} ${example}`]?.();
           let answer;
           for (let i = response["x-repeats"] ?? 1; i > 0 && answer?.status !== Number(status); --i) answer = await send(method.toUpperCase(), request);
@@ -156,7 +186,7 @@ test("the description and the device say the same", async (t) => {
           if (status === "200") checkRequest(path, operation, request);
         });
       }
-      target ??= first.target;
+      target ??= prepared(firstText).target;
     }
     await t.test(`${name}: other methods`, async () => {
       const answer = await send("PUT", { target, headers: {}, body: "" });

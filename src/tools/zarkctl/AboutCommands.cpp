@@ -5,7 +5,7 @@
 
 namespace {
 
-const int OptionColumn = 26;
+const int OptionColumn = 29;
 const int CommandColumn = 12;
 
 QByteArray optionLine(const OptionSyntax& option)
@@ -78,10 +78,7 @@ ExitStatus runVersion(Session& session)
 
 ExitStatus runCompletion(Session& session)
 {
-    const QString shell = session.arguments().first();
-    const bool zsh = shell == QLatin1String("zsh");
-    if (!zsh && shell != QLatin1String("bash"))
-        throw Failure{ ExitUsage, QStringLiteral("completion takes bash or zsh") };
+    const bool zsh = session.arguments().first() == QLatin1String("zsh");
     QFile script(zsh ? QStringLiteral(":/_zarkctl") : QStringLiteral(":/zarkctl.bash"));
     script.open(QIODevice::ReadOnly);
     session.report.bare = true;

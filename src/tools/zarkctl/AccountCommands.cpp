@@ -5,6 +5,9 @@
 
 namespace {
 
+const QString ProfileField = QStringLiteral("profile");
+const QString UserField = QStringLiteral("user");
+
 bool isOverheard(const QUrl& url)
 {
     const QString host = url.host();
@@ -34,6 +37,8 @@ ExitStatus runLogin(Session& session)
         throw Failure{ ExitUsage, QStringLiteral("login needs --user") };
     proveSignature(session.api);
     writeProfile(name, session.target());
+    session.report.records.append({ { ProfileField, name }, { QStringLiteral("url"), session.target().url.toString() },
+        { UserField, session.target().user } });
     session.report.lines.append(QStringLiteral("signed in to %1 as %2; kept as the profile %3")
                                     .arg(session.target().name(), session.target().user, name)
                                     .toUtf8());
@@ -45,6 +50,7 @@ ExitStatus runLogout(Session& session)
     const QString name = session.arguments().value(0, QLatin1String(DefaultProfile));
     if (!removeProfile(name))
         throw Failure{ ExitUsage, QStringLiteral("no profile ") + name };
+    session.report.records.append({ { ProfileField, name } });
     session.report.lines.append("forgotten: the profile " + name.toUtf8());
     return ExitOk;
 }
@@ -65,6 +71,7 @@ ExitStatus runPasswd(Session& session)
     target.password = password;
     if (!target.profile.isEmpty())
         writeProfile(target.profile, target);
+    session.report.records.append({ { UserField, target.user } });
     session.report.lines.append("the password of " + target.user.toUtf8() + " is changed");
     return ExitOk;
 }

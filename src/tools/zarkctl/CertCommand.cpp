@@ -83,6 +83,8 @@ ExitStatus trust(Session& session)
         throw Failure{ ExitFailed, file.fileName() + QStringLiteral(": ") + file.errorString() };
     if (!anchor.isSelfSigned())
         session.note(QStringLiteral("the device does not show its authority: this trust ends with its certificate"));
+    session.report.records.append({ { QStringLiteral("trusted"), nameOf(anchor, false) },
+        { QStringLiteral("sha256"), fingerprint }, { QStringLiteral("file"), file.fileName() } });
     session.report.lines.append("trusted: " + file.fileName().toUtf8());
     return ExitOk;
 }
@@ -91,9 +93,10 @@ ExitStatus verify(Session& session)
 {
     session.api->http().get(session.api->url(QStringLiteral("/")), {});
     const QList<QSslCertificate> chain = shownBy(session);
-    session.report.lines.append(QStringLiteral("trusted: %1, until %2")
-                                    .arg(nameOf(chain.first(), false), chain.first().expiryDate().toString(Qt::ISODate))
-                                    .toUtf8());
+    const QString name = nameOf(chain.first(), false);
+    const QString until = chain.first().expiryDate().toString(Qt::ISODate);
+    session.report.records.append({ { QStringLiteral("trusted"), name }, { QStringLiteral("until"), until } });
+    session.report.lines.append(QStringLiteral("trusted: %1, until %2").arg(name, until).toUtf8());
     return ExitOk;
 }
 
@@ -108,7 +111,5 @@ ExitStatus runCert(Session& session)
         return show(session);
     if (what == QLatin1String("trust"))
         return trust(session);
-    if (what == QLatin1String("verify"))
-        return verify(session);
-    throw Failure{ ExitUsage, QStringLiteral("cert takes show, trust or verify") };
+    return verify(session);
 }

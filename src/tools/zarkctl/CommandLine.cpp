@@ -20,9 +20,11 @@ bool looksLikeOption(const QString& word)
     throw Failure{ ExitUsage, text };
 }
 
-QStringList choices(const OptionSyntax& option)
+void checkChoice(const QString& name, const char* choices, const QString& value)
 {
-    return QString::fromLatin1(option.takes).split(QLatin1Char('|'));
+    QStringList words = QString::fromLatin1(choices).split(QLatin1Char('|'));
+    if (!words.contains(value))
+        refuse(QStringLiteral("%1 takes one of %2").arg(name, words.join(QStringLiteral(", "))));
 }
 
 void checkValue(const OptionSyntax& option, const QString& value)
@@ -31,8 +33,8 @@ void checkValue(const OptionSyntax& option, const QString& value)
     bool ok = true;
     if (option.kind == OptionSyntax::Number && (value.toLongLong(&ok) < 0 || !ok))
         refuse(name + QStringLiteral(" takes a number from 0 up"));
-    if (option.kind == OptionSyntax::Choice && !choices(option).contains(value))
-        refuse(name + QStringLiteral(" takes one of ") + choices(option).join(QStringLiteral(", ")));
+    if (option.kind == OptionSyntax::Choice)
+        checkChoice(name, option.takes, value);
     if (option.kind == OptionSyntax::File && value.isEmpty())
         refuse(name + QStringLiteral(" takes the name of a file"));
 }
@@ -175,6 +177,8 @@ void Invocation::check() const
     const QString name = QLatin1String(command->name);
     if (arguments.size() < command->minimum || arguments.size() > command->maximum)
         refuse(QStringLiteral("usage: zarkctl %1 %2").arg(name, QLatin1String(command->arguments)).trimmed());
+    if (command->argument == CommandSyntax::Word)
+        checkChoice(name, command->arguments, arguments.first());
     for (auto it = m_options.cbegin(); it != m_options.cend(); ++it) {
         const QByteArray option = it.key().toLatin1();
         if (!commonOptions().contains(option) && !command->options.contains(option))

@@ -24,11 +24,18 @@ struct OptionSyntax {
 
 /// One command: what it takes, what is said about it, and what does it.
 struct CommandSyntax {
-    enum Argument { None, Path, FileName, Word };
+    enum Argument {
+        None,
+        Path,
+        PathAndValue, ///< A path, then what its node takes.
+        FileName,
+        Word, ///< One of those that `arguments` lists.
+        Command,
+    };
     enum Devices {
         Local, ///< Talks to none.
         One,
-        Two, ///< One or two; the session of the first has both targets.
+        Two, ///< One or two, and the session of the first has both targets; as Many when a file is named.
         Many, ///< All that are named, at once.
         Followed, ///< As Many, for as long as the user likes: a thread each, however many.
     };
@@ -37,7 +44,7 @@ struct CommandSyntax {
     const char* arguments; ///< As the usage line shows them; the words to choose from for Word.
     int minimum;
     int maximum;
-    Argument argument; ///< What completion offers for the first argument.
+    Argument argument; ///< What completion offers for the arguments.
     QByteArrayList options; ///< Besides the common ones.
     Devices devices;
     ExitStatus (*run)(Session&);

@@ -59,11 +59,11 @@ const QList<CommandSyntax>& commandTable()
         { "get", "PATH...", 1, Any, C::Path, { "raw", "roles" }, C::Many, runGet, "Roles of nodes",
             "title and value unless --roles names others. With -r the bare value: a text as it is, all else as JSON.\n"
             "Several devices stand side by side." },
-        { "set", "PATH VALUE", 2, 2, C::Path, { "dry-run", "literal" }, C::Many, runSet, "Set a value",
+        { "set", "PATH VALUE", 2, 2, C::PathAndValue, { "dry-run", "literal" }, C::Many, runSet, "Set a value",
             "VALUE is read as the node's own type: a text as it is, a number, true or false, JSON for the rest.\n"
             "@FILE is what is in a file, - what comes on standard input. -5 needs no --.\n"
             "A value that is signed over plain HTTP travels encrypted." },
-        { "call", "PATH [ARGUMENT]", 1, 2, C::Path, { "literal" }, C::Many, runCall, "Run a command",
+        { "call", "PATH [ARGUMENT]", 1, 2, C::PathAndValue, { "literal" }, C::Many, runCall, "Run a command",
             "ARGUMENT is JSON, and otherwise a text; @FILE and - as for set." },
         { "rows", "PATH", 1, 1, C::Path, { "roles", "from", "to" }, C::Many, runRows, "Rows of a list",
             "All of one version of the list." },
@@ -89,10 +89,14 @@ const QList<CommandSyntax>& commandTable()
             "URI is whole, or a path with its query on the device; with BODY (text, @FILE or -) it is a POST.\n"
             "--explain takes the Authorization header that a device refused and says what is wrong with it." },
         { "dump", "[PATH...]", 0, Any, C::Path, {}, C::One, runDump, "The values of a subtree, as JSON",
-            "Without nodes that cannot be set, and without secrets. The same values give the same bytes." },
+            "Without nodes that cannot be set, and without secrets and the certificate that belongs to one. The same "
+            "values\n"
+            "give the same bytes." },
         { "diff", "FILE | [PATH...]", 0, Any, C::FileName, {}, C::Two, runDiff,
             "What differs from a dump, or between devices",
-            "With two devices, what differs between them. The exit status is 1 when something does." },
+            "With the name of a file, what differs between it and each device; without, between two devices. The exit "
+            "status\n"
+            "is 1 when something does." },
         { "restore", "FILE", 1, 1, C::FileName, { "dry-run" }, C::Many, runRestore, "Set what a dump holds",
             "Every value is checked before the first is set; when one is refused, those before it are set back." },
         { "metrics", "[PATH...]", 0, Any, C::Path, { "file" }, C::Many, runMetrics, "Numeric nodes in OpenMetrics text",
@@ -101,7 +105,7 @@ const QList<CommandSyntax>& commandTable()
         { "completion", "bash|zsh", 1, 1, C::Word, {}, C::Local, runCompletion, "The completion for a shell",
             "bash: source <(zarkctl completion bash). zsh: zarkctl completion zsh >\"${fpath[1]}/_zarkctl\"." },
         { "version", "", 0, 0, C::None, {}, C::Local, runVersion, "The version of zarkctl", "" },
-        { "help", "[COMMAND]", 0, 1, C::None, {}, C::Local, runHelp, "What a command takes", "" },
+        { "help", "[COMMAND]", 0, 1, C::Command, {}, C::Local, runHelp, "What a command takes", "" },
     };
     return table;
 }

@@ -1,6 +1,7 @@
 #include "Completion.h"
 
 #include "CommandLine.h"
+#include "NodeWriter.h"
 #include "Nodes.h"
 #include "Session.h"
 #include "Targets.h"
@@ -10,23 +11,42 @@ namespace {
 const int TimeoutSeconds = 2; ///< Somebody waits at a prompt.
 const char* const Files = "<files>";
 
-QByteArrayList pathsFor(const QString& typed, const Invocation& invocation)
+QStringList pathsFor(const QString& typed, ApiClient* api)
+{
+    QStringList paths;
+    const int slash = typed.lastIndexOf(QLatin1Char('/'));
+    for (const NodeEntry& node : Nodes(api, {}).children(slash < 0 ? QStringLiteral(":") : typed.left(slash)))
+        paths.append(node.type == QLatin1String("container") ? node.path + QLatin1Char('/') : node.path);
+    return paths;
+}
+
+QByteArrayList askedFor(const QString& typed, const Invocation& invocation)
 {
     // Nothing is asked for on a terminal that a shell is editing a line on.
     if (invocation.has("user") && !invocation.has("password-file") && !invocation.has("empty-password"))
         return {};
-    QByteArrayList paths;
     try {
         Target target = targetsOf(invocation).first();
         target.timeoutSeconds = TimeoutSeconds;
         ApiClient api(target);
-        const int slash = typed.lastIndexOf(QLatin1Char('/'));
-        for (const NodeEntry& node : Nodes(&api, {}).children(slash < 0 ? QStringLiteral(":") : typed.left(slash)))
-            paths.append(node.path.toUtf8() + (node.type == QLatin1String("container") ? "/" : ""));
+        const bool isValue =
+            invocation.command->argument == CommandSyntax::PathAndValue && !invocation.arguments.isEmpty();
+        QByteArrayList words;
+        for (const QString& word :
+            isValue ? NodeWriter(&api, invocation.arguments.first()).choices() : pathsFor(typed, &api))
+            words.append(word.toUtf8());
+        return words;
     } catch (const Failure&) {
         return {};
     }
-    return paths;
+}
+
+QByteArrayList commandNames()
+{
+    QByteArrayList names;
+    for (const CommandSyntax& command : commandTable())
+        names.append(command.name);
+    return names;
 }
 
 QByteArrayList valuesOf(const OptionSyntax& option)
@@ -40,11 +60,14 @@ QByteArrayList argumentsOf(const CommandSyntax& command, const QString& typed, c
 {
     switch (command.argument) {
     case CommandSyntax::Path:
-        return pathsFor(typed, invocation);
+    case CommandSyntax::PathAndValue:
+        return askedFor(typed, invocation);
     case CommandSyntax::FileName:
         return { Files };
     case CommandSyntax::Word:
         return QByteArray(command.arguments).split('|');
+    case CommandSyntax::Command:
+        return commandNames();
     case CommandSyntax::None:
         break;
     }
@@ -70,8 +93,7 @@ QByteArrayList candidates(const QStringList& before, const QString& typed)
     } else if (invocation.command) {
         return argumentsOf(*invocation.command, typed, invocation);
     } else {
-        for (const CommandSyntax& command : commandTable())
-            words.append(command.name);
+        return commandNames();
     }
     return words;
 }

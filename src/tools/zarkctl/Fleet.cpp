@@ -1,5 +1,7 @@
 #include "Fleet.h"
 
+#include <QFileInfo>
+
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -48,14 +50,24 @@ void runAll(const Invocation& invocation, const QList<Target>& targets, Output* 
         thread.join();
 }
 
+/// What compares two devices compares each device with a file, when one is named: only a path has a colon.
+bool isForEach(const Invocation& invocation)
+{
+    const QString first = invocation.arguments.value(0);
+    const bool namesFile = !first.isEmpty() && (!first.contains(QLatin1Char(':')) || QFileInfo(first).isFile());
+    return invocation.command->devices >= CommandSyntax::Many
+        || (invocation.command->devices == CommandSyntax::Two && namesFile);
+}
+
 } // namespace
 
 ExitStatus runOnDevices(const Invocation& invocation, const QList<Target>& targets, Output* output)
 {
     const CommandSyntax& command = *invocation.command;
-    const bool many = command.devices >= CommandSyntax::Many && targets.size() > 1;
+    const bool forEach = isForEach(invocation);
+    const bool many = forEach && targets.size() > 1;
     const int most = command.devices == CommandSyntax::Two ? 2 : 1;
-    if (command.devices < CommandSyntax::Many && targets.size() > most)
+    if (!forEach && targets.size() > most)
         throw Failure{ ExitUsage,
             QStringLiteral("%1 takes %2 at the most")
                 .arg(QLatin1String(command.name))

@@ -26,6 +26,7 @@ void HttpSession::prepare(const QByteArray& url, const QByteArray& authorization
     m_body.clear();
     m_sink = nullptr;
     m_progress = nullptr;
+    m_silence = { m_settings.silenceSeconds + waitSeconds, false };
     m_error[0] = '\0';
     curl_easy_setopt(m_curl, CURLOPT_URL, url.constData());
     curl_easy_setopt(m_curl, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -35,8 +36,6 @@ void HttpSession::prepare(const QByteArray& url, const QByteArray& authorization
     curl_easy_setopt(m_curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(m_curl, CURLOPT_ERRORBUFFER, m_error);
     curl_easy_setopt(m_curl, CURLOPT_CONNECTTIMEOUT, long(m_settings.connectSeconds));
-    curl_easy_setopt(m_curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(m_curl, CURLOPT_LOW_SPEED_TIME, long(m_settings.silenceSeconds + waitSeconds));
     curl_easy_setopt(m_curl, CURLOPT_TCP_KEEPALIVE, 1L);
     if (!m_settings.caFile.isEmpty())
         curl_easy_setopt(m_curl, CURLOPT_CAINFO, m_settings.caFile.constData());
@@ -95,9 +94,7 @@ HttpReply HttpSession::stream(const QByteArray& url, const QByteArray& authoriza
 {
     prepare(url, authorization);
     m_sink = sink;
-    // A stream may be silent for as long as it likes; a head may not.
-    curl_easy_setopt(m_curl, CURLOPT_SERVER_RESPONSE_TIMEOUT, long(m_settings.silenceSeconds));
-    curl_easy_setopt(m_curl, CURLOPT_LOW_SPEED_TIME, 0L);
+    m_silence.allowed = true; // Once there is a head.
     return perform();
 }
 
@@ -154,8 +151,9 @@ void HttpSession::fail(CURLcode code) const
 {
     long verification = 0;
     curl_easy_getinfo(m_curl, CURLINFO_SSL_VERIFYRESULT, &verification);
-    throw Failure{ code == CURLE_SSL_CACERT_BADFILE ? ExitUsage : ExitUnreachable,
-        transferFailure({ code, verification, m_error, m_url }) };
+    const TransferEnd end{ m_silence.isOver ? CURLE_OPERATION_TIMEDOUT : code, verification, m_error, m_url,
+        readReply().status != 0 };
+    throw Failure{ code == CURLE_SSL_CACERT_BADFILE ? ExitUsage : ExitUnreachable, transferFailure(end) };
 }
 
 size_t HttpSession::onBody(char* data, size_t size, size_t count, void* self)
@@ -172,10 +170,26 @@ size_t HttpSession::onBody(char* data, size_t size, size_t count, void* self)
     return bytes;
 }
 
-int HttpSession::onProgress(void* self, curl_off_t, curl_off_t, curl_off_t upTotal, curl_off_t up)
+int HttpSession::onProgress(void* self, curl_off_t, curl_off_t down, curl_off_t upTotal, curl_off_t up)
 {
     auto* const session = static_cast<HttpSession*>(self);
     if (session->m_progress && upTotal > 0)
         session->m_progress(up, upTotal);
-    return session->m_givingUp && session->m_givingUp() ? 1 : 0;
+    return session->isSilent(down + up) || (session->m_givingUp && session->m_givingUp()) ? 1 : 0;
+}
+
+/// Whether the server has been silent for too long since the request. libcurl's own limit is one of the mean speed of
+/// some seconds, in which the request counts.
+bool HttpSession::isSilent(qint64 bytes)
+{
+    long sent = 0;
+    long status = 0;
+    curl_easy_getinfo(m_curl, CURLINFO_REQUEST_SIZE, &sent);
+    curl_easy_getinfo(m_curl, CURLINFO_RESPONSE_CODE, &status);
+    if (sent == 0 || bytes != m_silence.bytes || (m_silence.allowed && status != 0)) {
+        m_silence.bytes = bytes;
+        m_silence.since.start();
+    }
+    m_silence.isOver = m_silence.since.elapsed() >= m_silence.seconds * 1000LL;
+    return m_silence.isOver;
 }

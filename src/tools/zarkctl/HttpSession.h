@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QElapsedTimer>
 #include <QList>
 
 #include <curl/curl.h>
@@ -66,6 +67,7 @@ private:
     HttpReply readReply() const;
     [[noreturn]] void fail(CURLcode code) const;
 
+    bool isSilent(qint64 bytes);
     static size_t onBody(char* data, size_t size, size_t count, void* self);
     static int onProgress(void* self, curl_off_t downTotal, curl_off_t down, curl_off_t upTotal, curl_off_t up);
 
@@ -75,6 +77,14 @@ private:
     char m_error[CURL_ERROR_SIZE] = "";
     QByteArray m_url;
     QByteArray m_body;
+    /// Of the request under way.
+    struct Silence {
+        int seconds = 0; ///< The longest.
+        bool allowed = false; ///< Without an end, in a body.
+        bool isOver = false; ///< It was longer.
+        qint64 bytes = -1; ///< When something came last.
+        QElapsedTimer since = {};
+    } m_silence;
     Sink m_sink;
     Progress m_progress;
     std::function<bool()> m_givingUp;

@@ -105,10 +105,9 @@ ExitStatus runMetrics(Session& session)
 
 void printMetrics(const Invocation& invocation, const QList<Report>& reports, Output* output)
 {
-    if (output->format() != Output::Table)
-        output->print(reports);
-    else if (invocation.has("file"))
-        writeFile(textOf(reports), invocation.value("file"));
+    const QByteArray text = output->format() == Output::Table ? textOf(reports) : output->json(reports);
+    if (invocation.has("file"))
+        writeFile(text, invocation.value("file"));
     else
-        output->write(textOf(reports));
+        output->write(text);
 }

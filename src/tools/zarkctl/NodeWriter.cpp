@@ -6,6 +6,8 @@
 
 namespace {
 
+const QString OptionsKey = QStringLiteral("options");
+
 [[noreturn]] void refuse(const QString& path, const QString& why)
 {
     throw Failure{ ExitRefused, path + QStringLiteral(": ") + why };
@@ -16,16 +18,16 @@ QString typeOf(const QVariant& value)
     return value.toHash().value(QStringLiteral("type")).toString();
 }
 
-bool isOption(const QVariantList& options, const QVariant& value)
+/// The values of options, which may have titles.
+QVariantList valuesOf(const QVariantList& options)
 {
+    QVariantList values;
     for (const QVariant& option : options) {
         const QVariantHash titled = option.toHash();
-        if ((titled.contains(QStringLiteral("value")) ? ValueText::plain(titled.value(QStringLiteral("value")))
-                                                      : option)
-            == value)
-            return true;
+        values.append(titled.contains(QStringLiteral("value")) ? ValueText::plain(titled.value(QStringLiteral("value")))
+                                                               : option);
     }
-    return options.isEmpty();
+    return values;
 }
 
 } // namespace
@@ -63,8 +65,17 @@ QVariant NodeWriter::read(const QByteArray& text, bool fromFile) const
 {
     const QVariant value = ValueText::typed(text, type(), fromFile);
     if (!value.isValid())
-        refuse(m_path, QStringLiteral("invalidType: this is no ") + type());
+        refuse(
+            m_path, QStringLiteral("invalidType: this is no %1; it takes %2").arg(type(), ValueText::formOf(type())));
     return value;
+}
+
+QStringList NodeWriter::choices() const
+{
+    QStringList choices;
+    for (const QVariant& value : valuesOf(m_edit.value(OptionsKey).toList()))
+        choices.append(ValueText::cell(value));
+    return choices.isEmpty() ? ValueText::wordsOf(type()) : choices;
 }
 
 void NodeWriter::check(const QVariant& value) const
@@ -83,8 +94,9 @@ void NodeWriter::check(const QVariant& value) const
         refuse(m_path, QStringLiteral("outOfRange: the value must be at least ") + ValueText::cell(minimum));
     if (!maximum.isNull() && isLess(maximum, plain))
         refuse(m_path, QStringLiteral("outOfRange: the value must be at most ") + ValueText::cell(maximum));
-    if (!isOption(m_edit.value(QStringLiteral("options")).toList(), plain))
-        refuse(m_path, QStringLiteral("notAnOption: the node does not offer this value"));
+    const QVariantList options = valuesOf(m_edit.value(OptionsKey).toList());
+    if (!options.isEmpty() && !options.contains(plain))
+        refuse(m_path, QStringLiteral("notAnOption: there are ") + choices().join(QStringLiteral(", ")));
 }
 
 QVariant NodeWriter::write(const QVariant& value)

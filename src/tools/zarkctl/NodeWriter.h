@@ -16,6 +16,8 @@ public:
     const QVariant& value() const { return m_value; }
     QString type() const; ///< "i32", ...; empty when it is not known.
     bool isSecret() const { return m_secret; }
+    /// The values that there are, as read() takes them; empty where there are too many to name.
+    QStringList choices() const;
     /// A text as a value of the node's type, see ValueText::typed(). Throws a Failure of status ExitRefused when it is
     /// none; the message does not repeat it, which may be a secret.
     QVariant read(const QByteArray& text, bool fromFile) const;

@@ -106,10 +106,10 @@ void Output::print(const QList<Report>& reports)
     if (bare || m_format == Table)
         canStandSideBySide(reports) ? printSideBySide(reports) : printTable(reports);
     else
-        printJson(reports);
+        write(json(reports));
 }
 
-void Output::printJson(const QList<Report>& reports)
+QByteArray Output::json(const QList<Report>& reports) const
 {
     QByteArrayList objects;
     for (const Report& report : reports) {
@@ -117,9 +117,8 @@ void Output::printJson(const QList<Report>& reports)
             objects.append(recordJson(record, report.device));
     }
     if (m_format == JsonLines)
-        write(objects.isEmpty() ? QByteArray() : objects.join('\n') + '\n');
-    else
-        write('[' + objects.join(",\n ") + "]\n");
+        return objects.isEmpty() ? QByteArray() : objects.join('\n') + '\n';
+    return '[' + objects.join(",\n ") + "]\n";
 }
 
 void Output::printTable(const QList<Report>& reports)

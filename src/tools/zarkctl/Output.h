@@ -14,7 +14,7 @@ struct Report {
     QString device; ///< For people and for the member "device"; empty when there is only one.
     QList<Record> records;
     QByteArrayList lines; ///< In place of the table, when there are any.
-    bool bare = false; ///< The lines are the answer in every format.
+    bool bare = false; ///< The lines, or what was written at once, are the answer in every format.
     bool answered = true; ///< The device could be reached.
 };
 
@@ -31,6 +31,8 @@ public:
     bool isTerminal() const { return m_width > 0; }
     /// Several reports with a "path" and a "value" come side by side, a column each; others one below the other.
     void print(const QList<Report>& reports);
+    /// The reports' records in JSON, as the format wants them.
+    QByteArray json(const QList<Report>& reports) const;
     /// At once, for what has no end.
     void write(const QByteArray& bytes);
 
@@ -40,7 +42,6 @@ public:
     static bool pause(int milliseconds);
 
 private:
-    void printJson(const QList<Report>& reports);
     void printTable(const QList<Report>& reports);
     void printSideBySide(const QList<Report>& reports);
 

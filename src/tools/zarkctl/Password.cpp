@@ -9,6 +9,7 @@
 
 #include "CommandLine.h"
 #include "Failure.h"
+#include "Input.h"
 
 namespace {
 
@@ -32,7 +33,7 @@ QString withoutLineEnd(QByteArray line)
 {
     while (line.endsWith('\n') || line.endsWith('\r'))
         line.chop(1);
-    return QString::fromUtf8(line);
+    return textOf(line, QStringLiteral("the password"));
 }
 
 QString firstLineOf(const QString& fileName)

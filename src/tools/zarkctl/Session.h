@@ -16,5 +16,9 @@ struct Session {
     const Target& target() const { return targets.first(); }
     bool isAlone() const { return report.device.isEmpty(); }
     /// To standard error, with the device's name where there are several.
-    void note(const QString& text) const { complain(isAlone() ? text : report.device + QStringLiteral(": ") + text); }
+    void note(const QString& text) const
+    {
+        const QString named = target().url.toString() + QStringLiteral(": "); // As some failures do themselves.
+        complain(isAlone() ? text : report.device + QStringLiteral(": ") + QString(text).remove(named));
+    }
 };

@@ -1,21 +1,30 @@
 #include "Snapshot.h"
 
-#include <QFile>
-
 #include "ApiClient.h"
 #include "Failure.h"
+#include "Input.h"
 #include "Nodes.h"
 #include "Progress.h"
 #include "ZarkJson.h"
 
+namespace {
+
+/// Belongs to a secret key, without which no device takes it.
+const QString Certificate = QStringLiteral("settings:webserver/httpsCert");
+
+/// Whether another device, or this one another day, could be given the node's value.
+bool canBeSet(const NodeEntry& node)
+{
+    return node.type == QLatin1String("value") && node.roles.value(QStringLiteral("modifiable")).toBool()
+        && !node.isSecret() && node.path != Certificate;
+}
+
+} // namespace
+
 Snapshot Snapshot::fromFile(const QString& fileName)
 {
-    QFile file(fileName);
-    const bool standardInput = fileName == QLatin1String("-");
-    if (!(standardInput ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly)))
-        throw Failure{ ExitUsage, fileName + QStringLiteral(": ") + file.errorString() };
     ZarkError error;
-    const QVariant json = ZarkJson::parse(file.readAll(), &error);
+    const QVariant json = ZarkJson::parse(inputOf(fileName), &error);
     if (!error.isEmpty() || json.userType() != QMetaType::QVariantHash)
         throw Failure{ ExitUsage,
             fileName + QStringLiteral(": not what `zarkctl dump` writes")
@@ -46,8 +55,7 @@ Snapshot Snapshot::fromDevice(ApiClient* api, const QStringList& paths, bool sho
     for (int i = 0; i < starts.size(); ++i) {
         nodes.walk(starts.at(i), -1, [&snapshot](const NodeEntry& node, const QList<bool>&) {
             const QVariant value = node.roles.value(QStringLiteral("value"));
-            const bool settable = node.roles.value(QStringLiteral("modifiable")).toBool();
-            if (node.type == QLatin1String("value") && settable && !node.isSecret() && !value.isNull())
+            if (canBeSet(node) && !value.isNull())
                 snapshot.m_values.insert(node.path, value);
         });
         progress.show(i + 1, starts.size(), "subtrees");

@@ -11,7 +11,8 @@ class Snapshot {
 public:
     /// What `zarkctl dump` wrote; "-" is standard input. Throws a Failure of status ExitUsage.
     static Snapshot fromFile(const QString& fileName);
-    /// Below each path, the path itself included, without read-only nodes and secrets. `shown`: a progress bar.
+    /// Below each path, the path itself included, without read-only nodes, secrets and the certificate that belongs to
+    /// one. `shown`: a progress bar.
     static Snapshot fromDevice(ApiClient* api, const QStringList& paths, bool shown);
     /// Of just these nodes; those that the device does not have are left out.
     static Snapshot ofNodes(ApiClient* api, const QStringList& paths);

@@ -15,6 +15,17 @@ QStringList startsOf(const QStringList& arguments)
     return arguments.isEmpty() ? QStringList{ QStringLiteral(":") } : arguments;
 }
 
+Values inFile(const Session& session)
+{
+    const QString name = session.arguments().first();
+    if (!session.isAlone() && name == QLatin1String("-"))
+        throw Failure{
+            ExitUsage,
+            QStringLiteral("%1 takes a file for several devices").arg(QLatin1String(session.invocation.command->name))
+        };
+    return Snapshot::fromFile(name).values();
+}
+
 bool isSame(const QVariant& a, const QVariant& b)
 {
     return ZarkJson::serialize(a) == ZarkJson::serialize(b);
@@ -104,6 +115,7 @@ ExitStatus runDump(Session& session)
     const Snapshot snapshot = Snapshot::fromDevice(session.api, startsOf(session.arguments()), true);
     if (snapshot.hidden() > 0)
         session.note(QStringLiteral("%1 nodes are left out, which this user may not see").arg(snapshot.hidden()));
+    session.report.bare = true;
     session.output->write(snapshot.toJson());
     return ExitOk;
 }
@@ -112,14 +124,14 @@ ExitStatus runDiff(Session& session)
 {
     Values left;
     Values right;
-    if (session.targets.size() > 1) {
+    if (session.targets.size() > 1 && session.isAlone()) {
         ApiClient other(session.targets.at(1));
         left = Snapshot::fromDevice(session.api, startsOf(session.arguments()), true).values();
         right = Snapshot::fromDevice(&other, startsOf(session.arguments()), true).values();
     } else {
         if (session.arguments().size() != 1)
             throw Failure{ ExitUsage, QStringLiteral("diff takes FILE, or two devices and any number of paths") };
-        left = Snapshot::fromFile(session.arguments().first()).values();
+        left = inFile(session);
         right = Snapshot::ofNodes(session.api, left.keys()).values();
     }
     Values both = right;
@@ -138,9 +150,7 @@ ExitStatus runDiff(Session& session)
 
 ExitStatus runRestore(Session& session)
 {
-    if (!session.isAlone() && session.arguments().first() == QLatin1String("-"))
-        throw Failure{ ExitUsage, QStringLiteral("restore takes a file for several devices") };
-    const Values values = Snapshot::fromFile(session.arguments().first()).values();
+    const Values values = inFile(session);
     Plan plan = planOf(session, values);
     const bool dry = session.invocation.has("dry-run");
     QVariantList before;

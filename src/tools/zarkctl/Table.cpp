@@ -8,14 +8,22 @@ namespace {
 const int Gap = 2;
 const int NarrowestCut = 8; ///< A column is not cut below this.
 
+/// Without its middle: paths and addresses differ at their ends.
+QString shortened(QVector<uint> text, int width)
+{
+    if (text.size() > 2 * width)
+        text.remove(width, text.size() - 2 * width);
+    while (!text.isEmpty() && Table::widthOf(QString::fromUcs4(text.constData(), text.size())) > width - 1)
+        text.remove(text.size() / 2);
+    text.insert((text.size() + 1) / 2, 0x2026);
+    return QString::fromUcs4(text.constData(), text.size());
+}
+
 QString fitted(const QString& text, int width)
 {
     if (Table::widthOf(text) <= width)
         return text + QString(width - Table::widthOf(text), QLatin1Char(' '));
-    QString cut = text;
-    while (!cut.isEmpty() && Table::widthOf(cut) > width - 1)
-        cut.chop(cut.at(cut.size() - 1).isLowSurrogate() ? 2 : 1);
-    cut += QChar(0x2026);
+    const QString cut = shortened(text.toUcs4(), width);
     return cut + QString(std::max(0, width - Table::widthOf(cut)), QLatin1Char(' '));
 }
 

@@ -5,6 +5,7 @@
 
 #include "CommandLine.h"
 #include "Failure.h"
+#include "Input.h"
 #include "Password.h"
 #include "Profile.h"
 
@@ -12,11 +13,8 @@ namespace {
 
 QStringList urlsIn(const QString& fileName)
 {
-    QFile file(fileName);
-    if (!(fileName == QLatin1String("-") ? file.open(stdin, QIODevice::ReadOnly) : file.open(QIODevice::ReadOnly)))
-        throw Failure{ ExitUsage, fileName + QStringLiteral(": ") + file.errorString() };
     QStringList urls;
-    const QStringList lines = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
+    const QStringList lines = QString::fromUtf8(inputOf(fileName)).split(QLatin1Char('\n'));
     for (const QString& line : lines) {
         const QString url = line.section(QLatin1Char('#'), 0, 0).trimmed();
         if (!url.isEmpty())

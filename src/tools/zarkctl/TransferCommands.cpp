@@ -16,9 +16,10 @@ const qint64 ReadBytes = 1024 * 1024;
 UploadFile openImage(const QString& name, bool shown)
 {
     QFile file(name);
-    if (!QFileInfo(name).isFile() || !file.open(QIODevice::ReadOnly))
+    const bool isOther = QFileInfo::exists(name) && !QFileInfo(name).isFile();
+    if (isOther || !file.open(QIODevice::ReadOnly))
         throw Failure{ ExitUsage,
-            name + QStringLiteral(": ") + (file.error() ? file.errorString() : QStringLiteral("no regular file")) };
+            name + QStringLiteral(": ") + (isOther ? QStringLiteral("no regular file") : file.errorString()) };
     if (file.size() == 0)
         throw Failure{ ExitUsage, name + QStringLiteral(": is empty") };
     QCryptographicHash sum(QCryptographicHash::Sha256);
@@ -56,6 +57,7 @@ ExitStatus runUpload(Session& session)
 
 ExitStatus runStream(Session& session)
 {
+    session.report.bare = true;
     std::exception_ptr failed;
     session.api->http().setGivingUp(&Output::isClosed);
     // No exception crosses libcurl: it is kept until the transfer has ended.

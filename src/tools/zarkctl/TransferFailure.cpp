@@ -33,6 +33,12 @@ QString untrusted(const TransferEnd& end)
     }
 }
 
+/// A server that waits for TLS cuts whoever speaks HTTP.
+QString httpsHint(const TransferEnd& end)
+{
+    return end.url.startsWith("http:") ? QStringLiteral("; is it https:// and not http://?") : QString();
+}
+
 QString reason(const TransferEnd& end)
 {
     switch (end.code) {
@@ -44,7 +50,7 @@ QString reason(const TransferEnd& end)
         return QStringLiteral("no TLS there, or none that this machine speaks; is it http:// and not https://? (%1)")
             .arg(QString::fromUtf8(end.detail));
     case CURLE_GOT_NOTHING:
-        return QStringLiteral("the connection was closed without an answer; is it https:// and not http://?");
+        return QStringLiteral("the connection was closed without an answer") + httpsHint(end);
     case CURLE_OPERATION_TIMEDOUT:
         if (end.detail.contains("SSL"))
             return QStringLiteral("no answer to TLS in time; is it http:// and not https://?");
@@ -54,7 +60,7 @@ QString reason(const TransferEnd& end)
     case CURLE_PARTIAL_FILE:
     case CURLE_RECV_ERROR:
     case CURLE_SEND_ERROR:
-        return QStringLiteral("the connection broke off");
+        return QStringLiteral("the connection broke off") + (end.answered ? QString() : httpsHint(end));
     case CURLE_READ_ERROR:
         return QStringLiteral("the file cannot be read");
     default:

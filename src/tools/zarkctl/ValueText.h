@@ -22,4 +22,9 @@ QByteArray given(const QString& argument, bool literal);
 /// JSON and else a text. Invalid when it is none of the type.
 QVariant typed(const QByteArray& text, const QString& type, bool fromFile);
 
+/// All that typed() takes for a type, where that is a few words; empty otherwise.
+QStringList wordsOf(const QString& type);
+/// What typed() takes for a type, for people.
+QString formOf(const QString& type);
+
 } // namespace ValueText

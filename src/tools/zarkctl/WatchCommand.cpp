@@ -83,6 +83,11 @@ void Watch::printPresent()
     for (const QString& path : qAsConst(m_paths)) {
         const QVariantList values = m_session.api->getData(path, { ValueRole, TimeRole });
         const bool isKnown = m_last.contains(path) && m_last.value(path) == values.at(0);
+        if (values.at(0).isNull() && !isKnown && !m_session.invocation.has("rows"))
+            m_session.note(
+                QStringLiteral("%1: holds no value; --rows follows a list, '%1/*' what is in a container").arg(path));
+        if (values.at(0).isNull())
+            m_last.insert(path, values.at(0));
         if (isKnown || values.at(0).isNull() || isDone())
             continue;
         print({ { QStringLiteral("path"), path },
@@ -173,6 +178,7 @@ QByteArrayList Watch::linesOf(const QVariantHash& event) const
 
 ExitStatus runWatch(Session& session)
 {
+    session.report.bare = true;
     try {
         Watch(&session).run();
     } catch (const Failure& failure) {

@@ -3,6 +3,7 @@
 
 #include "Completion.h"
 #include "Fleet.h"
+#include "Input.h"
 #include "Session.h"
 #include "Targets.h"
 
@@ -33,10 +34,10 @@ int main(int argc, char** argv)
     std::setlocale(LC_CTYPE, "C.UTF-8"); // For the widths of characters: what is printed is UTF-8 everywhere.
     curl_global_init(CURL_GLOBAL_DEFAULT);
     QStringList words;
-    for (int i = 1; i < argc; ++i)
-        words.append(QString::fromUtf8(argv[i]));
     ExitStatus status = ExitOk;
     try {
+        for (int i = 1; i < argc; ++i)
+            words.append(textOf(argv[i], QStringLiteral("an argument")));
         if (words.value(0) == QLatin1String("__complete"))
             for (const QByteArray& word : completionsOf(words.mid(1)))
                 std::puts(word.constData());
