@@ -170,10 +170,13 @@ bool expectsBody(const RequestHead& head)
 void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request.
+    // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request. An early
+    // handler that refuses what the client waits to send ends the exchange before "got-body".
     const bool isChunked = head.transferEncodingFields > 0;
-    if (isChunked || (!hasBody(head) && expectsBody(head)))
-        g_signal_connect(message, "got-body", G_CALLBACK(closeAfterAnswer), nullptr);
+    if (isChunked || (!hasBody(head) && expectsBody(head))) {
+        for (const char* signal : { "got-headers", "got-body" })
+            g_signal_connect(message, signal, G_CALLBACK(closeAfterAnswer), nullptr);
+    }
     if (!hasBody(head))
         return;
     g_signal_connect(message, "got-body", G_CALLBACK(onGotBody), connection);

@@ -61,7 +61,8 @@ FirmwareUpdateResponder::~FirmwareUpdateResponder() = default; // Here, where th
 
 bool FirmwareUpdateResponder::wants(const Message& message)
 {
-    return message.isMethod("POST") && message.path() == "/firmware/update" && message.isMultipart();
+    return message.isMethod("POST") && message.path() == "/firmware/update"
+        && (message.isMultipart() || message.requestContentType().isEmpty());
 }
 
 void FirmwareUpdateResponder::respond()
@@ -81,8 +82,10 @@ void FirmwareUpdateResponder::respond()
     if (node->isBusy())
         return refuse(SOUP_STATUS_CONFLICT, CMError::Busy, "Another image is on its way.");
     m_limit = imageLimit();
-    const QByteArray length = request().header(QStringLiteral("Content-Length"));
+    const QByteArray length = request().header("Content-Length");
     m_expected = length.isEmpty() ? -1 : length.toLongLong();
+    if (m_expected <= 0 && request().header("Transfer-Encoding").isEmpty())
+        return refuse(SOUP_STATUS_BAD_REQUEST, CMError::InvalidType, "There is no body.");
     if (m_expected > m_limit + MaximumOverhead)
         refuse(SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, CMError::OutOfRange, "The image is too large.");
 }
