@@ -8,7 +8,7 @@ from servers import PASSWORD, USER, Floor, fresh_device
 
 MIB = 1024 * 1024
 STREAM = "/api/stream/player:player/audio"
-STREAM_BYTES = 64 * MIB
+STREAM_BYTES = 1024 * MIB
 UPDATE = "/firmware/update"
 UPLOAD_BYTES = 256 * MIB
 BLOCK = bytes(range(256)) * (MIB // 256)
@@ -16,7 +16,7 @@ ROUNDS = 3
 
 
 def read_chunks(server, target):
-    """Reads the stream's first 64 MiB; the middle size of a chunk, and the server's processor time for one MiB."""
+    """Reads the stream's first GiB; the middle size of a chunk, and the server's processor time for one MiB."""
     connection = server.connect()
     try:
         connection.request("GET", target)
@@ -38,7 +38,8 @@ def read_chunks(server, target):
 
 
 def stream_cost(bench, name, at_most):
-    """The floor sends chunks of the same size, which it has already; the device makes a tone and takes it from a pipe."""
+    """The floor sends chunks of the same size, which it has already; the device's come through a pipe, whose writer counts
+    too."""
     with fresh_device(bench) as device, Floor(bench.build, bench.scratch) as floor:
         ours, reference = [], []
         for _ in range(ROUNDS):
