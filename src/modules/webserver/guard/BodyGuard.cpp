@@ -13,6 +13,8 @@ using Connection = ConnectionTable::Connection;
 // A body that is refused in its middle is read on, this many times the limit: the library gives no answer before its
 // end.
 constexpr qint64 ToleratedExcess = 3;
+// The library reads 8 KiB at a time, and each piece passes through everybody.
+constexpr gsize StreamedPieceBytes = 64 * 1024;
 
 /// Of one request; lives as long as the library's message.
 struct Body {
@@ -127,8 +129,16 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
     }
 }
 
+SoupBuffer* allocatePiece(SoupMessage*, gsize, gpointer)
+{
+    return soup_buffer_new(SOUP_MEMORY_TAKE, static_cast<guchar*>(g_malloc(StreamedPieceBytes)), StreamedPieceBytes);
+}
+
 void watchStream(SoupMessage* message, Body* body)
 {
+    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+    soup_message_set_chunk_allocator(message, allocatePiece, nullptr, nullptr);
+    G_GNUC_END_IGNORE_DEPRECATIONS
     ConnectionTable::bodyMoved(body->connection);
     g_signal_connect(message, "notify::status-code", G_CALLBACK(onStreamStatus), body);
     g_signal_connect(message, "got-body", G_CALLBACK(onStreamEnd), body);

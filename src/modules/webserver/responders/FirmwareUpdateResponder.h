@@ -36,7 +36,8 @@ private:
 
     void refuse(int status, const char* name, const char* message);
     void beginImage(const MultipartPart& part);
-    void write();
+    qsizetype write(const char* data, qsizetype length);
+    void writeRest();
     void finishIfWritten();
     void conclude(const CMUpdateResult& result, const CMError& error);
 
