@@ -72,6 +72,7 @@ private Q_SLOTS:
         row("long header", part(A + "; x=" + Long, "1") + End, P::HeaderTooLong, {});
         row("endless header", "--XyZ\r\n" + Long, P::HeaderTooLong, {});
         row("many parts", part(A, "1").repeated(4) + End, P::TooManyParts, {});
+        row("long epilogue", part(A, "1") + End + Long.repeated(8), P::EpilogueTooLong, {});
         row("no header", "--XyZ\r\n\r\n1\r\n" + End, P::HeaderMalformed, {});
         row("no name", part("form-data; filename=x", "1") + End, P::HeaderMalformed, {});
         row("not form-data", part("attachment; name=a", "1") + End, P::HeaderMalformed, {});

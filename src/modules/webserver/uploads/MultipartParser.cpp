@@ -53,10 +53,8 @@ bool MultipartParser::feed(const char* data, qsizetype length)
 {
     if (m_error != NoError)
         return false;
-    if (m_state == Epilogue) {
-        m_epilogueBytes += length;
-        return m_epilogueBytes <= m_limits.epilogueBytes || fail(EpilogueTooLong);
-    }
+    if (m_state == Epilogue)
+        return skip(length);
     // As a rule nothing is held, and then nothing is copied.
     QByteArray buffer = QByteArray::fromRawData(data, static_cast<int>(length));
     if (!m_held.isEmpty())
@@ -70,10 +68,15 @@ bool MultipartParser::feed(const char* data, qsizetype length)
             break;
         position += taken;
     }
-    m_held = m_state == Epilogue
-        ? QByteArray()
-        : QByteArray(buffer.constData() + position, static_cast<int>(buffer.size() - position));
-    return true;
+    const qsizetype rest = buffer.size() - position;
+    m_held = m_state == Epilogue ? QByteArray() : QByteArray(buffer.constData() + position, static_cast<int>(rest));
+    return m_state != Epilogue || skip(rest);
+}
+
+bool MultipartParser::skip(qsizetype epilogueLength)
+{
+    m_epilogueBytes += epilogueLength;
+    return m_epilogueBytes <= m_limits.epilogueBytes || fail(EpilogueTooLong);
 }
 
 bool MultipartParser::finish()
