@@ -5,7 +5,8 @@
 //                                          GET and POST /value (any query) answer FILE's bytes as JSON;
 //                                          GET /file/NAME sends DIR/NAME mapped into memory;
 //                                          GET /stream?N sends chunks of N bytes until the client has enough;
-//                                          POST /upload counts the bytes of a body as they come;
+//                                          POST /upload counts the bytes of a body as they come; with ?store it makes
+//                                          their SHA-256 sum, too, and has them in DIR/upload, on disk, at the end;
 //                                          over TLS with the certificate and the key in the file PEM
 //     floor --idle                         an application and a server that does nothing
 //
@@ -16,8 +17,11 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFile>
+#include <fcntl.h>
 #include <libsoup/soup.h>
+#include <openssl/evp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 
@@ -26,7 +30,10 @@ const int Backlog = 512; ///< The library's 10 loses connections under load, and
 struct Floor {
     QByteArray body;
     QString directory;
-    quint64 received = 0; ///< Bytes of the upload under way.
+    // Of the upload under way:
+    quint64 received = 0; ///< Bytes.
+    int file = -1; ///< When it is stored.
+    EVP_MD_CTX* sum = EVP_MD_CTX_new();
 };
 
 /// Runs `answer` from the event loop, as the reply of an asynchronous framework comes.
@@ -110,21 +117,45 @@ void serveStream(SoupServer*, SoupMessage* message, const char*, GHashTable*, So
     appendChunk(message, chunk);
 }
 
-void countBytes(SoupMessage*, SoupBuffer* chunk, quint64* count)
+void takeBytes(SoupMessage*, SoupBuffer* chunk, Floor* floor)
 {
-    *count += chunk->length;
+    floor->received += chunk->length;
+    if (floor->file < 0)
+        return;
+    EVP_DigestUpdate(floor->sum, chunk->data, chunk->length);
+    if (write(floor->file, chunk->data, chunk->length) != static_cast<ssize_t>(chunk->length))
+        qFatal("write");
 }
 
 void beginUpload(SoupServer*, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void* data)
 {
-    static_cast<Floor*>(data)->received = 0;
+    auto* floor = static_cast<Floor*>(data);
+    floor->received = 0;
+    if (soup_message_get_uri(message)->query) {
+        const QByteArray name = QFile::encodeName(floor->directory + "/upload");
+        floor->file = open(name.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        EVP_DigestInit_ex(floor->sum, EVP_sha256(), nullptr);
+    }
     soup_message_body_set_accumulate(message->request_body, FALSE);
-    g_signal_connect(message, "got-chunk", G_CALLBACK(countBytes), &static_cast<Floor*>(data)->received);
+    g_signal_connect(message, "got-chunk", G_CALLBACK(takeBytes), floor);
+}
+
+void endStored(Floor* floor)
+{
+    unsigned char sum[EVP_MAX_MD_SIZE];
+    EVP_DigestFinal_ex(floor->sum, sum, nullptr);
+    if (fsync(floor->file) != 0)
+        qFatal("fsync");
+    close(floor->file);
+    floor->file = -1;
 }
 
 void serveUpload(SoupServer*, SoupMessage* message, const char*, GHashTable*, SoupClientContext*, void* data)
 {
-    const QByteArray count = QByteArray::number(static_cast<Floor*>(data)->received);
+    auto* floor = static_cast<Floor*>(data);
+    if (floor->file >= 0)
+        endStored(floor);
+    const QByteArray count = QByteArray::number(floor->received);
     soup_message_set_status(message, SOUP_STATUS_OK);
     soup_message_set_response(
         message, "application/json", SOUP_MEMORY_COPY, count.constData(), static_cast<gsize>(count.size()));
@@ -184,7 +215,7 @@ int main(int argc, char** argv)
     });
     parser.process(application);
     SoupServer* server = soup_server_new(nullptr, nullptr);
-    Floor floor{ {}, parser.value("files"), 0 };
+    Floor floor{ {}, parser.value("files") };
     if (parser.isSet("idle")) {
         std::puts("idle");
     } else {

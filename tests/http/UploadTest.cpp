@@ -66,6 +66,7 @@ private Q_SLOTS:
             "The other parts are too large.");
         row("no image", part("a", "b") + End, 400, "There is no part \"firmware\".");
         row("empty image", part("firmware", "") + End, 400, "The image is empty.");
+        row("no body", "", 400, "There is no body.");
         row("no boundary", whole, 400, "The boundary of the multipart body is missing or invalid.");
         row("10,000 tiny parts", part("a", "").repeated(10000) + End, 400, "There are too many parts.");
         row("over the limit", part("firmware", QByteArray(LimitBytes + 1, 'x')) + End, 413, "The image is too large.");
@@ -119,10 +120,10 @@ private Q_SLOTS:
         const HttpReply good =
             m_device.request("POST", "/firmware/update", { Type, Signer("admin", "").forGet(uri) }, body);
         QCOMPARE(good.status, 200);
-        for (const char* length : { "50", "5000000" }) {
+        for (const char* framing : { "Content-Length: 50", "Content-Length: 5000000", "X-Body: none" }) {
             HttpConnection connection(m_device.port());
             connection.send("POST /firmware/update HTTP/1.1\r\nHost: localhost\r\nExpect: 100-continue\r\n" + Type
-                + "\r\n" + Signer("admin", "wrong").forGet(uri) + "\r\nContent-Length: " + length + "\r\n\r\n");
+                + "\r\n" + Signer("admin", "wrong").forGet(uri) + "\r\n" + framing + "\r\n\r\n");
             const HttpReply refused = connection.readReply();
             QCOMPARE(refused.status, 401);
             QVERIFY(connection.isClosedWithin(2000));

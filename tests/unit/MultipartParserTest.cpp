@@ -26,7 +26,8 @@ QByteArray part(const QByteArray& disposition, const QByteArray& data)
 const QByteArray A = "form-data; name=\"a\"";
 const QByteArray End = "--XyZ--\r\n";
 const QByteArray Long(9000, 'x');
-const QByteArray Nearly = "1\r\n--XyZ-\r\n--Xy\r\r\n--XyZw\r\n--XyZ \t2\r\n\r\n--XY\n--XyZ--\n";
+const QByteArray Nearly =
+    "1\r\n--XyZ-\r\n--Xy\r\r\n--XyZw\r\n--XyZ \t2\r\n\r\n--XY\n--XyZ--\n\r\n--XyZ--w\r\n--XyZ-- \r3";
 
 MultipartParser::Limits limits()
 {
@@ -49,13 +50,13 @@ private Q_SLOTS:
         row("two parts", part(A, "1") + part("form-data; name=b; filename=\"c d.bin\"", "\r\n2\r\n") + End, P::NoError,
             "[a||text/plain]1;[b|c d.bin|text/plain]\r\n2\r\n;");
         row("empty file", part(A, "") + End, P::NoError, "[a||text/plain];");
-        row("part without a body", "--XyZ\r\nContent-Disposition: " + A + "\r\n\r\n--XyZ--", P::NoError,
+        row("part without a body", "--XyZ\r\nContent-Disposition: " + A + "\r\n\r\n--XyZ-- ", P::NoError,
             "[a||text/plain];");
         row("nearly boundaries", part(A, Nearly) + End, P::NoError, "[a||text/plain]" + Nearly + ';');
         row("data that begins like a boundary", part(A, "--XyZw\r\n--") + End, P::NoError,
             "[a||text/plain]--XyZw\r\n--;");
         row("preamble, padding and epilogue",
-            "hello\r\n--XyZ \t\r\nContent-Disposition:" + A + "\r\n\r\n1\r\n" + End + End, P::NoError,
+            "hello\r\n--XyZ \t\r\nContent-Disposition:" + A + "\r\n\r\n1\r\n--XyZ--\t \r\n" + End, P::NoError,
             "[a||text/plain]1;");
         row("folded header, type, escapes",
             "--XyZ\r\ncontent-TYPE: image/png\r\nContent-Disposition: form-data;\r\n name=\"a\\\"b\" ;\r\n\tfilename="
@@ -71,6 +72,7 @@ private Q_SLOTS:
         row("long header", part(A + "; x=" + Long, "1") + End, P::HeaderTooLong, {});
         row("endless header", "--XyZ\r\n" + Long, P::HeaderTooLong, {});
         row("many parts", part(A, "1").repeated(4) + End, P::TooManyParts, {});
+        row("long epilogue", part(A, "1") + End + Long.repeated(8), P::EpilogueTooLong, {});
         row("no header", "--XyZ\r\n\r\n1\r\n" + End, P::HeaderMalformed, {});
         row("no name", part("form-data; filename=x", "1") + End, P::HeaderMalformed, {});
         row("not form-data", part("attachment; name=a", "1") + End, P::HeaderMalformed, {});

@@ -62,18 +62,20 @@ private Q_SLOTS:
         row("over the limit, in chunks", Takes, chunked, 99999, 99999, 99999, { "200" }, true);
         row("within the limit", Takes, plain, 99, 99, 99, { "200" }, false);
         row("waited for", Takes, waiting, 99, 99, 99, { "100", "200" }, false);
-        row("slow, and stalled in the end", Takes, plain, 99999, 99998, 99998, { "100" }, true);
+        row("slow, and stalled in the end", Takes, plain, 99999, 99998, 99998, { "100", "408" }, true);
+        row("never still, for too long", Takes, plain, 99999, 99998, 2 * Limit, { "100", "408" }, true);
         row("left alone", LeavesAlone, plain, 99999, 0, 0, { "413" }, true);
         row("over HTTP/1.0", Takes, old, 99999, 0, 0, { "413" }, true);
         row("refused unread", RefusesLater, plain, 99999, 0, 0, { "401" }, true);
         row("refused before it is waited for", RefusesLater, waiting, 99, 0, 0, { "401" }, true);
         row("refused midway", RefusesMidway, plain, 9999, 9999, 9999, { "100", "400" }, true);
-        row("refused midway, long", RefusesMidway, plain, 999999, 99999, -1, { "100" }, true);
+        row("refused midway, long", RefusesMidway, plain, 999999, 99999, -1, { "100", "408" }, true);
         for (const auto& [conduct, head, size, sent, received, statuses, closed] : row) {
             ServerLimits limits;
             limits.bodyBytes = Limit;
             limits.bodySeconds = 1;
             limits.stalledSeconds = 2;
+            limits.uploadSeconds = row.name() == "never still, for too long" ? 2 : 3600;
             Server server(0, QString(), QString(), false, limits, nullptr);
             auto* early = new EarlyHandler(Conduct(conduct));
             server.addHandler(QStringLiteral("/"), new Handler(QString(), nullptr));

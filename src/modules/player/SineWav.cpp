@@ -10,7 +10,7 @@ namespace {
 constexpr quint32 sampleRate = 44100;
 constexpr quint32 bytesPerSample = 2;
 // 441 Hz and not 440: a period is exactly 100 samples and can be repeated.
-constexpr int samplesPerPeriod = 100;
+constexpr int samplesPerPeriod = SineWav::PeriodBytes / bytesPerSample;
 constexpr double amplitude = 0.25 * 32767;
 
 template <class T> QByteArray littleEndian(T value)

@@ -7,6 +7,8 @@
 class SineWav {
 public:
     static constexpr int Endless = 0; ///< Its header gives the greatest sizes there are, as streams have it.
+    static constexpr int HeaderBytes = 44;
+    static constexpr int PeriodBytes = 200; ///< Behind the header, the same bytes come again and again.
 
     explicit SineWav(int seconds);
 

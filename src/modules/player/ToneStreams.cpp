@@ -2,9 +2,11 @@
 
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include "SineWav.h"
@@ -12,8 +14,15 @@
 namespace {
 
 constexpr int maximumReaders = 256;
-constexpr int pipeSize = 8192; // The kernel rounds up to whole pages.
-constexpr int chunkSize = 4096;
+constexpr int pipeSize = 256 * 1024;
+constexpr int beginningSize = SineWav::HeaderBytes + SineWav::PeriodBytes;
+
+/// As much as a pipe takes, from any place in the stream's beginning. Never freed or written to: pipes hold its pages.
+const QByteArray& sound()
+{
+    static const QByteArray bytes = SineWav(SineWav::Endless).bytes(0, beginningSize + pipeSize);
+    return bytes;
+}
 
 class ToneStream : public QObject {
 public:
@@ -31,10 +40,11 @@ public:
 private:
     void write()
     {
-        const QByteArray chunk = m_tone.bytes(m_position, chunkSize);
-        const ssize_t written = ::write(m_writeEnd, chunk.constData(), size_t(chunk.size()));
-        if (written > 0)
-            m_position += written;
+        const iovec rest{ const_cast<char*>(sound().constData()) + m_position, pipeSize };
+        const ssize_t written = vmsplice(m_writeEnd, &rest, 1, SPLICE_F_NONBLOCK);
+        m_position += int(std::max<ssize_t>(written, 0));
+        if (m_position >= beginningSize)
+            m_position = SineWav::HeaderBytes + (m_position - SineWav::HeaderBytes) % SineWav::PeriodBytes;
         const bool isReaderGone = written < 0 && errno != EAGAIN && errno != EINTR;
         if (!isReaderGone)
             return;
@@ -44,8 +54,7 @@ private:
 
     int m_writeEnd;
     QSocketNotifier m_notifier;
-    SineWav m_tone{ SineWav::Endless };
-    qint64 m_position = 0;
+    int m_position = 0; ///< In the stream's beginning, or in a later period as in the first.
 };
 
 } // namespace

@@ -2,8 +2,8 @@
 
 #include <QObject>
 
-/// The readers of the demo's audio stream. Each has a pipe of a few KiB that is filled from the event loop whenever it
-/// has room, and ends when its reader closes (SIGPIPE must be ignored) or with this object.
+/// The readers of the demo's audio stream. Each has a pipe that is filled from the event loop whenever it has room, and
+/// ends when its reader closes (SIGPIPE must be ignored) or with this object.
 class ToneStreams : public QObject {
 public:
     explicit ToneStreams(QObject* parent = nullptr) : QObject(parent) { }

@@ -20,6 +20,7 @@
 namespace {
 
 constexpr int BufferBytes = 256 * 1024;
+constexpr qint64 FlushBytes = 8 * 1024 * 1024;
 
 QString incomingIn(const QString& directory)
 {
@@ -146,6 +147,7 @@ QString ImageTransfer::copy(int file, Outcome* outcome)
         if (!writeAll(file, buffer.constData(), length))
             return QStringLiteral("The image cannot be stored: %1").arg(systemError());
         m_received += length;
+        flush(file, length);
     }
     // The end of the pipe alone says nothing: it looks the same when the writer has gone in the middle.
     if (length < 0 || !m_whole)
@@ -156,6 +158,13 @@ QString ImageTransfer::copy(int file, Outcome* outcome)
     if (!m_expectedSum.isEmpty() && m_expectedSum != outcome->sha256)
         return QStringLiteral("The image does not have the SHA-256 sum that was sent with it");
     return {};
+}
+
+// So that little is left for the end, when the client waits, and little memory is taken by what is not on disk yet.
+void ImageTransfer::flush(int file, qint64 written) const
+{
+    if (m_received / FlushBytes != (m_received - written) / FlushBytes)
+        sync_file_range(file, 0, 0, SYNC_FILE_RANGE_WRITE);
 }
 
 /// 0 at the end, -1 when it was cancelled.

@@ -41,6 +41,7 @@ private:
     QString copy(int file, Outcome* outcome);
     QString keep(int file, const Outcome& outcome) const;
     int readSome(char* buffer, size_t size) const;
+    void flush(int file, qint64 written) const;
     void closeReadEnd();
 
     QString m_directory;

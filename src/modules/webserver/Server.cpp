@@ -282,8 +282,8 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
 void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
     SoupClientContext* client, gpointer handlerData)
 {
-    // Most requests: they are spared a Message that nobody would look at.
-    if (hasBody(message))
+    // Most requests have no body: they are spared a Message that nobody would look at.
+    if (hasBody(message) || message->method == SOUP_METHOD_POST)
         server_callback(server, message, path, query, client, handlerData);
 }
 

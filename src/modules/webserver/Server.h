@@ -59,7 +59,7 @@ public:
 
     /// Registers `handler` for every path that starts with `path`, in place of an earlier one, which is deleted.
     void addHandler(const QString& path, Handler* handler);
-    /// The same, but called when the head has been read and the body has not. Not for requests without a body.
+    /// The same, but called when the head has been read and the body has not; without a body, for POST alone.
     void addEarlyHandler(const QString& path, Handler* handler);
     void pauseMessage(bool pause, Message* message);
 

@@ -13,6 +13,8 @@ using Connection = ConnectionTable::Connection;
 // A body that is refused in its middle is read on, this many times the limit: the library gives no answer before its
 // end.
 constexpr qint64 ToleratedExcess = 3;
+// The library reads 8 KiB at a time, and each piece passes through everybody.
+constexpr gsize StreamedPieceBytes = 64 * 1024;
 
 /// Of one request; lives as long as the library's message.
 struct Body {
@@ -127,8 +129,16 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
     }
 }
 
+SoupBuffer* allocatePiece(SoupMessage*, gsize, gpointer)
+{
+    return soup_buffer_new(SOUP_MEMORY_TAKE, static_cast<guchar*>(g_malloc(StreamedPieceBytes)), StreamedPieceBytes);
+}
+
 void watchStream(SoupMessage* message, Body* body)
 {
+    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+    soup_message_set_chunk_allocator(message, allocatePiece, nullptr, nullptr);
+    G_GNUC_END_IGNORE_DEPRECATIONS
     ConnectionTable::bodyMoved(body->connection);
     g_signal_connect(message, "notify::status-code", G_CALLBACK(onStreamStatus), body);
     g_signal_connect(message, "got-body", G_CALLBACK(onStreamEnd), body);
@@ -170,10 +180,13 @@ bool expectsBody(const RequestHead& head)
 void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request.
+    // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request. An early
+    // handler that refuses what the client waits to send ends the exchange before "got-body".
     const bool isChunked = head.transferEncodingFields > 0;
-    if (isChunked || (!hasBody(head) && expectsBody(head)))
-        g_signal_connect(message, "got-body", G_CALLBACK(closeAfterAnswer), nullptr);
+    if (isChunked || (!hasBody(head) && expectsBody(head))) {
+        for (const char* signal : { "got-headers", "got-body" })
+            g_signal_connect(message, signal, G_CALLBACK(closeAfterAnswer), nullptr);
+    }
     if (!hasBody(head))
         return;
     g_signal_connect(message, "got-body", G_CALLBACK(onGotBody), connection);

@@ -244,7 +244,9 @@ void ConnectionTable::headRead(Connection* connection)
 void ConnectionTable::bodyMoved(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
+    const ServerLimits& limits = connection->limits->m_limits;
+    const gint64 stalled = g_get_monotonic_time() + limits.stalledSeconds * MicrosecondsPerSecond;
+    connection->deadline = std::min(stalled, connection->since + limits.uploadSeconds * MicrosecondsPerSecond);
 }
 
 void ConnectionTable::requestRead(SoupClientContext* client)
@@ -363,9 +365,21 @@ void ConnectionTable::closeOverdue()
     const gint64 now = g_get_monotonic_time();
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
-        if (isOverdue(*connection, now) || isAbandoned(connection, now))
+        const bool overdue = isOverdue(*connection, now);
+        if (overdue && connection->state == ReadingBody && !connection->doomed)
+            tellOfTimeout(*connection);
+        if (overdue || isAbandoned(connection, now))
             doom(connection);
     }
+}
+
+// The library gives no answer before the end of a body. What the socket has no room for is not worth waiting for.
+void ConnectionTable::tellOfTimeout(const Connection& connection)
+{
+    constexpr char Answer[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Length: 0\r\n"
+                              "X-Robots-Tag: noindex\r\n\r\n";
+    gsize written = 0;
+    soup_socket_write(connection.socket, Answer, sizeof Answer - 1, &written, nullptr, nullptr);
 }
 
 void ConnectionTable::parkIdle()

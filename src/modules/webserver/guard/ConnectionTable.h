@@ -72,7 +72,8 @@ public:
     /// The whole request was read: its answer has no deadline.
     static void requestRead(Connection* connection);
     void requestRead(SoupClientContext* client);
-    /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
+    /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on, and
+    /// `uploadSeconds` in all.
     static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
     void closeSoon(Connection* connection);
@@ -94,6 +95,7 @@ private:
     void closeDoomed();
     void closeListeners();
     void closeOverdue();
+    static void tellOfTimeout(const Connection& connection);
     void closeSlowHandshakes();
     void parkIdle();
     void reviveListeners();

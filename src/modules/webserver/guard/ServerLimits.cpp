@@ -23,6 +23,7 @@ ServerLimits ServerLimits::fromSettings()
     readLimit("headerCount", &limits.headerCount);
     readLimit("headerSeconds", &limits.headerSeconds);
     readLimit("bodySeconds", &limits.bodySeconds);
+    readLimit("uploadSeconds", &limits.uploadSeconds);
     readLimit("idleSeconds", &limits.idleSeconds);
     readLimit("stalledSeconds", &limits.stalledSeconds);
     readLimit("values", &limits.values);

@@ -9,6 +9,7 @@ struct ServerLimits {
     int headerSeconds = 10; ///< From the connection to its first complete head, TLS handshake included.
     int bodySeconds = 60; ///< From the head to the end of a body that is read into memory.
     int idleSeconds = 60; ///< From an answer to the next complete head on the same connection.
+    int uploadSeconds = 3600; ///< From the head to the end of a streamed body.
     int stalledSeconds = 300; ///< Without a byte of an answer taken, or of a streamed body sent, by the client.
     int values = 20000; ///< JSON values of a body, inner ones included, or fields of a form.
     int rows = 1000; ///< In one answer of getRows.

@@ -2,6 +2,7 @@
 
 #include <QSocketNotifier>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <unistd.h>
@@ -61,7 +62,8 @@ FirmwareUpdateResponder::~FirmwareUpdateResponder() = default; // Here, where th
 
 bool FirmwareUpdateResponder::wants(const Message& message)
 {
-    return message.isMethod("POST") && message.path() == "/firmware/update" && message.isMultipart();
+    return message.isMethod("POST") && message.path() == "/firmware/update"
+        && (message.isMultipart() || message.requestContentType().isEmpty());
 }
 
 void FirmwareUpdateResponder::respond()
@@ -81,8 +83,10 @@ void FirmwareUpdateResponder::respond()
     if (node->isBusy())
         return refuse(SOUP_STATUS_CONFLICT, CMError::Busy, "Another image is on its way.");
     m_limit = imageLimit();
-    const QByteArray length = request().header(QStringLiteral("Content-Length"));
+    const QByteArray length = request().header("Content-Length");
     m_expected = length.isEmpty() ? -1 : length.toLongLong();
+    if (m_expected <= 0 && request().header("Transfer-Encoding").isEmpty())
+        return refuse(SOUP_STATUS_BAD_REQUEST, CMError::InvalidType, "There is no body.");
     if (m_expected > m_limit + MaximumOverhead)
         refuse(SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, CMError::OutOfRange, "The image is too large.");
 }
@@ -121,7 +125,7 @@ void FirmwareUpdateResponder::beginImage(const MultipartPart& part)
     if (m_update) {
         m_writable = std::make_unique<QSocketNotifier>(m_update->descriptor(), QSocketNotifier::Write);
         m_writable->setEnabled(false);
-        connect(m_writable.get(), &QSocketNotifier::activated, this, [this] { write(); });
+        connect(m_writable.get(), &QSocketNotifier::activated, this, [this] { writeRest(); });
         return;
     }
     m_answered = true;
@@ -145,9 +149,11 @@ void FirmwareUpdateResponder::partData(const char* data, qsizetype length)
     m_received += length;
     if (m_received > m_limit)
         return refuse(SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE, CMError::OutOfRange, "The image is too large.");
-    m_unwritten.append(data, static_cast<int>(length));
-    if (!m_writable->isEnabled())
-        write();
+    const qsizetype written = m_unwritten.isEmpty() ? write(data, length) : 0;
+    m_unwritten.append(data + written, static_cast<int>(length - written));
+    m_writable->setEnabled(!m_unwritten.isEmpty());
+    if (m_bodyEnded)
+        finishIfWritten();
 }
 
 void FirmwareUpdateResponder::partEnded()
@@ -156,21 +162,23 @@ void FirmwareUpdateResponder::partEnded()
         refuse(SOUP_STATUS_BAD_REQUEST, CMError::InvalidType, "The sum is no SHA-256 sum in hexadecimal digits.");
 }
 
-// Whatever the pipe takes now; the rest when it has room again, and until then no more of the body is read.
-void FirmwareUpdateResponder::write()
+// Gives how much the pipe takes now; the rest waits until it has room again, and until then no more of the body is
+// read.
+qsizetype FirmwareUpdateResponder::write(const char* data, qsizetype length)
 {
-    const ssize_t written =
-        ::write(m_update->descriptor(), m_unwritten.constData(), static_cast<size_t>(m_unwritten.size()));
-    if (written > 0)
-        m_unwritten.remove(0, static_cast<int>(written));
-    if (written < 0 && errno != EAGAIN && errno != EINTR) {
-        // The reader has given up, and knows why.
-        m_unwritten.clear();
-        m_bodyEnded = true;
-    }
-    m_writable->setEnabled(!m_unwritten.isEmpty());
+    const ssize_t written = ::write(m_update->descriptor(), data, static_cast<size_t>(length));
+    if (written >= 0 || errno == EAGAIN || errno == EINTR)
+        return std::max<ssize_t>(written, 0);
+    m_bodyEnded = true; // The reader has given up, and knows why.
+    return length;
+}
+
+void FirmwareUpdateResponder::writeRest()
+{
+    m_unwritten.remove(0, static_cast<int>(write(m_unwritten.constData(), m_unwritten.size())));
     if (!m_unwritten.isEmpty())
         return;
+    m_writable->setEnabled(false);
     if (m_bodyEnded)
         finishIfWritten();
     else

@@ -13,8 +13,8 @@ class QSocketNotifier;
 ///
 /// Who may write a protected node may update; the signature covers the URI alone, since it is judged before the body.
 /// The answer is {"bytes": N, "sha256": "..."} once the image is kept. 409 while another image is on its way, 413 for
-/// one beyond the limit, 400 for a body that is malformed or holds no image or two, 500 when the reader gave up.
-/// Destroyed before the end, it drops the image.
+/// one beyond the limit, 400 for a body that is missing or malformed or holds no image or two, 500 when the reader gave
+/// up. Destroyed before the end, it drops the image.
 class FirmwareUpdateResponder : public MultipartResponder {
     Q_OBJECT
 public:
@@ -36,7 +36,8 @@ private:
 
     void refuse(int status, const char* name, const char* message);
     void beginImage(const MultipartPart& part);
-    void write();
+    qsizetype write(const char* data, qsizetype length);
+    void writeRest();
     void finishIfWritten();
     void conclude(const CMUpdateResult& result, const CMError& error);
 

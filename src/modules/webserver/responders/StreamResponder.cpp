@@ -32,6 +32,7 @@ const CMStreamNode* streamAt(const QString& path)
 
 StreamResponder::~StreamResponder()
 {
+    m_transfer.reset();
     m_readable.reset();
     if (m_pipe >= 0)
         ::close(m_pipe);
@@ -80,6 +81,13 @@ void StreamResponder::start(const CMStreamNode& stream)
         dbglog_error(webserverLog(), "Unable to open the stream " << stream.path().toEncoded());
         return respondWithError(
             CMError(CMError::Busy, "The stream cannot be opened now."), SOUP_STATUS_SERVICE_UNAVAILABLE);
+    }
+    if (PipeTransfer::isPossible(request())) {
+        m_transfer = std::make_unique<PipeTransfer>(&request(), m_pipe, [this] {
+            request().responseBodyComplete();
+            Q_EMIT finished(requestId());
+        });
+        return;
     }
     m_readable = std::make_unique<QSocketNotifier>(m_pipe, QSocketNotifier::Read);
     connect(m_readable.get(), &QSocketNotifier::activated, this, [this] { readSome(); });

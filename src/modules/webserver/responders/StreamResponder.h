@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "PipeTransfer.h"
 #include "SignedResponder.h"
 
 class CMStreamNode;
@@ -9,8 +10,9 @@ class QSocketNotifier;
 
 /// /api/stream/<encoded path>: what a stream node's pipe holds, as it comes, under the node's MIME type.
 ///
-/// Whoever may read the node may read the stream. At most 256 KiB wait for the client: as long as they do, nothing is
-/// read from the pipe, and its writer waits too. The pipe is closed with the responder, which dies with its request.
+/// Whoever may read the node may read the stream. Over plain HTTP nothing but the pipe waits for the client, over HTTPS
+/// 256 KiB at the most: as long as they do, nothing is read from the pipe, and its writer waits too. The pipe is closed
+/// with the responder, which dies with its request.
 class StreamResponder : public SignedResponder {
     Q_OBJECT
 public:
@@ -26,5 +28,6 @@ private:
     void goOn();
 
     int m_pipe = -1; ///< The reading end.
+    std::unique_ptr<PipeTransfer> m_transfer; ///< Over plain HTTP; else:
     std::unique_ptr<QSocketNotifier> m_readable;
 };

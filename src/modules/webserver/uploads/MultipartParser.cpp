@@ -53,13 +53,12 @@ bool MultipartParser::feed(const char* data, qsizetype length)
 {
     if (m_error != NoError)
         return false;
-    if (m_state == Epilogue) {
-        m_epilogueBytes += length;
-        return m_epilogueBytes <= m_limits.epilogueBytes || fail(EpilogueTooLong);
-    }
-    // What is held is short, and so are the pieces that a connection delivers.
-    m_held.append(data, static_cast<int>(length));
-    const QByteArray buffer = m_held;
+    if (m_state == Epilogue)
+        return skip(length);
+    // As a rule nothing is held, and then nothing is copied.
+    QByteArray buffer = QByteArray::fromRawData(data, static_cast<int>(length));
+    if (!m_held.isEmpty())
+        buffer.prepend(m_held);
     qsizetype position = 0;
     while (position < buffer.size() && m_state != Epilogue) {
         const qsizetype taken = step(buffer.constData() + position, buffer.size() - position);
@@ -69,12 +68,22 @@ bool MultipartParser::feed(const char* data, qsizetype length)
             break;
         position += taken;
     }
-    m_held = m_state == Epilogue ? QByteArray() : buffer.mid(static_cast<int>(position));
-    return true;
+    const qsizetype rest = buffer.size() - position;
+    m_held = m_state == Epilogue ? QByteArray() : QByteArray(buffer.constData() + position, static_cast<int>(rest));
+    return m_state != Epilogue || skip(rest);
+}
+
+bool MultipartParser::skip(qsizetype epilogueLength)
+{
+    m_epilogueBytes += epilogueLength;
+    return m_epilogueBytes <= m_limits.epilogueBytes || fail(EpilogueTooLong);
 }
 
 bool MultipartParser::finish()
 {
+    // The last boundary ends its line or the body.
+    if (m_state != Header && m_state != Epilogue)
+        feed("\r\n", 2);
     if (m_error != NoError)
         return false;
     return m_state == Epilogue || fail(Unterminated);
@@ -124,26 +133,24 @@ qsizetype MultipartParser::readBoundary(const char* data, qsizetype length)
     return m_delimiter.size() + taken;
 }
 
-// What stands behind the boundary: "--", or white space and a line end (RFC 2046, section 5.1.1).
+// What stands behind the boundary: "--" if it is the last one, then white space and a line end (RFC 2046, section
+// 5.1.1).
 MultipartParser::Ending MultipartParser::endingOf(const char* rest, qsizetype length, qsizetype* taken)
 {
-    if (length >= 2 && rest[0] == '-' && rest[1] == '-') {
-        *taken = 2;
-        return LastPart;
-    }
-    if (length < 2 && (length == 0 || rest[0] == '-'))
+    const bool isLast = length >= 2 && rest[0] == '-' && rest[1] == '-';
+    if (length == 0 || (length == 1 && rest[0] == '-'))
         return Unknown;
-    const auto* const end = std::find_if_not(rest, rest + length, [](char c) { return c == ' ' || c == '\t'; });
-    const qsizetype padding = end - rest;
-    if (padding > MaximumPaddingLength)
+    const char* const padding = isLast ? rest + 2 : rest;
+    const char* const end = std::find_if_not(padding, rest + length, [](char c) { return c == ' ' || c == '\t'; });
+    const qsizetype left = rest + length - end;
+    if (end - padding > MaximumPaddingLength)
         return None;
-    const qsizetype left = length - padding;
     if (left < 2)
         return left == 0 || *end == '\r' ? Unknown : None;
     if (end[0] != '\r' || end[1] != '\n')
         return None;
-    *taken = padding + 2;
-    return NextPart;
+    *taken = end + 2 - rest;
+    return isLast ? LastPart : NextPart;
 }
 
 void MultipartParser::endPart(State next)

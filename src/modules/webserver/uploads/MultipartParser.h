@@ -54,6 +54,7 @@ private:
     enum State { Preamble, Header, DataBegin, Data, Epilogue };
     enum Ending { Unknown, NextPart, LastPart, None };
 
+    bool skip(qsizetype epilogueLength);
     qsizetype step(const char* data, qsizetype length);
     qsizetype readUntilBoundary(const char* data, qsizetype length);
     qsizetype readHeader(const char* data, qsizetype length);
