@@ -1,0 +1,1 @@
+DISASTERS = {}

@@ -1,0 +1,228 @@
+// Preloaded into the device: makes calls of the C library fail as the torture run wants it, which writes its plan into
+// a file that both have mapped (tests/torture/torture.py, class Faults). One process serves any number of plans.
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+namespace {
+
+/// The numbers are the run's too.
+enum Kind : int64_t { None, Open, Read, Write, Sync, Accept, Poll, Epoll, Tls, Map, Socket, Thread, Rename, Memory };
+
+struct Plan {
+    std::atomic<int64_t> process; // Its children are left alone.
+    std::atomic<int64_t> kind;
+    std::atomic<int64_t> first; // Of the calls of this kind, counted from 1, the first that fails,
+    std::atomic<int64_t> last; // and the last.
+    std::atomic<int64_t> error; // Of files and all else; 0: the call does one byte of what it was asked for.
+    std::atomic<int64_t> socketError; // The same for sockets.
+    std::atomic<int64_t> least; // Memory: smaller pieces are not counted.
+    std::atomic<int64_t> calls;
+    std::atomic<int64_t> failed;
+    std::atomic<int64_t> clockSeconds; // How far the clock of the day is off.
+};
+
+Plan* openPlan()
+{
+    static Plan idle;
+    const char* name = getenv("TORTURE_PLAN");
+    const int fd = name ? int(syscall(SYS_openat, AT_FDCWD, name, O_RDWR | O_CLOEXEC)) : -1;
+    void* shared = fd < 0 ? MAP_FAILED : mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (fd >= 0)
+        close(fd);
+    return shared == MAP_FAILED ? &idle : static_cast<Plan*>(shared);
+}
+
+Plan* plan = nullptr;
+__attribute__((constructor(101))) void load()
+{
+    plan = openPlan();
+}
+
+bool due(Kind kind)
+{
+    if (!plan || plan->kind != kind || plan->process != getpid())
+        return false;
+    const int64_t call = ++plan->calls;
+    if (call < plan->first || call > plan->last)
+        return false;
+    ++plan->failed;
+    return true;
+}
+
+enum Verdict { Do, DoOneByte, Fail };
+
+Verdict judge(Kind kind, int fd)
+{
+    struct stat status;
+    if (!plan || plan->kind != kind || fstat(fd, &status) != 0
+        || !(S_ISREG(status.st_mode) || S_ISSOCK(status.st_mode)))
+        return Do; // Pipes and the like do not fail.
+    const int error = int(S_ISSOCK(status.st_mode) ? plan->socketError : plan->error);
+    if (error < 0 || !due(kind))
+        return Do;
+    errno = error;
+    return error == 0 ? DoOneByte : Fail;
+}
+
+template <class Result> Result failed(Result result)
+{
+    errno = int(plan->error);
+    return result;
+}
+
+} // namespace
+
+#define REAL(name) static const auto real = reinterpret_cast<decltype(&::name)>(dlsym(RTLD_NEXT, #name))
+
+// NOLINTBEGIN
+extern "C" {
+
+#define OPEN(name, parameters, ...)                                                                                    \
+    int name parameters                                                                                                \
+    {                                                                                                                  \
+        REAL(name);                                                                                                    \
+        va_list list;                                                                                                  \
+        va_start(list, flags);                                                                                         \
+        const mode_t mode = flags & (O_CREAT | O_TMPFILE) ? va_arg(list, mode_t) : 0;                                  \
+        va_end(list);                                                                                                  \
+        return due(Open) ? failed(-1) : real(__VA_ARGS__, mode);                                                       \
+    }
+OPEN(open, (const char* path, int flags, ...), path, flags)
+OPEN(open64, (const char* path, int flags, ...), path, flags)
+OPEN(openat, (int at, const char* path, int flags, ...), at, path, flags)
+OPEN(openat64, (int at, const char* path, int flags, ...), at, path, flags)
+
+/// Calls with a length: `size` is the parameter that becomes 1.
+#define TRANSFER(kind, name, parameters, fd, size, ...)                                                                \
+    ssize_t name parameters                                                                                            \
+    {                                                                                                                  \
+        REAL(name);                                                                                                    \
+        const Verdict verdict = judge(kind, fd);                                                                       \
+        if (verdict == DoOneByte && size > 1)                                                                          \
+            size = 1;                                                                                                  \
+        return verdict == Fail ? -1 : real(__VA_ARGS__);                                                               \
+    }
+TRANSFER(Read, read, (int fd, void* to, size_t size), fd, size, fd, to, size)
+TRANSFER(Read, pread, (int fd, void* to, size_t size, off_t at), fd, size, fd, to, size, at)
+TRANSFER(Read, pread64, (int fd, void* to, size_t size, off64_t at), fd, size, fd, to, size, at)
+TRANSFER(Read, recv, (int fd, void* to, size_t size, int flags), fd, size, fd, to, size, flags)
+TRANSFER(Read, recvmsg, (int fd, msghdr* to, int flags), fd, to->msg_iovlen, fd, to, flags)
+TRANSFER(Write, write, (int fd, const void* from, size_t size), fd, size, fd, from, size)
+TRANSFER(Write, pwrite, (int fd, const void* from, size_t size, off_t at), fd, size, fd, from, size, at)
+TRANSFER(Write, pwrite64, (int fd, const void* from, size_t size, off64_t at), fd, size, fd, from, size, at)
+TRANSFER(Write, send, (int fd, const void* from, size_t size, int flags), fd, size, fd, from, size, flags)
+TRANSFER(Write, sendfile64, (int fd, int from, off64_t* at, size_t size), fd, size, fd, from, at, size)
+TRANSFER(Write, writev, (int fd, const iovec* from, int size), fd, size, fd, from, size)
+ssize_t sendmsg(int fd, const msghdr* from, int flags)
+{
+    REAL(sendmsg);
+    msghdr message = *from;
+    const Verdict verdict = judge(Write, fd);
+    if (verdict == DoOneByte && message.msg_iovlen > 1)
+        message.msg_iovlen = 1;
+    return verdict == Fail ? -1 : real(fd, &message, flags);
+}
+
+#define CALL(kind, failure, result, name, parameters, ...)                                                             \
+    result name parameters                                                                                             \
+    {                                                                                                                  \
+        REAL(name);                                                                                                    \
+        return due(kind) ? failed<result>(failure) : real(__VA_ARGS__);                                                \
+    }
+CALL(Sync, -1, int, fsync, (int fd), fd)
+CALL(Sync, -1, int, fdatasync, (int fd), fd)
+CALL(Accept, -1, int, accept4, (int fd, sockaddr* a, socklen_t* size, int flags), fd, a, size, flags)
+CALL(Accept, -1, int, accept, (int fd, sockaddr* a, socklen_t* size), fd, a, size)
+CALL(Poll, -1, int, poll, (pollfd * list, nfds_t count, int timeout), list, count, timeout)
+CALL(Epoll, -1, int, epoll_wait, (int fd, epoll_event* e, int count, int timeout), fd, e, count, timeout)
+CALL(Epoll, -1, int, epoll_ctl, (int fd, int what, int of, epoll_event* e), fd, what, of, e)
+CALL(Map, MAP_FAILED, void*, mmap64, (void* a, size_t s, int p, int f, int fd, off64_t at), a, s, p, f, fd, at)
+CALL(Socket, -1, int, socket, (int domain, int type, int protocol), domain, type, protocol)
+CALL(Socket, -1, int, socketpair, (int domain, int type, int protocol, int* two), domain, type, protocol, two)
+CALL(Socket, -1, int, pipe2, (int* two, int flags), two, flags)
+CALL(Socket, -1, int, dup, (int fd), fd)
+CALL(Rename, -1, int, rename, (const char* from, const char* to), from, to)
+CALL(Rename, -1, int, unlink, (const char* path), path)
+CALL(Rename, -1, int, ftruncate64, (int fd, off64_t size), fd, size)
+
+int pthread_create(pthread_t* id, const pthread_attr_t* how, void* (*start)(void*), void* with)
+{
+    REAL(pthread_create);
+    return due(Thread) ? int(plan->error) : real(id, how, start, with);
+}
+
+// The TLS library is loaded as a plugin's, where RTLD_NEXT does not look. What it says are errors of its own.
+#define TLS(result, name, parameters, ...)                                                                             \
+    result name parameters                                                                                             \
+    {                                                                                                                  \
+        static const auto real =                                                                                       \
+            reinterpret_cast<result(*) parameters>(dlsym(dlopen("libgnutls.so.30", RTLD_NOLOAD | RTLD_NOW), #name));   \
+        return due(Tls) ? result(plan->error) : real(__VA_ARGS__);                                                     \
+    }
+TLS(ssize_t, gnutls_record_recv, (void* session, void* to, size_t size), session, to, size)
+TLS(ssize_t, gnutls_record_send, (void* session, const void* from, size_t size), session, from, size)
+TLS(int, gnutls_handshake, (void* session), session)
+
+int clock_gettime(clockid_t clock, timespec* now)
+{
+    REAL(clock_gettime);
+    const int result = real(clock, now);
+    if (plan && (clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE))
+        now->tv_sec += plan->clockSeconds;
+    return result;
+}
+int gettimeofday(timeval* now, void* zone) noexcept
+{
+    REAL(gettimeofday);
+    const int result = real(now, zone);
+    if (plan)
+        now->tv_sec += plan->clockSeconds;
+    return result;
+}
+time_t time(time_t* result) noexcept
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (result)
+        *result = now.tv_sec;
+    return now.tv_sec;
+}
+
+#ifndef __SANITIZE_ADDRESS__ // Which has an allocator of its own.
+void* __libc_malloc(size_t);
+void* __libc_calloc(size_t, size_t);
+void* __libc_realloc(void*, size_t);
+void* malloc(size_t size)
+{
+    return plan && int64_t(size) >= plan->least && due(Memory) ? failed<void*>(nullptr) : __libc_malloc(size);
+}
+void* calloc(size_t count, size_t size)
+{
+    return plan && int64_t(count * size) >= plan->least && due(Memory) ? failed<void*>(nullptr)
+                                                                       : __libc_calloc(count, size);
+}
+void* realloc(void* old, size_t size)
+{
+    return plan && int64_t(size) >= plan->least && due(Memory) ? failed<void*>(nullptr) : __libc_realloc(old, size);
+}
+#endif
+}
+// NOLINTEND
