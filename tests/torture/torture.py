@@ -357,7 +357,7 @@ class Series:
             if self.fault[0] == "memory":  # Thousands: 1, 2, 4, 6, 9, ...
                 step = n // 2 + 1
             n += step
-        if time.monotonic() < deadline:
+        if time.monotonic() < deadline and self.fault[1] != "memory":
             self.device.client_patience = 0.5
             self.once(1, ALWAYS)
             self.device.client_patience = 4
