@@ -2,12 +2,14 @@
 // a file that both have mapped (tests/torture/torture.py, class Faults). One process serves any number of plans.
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 
 #include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
@@ -50,10 +52,22 @@ Plan* openPlan()
     return shared == MAP_FAILED ? &idle : static_cast<Plan*>(shared);
 }
 
+/// Whose fault it is: the run looks for the first library that is neither this one nor the C library.
+void tellWhere(int number)
+{
+    void* frames[40];
+    backtrace_symbols_fd(frames, backtrace(frames, 40), STDERR_FILENO);
+    signal(number, SIG_DFL);
+    raise(number);
+}
+
 Plan* plan = nullptr;
 __attribute__((constructor(101))) void load()
 {
     plan = openPlan();
+    void* first[1];
+    backtrace(first, 1); // Loads what it needs while there is memory.
+    signal(SIGSEGV, tellWhere);
 }
 
 bool due(Kind kind)
