@@ -2,7 +2,6 @@
 
 import contextlib
 import json
-import os
 import resource
 import signal
 import socket
@@ -13,8 +12,8 @@ import threading
 import time
 
 torture = sys.modules["__main__"]
-Exchange, Refused, Wrong, WORK, STATE, WWW = (
-    getattr(torture, name) for name in ("Exchange", "Refused", "Wrong", "WORK", "STATE", "WWW")
+Exchange, Refused, Wrong, BenchError, WORK = (
+    getattr(torture, name) for name in ("Exchange", "Refused", "Wrong", "BenchError", "WORK")
 )
 
 
@@ -40,6 +39,41 @@ def must_refuse(device, names):
     if {one.partition(":")[0] for one in told} != set(names):
         raise Wrong(f"refused: {told}")
     return f"refused {', '.join(names)}; all else served"
+
+
+def start(device):
+    """Each call that a start makes fails once: the device serves all the same, or says why not and ends."""
+    command, device.command = device.command, [*device.command, "--set", "settings:webserver/httpsPort=0"]
+    deadline, starts, ends = time.monotonic() + 90, 0, {}
+    try:
+        for fault in torture.FAULTS:
+            for number in range(1, 1000):
+                device.process.kill()
+                device.process.wait()
+                if fault[1] == "memory" or time.monotonic() > deadline or not start_with(device, fault, number):
+                    break
+                starts += 1
+                if device.process.poll() is not None:
+                    ends[fault[0]] = ends.get(fault[0], 0) + 1
+    finally:
+        device.command = command
+        device.restart()
+    return f"{starts} starts, of which end with a word: {ends}" + ("" if time.monotonic() < deadline else "; TIME WAS UP")
+
+
+def start_with(device, fault, number):
+    """Whether there was such a call."""
+    with device.plan.armed(fault, number, number):
+        try:
+            device.__enter__()
+        except BenchError as error:
+            status, said = device.process.poll(), str(error).rpartition("\n")[2]
+            # Without a pipe for signals the host aborts.
+            if status not in (2, 3, -signal.SIGABRT) or "ready" in said:
+                raise Wrong(f"{fault[0]} {number}: {torture.ending(status)}: {error}") from error
+            return True
+    device.check()
+    return device.plan["failed"]
 
 
 def full_disk(device):
@@ -100,7 +134,7 @@ def address_space(device):
                 torture.SCENARIOS[name](device)
         with contextlib.suppress(subprocess.TimeoutExpired):
             status = device.process.wait(0.5)
-            told.append(f"{spare} MiB: {torture.signal_name(-status)}")
+            told.append(f"{spare} MiB: {torture.ending(status)}")
             if not device.was_given_up():
                 raise Wrong(told[-1])
             aborts += 1
@@ -208,6 +242,7 @@ def hanging_openssl(device):
 
 
 DISASTERS = {
+    "start": start,
     "full disk": full_disk,
     "read-only disk": read_only_disk,
     "40 descriptors": few_descriptors,

@@ -29,7 +29,7 @@ namespace {
 enum Kind : int64_t { None, Open, Read, Write, Sync, Accept, Poll, Epoll, Tls, Map, Socket, Thread, Rename, Memory };
 
 struct Plan {
-    std::atomic<int64_t> process; // Its children are left alone.
+    std::atomic<int64_t> process; // 0: the next one. Its children are left alone.
     std::atomic<int64_t> kind;
     std::atomic<int64_t> first; // Of the calls of this kind, counted from 1, the first that fails,
     std::atomic<int64_t> last; // and the last.
@@ -65,6 +65,8 @@ Plan* plan = nullptr;
 __attribute__((constructor(101))) void load()
 {
     plan = openPlan();
+    int64_t nobody = 0;
+    plan->process.compare_exchange_strong(nobody, getpid());
     void* first[1];
     backtrace(first, 1); // Loads what it needs while there is memory.
     signal(SIGSEGV, tellWhere);

@@ -124,9 +124,9 @@ class Victim(Device):
         self.client_patience = 4  # Seconds.
         self.acknowledged = {"value": [None], "image": [None]}  # The last one, and what was tried since.
 
-    def wait_until_ready(self):
-        self.plan["process"] = self.process.pid
-        super().wait_until_ready()
+    def __enter__(self):
+        self.plan["process"] = 0  # The next to load the library.
+        return super().__enter__()
 
     def start(self):
         self.__enter__()
@@ -178,7 +178,7 @@ class Victim(Device):
     def check(self, secure=False):
         """The next request is fine."""
         if self.process.poll() is not None:
-            raise Wrong(f"the host is dead: {signal_name(-self.process.returncode)}")
+            raise Wrong(f"the host is dead: {ending(self.process.returncode)}")
         try:
             if ask(self, Exchange("/api/getData?path=demo:values/i32&roles=title"), secure, 8) != b'["Small number"]':
                 raise Wrong("the next answer is wrong")
@@ -186,8 +186,11 @@ class Victim(Device):
             raise Wrong(f"the next request fails: {refusal}") from refusal
 
 
-def signal_name(number):
-    return signal.Signals(number).name if number > 0 else f"status {-number}"
+def ending(status):
+    """Of a process, in words."""
+    if status is None:
+        return "silent"
+    return signal.Signals(-status).name if status < 0 else f"status {status}"
 
 
 @contextlib.contextmanager
