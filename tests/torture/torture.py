@@ -131,7 +131,10 @@ class Victim(Device):
     def start(self):
         self.__enter__()
         if not (WORK / "hang").exists():
-            self.wait_for_https()
+            try:
+                self.wait_for_https()
+            except BenchError as error:
+                raise Wrong(f"{error}; {self.log.read_text(errors='replace')[-1000:]}") from error
 
     def restart(self, how=signal.SIGKILL):
         """Kills it, and looks for what was acknowledged."""
@@ -414,7 +417,7 @@ def main():
             try:
                 device.settle(10**6)
                 series.run(share)
-            except Wrong as wrong:
+            except (Wrong, BenchError) as wrong:
                 findings.append(f"{name}, {fault[0]} {device.plan['first']}: {wrong}")
                 print("FOUND:", findings[-1], flush=True)
                 device.restart()
