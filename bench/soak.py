@@ -125,6 +125,7 @@ class Soak:
         self.milliseconds, self.faults = [], []
         self.requests = self.cut = self.told = self.again = 0
         self.stopping = False
+        self.subscribed = 0
         self.counter, self.seen, self.arrived = 0, [0] * QUEUES, asyncio.Condition()
 
     def signed(self, exchange):
@@ -223,6 +224,8 @@ class Soak:
         """The next number when all queues have told this one."""
         connection = Connection(self)
         async for _ in self.turns(0.02):
+            if self.subscribed < QUEUES:
+                continue
             self.counter += 1
             await connection.ask(self.write(COUNTER, self.counter))
             async with self.arrived:
@@ -236,6 +239,7 @@ class Soak:
         """Polls a queue; now and then the client vanishes and asks again. Each number is told once, and in order."""
         make = post_json("/api/event/modifyQueue", {"subscribe": [{"path": COUNTER}]})
         queue = json.loads(await Connection(self).ask(make))
+        self.subscribed += 1
         poll = Exchange(f"/api/event/pollQueue?queueId={queue}&timeout=2")
         connection = Connection(self)
         async for _ in self.turns(0.001):
@@ -309,6 +313,23 @@ async def watch(soak, minutes):
     return lines
 
 
+async def warm_up(device, www):
+    """What is made at the first use is there when the descriptors are counted."""
+    soak = Soak(device, www)
+    clients = soak.clients()
+    await asyncio.sleep(5)
+    await stop(soak, clients)
+    if soak.faults:
+        sys.exit(1)
+
+
+async def stop(soak, clients):
+    soak.stopping = True
+    async with soak.arrived:
+        soak.arrived.notify_all()
+    await asyncio.gather(*clients)
+
+
 async def run(device, www, minutes):
     soak = Soak(device, www)
     clients = soak.clients()
@@ -317,12 +338,9 @@ async def run(device, www, minutes):
     try:
         lines = await watch(soak, minutes)
     finally:
-        soak.stopping = True
         bad.terminate()
         bad.join()
-    async with soak.arrived:
-        soak.arrived.notify_all()
-    await asyncio.gather(*clients)
+    await stop(soak, clients)
     return soak, lines
 
 
@@ -345,10 +363,10 @@ def verdict(soak, lines, before, after):
     return all(holds for holds, _ in checks)
 
 
-def settled(device, seconds=70):
+def settled(device, wanted=0):
     """The descriptors that stay when nobody is there."""
-    least, deadline = descriptors(device), time.monotonic() + seconds
-    while time.monotonic() < deadline:
+    least, deadline = descriptors(device), time.monotonic() + (70 if wanted else 5)
+    while time.monotonic() < deadline and least != wanted:
         time.sleep(0.5)
         least = min(least, descriptors(device))
     return least
@@ -377,9 +395,10 @@ def main():
         settings = {"settings:webserver/documentRoot": www, "settings:webserver/enableExternalWebAccess": "true"}
         with Device(options.build, scratch / "state", settings) as device:
             device.wait_for_https()
-            before = settled(device, 5)
+            asyncio.run(warm_up(device, www))
+            before = settled(device)
             soak, lines = asyncio.run(run(device, www, options.minutes))
-            good = verdict(soak, lines, before, settled(device))
+            good = verdict(soak, lines, before, settled(device, before))
     finally:
         subprocess.run(["rm", "-r", scratch])
     if options.plot:
