@@ -59,7 +59,7 @@ def start(device):
                     ends[fault[0]] = ends.get(fault[0], 0) + 1
     finally:
         device.command = command
-        device.restart()
+    device.restart()
     return f"{starts} starts, of which end with a word: {ends}" + ("" if time.monotonic() < deadline else "; TIME WAS UP")
 
 
@@ -76,10 +76,11 @@ def start_with(device, fault, number):
             return True
     try:
         device.check()
+        device.verify()
         torture.set_data(device)
-    except Refused as refusal:
-        if "was not stored" not in str(refusal):  # A database that could be opened for reading alone.
-            raise Wrong(f"{fault[0]} {number}: no write afterwards: {refusal}") from refusal
+    except (Refused, Wrong) as failure:
+        if "was not stored" not in str(failure):  # A database that could be opened for reading alone.
+            raise Wrong(f"{fault[0]} {number}: {failure}; {device.log.read_text()[-500:]}") from failure
     return device.plan["failed"]
 
 

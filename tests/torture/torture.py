@@ -137,12 +137,15 @@ class Victim(Device):
                 raise Wrong(f"{error}; {self.log.read_text(errors='replace')[-1000:]}") from error
 
     def restart(self, how=signal.SIGKILL):
-        """Kills it, and looks for what was acknowledged."""
+        """Kills it; what was acknowledged must be there afterwards."""
         self.plan["kind"] = 0
         if self.process.poll() is None:
             self.process.send_signal(how)
         self.process.wait(20)
         self.start()
+        self.verify()
+
+    def verify(self):
         for name, path in (("value", "demo:values/i64"), ("image", "system:update/sha256")):
             stored = json.loads(ask(self, Exchange(f"/api/getData?path={path}&roles=value")))[0]["value"]
             if self.acknowledged[name][0] is not None and stored not in self.acknowledged[name]:

@@ -69,9 +69,9 @@ CMStore::~CMStore()
 bool CMStore::open(const QString& file, QString* error)
 {
     Q_ASSERT_X(!m_isOpen, "CMStore::open", "opened twice");
-    if (!m_writer->database().open(file, error))
+    CMDatabase& database = m_writer->database();
+    if (!database.open(file, error) || !database.readAll(&m_values, error))
         return false;
-    m_values = m_writer->database().readAll();
     m_thread.setObjectName(QStringLiteral("CMStore"));
     m_writer->moveToThread(&m_thread);
     m_isOpen = true;
