@@ -1,4 +1,4 @@
-"""Clients that do what they should not: slow in six ways, with wrong signatures, malformed, gone in the middle. What they
+"""abuse.py PID PORT HTTPS-PORT: clients that do what they should not: slow in six ways, with wrong signatures, malformed, gone in the middle. What they
 are answered does not matter; that the device still answers others does."""
 
 import asyncio
@@ -7,6 +7,9 @@ import random
 import signal
 import socket
 import struct
+import sys
+
+from servers import ADDRESS
 
 WRONG = "HMAC_SHA256 YWRtaW4=.AAECAwQFBgcICQoLDA0ODw==.1700000000000." + "A" * 43 + "="
 RENEWAL_SECONDS = 30
@@ -103,11 +106,11 @@ KINDS = [
 ]
 
 
-async def again_and_again(kind, pause, address, port):
+async def again_and_again(kind, pause, port):
     while True:
         writer = None
         try:
-            reader, writer = await asyncio.wait_for(asyncio.open_connection(address, port), 10)
+            reader, writer = await asyncio.wait_for(asyncio.open_connection(ADDRESS, port), 10)
             await asyncio.wait_for(kind(reader, writer), 60)
         except (OSError, asyncio.TimeoutError, asyncio.IncompleteReadError):
             pass
@@ -124,8 +127,12 @@ async def renew(pid):
         os.kill(pid, signal.SIGHUP)
 
 
-async def misbehave(address, pid, port, https_port):
-    tasks = [again_and_again(kind, pause, address, port) for kind, pause in KINDS for _ in range(EACH)]
+async def misbehave(pid, port, https_port):
+    tasks = [again_and_again(kind, pause, port) for kind, pause in KINDS for _ in range(EACH)]
     # Over HTTPS none of it comes beyond the handshake.
-    tasks += [again_and_again(kind, 0.5, address, https_port) for kind in (silent, slow_head, malformed)]
+    tasks += [again_and_again(kind, 0.5, https_port) for kind in (silent, slow_head, malformed)]
     await asyncio.gather(renew(pid), *tasks)
+
+
+if __name__ == "__main__":
+    asyncio.run(misbehave(*map(int, sys.argv[1:])))

@@ -9,10 +9,8 @@ import argparse
 import asyncio
 import hashlib
 import json
-import multiprocessing
 import os
 import random
-import signal
 import socket
 import ssl
 import struct
@@ -24,9 +22,8 @@ from pathlib import Path
 
 from load import Exchange, post_json, signed
 from plot import draw
-from servers import ANYBODY, PASSWORD, USER, Device
+from servers import ADDRESS, ANYBODY, PASSWORD, USER, Device, go_apart
 
-ADDRESS = "192.0.2.1"
 COUNTER = "demo:volatile/counter"
 QUEUES = 5
 FILE_BYTES = 1 << 20
@@ -84,11 +81,11 @@ class Connection:
                 break
         return body
 
-    async def ask(self, exchange, status=200, seconds=20):
-        """The body. Over HTTPS a renewed certificate cuts connections: such a request is sent once more."""
+    async def ask(self, exchange, status=200, seconds=20, timed=True):
+        """The body. `timed` unless it has to wait for something. Over HTTPS a renewed certificate cuts connections: such a request is sent once more."""
         for _ in range(50):
             try:
-                return await asyncio.wait_for(self.exchanged(exchange, status), seconds)
+                return await asyncio.wait_for(self.exchanged(exchange, status, timed), seconds)
             except (OSError, asyncio.IncompleteReadError) as error:
                 self.close()
                 if not self.secure:
@@ -100,14 +97,15 @@ class Connection:
                 raise Fault(f"{exchange.target}: no answer in {seconds} s") from error
         raise Fault(f"{exchange.target}: cut again and again")
 
-    async def exchanged(self, exchange, status):
+    async def exchanged(self, exchange, status, timed):
         begun = time.monotonic()
         await self.send(exchange)
         found, fields = await self.head()
         body = await self.body(fields) if found != 304 else b""
         if found != status:
             raise Fault(f"{exchange.target}: {found} {body[:80]!r}")
-        self.soak.milliseconds.append((time.monotonic() - begun) * 1000)
+        if timed:
+            self.soak.milliseconds.append((time.monotonic() - begun) * 1000)
         return body
 
 
@@ -216,9 +214,8 @@ class Soak:
             image = os.urandom(1 << 20)
             body = b'--b\r\nContent-Disposition: form-data; name="firmware"; filename="i"\r\n\r\n' + image + b"\r\n--b--\r\n"
             fields = {**self.signed(Exchange("/firmware/update")).headers, "Content-Type": "multipart/form-data; boundary=b"}
-            answer = json.loads(await connection.ask(Exchange("/firmware/update", "POST", body, fields)))
+            answer = json.loads(await connection.ask(Exchange("/firmware/update", "POST", body, fields), timed=False))
             expect("upload", answer["sha256"], hashlib.sha256(image).hexdigest())
-            self.milliseconds.pop()  # A megabyte to disk is no request like others.
 
     async def counts(self):
         """The next number when all queues have told this one."""
@@ -248,9 +245,7 @@ class Soak:
                 await asyncio.sleep(random.choice((0, 0.002, 0.02)))
                 self.again += 1
                 vanish(connection)
-            events = json.loads(await connection.ask(poll))
-            self.milliseconds.pop()  # It waited.
-            for event in events:
+            for event in json.loads(await connection.ask(poll, timed=False)):
                 value = event["roles"]["value"]["value"]
                 if value != self.seen[number] + 1:
                     raise Fault(f"event {value} after {self.seen[number]}")
@@ -333,13 +328,13 @@ async def stop(soak, clients):
 async def run(device, www, minutes):
     soak = Soak(device, www)
     clients = soak.clients()
-    bad = multiprocessing.get_context("spawn").Process(target=abuse, args=(device.process.pid, device.port, device.https_port))
-    bad.start()
+    command = [sys.executable, "-B", Path(__file__).with_name("abuse.py"), *map(str, (device.process.pid, device.port, device.https_port))]
+    bad = subprocess.Popen(command)
     try:
         lines = await watch(soak, minutes)
     finally:
-        bad.terminate()
-        bad.join()
+        bad.kill()
+        bad.wait()
     await stop(soak, clients)
     return soak, lines
 
@@ -372,21 +367,12 @@ def settled(device, wanted=0):
     return least
 
 
-def abuse(pid, port, https_port):
-    from abuse import misbehave
-
-    asyncio.run(misbehave(ADDRESS, pid, port, https_port))
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--build", type=Path, required=True)
     parser.add_argument("--minutes", type=int, default=30)
     parser.add_argument("--plot", type=Path)
     options = parser.parse_args()
-    subprocess.run("mount -t tmpfs none /tmp && echo 1 >/proc/sys/net/ipv6/conf/all/disable_ipv6 && ip link set lo up && "
-                   "ip link add zark0 type veth peer name zark1 && ip link set zark1 up && ip link set zark0 up && "
-                   f"ip address add {ADDRESS}/24 dev zark0", shell=True, check=True)
     scratch = Path(tempfile.mkdtemp(dir=options.build.resolve()))  # Not /tmp: that is memory here.
     try:
         www = scratch / "www"
@@ -407,9 +393,5 @@ def main():
 
 
 if __name__ == "__main__":
-    if "SOAK_INSIDE" not in os.environ:
-        os.environ["SOAK_INSIDE"] = "1"
-        apart = ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"]
-        apart += [] if os.getuid() == 0 else ["--map-root-user"]
-        os.execvp(apart[0], [*apart, sys.executable, "-B", *sys.argv])
+    go_apart()
     main()

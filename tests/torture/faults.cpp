@@ -83,7 +83,7 @@ bool due(Kind kind)
     return true;
 }
 
-enum Verdict { Do, DoOneByte, Fail };
+enum Verdict { Do, DoLess, Fail };
 
 Verdict judge(Kind kind, int fd)
 {
@@ -95,7 +95,7 @@ Verdict judge(Kind kind, int fd)
     if (error < 0 || !due(kind))
         return Do;
     errno = error;
-    return error == 0 ? DoOneByte : Fail;
+    return error == 0 ? DoLess : Fail;
 }
 
 template <class Result> Result failed(Result result)
@@ -126,36 +126,27 @@ OPEN(open64, (const char* path, int flags, ...), path, flags)
 OPEN(openat, (int at, const char* path, int flags, ...), at, path, flags)
 OPEN(openat64, (int at, const char* path, int flags, ...), at, path, flags)
 
-/// Calls with a length: `size` is the parameter that becomes 1.
-#define TRANSFER(kind, name, parameters, fd, size, ...)                                                                \
+/// `count` is what becomes 1 of a call that does less.
+#define TRANSFER(kind, name, parameters, count, ...)                                                                   \
     ssize_t name parameters                                                                                            \
     {                                                                                                                  \
         REAL(name);                                                                                                    \
         const Verdict verdict = judge(kind, fd);                                                                       \
-        if (verdict == DoOneByte && size > 1)                                                                          \
-            size = 1;                                                                                                  \
+        if (verdict == DoLess && count > 1)                                                                            \
+            count = 1;                                                                                                 \
         return verdict == Fail ? -1 : real(__VA_ARGS__);                                                               \
     }
-TRANSFER(Read, read, (int fd, void* to, size_t size), fd, size, fd, to, size)
-TRANSFER(Read, pread, (int fd, void* to, size_t size, off_t at), fd, size, fd, to, size, at)
-TRANSFER(Read, pread64, (int fd, void* to, size_t size, off64_t at), fd, size, fd, to, size, at)
-TRANSFER(Read, recv, (int fd, void* to, size_t size, int flags), fd, size, fd, to, size, flags)
-TRANSFER(Read, recvmsg, (int fd, msghdr* to, int flags), fd, to->msg_iovlen, fd, to, flags)
-TRANSFER(Write, write, (int fd, const void* from, size_t size), fd, size, fd, from, size)
-TRANSFER(Write, pwrite, (int fd, const void* from, size_t size, off_t at), fd, size, fd, from, size, at)
-TRANSFER(Write, pwrite64, (int fd, const void* from, size_t size, off64_t at), fd, size, fd, from, size, at)
-TRANSFER(Write, send, (int fd, const void* from, size_t size, int flags), fd, size, fd, from, size, flags)
-TRANSFER(Write, sendfile64, (int fd, int from, off64_t* at, size_t size), fd, size, fd, from, at, size)
-TRANSFER(Write, writev, (int fd, const iovec* from, int size), fd, size, fd, from, size)
-ssize_t sendmsg(int fd, const msghdr* from, int flags)
-{
-    REAL(sendmsg);
-    msghdr message = *from;
-    const Verdict verdict = judge(Write, fd);
-    if (verdict == DoOneByte && message.msg_iovlen > 1)
-        message.msg_iovlen = 1;
-    return verdict == Fail ? -1 : real(fd, &message, flags);
-}
+TRANSFER(Read, read, (int fd, void* to, size_t size), size, fd, to, size)
+TRANSFER(Read, pread64, (int fd, void* to, size_t size, off64_t at), size, fd, to, size, at)
+TRANSFER(Read, recv, (int fd, void* to, size_t size, int flags), size, fd, to, size, flags)
+TRANSFER(Read, recvmsg, (int fd, msghdr* to, int flags), to->msg_iovlen, fd, to, flags)
+TRANSFER(Write, write, (int fd, const void* from, size_t size), size, fd, from, size)
+TRANSFER(Write, pwrite64, (int fd, const void* from, size_t size, off64_t at), size, fd, from, size, at)
+TRANSFER(Write, send, (int fd, const void* from, size_t size, int flags), size, fd, from, size, flags)
+TRANSFER(Write, sendfile64, (int fd, int from, off64_t* at, size_t size), size, fd, from, at, size)
+TRANSFER(Write, writev, (int fd, const iovec* from, int size), size, fd, from, size)
+static size_t all; // Of a message none is left out.
+TRANSFER(Write, sendmsg, (int fd, const msghdr* from, int flags), all, fd, from, flags)
 
 #define CALL(kind, failure, result, name, parameters, ...)                                                             \
     result name parameters                                                                                             \
@@ -175,15 +166,11 @@ CALL(Socket, -1, int, socket, (int domain, int type, int protocol), domain, type
 CALL(Socket, -1, int, socketpair, (int domain, int type, int protocol, int* two), domain, type, protocol, two)
 CALL(Socket, -1, int, pipe2, (int* two, int flags), two, flags)
 CALL(Socket, -1, int, dup, (int fd), fd)
+CALL(Thread, int(plan->error), int, pthread_create,
+    (pthread_t * id, const pthread_attr_t* how, void* (*run)(void*), void* with), id, how, run, with)
 CALL(Rename, -1, int, rename, (const char* from, const char* to), from, to)
 CALL(Rename, -1, int, unlink, (const char* path), path)
 CALL(Rename, -1, int, ftruncate64, (int fd, off64_t size), fd, size)
-
-int pthread_create(pthread_t* id, const pthread_attr_t* how, void* (*start)(void*), void* with)
-{
-    REAL(pthread_create);
-    return due(Thread) ? int(plan->error) : real(id, how, start, with);
-}
 
 // The TLS library is loaded as a plugin's, where RTLD_NEXT does not look. What it says are errors of its own.
 #define TLS(result, name, parameters, ...)                                                                             \
@@ -223,22 +210,16 @@ time_t time(time_t* result) noexcept
 }
 
 #ifndef __SANITIZE_ADDRESS__ // Which has an allocator of its own.
-void* __libc_malloc(size_t);
-void* __libc_calloc(size_t, size_t);
-void* __libc_realloc(void*, size_t);
-void* malloc(size_t size)
-{
-    return plan && int64_t(size) >= plan->least && due(Memory) ? failed<void*>(nullptr) : __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size)
-{
-    return plan && int64_t(count * size) >= plan->least && due(Memory) ? failed<void*>(nullptr)
-                                                                       : __libc_calloc(count, size);
-}
-void* realloc(void* old, size_t size)
-{
-    return plan && int64_t(size) >= plan->least && due(Memory) ? failed<void*>(nullptr) : __libc_realloc(old, size);
-}
+#define ALLOCATE(name, parameters, size, ...)                                                                          \
+    void* __libc_##name parameters;                                                                                    \
+    void* name parameters                                                                                              \
+    {                                                                                                                  \
+        const bool fails = plan && int64_t(size) >= plan->least && due(Memory);                                        \
+        return fails ? failed<void*>(nullptr) : __libc_##name(__VA_ARGS__);                                            \
+    }
+ALLOCATE(malloc, (size_t size), size, size)
+ALLOCATE(calloc, (size_t count, size_t each), count* each, count, each)
+ALLOCATE(realloc, (void* old, size_t size), size, old, size)
 #endif
 }
 // NOLINTEND

@@ -16,7 +16,6 @@ import http.server
 import json
 import mmap
 import os
-import resource
 import shutil
 import signal
 import struct
@@ -30,7 +29,7 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "bench"))
 
 from load import Exchange, post_json, signed  # noqa: E402
-from servers import ANYBODY, PASSWORD, USER, BenchError, Device  # noqa: E402
+from servers import ANYBODY, PASSWORD, USER, BenchError, Device, go_apart  # noqa: E402
 
 WORK, STATE, WWW = Path("/tmp/torture"), Path("/tmp/torture/disk/state"), Path("/tmp/torture/www")
 ALWAYS = 1 << 40
@@ -442,14 +441,10 @@ def main():
 
 
 def prepare():
-    """Disk, document root, upstream: all of it in a file system of memory that nobody else sees."""
-    subprocess.run(["mount", "-t", "tmpfs", "none", "/tmp"], check=True)
+    """Disk, document root, upstream."""
     for directory in (WORK / "disk", WWW, WORK / "bin"):
         directory.mkdir(parents=True)
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m", "none", WORK / "disk"], check=True)
-    Path("/proc/sys/net/ipv6/conf/all/disable_ipv6").write_text("1")  # Its addresses come a second late.
-    subprocess.run("ip link set lo up && ip link add zark0 type veth peer name zark1 && ip link set zark1 up && "
-                   "ip link set zark0 up && ip address add 192.0.2.1/24 dev zark0", shell=True, check=True)
     shutil.copytree(ROOT / "share/demo/www", WWW, dirs_exist_ok=True)
     (WWW / "small.bin").write_bytes(os.urandom(1000))
     (WWW / "large.bin").write_bytes(os.urandom(1 << 20))
@@ -458,9 +453,5 @@ def prepare():
 
 
 if __name__ == "__main__":
-    apart = ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"]
-    apart += [] if os.getuid() == 0 else ["--map-root-user"]
-    if "TORTURE_INSIDE" not in os.environ:
-        os.environ["TORTURE_INSIDE"] = "1"
-        os.execvp(apart[0], [*apart, sys.executable, "-B", *sys.argv])
+    go_apart()
     main()
