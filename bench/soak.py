@@ -82,7 +82,7 @@ class Connection:
         return body
 
     async def ask(self, exchange, status=200, seconds=20, timed=True):
-        """The body. `timed` unless it has to wait for something. Over HTTPS a renewed certificate cuts connections: such a request is sent once more."""
+        """The body; `timed` unless it waits for something. What a renewed certificate cuts over HTTPS is sent again."""
         for _ in range(50):
             try:
                 return await asyncio.wait_for(self.exchanged(exchange, status, timed), seconds)

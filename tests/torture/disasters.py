@@ -17,10 +17,10 @@ Exchange, Refused, Wrong, BenchError, WORK = (
 )
 
 
-def outcomes(device, names=None):
+def outcomes(device):
     """Of each scenario, whether it went well; the device is up and answers after each."""
     told = []
-    for name in names or torture.SCENARIOS:
+    for name in torture.SCENARIOS:
         try:
             torture.SCENARIOS[name](device)
         except Refused as refusal:
@@ -29,9 +29,9 @@ def outcomes(device, names=None):
     return told
 
 
-def all_fine(device, after):
+def all_fine(device, when):
     if refused := outcomes(device):
-        raise Wrong(f"after {after}: {'; '.join(refused)}")
+        raise Wrong(f"{when}: {'; '.join(refused)}")
 
 
 def must_refuse(device, names):
@@ -159,8 +159,7 @@ def clock(device):
         device.plan["clockSeconds"] = offset
         device.process.send_signal(signal.SIGHUP)
         time.sleep(2.5)
-        if refused := outcomes(device):
-            raise Wrong(f"at {offset:+} s: {refused}")
+        all_fine(device, f"at {offset:+} s")
         rows = json.loads(torture.ask(device, Exchange("/api/getRows?path=demo:lists/large&roles=title&from=0&to=0")))
         versions.append(rows["rowsVersion"])
         begins, ends = certificate_dates(device)

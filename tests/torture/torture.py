@@ -121,6 +121,7 @@ class Victim(Device):
         self.log = WORK / "device.log"
         self.plan = plan
         self.client_patience = 4  # Seconds.
+        self.patience = 45  # A certificate that could not be made is tried again after a minute.
         self.acknowledged = {"value": [None], "image": [None]}  # The last one, and what was tried since.
 
     def __enter__(self):
@@ -135,11 +136,10 @@ class Victim(Device):
             except BenchError as error:
                 raise Wrong(f"{error}; {self.log.read_text(errors='replace')[-1000:]}") from error
 
-    def restart(self, how=signal.SIGKILL):
+    def restart(self):
         """Kills it; what was acknowledged must be there afterwards."""
         self.plan["kind"] = 0
-        if self.process.poll() is None:
-            self.process.send_signal(how)
+        self.process.kill()
         self.process.wait(20)
         self.start()
         self.verify()
@@ -199,14 +199,10 @@ def ending(status):
 
 
 @contextlib.contextmanager
-def connection_to(device, secure=False, patience=None, address="127.0.0.1"):
-    patience = patience or device.client_patience
-    made = (
-        http.client.HTTPSConnection(address, device.https_port, timeout=patience, context=ANYBODY)
-        if secure
-        else http.client.HTTPConnection(address, device.port, timeout=patience)
-    )
-    with contextlib.closing(made):
+def connection_to(device, secure=False, patience=None):
+    kind, port = (http.client.HTTPSConnection, device.https_port) if secure else (http.client.HTTPConnection, device.port)
+    options = {"timeout": patience or device.client_patience, **({"context": ANYBODY} if secure else {})}
+    with contextlib.closing(kind("127.0.0.1", port, **options)) as made:
         try:
             yield made
         except TimeoutError as error:
@@ -215,9 +211,9 @@ def connection_to(device, secure=False, patience=None, address="127.0.0.1"):
             raise Refused(repr(error)) from error
 
 
-def ask(device, exchange, secure=False, patience=None, address="127.0.0.1"):
+def ask(device, exchange, secure=False, patience=None):
     """The body of a whole answer that is a 200."""
-    with connection_to(device, secure, patience, address) as connection:
+    with connection_to(device, secure, patience) as connection:
         connection.request(exchange.method, exchange.target, exchange.body or None, exchange.headers)
         response = connection.getresponse()
         body = response.read()
