@@ -144,6 +144,11 @@ class Victim(Device):
         self.start()
         self.verify()
 
+    def recover(self):
+        """After a finding, which would only be found again: with nothing remembered."""
+        self.acknowledged = {"value": [None], "image": [None]}
+        self.restart()
+
     def verify(self):
         for name, path in (("value", "demo:values/i64"), ("image", "system:update/sha256")):
             stored = json.loads(ask(self, Exchange(f"/api/getData?path={path}&roles=value")))[0]["value"]
@@ -418,7 +423,7 @@ def main():
             except (Wrong, BenchError) as wrong:
                 findings.append(f"{name}, {fault[0]} {device.plan['first']}: {wrong}")
                 print("FOUND:", findings[-1], flush=True)
-                device.restart()
+                device.recover()
             if series.failed:
                 told.append(series.told())
             faults += series.failed
@@ -431,7 +436,7 @@ def main():
         except (Wrong, Refused, BenchError, subprocess.TimeoutExpired) as wrong:
             findings.append(f"{name}: {wrong}")
             print("FOUND:", findings[-1], flush=True)
-            device.restart()
+            device.recover()
     print(f"{faults} faults in {time.monotonic() - began:.0f} s, {len(findings)} findings")
     sys.exit(bool(findings))
 
