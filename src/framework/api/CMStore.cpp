@@ -75,10 +75,11 @@ bool CMStore::open(const QString& file, QString* error)
     m_thread.setObjectName(QStringLiteral("CMStore"));
     m_writer->moveToThread(&m_thread);
     m_isOpen = true;
+    startWriting();
     return true;
 }
 
-// Not at the start alone: a system that has no thread to give then may have one later.
+// Asked for again with each write: a system that has no thread to give at the start may have one later.
 QString CMStore::startWriting()
 {
     if (!m_isOpen)

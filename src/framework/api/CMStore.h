@@ -53,6 +53,6 @@ private:
     QHash<CMPath, ZarkValue> m_values;
     std::deque<Pending> m_pending; ///< In the order in which the writer answers.
     bool m_isOpen = false;
-    QThread m_thread; ///< From the first write on.
+    QThread m_thread;
     std::unique_ptr<Writer> m_writer;
 };
