@@ -179,6 +179,7 @@ def certificate_dates(device, address="127.0.0.1"):
 
 def interface(device):
     """The address goes and comes 20 times; a poll over loopback waits through all of it."""
+    all_fine(device, "before")
     before = device.descriptors()
     queue = json.loads(torture.ask(device, torture.post_json("/api/event/modifyQueue", {"subscribe": [{"path": "demo:volatile/counter"}]})))
     answers = []
