@@ -61,12 +61,12 @@ def post_json(target, value):
     return Exchange(target, "POST", json.dumps(value).encode(), {"Content-Type": "application/json"})
 
 
-def signed(exchange, port, user, password):
+def signed(exchange, port, user, password, host="127.0.0.1"):
     """The exchange with an Authorization header; good for any number of requests, as the time is not enforced."""
     salt = base64.b64encode(os.urandom(16)).decode()
     stamp = str(int(time.time() * 1000))
     key = hashlib.sha256(base64.b64decode(salt) + password.encode()).digest()
-    data = f"http://127.0.0.1:{port}{exchange.target}".encode()
+    data = f"http://{host}:{port}{exchange.target}".encode()
     if exchange.method == "POST":
         data += b"." + exchange.body
     message = f"{user}.{salt}.{stamp}.".encode() + data

@@ -254,6 +254,25 @@ private Q_SLOTS:
         }
     }
 
+    // The device reads the newer request first: the stopped one finds both.
+    void aPollWhoseClientAsksElsewhereComesTooLate()
+    {
+        const QByteArray queue = m_client.subscribeItem(Counter);
+        for (int i = 0; i < 5; ++i) {
+            Session first(m_device.port());
+            Session second(m_device.port());
+            QCOMPARE(first.get(EventClient::pollTarget(queue, 0)).array(), QJsonArray());
+            QVERIFY(m_client.setCounter(++m_value));
+            ::kill(pid_t(m_device.pid()), SIGSTOP);
+            first.send(EventClient::pollTarget(queue, 30));
+            first.connection().reset();
+            second.send(EventClient::pollTarget(queue, 30));
+            ::kill(pid_t(m_device.pid()), SIGCONT);
+            QCOMPARE(counterIn(second.connection().readReply().json().array()), m_value);
+            QCOMPARE(second.get(EventClient::pollTarget(queue, 0)).array(), QJsonArray());
+        }
+    }
+
     // With the client's sending side closed on a slow way, and with a server that closes connections soon.
     void theEndOfAConnectionIsNoLoss()
     {

@@ -198,6 +198,11 @@ CMDatabase::Opening CMDatabase::tryOpen(QString* error)
     Opening opening = lock(error);
     if (opening == Opening::Opened)
         opening = openFile(error);
+    // A read that fails once can look like damage too: nobody's values are given up for that.
+    if (opening == Opening::Damaged) {
+        close();
+        opening = openFile(error);
+    }
     if (opening == Opening::Damaged) {
         close();
         opening = setAside(m_file, error) ? openFile(error) : Opening::Failed;
@@ -343,21 +348,23 @@ QString CMDatabase::message() const
         + (isDisk ? QStringLiteral(" on %1.").arg(diskOf(m_file)) : QStringLiteral("."));
 }
 
-QHash<CMPath, ZarkValue> CMDatabase::readAll()
+bool CMDatabase::readAll(QHash<CMPath, ZarkValue>* values, QString* error)
 {
-    QHash<CMPath, ZarkValue> values;
     if (!m_connection)
-        return values;
+        return true;
     Statement rows(m_connection, "SELECT path, value FROM node");
-    while (rows.step() == SQLITE_ROW) {
+    int result = rows.step();
+    for (; result == SQLITE_ROW; result = rows.step()) {
         const CMPath path = CMPath::fromEncoded(QString::fromUtf8(rows.text(0)));
         const ZarkValue value(ZarkJson::parse(rows.text(1), nullptr));
         if (value.isValid())
-            values.insert(path, value);
+            values->insert(path, value);
         else
             dbglog_error(apiLogger(), "The stored value of " << path.toEncoded() << " is unreadable and ignored.");
     }
-    return values;
+    if (result != SQLITE_DONE)
+        *error = m_file + QStringLiteral(": ") + message();
+    return result == SQLITE_DONE;
 }
 
 QVector<QString> CMDatabase::commit(const QVector<Write>& writes)

@@ -29,8 +29,9 @@ public:
 
     /// As CMStore::open().
     bool open(const QString& file, QString* error);
-    /// Every stored value; one that cannot be read is logged and left out.
-    QHash<CMPath, ZarkValue> readAll();
+    /// Every stored value; one that makes no sense is logged and left out. False, with a sentence in `error`, when the
+    /// disk refuses.
+    bool readAll(QHash<CMPath, ZarkValue>* values, QString* error);
     /// Commits all writes in one transaction, each in its own if that fails. One sentence a write; empty: on disk.
     QVector<QString> commit(const QVector<Write>& writes);
 

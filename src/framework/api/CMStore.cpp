@@ -68,22 +68,32 @@ CMStore::~CMStore()
 
 bool CMStore::open(const QString& file, QString* error)
 {
-    Q_ASSERT_X(!m_thread.isRunning(), "CMStore::open", "opened twice");
-    if (!m_writer->database().open(file, error))
+    Q_ASSERT_X(!m_isOpen, "CMStore::open", "opened twice");
+    CMDatabase& database = m_writer->database();
+    if (!database.open(file, error) || !database.readAll(&m_values, error))
         return false;
-    m_values = m_writer->database().readAll();
     m_thread.setObjectName(QStringLiteral("CMStore"));
     m_writer->moveToThread(&m_thread);
-    m_thread.start();
+    m_isOpen = true;
+    startWriting();
     return true;
+}
+
+// Asked for again with each write: a system that has no thread to give at the start may have one later.
+QString CMStore::startWriting()
+{
+    if (!m_isOpen)
+        return QStringLiteral("No database is open.");
+    if (!m_thread.isRunning())
+        m_thread.start();
+    return m_thread.isRunning() ? QString() : QStringLiteral("The value was not stored: there is no thread to be had.");
 }
 
 void CMStore::write(const CMPath& path, const ZarkValue& value, CMVoidReply reply)
 {
-    if (!m_thread.isRunning()) {
-        reply.fail(CMError(CMError::StoreFailed, "No database is open."));
-        return;
-    }
+    const QString failure = startWriting();
+    if (!failure.isEmpty())
+        return reply.fail(CMError(CMError::StoreFailed, failure));
     m_pending.push_back({ path, value, reply });
     m_writer->enqueue(path, value);
 }

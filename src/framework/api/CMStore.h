@@ -32,7 +32,8 @@ public:
 
     /// The stored value; invalid when there is none.
     ZarkValue value(const CMPath& path) const { return m_values.value(path); }
-    /// Answers CMError::StoreFailed when the disk refuses; the stored value is then the earlier one.
+    /// Answers CMError::StoreFailed when the disk refuses, or the system has no thread to give; the stored value is
+    /// then the earlier one.
     void write(const CMPath& path, const ZarkValue& value, CMVoidReply reply);
     /// No write waits for its answer.
     bool isIdle() const { return m_pending.empty(); }
@@ -46,10 +47,12 @@ private:
         CMVoidReply reply;
     };
 
+    QString startWriting(); ///< Why nothing can be written; empty when it can.
     void deliver(); ///< Answers the writes whose results have come.
 
     QHash<CMPath, ZarkValue> m_values;
     std::deque<Pending> m_pending; ///< In the order in which the writer answers.
+    bool m_isOpen = false;
     QThread m_thread;
     std::unique_ptr<Writer> m_writer;
 };

@@ -2,11 +2,12 @@
 
 #include <QDir>
 #include <QFile>
-#include <QVector>
 
 #include <cerrno>
 #include <cstdio>
 #include <memory>
+#include <new>
+#include <system_error>
 
 #include <fcntl.h>
 #include <openssl/evp.h>
@@ -32,9 +33,9 @@ QString currentIn(const QString& directory)
     return directory + QStringLiteral("/current");
 }
 
-QString systemError()
+QString cannotStore(int error = errno)
 {
-    return QString::fromLocal8Bit(strerror(errno));
+    return QStringLiteral("The image cannot be stored: %1").arg(QString::fromLocal8Bit(strerror(error)));
 }
 
 bool writeAll(int file, const char* data, ssize_t length)
@@ -78,15 +79,27 @@ bool writeAbout(const QString& name, const QByteArray& text)
 
 ImageTransfer::ImageTransfer(const QString& directory, const QString& fileName, int readEnd, const Done& done)
     : m_directory(directory), m_fileName(fileName), m_readEnd(readEnd), m_cancelled(eventfd(0, EFD_CLOEXEC)),
-      m_done(done), m_thread([this] { run(); })
+      m_done(done)
 {
+    int failure = m_cancelled < 0 ? errno : 0;
+    try {
+        if (failure == 0)
+            m_thread = std::thread([this] { run(); });
+    } catch (const std::system_error& error) {
+        failure = error.code().value();
+    }
+    if (failure == 0)
+        return;
+    closeReadEnd();
+    m_done({ cannotStore(failure), 0, {} });
 }
 
 ImageTransfer::~ImageTransfer()
 {
     if (m_cancelled >= 0)
         eventfd_write(m_cancelled, 1);
-    m_thread.join();
+    if (m_thread.joinable())
+        m_thread.join();
     closeReadEnd();
     if (m_cancelled >= 0)
         close(m_cancelled);
@@ -119,13 +132,13 @@ ImageTransfer::Outcome ImageTransfer::receive()
     Outcome outcome;
     const QString incoming = incomingIn(m_directory);
     QDir(incoming).removeRecursively();
-    if (m_cancelled < 0 || !QDir().mkpath(incoming)) {
-        outcome.error = QStringLiteral("The image cannot be stored: %1").arg(systemError());
+    if (!QDir().mkpath(incoming)) {
+        outcome.error = cannotStore();
         return outcome;
     }
     const int file = openFile(incoming + QStringLiteral("/image"), O_WRONLY | O_CREAT | O_EXCL);
     if (file < 0) {
-        outcome.error = QStringLiteral("The image cannot be stored: %1").arg(systemError());
+        outcome.error = cannotStore();
         return outcome;
     }
     outcome.error = copy(file, &outcome);
@@ -140,12 +153,14 @@ QString ImageTransfer::copy(int file, Outcome* outcome)
     const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> hash(EVP_MD_CTX_new(), EVP_MD_CTX_free);
     if (!hash || EVP_DigestInit_ex(hash.get(), EVP_sha256(), nullptr) != 1)
         return QStringLiteral("SHA-256 is not available");
-    QVector<char> buffer(BufferBytes);
-    int length = readSome(buffer.data(), BufferBytes);
-    for (; length > 0; length = readSome(buffer.data(), BufferBytes)) {
-        EVP_DigestUpdate(hash.get(), buffer.constData(), static_cast<size_t>(length));
-        if (!writeAll(file, buffer.constData(), length))
-            return QStringLiteral("The image cannot be stored: %1").arg(systemError());
+    const std::unique_ptr<char[]> buffer(new (std::nothrow) char[BufferBytes]);
+    if (!buffer)
+        return cannotStore(ENOMEM);
+    int length = readSome(buffer.get(), BufferBytes);
+    for (; length > 0; length = readSome(buffer.get(), BufferBytes)) {
+        EVP_DigestUpdate(hash.get(), buffer.get(), static_cast<size_t>(length));
+        if (!writeAll(file, buffer.get(), length))
+            return cannotStore();
         m_received += length;
         flush(file, length);
     }
@@ -198,7 +213,7 @@ QString ImageTransfer::keep(int file, const Outcome& outcome) const
         && (renameat2(AT_FDCWD, from.constData(), AT_FDCWD, to.constData(), RENAME_EXCHANGE) == 0
             || (errno == ENOENT && rename(from.constData(), to.constData()) == 0))
         && syncDirectory(m_directory);
-    return stored ? QString() : QStringLiteral("The image cannot be stored: %1").arg(systemError());
+    return stored ? QString() : cannotStore();
 }
 
 ImageTransfer::Outcome ImageTransfer::kept(const QString& directory, QString* fileName)

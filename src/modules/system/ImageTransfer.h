@@ -18,7 +18,7 @@ public:
         qint64 bytes = 0;
         QByteArray sha256;
     };
-    /// Called on the transfer's thread, once.
+    /// Called once, on the transfer's thread; by the constructor when no thread is to be had.
     using Done = std::function<void(const Outcome&)>;
 
     /// `readEnd` becomes this object's.

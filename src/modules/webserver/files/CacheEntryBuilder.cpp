@@ -44,15 +44,15 @@ CacheEntryBuilder& CacheEntryBuilder::instance()
 
 CacheEntryBuilder::CacheEntryBuilder()
 {
-    m_pool.setMaxThreadCount(1);
+    m_reader.moveToThread(&m_thread);
 }
 
 CacheEntryBuilder::~CacheEntryBuilder()
 {
     for (const auto& job : m_jobs)
         job->isAbandoned = true;
-    m_pool.clear();
-    m_pool.waitForDone();
+    m_thread.quit();
+    m_thread.wait();
 }
 
 bool CacheEntryBuilder::build(const QString& absolutePath, const QDateTime& lastModified,
@@ -74,7 +74,12 @@ bool CacheEntryBuilder::build(const QString& absolutePath, const QDateTime& last
     job->entry.lastModified = lastModified;
     append(&job->waiting, receiver, built);
     m_jobs.push_back(job);
-    m_pool.start([this, job] { readSlice(job); });
+    if (!m_thread.isRunning())
+        m_thread.start();
+    if (m_thread.isRunning())
+        readLater(job);
+    else
+        finishLater(job); // The system has no thread to give.
     return true;
 }
 
@@ -124,6 +129,18 @@ void CacheEntryBuilder::serveWaiting()
     }
 }
 
+void CacheEntryBuilder::readLater(const std::shared_ptr<Job>& job)
+{
+    QMetaObject::invokeMethod(
+        &m_reader, [this, job] { readSlice(job); }, Qt::QueuedConnection);
+}
+
+void CacheEntryBuilder::finishLater(const std::shared_ptr<Job>& job)
+{
+    QMetaObject::invokeMethod(
+        this, [this, job] { finish(job); }, Qt::QueuedConnection);
+}
+
 void CacheEntryBuilder::readSlice(const std::shared_ptr<Job>& job)
 {
     // On Linux a thread has a priority of its own.
@@ -135,20 +152,19 @@ void CacheEntryBuilder::readSlice(const std::shared_ptr<Job>& job)
     job->hash.addData(job->mapping->data() + job->position, static_cast<int>(slice));
     job->position += slice;
     if (job->position < length && !job->mapping->isDamaged()) {
-        m_pool.start([this, job] { readSlice(job); });
+        readLater(job);
         return;
     }
     job->entry.etag = QString::fromLatin1(job->hash.result().toHex());
     job->entry.contentType = contentType(job->path, job->mapping->data(), length);
-    QMetaObject::invokeMethod(
-        this, [this, job] { finish(job); }, Qt::QueuedConnection);
+    finishLater(job);
 }
 
 void CacheEntryBuilder::finish(const std::shared_ptr<Job>& job)
 {
     m_jobs.erase(std::remove(m_jobs.begin(), m_jobs.end(), job), m_jobs.end());
     ++m_finishedCount;
-    const bool isIntact = !job->mapping->isDamaged();
+    const bool isIntact = !job->entry.etag.isEmpty() && !job->mapping->isDamaged();
     if (isIntact)
         ETagCache::instance().insert(job->path, job->entry);
     // A copy: somebody may ask for the next file from here.

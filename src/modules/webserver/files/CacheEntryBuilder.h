@@ -2,7 +2,7 @@
 
 #include <QObject>
 #include <QPointer>
-#include <QThreadPool>
+#include <QThread>
 
 #include <functional>
 #include <memory>
@@ -18,7 +18,8 @@ class GuardedMapping;
 /// callbacks, which are dropped with their receivers.
 class CacheEntryBuilder : public QObject {
 public:
-    /// Called once, from the event loop; null when the file became shorter meanwhile.
+    /// Called once, from the event loop; null when the file became shorter meanwhile, or there is no
+    /// thread to be had.
     using Built = std::function<void(const ETagCacheEntry* entry)>;
     using Retry = std::function<void()>;
 
@@ -48,11 +49,14 @@ private:
     void append(std::vector<Waiting<Callback>>* waiting, QObject* receiver, const Callback& callback);
     void dropGone();
     void serveWaiting();
+    void readLater(const std::shared_ptr<Job>& job);
+    void finishLater(const std::shared_ptr<Job>& job);
     void readSlice(const std::shared_ptr<Job>& job);
     void finish(const std::shared_ptr<Job>& job);
 
     std::vector<std::shared_ptr<Job>> m_jobs;
     std::vector<Waiting<Retry>> m_waitingForRoom;
     int m_finishedCount = 0;
-    QThreadPool m_pool;
+    QThread m_thread; ///< Not a pool's: a pool that cannot start its thread does not tell, and its jobs wait for ever.
+    QObject m_reader; ///< Lives there.
 };

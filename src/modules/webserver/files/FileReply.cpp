@@ -144,7 +144,7 @@ FileReply::Outcome FileReply::serveRead(const ETagCacheEntry* entry, const Mappi
 FileReply::Outcome FileReply::serveChanged()
 {
     if (m_changedBefore)
-        return failed(QStringLiteral("The file changed while it was read"));
+        return failed(QStringLiteral("The file could not be read to its end"));
     m_changedBefore = true;
     return serveFile(m_file, QString(), m_contentType);
 }

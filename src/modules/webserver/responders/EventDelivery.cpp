@@ -64,6 +64,12 @@ EventDelivery::~EventDelivery()
         ::close(m_epollFd);
 }
 
+bool EventDelivery::isOver(const Message& message)
+{
+    GSocket* socket = message.isValid() ? soup_client_context_get_gsocket(message.data().client) : nullptr;
+    return !socket || TcpCounters::of(g_socket_get_fd(socket)).isOver;
+}
+
 void EventDelivery::watch(const Message& message, CMEventQueue* queue, quint64 token)
 {
     dbglog_scopedFunction(webserverLog());

@@ -38,6 +38,9 @@ public:
     EventDelivery();
     ~EventDelivery() override;
 
+    /// Whether the connection of `message` is over already, as that of a client which asked again elsewhere may be when
+    /// its first request is read. Such a poll would take the newer one's answer for lost: it is not to be made.
+    static bool isOver(const Message& message);
     /// Before the answer to that poll is written to `message`, which is not owned.
     void watch(const Message& message, CMEventQueue* queue, quint64 token);
     /// Before another poll of the queue: decides about the answer that was sent, if that is open.

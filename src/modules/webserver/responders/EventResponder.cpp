@@ -88,6 +88,8 @@ void EventResponder::pollQueue()
         return finishRespond(SOUP_STATUS_BAD_REQUEST, QStringLiteral("Unknown queue id!"));
     if (!admit(false, queue->subscribtions()))
         return;
+    if (EventDelivery::isOver(request()))
+        return queueRequestDone({}); // To nobody.
     m_shared->delivery()->settle(queue);
     const int timeout = data.timeout < 0 ? DefaultTimeout : data.timeout;
     m_polled = queue;
