@@ -297,6 +297,7 @@ void Server::dispatch(Message* message, Handler* handler)
     const bool isKnown = field && host == m_acceptedHost;
     if (!isKnown && !isAcceptedHost(host)) {
         dbglog_error(webserverLog(), "rejecting message: host=" << host);
+        ++m_connectionTable->counters().foreignHosts;
         message->setStatus(SOUP_STATUS_FORBIDDEN, QString());
         return;
     }

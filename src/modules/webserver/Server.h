@@ -77,6 +77,11 @@ public:
     /// Makes a device certificate anew that today's date is not in, or only for another month, and tries again to make
     /// one that could not be made. For whenever the clock was set, and now and then.
     void checkCertificate();
+    std::time_t certificateEnd() const
+    {
+        return m_certificate ? m_certificate->end() : 0;
+    } ///< ServerCertificate::end().
+    ConnectionTable& connectionTable() const { return *m_connectionTable; } ///< Of one that is ok().
     /// Still waiting for its first updateIpAddresses().
     bool waitsForAddresses() const { return m_certificate && m_certificate->waitsForAddresses(); }
 

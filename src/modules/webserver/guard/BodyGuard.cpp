@@ -32,9 +32,11 @@ struct Body {
     qint64 limit() const { return connection->limits->limits().bodyBytes; }
 };
 
-void onGotBody(SoupMessage*, gpointer connection)
+void onGotBody(SoupMessage* message, gpointer data)
 {
-    ConnectionTable::requestRead(static_cast<Connection*>(connection));
+    auto* connection = static_cast<Connection*>(data);
+    connection->limits->counters().receivedBytes += message->request_body->length; // 0 of one that was streamed.
+    ConnectionTable::requestRead(connection);
 }
 
 void deleteBody(gpointer body, GClosure*)
@@ -120,9 +122,11 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
         if (body->received > body->end)
             body->connection->limits->closeSoon(body->connection);
     } else if (body->isStreamed) {
+        body->connection->limits->counters().receivedBytes += static_cast<qint64>(chunk->length);
         ConnectionTable::bodyMoved(body->connection);
     } else if (body->received > body->limit()) {
         stopReading(message, body);
+        ++body->connection->limits->counters().longBodies;
         setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
 }
@@ -144,6 +148,7 @@ void onGotHeaders(SoupMessage* message, gpointer data)
     body->isStreamed = !soup_message_body_get_accumulate(message->request_body);
     if (body->isTooLarge && (!body->isStreamed || soup_message_get_http_version(message) == SOUP_HTTP_1_0)) {
         dbglog_warn(webserverLog(), "Refusing a request body of more than " << body->limit() << " bytes");
+        ++body->connection->limits->counters().longBodies;
         return setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
     if (body->isStreamed)

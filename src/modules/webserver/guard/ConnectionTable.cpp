@@ -161,6 +161,29 @@ bool ConnectionTable::isAnswering() const
         [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
+ConnectionTable::Census& ConnectionTable::Census::operator+=(const Census& other)
+{
+    opening += other.opening;
+    idle += other.idle;
+    receiving += other.receiving;
+    answering += other.answering;
+    return *this;
+}
+
+ConnectionTable::Census ConnectionTable::census() const
+{
+    dbglog_scopedFunction(webserverLog());
+    Census census;
+    for (const auto& entry : m_connections) {
+        const Connection& connection = *entry.second;
+        if (connection.state == ReadingHead)
+            ++(connection.answeredBefore ? census.idle : census.opening);
+        else
+            ++(connection.state == ReadingBody ? census.receiving : census.answering);
+    }
+    return census;
+}
+
 ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client, SoupMessage* message)
 {
     dbglog_scopedFunction(webserverLog());
@@ -179,6 +202,7 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
 ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client)
 {
     ++m_acceptCount;
+    ++m_counters.accepted;
     auto record = std::make_unique<Connection>();
     Connection* connection = record.get();
     connection->limits = this;
@@ -196,6 +220,7 @@ ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client
     scheduleSweep(BusySweepMilliseconds);
     if (static_cast<int>(m_connections.size()) > m_maximumConnections) {
         dbglog_warn(webserverLog(), "More than " << m_maximumConnections << " connections, closing one");
+        ++m_counters.displaced;
         closeSoon(leastUseful(connection));
     }
     return connection;
@@ -235,6 +260,7 @@ void ConnectionTable::heard(quint64 number, quint32 events)
 void ConnectionTable::headRead(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
+    ++connection->limits->m_counters.requests;
     connection->state = ReadingBody;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ServerCounters.h"
 #include "ServerLimits.h"
 #include "SocketWatch.h"
 
@@ -44,6 +45,16 @@ public:
         bool gone = false;
     };
 
+    /// Connections by what they are at.
+    struct Census {
+        int opening = 0; ///< Without a first head yet, a TLS handshake included.
+        int idle = 0; ///< Between an answer and the next head.
+        int receiving = 0; ///< A request's body.
+        int answering = 0;
+
+        Census& operator+=(const Census& other);
+    };
+
     ConnectionTable(SoupServer* server, const ServerLimits& limits);
     ~ConnectionTable() override;
     ConnectionTable(const ConnectionTable&) = delete;
@@ -51,6 +62,7 @@ public:
 
     SoupServer* server() const { return m_server; }
     const ServerLimits& limits() const { return m_limits; }
+    ServerCounters& counters() { return m_counters; }
 
     void start(SoupServerListenOptions options);
     /// To be called before the library disconnects everybody. Where there is time, endHandshakes() comes before.
@@ -64,6 +76,7 @@ public:
 
     /// Some client has sent a request, or is sending its body, and has no full answer yet.
     bool isAnswering() const;
+    Census census() const;
 
     /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
     /// event loop has turned. The library is about to read the head of `message`.
@@ -108,6 +121,7 @@ private:
     std::unique_ptr<Parking> m_parking;
     int m_timer = 0;
     int m_timerMilliseconds = 0;
+    ServerCounters m_counters;
     quint64 m_acceptCount = 0;
     quint64 m_acceptCountAtSweep = 0;
     bool m_waitingAtSweep = false;

@@ -1,0 +1,53 @@
+#include "LoopWatch.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr gint64 SlotMicroseconds = 5 * 1000 * 1000;
+
+// The main context's function is given no data.
+LoopWatch* running = nullptr;
+
+} // namespace
+
+LoopWatch::LoopWatch() : m_previous(g_main_context_get_poll_func(nullptr)), m_begin(g_get_monotonic_time())
+{
+    running = this;
+    g_main_context_set_poll_func(nullptr, wait);
+}
+
+LoopWatch::~LoopWatch()
+{
+    g_main_context_set_poll_func(nullptr, m_previous);
+    running = nullptr;
+}
+
+gint LoopWatch::wait(GPollFD* descriptors, guint count, gint milliseconds)
+{
+    running->turned();
+    const gint ready = running->m_previous(descriptors, count, milliseconds);
+    running->m_begin = g_get_monotonic_time();
+    return ready;
+}
+
+void LoopWatch::turned()
+{
+    const gint64 now = g_get_monotonic_time();
+    const gint64 number = now / SlotMicroseconds;
+    Slot& slot = m_slots[static_cast<size_t>(number) % m_slots.size()];
+    if (slot.number != number)
+        slot = { number, 0 };
+    slot.longest = std::max(slot.longest, now - m_begin);
+}
+
+qint64 LoopWatch::longestStall() const
+{
+    const gint64 oldest = g_get_monotonic_time() / SlotMicroseconds - static_cast<gint64>(m_slots.size());
+    gint64 longest = 0;
+    for (const Slot& slot : m_slots) {
+        if (slot.number > oldest)
+            longest = std::max(longest, slot.longest);
+    }
+    return longest;
+}
