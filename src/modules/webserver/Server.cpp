@@ -8,6 +8,7 @@
 #include "HostFilter.h"
 #include "Message.h"
 #include "NotFoundHandler.h"
+#include "RenegotiationGuard.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
 
@@ -84,6 +85,7 @@ SoupServer* Server::createHttpsServer()
         dbglog_fatal(webserverLog(), m_lastError);
         return nullptr;
     }
+    refuseRenegotiation();
     if (m_certificate->isDeviceCert())
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
     GTlsCertificate* certificate = m_certificate->load(&m_lastError);
@@ -193,6 +195,13 @@ void Server::checkCertificate()
     dbglog_scopedFunction(webserverLog());
     if (m_certificate)
         m_certificate->renewWhenDue();
+}
+
+void Server::setStrictTransport(int seconds)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (m_certificate)
+        m_requestGuard->setStrictTransport(seconds);
 }
 
 bool Server::isAnswering() const
