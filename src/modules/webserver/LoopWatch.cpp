@@ -34,11 +34,15 @@ gint LoopWatch::wait(GPollFD* descriptors, guint count, gint milliseconds)
 void LoopWatch::turned()
 {
     const gint64 now = g_get_monotonic_time();
+    const gint64 busy = now - m_begin;
+    if (busy <= m_slotLongest && now < m_slotEnd)
+        return;
     const gint64 number = now / SlotMicroseconds;
-    Slot& slot = m_slots[static_cast<size_t>(number) % m_slots.size()];
-    if (slot.number != number)
-        slot = { number, 0 };
-    slot.longest = std::max(slot.longest, now - m_begin);
+    if (now >= m_slotEnd)
+        m_slotLongest = 0;
+    m_slotEnd = (number + 1) * SlotMicroseconds;
+    m_slotLongest = std::max(m_slotLongest, busy);
+    m_slots[static_cast<size_t>(number) % m_slots.size()] = { number, m_slotLongest };
 }
 
 qint64 LoopWatch::longestStall() const

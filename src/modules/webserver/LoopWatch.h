@@ -29,5 +29,7 @@ private:
 
     GPollFunc m_previous;
     gint64 m_begin; ///< Of the turn.
+    gint64 m_slotEnd = 0; ///< Of the present slot.
+    gint64 m_slotLongest = 0;
     std::array<Slot, 12> m_slots;
 };

@@ -271,21 +271,19 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
     dbglog_trace(webserverLog(), "path: " << path);
     const auto* registration = static_cast<HandlerData*>(handlerData);
     // With a body, the guard sees its end.
-    if (!hasBody(message))
-        registration->server->m_connectionTable->requestRead(client);
+    ConnectionTable::Connection* connection =
+        registration->server->m_connectionTable->requestHandled(client, !hasBody(message));
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
     auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
-    registration->server->dispatch(wrapped, registration->handler);
-    if (wrapped->isFinished()) {
-        dbglog_debug(webserverLog(), "Message already finished, deleting it directly");
+    const QMetaObject::Connection connected = connect(wrapped, &Message::finished, wrapped, [wrapped, connection] {
+        if (connection)
+            ConnectionTable::requestFinished(connection, wrapped->data().message);
         wrapped->deleteLater();
-        return;
-    }
-    const QMetaObject::Connection connected =
-        connect(wrapped, &Message::finished, wrapped, &QObject::deleteLater, Qt::QueuedConnection);
+    });
     if (!connected)
         qFatal("connection");
+    registration->server->dispatch(wrapped, registration->handler);
 }
 
 void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,

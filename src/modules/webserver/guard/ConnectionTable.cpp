@@ -62,6 +62,17 @@ bool hasToRead(const tcp_info& info)
     return info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
 }
 
+// A body that the kernel sends from its file goes past the library.
+qint64 bodyBytes(SoupMessage* message)
+{
+    if (message->method == SOUP_METHOD_HEAD || message->status_code == SOUP_STATUS_NOT_MODIFIED)
+        return 0;
+    // An exchange that failed has a status of the library's own: how much of its body was sent is not known.
+    if (message->response_body->length > 0 || message->status_code < SOUP_STATUS_OK)
+        return message->response_body->length;
+    return soup_message_headers_get_content_length(message->response_headers);
+}
+
 // The kernel gives up a peer that is silent (it lost power), and one that takes nothing of what it is sent.
 void setTcpTimeouts(int fd, const ServerLimits& limits)
 {
@@ -190,6 +201,7 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
     const auto found = m_connections.find(client);
     Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
     const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
+    settle(connection);
     connection->next = message;
     connection->state = ReadingHead;
     connection->since = g_get_monotonic_time();
@@ -261,6 +273,7 @@ void ConnectionTable::headRead(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
     ++connection->limits->m_counters.requests;
+    connection->account = Refused;
     connection->state = ReadingBody;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;
@@ -273,12 +286,37 @@ void ConnectionTable::bodyMoved(Connection* connection)
     connection->deadline = g_get_monotonic_time() + connection->limits->m_limits.stalledSeconds * MicrosecondsPerSecond;
 }
 
-void ConnectionTable::requestRead(SoupClientContext* client)
+ConnectionTable::Connection* ConnectionTable::requestHandled(SoupClientContext* client, bool isRead)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
-    if (found != m_connections.end())
-        requestRead(found->second.get());
+    if (found == m_connections.end())
+        return nullptr;
+    Connection* connection = found->second.get();
+    connection->account = Handled;
+    if (isRead)
+        requestRead(connection);
+    return connection;
+}
+
+void ConnectionTable::requestFinished(Connection* connection, SoupMessage* message)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account != Handled)
+        return;
+    connection->account = Settled;
+    ServerCounters& counters = connection->limits->m_counters;
+    ++counters.answers[std::min(message->status_code / 100, 5U)];
+    counters.sentBytes += bodyBytes(message);
+}
+
+// What no handler saw is over with the next request, or with its connection.
+void ConnectionTable::settle(Connection* connection)
+{
+    if (connection->account != Refused)
+        return;
+    connection->account = Settled;
+    ++connection->limits->m_counters.answers[4];
 }
 
 void ConnectionTable::requestRead(Connection* connection)
@@ -295,6 +333,7 @@ void ConnectionTable::onDisconnected(SoupSocket* socket, gpointer data)
     ConnectionTable* limits = connection->limits;
     g_signal_handlers_disconnect_by_data(socket, data);
     connection->gone = true;
+    settle(connection);
     const auto found = limits->m_connections.find(connection->client);
     if (found == limits->m_connections.end())
         return;

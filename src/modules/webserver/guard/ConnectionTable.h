@@ -26,6 +26,12 @@ public:
         Answering,
     };
 
+    enum Account {
+        Settled,
+        Refused, ///< Unless a handler gets to see the request, the guard has refused it, or the library.
+        Handled,
+    };
+
     struct Connection {
         ConnectionTable* limits = nullptr;
         SoupClientContext* client = nullptr; ///< The key of the table; not owned.
@@ -34,6 +40,7 @@ public:
         GSocket* gsocket = nullptr; ///< Not owned.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
         State state = ReadingHead;
+        Account account = Settled; ///< Of the last request, with the counters.
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.
         gint64 halfClosedSince = 0; ///< When the peer's FIN was seen; 0: not yet.
@@ -84,7 +91,10 @@ public:
     static void headRead(Connection* connection);
     /// The whole request was read: its answer has no deadline.
     static void requestRead(Connection* connection);
-    void requestRead(SoupClientContext* client);
+    /// A handler is about to get a request, whose body has been read. Null for a connection that is not known.
+    Connection* requestHandled(SoupClientContext* client, bool isRead);
+    /// The exchange is over, whether or not the client has the answer. Once for each: later calls have no effect.
+    static void requestFinished(Connection* connection, SoupMessage* message);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on.
     static void bodyMoved(Connection* connection);
     /// Closes the connection from the event loop.
@@ -97,6 +107,7 @@ private:
     static void onDisconnected(SoupSocket* socket, gpointer connection);
 
     Connection* accepted(SoupClientContext* client);
+    static void settle(Connection* connection);
     void heard(quint64 number, quint32 events);
     Connection* leastUseful(Connection* newest) const;
     static bool isOverdue(const Connection& connection, gint64 now);

@@ -132,16 +132,6 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
         addHost(message, connection);
 }
 
-// A body that the kernel sent from its file went past the library.
-qint64 bodyBytes(SoupMessage* message)
-{
-    if (message->method == SOUP_METHOD_HEAD || message->status_code == SOUP_STATUS_NOT_MODIFIED)
-        return 0;
-    if (message->response_body->length > 0)
-        return message->response_body->length;
-    return soup_message_headers_get_content_length(message->response_headers);
-}
-
 } // namespace
 
 HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
@@ -165,12 +155,9 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
 }
 
 RequestGuard::RequestGuard(SoupServer* server, ConnectionTable* connectionTable)
-    : m_server(server), m_connectionTable(connectionTable)
+    : m_server(server), m_connectionTable(connectionTable),
+      m_requestStartedId(g_signal_connect(server, "request-started", G_CALLBACK(onRequestStarted), this))
 {
-    dbglog_scopedFunction(webserverLog());
-    g_signal_connect(server, "request-started", G_CALLBACK(onRequestStarted), this);
-    g_signal_connect(server, "request-finished", G_CALLBACK(onRequestFinished), this);
-    g_signal_connect(server, "request-aborted", G_CALLBACK(onRequestAborted), this);
 }
 
 RequestGuard::~RequestGuard()
@@ -186,19 +173,4 @@ void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClien
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
     g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);
-}
-
-void RequestGuard::onRequestFinished(SoupServer*, SoupMessage* message, SoupClientContext*, gpointer self)
-{
-    ServerCounters& counters = static_cast<RequestGuard*>(self)->m_connectionTable->counters();
-    ++counters.answers[std::min(message->status_code / 100, 5U)];
-    counters.sentBytes += bodyBytes(message);
-}
-
-// What was written of it before is in the body's length, or was the kernel's to send, and is not known.
-void RequestGuard::onRequestAborted(SoupServer*, SoupMessage* message, SoupClientContext*, gpointer self)
-{
-    ServerCounters& counters = static_cast<RequestGuard*>(self)->m_connectionTable->counters();
-    ++counters.answers[0];
-    counters.sentBytes += message->response_body->length;
 }

@@ -54,9 +54,8 @@ public:
 
 private:
     static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
-    static void onRequestFinished(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
-    static void onRequestAborted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
 
     SoupServer* m_server;
     ConnectionTable* m_connectionTable;
+    gulong m_requestStartedId;
 };

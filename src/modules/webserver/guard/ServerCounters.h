@@ -6,7 +6,9 @@
 /// unless somebody asks. On the server's thread.
 struct ServerCounters {
     qint64 requests = 0; ///< Heads that were read to their end, refused ones among them.
-    qint64 answers[6] = {}; ///< By the first digit of their status; 0: the client left before the end.
+    /// By the first digit of their status; 0: the client left before the end. What the library refuses by itself counts
+    /// as 4.
+    qint64 answers[6] = {};
     qint64 receivedBytes = 0; ///< Of request bodies.
     qint64 sentBytes = 0; ///< Of the bodies of answers, as they ended.
 
