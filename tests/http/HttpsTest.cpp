@@ -348,6 +348,25 @@ private Q_SLOTS:
         QVERIFY(m_device->get(Value).header("Content-Language").isNull());
     }
 
+    void strictTransportIsDemandedWhenTheOwnerSays()
+    {
+        Rows<QStringList, QByteArray> row;
+        row("an answer", {}, "200 OK");
+        row("none of ours", { "-H", "Transfer-Encoding: gzip" }, "400 Bad Request");
+        row("a body that is waited for", { "-d", "{}", "-H", "Expect: 100-continue" }, "400 Bad Request");
+        row("a body over the limit", { "--data-binary", "@/bin/bash", "-H", "Transfer-Encoding: chunked" }, "413 ");
+        for (const auto& [arguments, status] : row) {
+            for (const QByteArray seconds : { "600", "0" }) {
+                QCOMPARE(m_device->set("settings:webserver/strictTransportSeconds", seconds), 200);
+                const QByteArray said = runTool("curl", QStringList{ "-sSik", url(m_port, Value) } + arguments).output;
+                const QByteArray answer = said.mid(said.lastIndexOf("HTTP/1.1 ")); // After "100 Continue".
+                QVERIFY2(answer.startsWith("HTTP/1.1 " + status), said.constData());
+                QCOMPARE(answer.count("Strict-Transport-Security: max-age=600\r\n"), seconds == "600" ? 1 : 0);
+                QVERIFY(m_device->get(Value).header("Strict-Transport-Security").isNull());
+            }
+        }
+    }
+
 private:
     static bool isRenewed(int port, const QByteArray& before)
     {

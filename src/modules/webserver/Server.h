@@ -87,6 +87,8 @@ public:
 
     /// Announced as Content-Language to clients that send Accept-Language; empty: to none.
     void setLanguage(const QString& language) { m_language = language; }
+    /// RequestGuard::setStrictTransport(); without effect on plain HTTP.
+    void setStrictTransport(int seconds);
 
 Q_SIGNALS:
     void stateChanged(); ///< isRunning() or lastError() may have changed.

@@ -173,6 +173,12 @@ void WebserverWorker::watchSettings()
     auto* language = new CMValueItem(this, ZarkUILanguagePath());
     connect(language, &CMValueItem::changed, this, &WebserverWorker::on_uiLanguage_changed);
 
+    auto* strictTransport = new CMValueItem(this, ZarkWebserverStrictTransportSecondsPath());
+    connect(strictTransport, &CMValueItem::changed, this, [this](const ZarkValue& value) {
+        if (Server* server = httpsServer())
+            server->setStrictTransport(value.i32());
+    });
+
     // The first device certificate blocks the event loop while its key is made. Whoever waits for the device to start
     // gets the first answers over HTTP before.
     const Server* https = httpsServer();
@@ -245,6 +251,7 @@ void WebserverWorker::startServer(int port, const QString& certificatePem, const
     } else {
         registerHandlers(server);
         server->setLanguage(setting(ZarkUILanguagePath()).string());
+        server->setStrictTransport(setting(ZarkWebserverStrictTransportSecondsPath()).i32());
         server->start();
         m_servers.append(server);
         connect(server, &Server::stateChanged, this, &WebserverWorker::publishStatus);

@@ -95,7 +95,7 @@ void copyFields(SoupMessageHeaders* from, SoupMessageHeaders* to)
 }
 
 // The library sets 100 to let the body come, and takes it back together with all fields of the answer.
-void onStreamStatus(SoupMessage* message, GParamSpec*, gpointer data)
+void onStatus(SoupMessage* message, GParamSpec*, gpointer data)
 {
     auto* body = static_cast<Body*>(data);
     if (message->status_code == SOUP_STATUS_CONTINUE && !body->fields) {
@@ -104,14 +104,20 @@ void onStreamStatus(SoupMessage* message, GParamSpec*, gpointer data)
     } else if (message->status_code == SOUP_STATUS_NONE && body->fields) {
         copyFields(body->fields, message->response_headers);
         g_clear_pointer(&body->fields, soup_message_headers_free);
-    } else if (message->status_code >= SOUP_STATUS_BAD_REQUEST) {
+    } else if (body->isStreamed && message->status_code >= SOUP_STATUS_BAD_REQUEST) {
         stopReading(message, body);
     }
 }
 
-void onStreamEnd(SoupMessage* message, gpointer data)
+void onEnd(SoupMessage* message, gpointer data)
 {
-    g_signal_handlers_disconnect_by_func(message, reinterpret_cast<gpointer>(onStreamStatus), data);
+    g_signal_handlers_disconnect_by_func(message, reinterpret_cast<gpointer>(onStatus), data);
+}
+
+void watchStatus(SoupMessage* message, Body* body)
+{
+    g_signal_connect(message, "notify::status-code", G_CALLBACK(onStatus), body);
+    g_signal_connect(message, "got-body", G_CALLBACK(onEnd), body);
 }
 
 void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
@@ -134,8 +140,6 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
 void watchStream(SoupMessage* message, Body* body)
 {
     ConnectionTable::bodyMoved(body->connection);
-    g_signal_connect(message, "notify::status-code", G_CALLBACK(onStreamStatus), body);
-    g_signal_connect(message, "got-body", G_CALLBACK(onStreamEnd), body);
     if (!body->isChunked)
         g_signal_connect(message, "got-chunk", G_CALLBACK(onGotChunk), body);
 }
@@ -153,6 +157,9 @@ void onGotHeaders(SoupMessage* message, gpointer data)
     }
     if (body->isStreamed)
         watchStream(message, body);
+    if (body->isStreamed
+        || soup_message_headers_get_expectations(message->request_headers) == SOUP_EXPECTATION_CONTINUE)
+        watchStatus(message, body);
     // An answer at this point, of an early handler or to a fault that the library found, comes before the body.
     if (message->status_code != SOUP_STATUS_NONE)
         stopReading(message, body);

@@ -163,7 +163,13 @@ RequestGuard::RequestGuard(SoupServer* server, ConnectionTable* connectionTable)
 RequestGuard::~RequestGuard()
 {
     dbglog_scopedFunction(webserverLog());
-    g_signal_handlers_disconnect_by_data(m_server, this);
+    g_signal_handler_disconnect(m_server, m_requestStartedId);
+}
+
+void RequestGuard::setStrictTransport(int seconds)
+{
+    dbglog_scopedFunction(webserverLog());
+    m_strictTransport = seconds > 0 ? "max-age=" + QByteArray::number(seconds) : QByteArray();
 }
 
 void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClientContext* client, gpointer self)
@@ -172,5 +178,8 @@ void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClien
     Connection* connection = guard->m_connectionTable->requestStarted(client, message);
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
+    if (!guard->m_strictTransport.isEmpty())
+        soup_message_headers_append(
+            message->response_headers, "Strict-Transport-Security", guard->m_strictTransport.constData());
     g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);
 }
