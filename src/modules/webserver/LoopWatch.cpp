@@ -6,20 +6,22 @@ namespace {
 
 constexpr gint64 SlotMicroseconds = 5 * 1000 * 1000;
 
-// The main context's function is given no data.
+// The function that waits is given no data.
 LoopWatch* running = nullptr;
 
 } // namespace
 
-LoopWatch::LoopWatch() : m_previous(g_main_context_get_poll_func(nullptr)), m_begin(g_get_monotonic_time())
+LoopWatch::LoopWatch()
+    : m_context(g_main_context_get_thread_default()), m_previous(g_main_context_get_poll_func(m_context)),
+      m_begin(g_get_monotonic_time())
 {
     running = this;
-    g_main_context_set_poll_func(nullptr, wait);
+    g_main_context_set_poll_func(m_context, wait);
 }
 
 LoopWatch::~LoopWatch()
 {
-    g_main_context_set_poll_func(nullptr, m_previous);
+    g_main_context_set_poll_func(m_context, m_previous);
     running = nullptr;
 }
 

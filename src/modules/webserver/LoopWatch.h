@@ -7,7 +7,7 @@
 #include <array>
 
 /// How long the event loop was ever busy without a look at what had come meanwhile: from the end of one wait to the
-/// begin of the next. For two readings of the clock a turn. One at a time, on the thread of the default main context.
+/// begin of the next. For two readings of the clock a turn. Of the thread that makes it; one in a process.
 class LoopWatch {
 public:
     LoopWatch();
@@ -27,6 +27,7 @@ private:
     static gint wait(GPollFD* descriptors, guint count, gint milliseconds);
     void turned();
 
+    GMainContext* m_context; ///< Null: the main one.
     GPollFunc m_previous;
     gint64 m_begin; ///< Of the turn.
     gint64 m_slotEnd = 0; ///< Of the present slot.

@@ -62,17 +62,6 @@ bool hasToRead(const tcp_info& info)
     return info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
 }
 
-// A body that the kernel sends from its file goes past the library.
-qint64 bodyBytes(SoupMessage* message)
-{
-    if (message->method == SOUP_METHOD_HEAD || message->status_code == SOUP_STATUS_NOT_MODIFIED)
-        return 0;
-    // An exchange that failed has a status of the library's own: how much of its body was sent is not known.
-    if (message->response_body->length > 0 || message->status_code < SOUP_STATUS_OK)
-        return message->response_body->length;
-    return soup_message_headers_get_content_length(message->response_headers);
-}
-
 // The kernel gives up a peer that is silent (it lost power), and one that takes nothing of what it is sent.
 void setTcpTimeouts(int fd, const ServerLimits& limits)
 {
@@ -305,9 +294,7 @@ void ConnectionTable::requestFinished(Connection* connection, SoupMessage* messa
     if (connection->account != Handled)
         return;
     connection->account = Settled;
-    ServerCounters& counters = connection->limits->m_counters;
-    ++counters.answers[std::min(message->status_code / 100, 5U)];
-    counters.sentBytes += bodyBytes(message);
+    connection->limits->m_counters.add(message);
 }
 
 // What no handler saw is over with the next request, or with its connection.

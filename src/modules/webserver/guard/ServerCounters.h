@@ -2,6 +2,8 @@
 
 #include <QtGlobal>
 
+#include <libsoup/soup.h>
+
 /// What one server has done since it was made: plain numbers that cost an addition each, and that nobody looks at
 /// unless somebody asks. On the server's thread.
 struct ServerCounters {
@@ -21,5 +23,6 @@ struct ServerCounters {
     qint64 accepted = 0; ///< Connections.
     qint64 displaced = 0; ///< Closed for a newer one, at the most that there may be.
 
+    void add(SoupMessage* answered); ///< An exchange that is over.
     ServerCounters& operator+=(const ServerCounters& other);
 };
