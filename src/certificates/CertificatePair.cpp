@@ -64,6 +64,14 @@ bool isCertificateValid(const QByteArray& certificatePem, std::time_t from, std:
         && X509_cmp_time(X509_get0_notAfter(certificate.get()), &until) > 0;
 }
 
+std::time_t certificateEnd(const QByteArray& certificatePem)
+{
+    const Certificate certificate = certificateFrom(certificatePem);
+    ERR_clear_error();
+    std::tm end = {};
+    return certificate && ASN1_TIME_to_tm(X509_get0_notAfter(certificate.get()), &end) == 1 ? ::timegm(&end) : 0;
+}
+
 QString joinedPem(const QString& certificatePem, const QString& keyPem)
 {
     return certificatePem + QLatin1Char('\n') + keyPem;

@@ -15,5 +15,8 @@ QString certificatePairFault(const QString& certificatePem, const QString& keyPe
 /// Whether the certificate (the first of a chain) is valid at `from`, at `until` and in between. False for no PEM.
 bool isCertificateValid(const QByteArray& certificatePem, std::time_t from, std::time_t until);
 
+/// The last moment at which the certificate (the first of a chain) is valid; 0 for no PEM.
+std::time_t certificateEnd(const QByteArray& certificatePem);
+
 /// The two in one text, the key on a line of its own whether or not the certificate ends with a line end.
 QString joinedPem(const QString& certificatePem, const QString& keyPem);

@@ -241,6 +241,40 @@ private Q_SLOTS:
         QTRY_VERIFY_WITH_TIMEOUT(m_device->descriptors() <= before, 1500);
     }
 
+    void whatWasDoneIsCountedOnce()
+    {
+        Rows<QByteArray, QByteArray> row;
+        const QByteArray post = "POST /api/setData HTTP/1.1\r\nHost: x\r\n";
+        row("refused/malformed", "GET / HTTP/1.1\r\nHost: x\r\nHost: y\r\n\r\n", "1");
+        row("refused/fields", post + fieldLines(100) + "Content-Length: 1\r\n\r\nx", "1");
+        row("refused/body", post + "Content-Length: 4097\r\n\r\n", "1");
+        row("refused/host", "GET / HTTP/1.1\r\nHost: example.com\r\n\r\n", "1");
+        row("bytes/received", post + "Content-Length: 2\r\n\r\n{]", "2");
+        row("answers/clientError", "GET / HTTP/1.1\r\n\r\n", "6"); // The library's own refusal, and those above.
+        row("answers/abandoned", {}, "1");
+        const auto figure = [&] {
+            return m_device->value("SoupServer:status/" + row.name()).toInt();
+        };
+        QTest::qWait(1000); // For which they hold.
+        QMap<QByteArray, int> expected;
+        for (const auto& [bytes, more] : row)
+            expected[row.name()] = figure() + more.toInt();
+        HttpConnection listener(m_device->port());
+        listener.send("GET /api/stream/player:player/audio HTTP/1.1\r\nHost: x\r\n\r\n");
+        QVERIFY(!listener.readTo("\r\n\r\n").isNull());
+        listener.reset();
+        for (const auto& [bytes, more] : row) {
+            HttpConnection connection(m_device->port());
+            if (connection.send(bytes) && !bytes.isEmpty())
+                QVERIFY(connection.readReply().status >= 400);
+        }
+        QTest::qWait(1000);
+        for (const auto& entry : row) {
+            Q_UNUSED(entry)
+            QCOMPARE(figure(), expected[row.name()]);
+        }
+    }
+
     void connectionsOverTheCapCostTheIdleOnes()
     {
         std::vector<std::unique_ptr<HttpConnection>> idle;

@@ -89,6 +89,12 @@ CMPath ZarkWebserverProxyAllowedHostsPath()
     return path;
 }
 
+CMPath ZarkWebserverStrictTransportSecondsPath()
+{
+    static const CMPath path = webserverPath("strictTransportSeconds");
+    return path;
+}
+
 CMPath ZarkWebserverLimitPath(const QString& name)
 {
     static const CMPath limits = webserverPath("limits");

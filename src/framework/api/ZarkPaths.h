@@ -17,6 +17,7 @@ CMPath ZarkWebserverUsersPath(); ///< webserverUsers
 CMPath ZarkWebserverChangePasswordPath(); ///< command
 CMPath ZarkWebserverEnableExternalWebAccessPath(); ///< bool
 CMPath ZarkWebserverProxyAllowedHostsPath(); ///< stringList
+CMPath ZarkWebserverStrictTransportSecondsPath(); ///< i32; 0 or less: HTTPS is not demanded of browsers.
 CMPath ZarkWebserverLimitPath(const QString& name); ///< i32 under settings:webserver/limits/
 CMPath ZarkUILanguagePath(); ///< string, such as "de".
 CMPath ZarkNetworkInfoPath(); ///< networkInfo

@@ -8,6 +8,7 @@
 #include "HostFilter.h"
 #include "Message.h"
 #include "NotFoundHandler.h"
+#include "RenegotiationGuard.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
 
@@ -84,6 +85,7 @@ SoupServer* Server::createHttpsServer()
         dbglog_fatal(webserverLog(), m_lastError);
         return nullptr;
     }
+    refuseRenegotiation();
     if (m_certificate->isDeviceCert())
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
     GTlsCertificate* certificate = m_certificate->load(&m_lastError);
@@ -195,6 +197,13 @@ void Server::checkCertificate()
         m_certificate->renewWhenDue();
 }
 
+void Server::setStrictTransport(int seconds)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (m_certificate)
+        m_requestGuard->setStrictTransport(seconds);
+}
+
 bool Server::isAnswering() const
 {
     return m_connectionTable->isAnswering();
@@ -262,21 +271,19 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
     dbglog_trace(webserverLog(), "path: " << path);
     const auto* registration = static_cast<HandlerData*>(handlerData);
     // With a body, the guard sees its end.
-    if (!hasBody(message))
-        registration->server->m_connectionTable->requestRead(client);
+    ConnectionTable::Connection* connection =
+        registration->server->m_connectionTable->requestHandled(client, !hasBody(message));
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
     auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
-    registration->server->dispatch(wrapped, registration->handler);
-    if (wrapped->isFinished()) {
-        dbglog_debug(webserverLog(), "Message already finished, deleting it directly");
+    const QMetaObject::Connection connected = connect(wrapped, &Message::finished, wrapped, [wrapped, connection] {
+        if (connection)
+            ConnectionTable::requestFinished(connection, wrapped->data().message);
         wrapped->deleteLater();
-        return;
-    }
-    const QMetaObject::Connection connected =
-        connect(wrapped, &Message::finished, wrapped, &QObject::deleteLater, Qt::QueuedConnection);
+    });
     if (!connected)
         qFatal("connection");
+    registration->server->dispatch(wrapped, registration->handler);
 }
 
 void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
@@ -297,6 +304,7 @@ void Server::dispatch(Message* message, Handler* handler)
     const bool isKnown = field && host == m_acceptedHost;
     if (!isKnown && !isAcceptedHost(host)) {
         dbglog_error(webserverLog(), "rejecting message: host=" << host);
+        ++m_connectionTable->counters().foreignHosts;
         message->setStatus(SOUP_STATUS_FORBIDDEN, QString());
         return;
     }

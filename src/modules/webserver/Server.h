@@ -77,11 +77,18 @@ public:
     /// Makes a device certificate anew that today's date is not in, or only for another month, and tries again to make
     /// one that could not be made. For whenever the clock was set, and now and then.
     void checkCertificate();
+    std::time_t certificateEnd() const
+    {
+        return m_certificate ? m_certificate->end() : 0;
+    } ///< ServerCertificate::end().
+    ConnectionTable& connectionTable() const { return *m_connectionTable; } ///< Of one that is ok().
     /// Still waiting for its first updateIpAddresses().
     bool waitsForAddresses() const { return m_certificate && m_certificate->waitsForAddresses(); }
 
     /// Announced as Content-Language to clients that send Accept-Language; empty: to none.
     void setLanguage(const QString& language) { m_language = language; }
+    /// RequestGuard::setStrictTransport(); without effect on plain HTTP.
+    void setStrictTransport(int seconds);
 
 Q_SIGNALS:
     void stateChanged(); ///< isRunning() or lastError() may have changed.

@@ -16,6 +16,7 @@
 #include "FileResponder.h"
 #include "FirmwareUpdateResponder.h"
 #include "HttpsSettings.h"
+#include "LoopWatch.h"
 #include "MatchHandler.h"
 #include "MultipartHandler.h"
 #include "MultipartResponderFactory.h"
@@ -29,6 +30,7 @@
 #include "Server.h"
 #include "ServerLimits.h"
 #include "StaticHandler.h"
+#include "StatusNodes.h"
 #include "StreamResponder.h"
 #include "UserDatabase.h"
 #include "WebserverLog.h"
@@ -99,6 +101,8 @@ WebserverWorker::WebserverWorker(const QVariantHash& arguments) : CMNodesWorker(
     HttpsSettings::restrictTls();
     createSharedObjects();
     createChangePasswordNode();
+    m_loopWatch = std::make_unique<LoopWatch>();
+    m_statusNodes = std::make_unique<StatusNodes>(nodes(), name(), [this] { return status(); });
     startServers();
     watchSettings();
 }
@@ -168,6 +172,12 @@ void WebserverWorker::watchSettings()
 {
     auto* language = new CMValueItem(this, ZarkUILanguagePath());
     connect(language, &CMValueItem::changed, this, &WebserverWorker::on_uiLanguage_changed);
+
+    auto* strictTransport = new CMValueItem(this, ZarkWebserverStrictTransportSecondsPath());
+    connect(strictTransport, &CMValueItem::changed, this, [this](const ZarkValue& value) {
+        if (Server* server = httpsServer())
+            server->setStrictTransport(value.i32());
+    });
 
     // The first device certificate blocks the event loop while its key is made. Whoever waits for the device to start
     // gets the first answers over HTTP before.
@@ -241,6 +251,7 @@ void WebserverWorker::startServer(int port, const QString& certificatePem, const
     } else {
         registerHandlers(server);
         server->setLanguage(setting(ZarkUILanguagePath()).string());
+        server->setStrictTransport(setting(ZarkWebserverStrictTransportSecondsPath()).i32());
         server->start();
         m_servers.append(server);
         connect(server, &Server::stateChanged, this, &WebserverWorker::publishStatus);
@@ -304,6 +315,24 @@ void WebserverWorker::publishStatus()
     m_addressesNode->setMeasured(ZarkValue::fromStringList(addresses));
     m_errorsNode->setMeasured(ZarkValue::fromStringList(errors));
     m_pendingNode->setMeasured(ZarkValue::fromStringList(pending));
+}
+
+ServerStatus WebserverWorker::status() const
+{
+    ServerStatus status;
+    for (const Server* server : qAsConst(m_servers)) {
+        status.connections += server->connectionTable().census();
+        status.counted += server->connectionTable().counters();
+        status.certificateEnd += server->certificateEnd() * 1000;
+    }
+    status.queues = m_eventShared->queues();
+    status.waitingPolls = m_eventShared->polls();
+    status.heldAnswers = m_configuration->heldAnswers();
+    status.failedAuthentications = m_configuration->failures();
+    status.fetches = m_fetchBudget->underWay();
+    status.finishedFetches = m_fetchBudget->finished();
+    status.longestStall = m_loopWatch->longestStall();
+    return status;
 }
 
 void WebserverWorker::reload()

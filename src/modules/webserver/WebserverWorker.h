@@ -17,6 +17,9 @@ class CMSetDataRequest;
 class CMValueNode;
 class ClockWatch;
 class EventResponderShared;
+class LoopWatch;
+class StatusNodes;
+struct ServerStatus;
 class FetchBudget;
 class ResponderConfiguration;
 class MultipartResponderFactory;
@@ -53,6 +56,7 @@ private:
     Server* httpsServer() const;
     void registerHandlers(Server* server);
     void publishStatus();
+    ServerStatus status() const;
     ResponderFactory* keep(ResponderFactory* factory);
 
     void on_changePassword_invoked(const CMSetDataRequest& request);
@@ -74,6 +78,8 @@ private:
     bool m_networkInfoExpected = true; ///< Until the network information, or its absence, is known.
     bool m_useDeviceCert = false; ///< As it was at the start.
     std::unique_ptr<ClockWatch> m_clockWatch;
+    std::unique_ptr<LoopWatch> m_loopWatch;
+    std::unique_ptr<StatusNodes> m_statusNodes;
     QSharedPointer<ResponderConfiguration> m_configuration;
     QSharedPointer<EventResponderShared> m_eventShared;
     QSharedPointer<UserDatabase> m_userDatabase;

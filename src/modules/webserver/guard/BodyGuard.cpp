@@ -34,9 +34,11 @@ struct Body {
     qint64 limit() const { return connection->limits->limits().bodyBytes; }
 };
 
-void onGotBody(SoupMessage*, gpointer connection)
+void onGotBody(SoupMessage* message, gpointer data)
 {
-    ConnectionTable::requestRead(static_cast<Connection*>(connection));
+    auto* connection = static_cast<Connection*>(data);
+    connection->limits->counters().receivedBytes += message->request_body->length; // 0 of one that was streamed.
+    ConnectionTable::requestRead(connection);
 }
 
 void deleteBody(gpointer body, GClosure*)
@@ -95,7 +97,7 @@ void copyFields(SoupMessageHeaders* from, SoupMessageHeaders* to)
 }
 
 // The library sets 100 to let the body come, and takes it back together with all fields of the answer.
-void onStreamStatus(SoupMessage* message, GParamSpec*, gpointer data)
+void onStatus(SoupMessage* message, GParamSpec*, gpointer data)
 {
     auto* body = static_cast<Body*>(data);
     if (message->status_code == SOUP_STATUS_CONTINUE && !body->fields) {
@@ -104,14 +106,20 @@ void onStreamStatus(SoupMessage* message, GParamSpec*, gpointer data)
     } else if (message->status_code == SOUP_STATUS_NONE && body->fields) {
         copyFields(body->fields, message->response_headers);
         g_clear_pointer(&body->fields, soup_message_headers_free);
-    } else if (message->status_code >= SOUP_STATUS_BAD_REQUEST) {
+    } else if (body->isStreamed && message->status_code >= SOUP_STATUS_BAD_REQUEST) {
         stopReading(message, body);
     }
 }
 
-void onStreamEnd(SoupMessage* message, gpointer data)
+void onEnd(SoupMessage* message, gpointer data)
 {
-    g_signal_handlers_disconnect_by_func(message, reinterpret_cast<gpointer>(onStreamStatus), data);
+    g_signal_handlers_disconnect_by_func(message, reinterpret_cast<gpointer>(onStatus), data);
+}
+
+void watchStatus(SoupMessage* message, Body* body)
+{
+    g_signal_connect(message, "notify::status-code", G_CALLBACK(onStatus), body);
+    g_signal_connect(message, "got-body", G_CALLBACK(onEnd), body);
 }
 
 void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
@@ -122,9 +130,11 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
         if (body->received > body->end)
             body->connection->limits->closeSoon(body->connection);
     } else if (body->isStreamed) {
+        body->connection->limits->counters().receivedBytes += static_cast<qint64>(chunk->length);
         ConnectionTable::bodyMoved(body->connection);
     } else if (body->received > body->limit()) {
         stopReading(message, body);
+        ++body->connection->limits->counters().longBodies;
         setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
 }
@@ -140,8 +150,6 @@ void watchStream(SoupMessage* message, Body* body)
     soup_message_set_chunk_allocator(message, allocatePiece, nullptr, nullptr);
     G_GNUC_END_IGNORE_DEPRECATIONS
     ConnectionTable::bodyMoved(body->connection);
-    g_signal_connect(message, "notify::status-code", G_CALLBACK(onStreamStatus), body);
-    g_signal_connect(message, "got-body", G_CALLBACK(onStreamEnd), body);
     if (!body->isChunked)
         g_signal_connect(message, "got-chunk", G_CALLBACK(onGotChunk), body);
 }
@@ -154,10 +162,14 @@ void onGotHeaders(SoupMessage* message, gpointer data)
     body->isStreamed = !soup_message_body_get_accumulate(message->request_body);
     if (body->isTooLarge && (!body->isStreamed || soup_message_get_http_version(message) == SOUP_HTTP_1_0)) {
         dbglog_warn(webserverLog(), "Refusing a request body of more than " << body->limit() << " bytes");
+        ++body->connection->limits->counters().longBodies;
         return setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
     if (body->isStreamed)
         watchStream(message, body);
+    if (body->isStreamed
+        || soup_message_headers_get_expectations(message->request_headers) == SOUP_EXPECTATION_CONTINUE)
+        watchStatus(message, body);
     // An answer at this point, of an early handler or to a fault that the library found, comes before the body.
     if (message->status_code != SOUP_STATUS_NONE)
         stopReading(message, body);

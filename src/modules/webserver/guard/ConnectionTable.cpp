@@ -161,12 +161,36 @@ bool ConnectionTable::isAnswering() const
         [](const auto& entry) { return entry.second->state != ReadingHead; });
 }
 
+ConnectionTable::Census& ConnectionTable::Census::operator+=(const Census& other)
+{
+    opening += other.opening;
+    idle += other.idle;
+    receiving += other.receiving;
+    answering += other.answering;
+    return *this;
+}
+
+ConnectionTable::Census ConnectionTable::census() const
+{
+    dbglog_scopedFunction(webserverLog());
+    Census census;
+    for (const auto& entry : m_connections) {
+        const Connection& connection = *entry.second;
+        if (connection.state == ReadingHead)
+            ++(connection.answeredBefore ? census.idle : census.opening);
+        else
+            ++(connection.state == ReadingBody ? census.receiving : census.answering);
+    }
+    return census;
+}
+
 ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client, SoupMessage* message)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
     Connection* connection = found == m_connections.end() ? accepted(client) : found->second.get();
     const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
+    settle(connection);
     connection->next = message;
     connection->state = ReadingHead;
     connection->since = g_get_monotonic_time();
@@ -179,6 +203,7 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
 ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client)
 {
     ++m_acceptCount;
+    ++m_counters.accepted;
     auto record = std::make_unique<Connection>();
     Connection* connection = record.get();
     connection->limits = this;
@@ -196,6 +221,7 @@ ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client
     scheduleSweep(BusySweepMilliseconds);
     if (static_cast<int>(m_connections.size()) > m_maximumConnections) {
         dbglog_warn(webserverLog(), "More than " << m_maximumConnections << " connections, closing one");
+        ++m_counters.displaced;
         closeSoon(leastUseful(connection));
     }
     return connection;
@@ -235,6 +261,8 @@ void ConnectionTable::heard(quint64 number, quint32 events)
 void ConnectionTable::headRead(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
+    ++connection->limits->m_counters.requests;
+    connection->account = Refused;
     connection->state = ReadingBody;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;
@@ -249,12 +277,35 @@ void ConnectionTable::bodyMoved(Connection* connection)
     connection->deadline = std::min(stalled, connection->since + limits.uploadSeconds * MicrosecondsPerSecond);
 }
 
-void ConnectionTable::requestRead(SoupClientContext* client)
+ConnectionTable::Connection* ConnectionTable::requestHandled(SoupClientContext* client, bool isRead)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
-    if (found != m_connections.end())
-        requestRead(found->second.get());
+    if (found == m_connections.end())
+        return nullptr;
+    Connection* connection = found->second.get();
+    connection->account = Handled;
+    if (isRead)
+        requestRead(connection);
+    return connection;
+}
+
+void ConnectionTable::requestFinished(Connection* connection, SoupMessage* message)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account != Handled)
+        return;
+    connection->account = Settled;
+    connection->limits->m_counters.add(message);
+}
+
+// What no handler saw is over with the next request, or with its connection.
+void ConnectionTable::settle(Connection* connection)
+{
+    if (connection->account != Refused)
+        return;
+    connection->account = Settled;
+    ++connection->limits->m_counters.answers[4];
 }
 
 void ConnectionTable::requestRead(Connection* connection)
@@ -271,6 +322,7 @@ void ConnectionTable::onDisconnected(SoupSocket* socket, gpointer data)
     ConnectionTable* limits = connection->limits;
     g_signal_handlers_disconnect_by_data(socket, data);
     connection->gone = true;
+    settle(connection);
     const auto found = limits->m_connections.find(connection->client);
     if (found == limits->m_connections.end())
         return;

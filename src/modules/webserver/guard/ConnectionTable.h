@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "ServerCounters.h"
 #include "ServerLimits.h"
 #include "SocketWatch.h"
 
@@ -25,6 +26,12 @@ public:
         Answering,
     };
 
+    enum Account {
+        Settled,
+        Refused, ///< Unless a handler gets to see the request, the guard has refused it, or the library.
+        Handled,
+    };
+
     struct Connection {
         ConnectionTable* limits = nullptr;
         SoupClientContext* client = nullptr; ///< The key of the table; not owned.
@@ -33,6 +40,7 @@ public:
         GSocket* gsocket = nullptr; ///< Not owned.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
         State state = ReadingHead;
+        Account account = Settled; ///< Of the last request, with the counters.
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.
         gint64 halfClosedSince = 0; ///< When the peer's FIN was seen; 0: not yet.
@@ -44,6 +52,16 @@ public:
         bool gone = false;
     };
 
+    /// Connections by what they are at.
+    struct Census {
+        int opening = 0; ///< Without a first head yet, a TLS handshake included.
+        int idle = 0; ///< Between an answer and the next head.
+        int receiving = 0; ///< A request's body.
+        int answering = 0;
+
+        Census& operator+=(const Census& other);
+    };
+
     ConnectionTable(SoupServer* server, const ServerLimits& limits);
     ~ConnectionTable() override;
     ConnectionTable(const ConnectionTable&) = delete;
@@ -51,6 +69,7 @@ public:
 
     SoupServer* server() const { return m_server; }
     const ServerLimits& limits() const { return m_limits; }
+    ServerCounters& counters() { return m_counters; }
 
     void start(SoupServerListenOptions options);
     /// To be called before the library disconnects everybody. Where there is time, endHandshakes() comes before.
@@ -64,6 +83,7 @@ public:
 
     /// Some client has sent a request, or is sending its body, and has no full answer yet.
     bool isAnswering() const;
+    Census census() const;
 
     /// The record of the connection that `client` is; made when it is new. Valid until the connection is gone and the
     /// event loop has turned. The library is about to read the head of `message`.
@@ -71,7 +91,10 @@ public:
     static void headRead(Connection* connection);
     /// The whole request was read: its answer has no deadline.
     static void requestRead(Connection* connection);
-    void requestRead(SoupClientContext* client);
+    /// A handler is about to get a request, whose body has been read. Null for a connection that is not known.
+    Connection* requestHandled(SoupClientContext* client, bool isRead);
+    /// The exchange is over, whether or not the client has the answer. Once for each: later calls have no effect.
+    static void requestFinished(Connection* connection, SoupMessage* message);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on, and
     /// `uploadSeconds` in all.
     static void bodyMoved(Connection* connection);
@@ -85,6 +108,7 @@ private:
     static void onDisconnected(SoupSocket* socket, gpointer connection);
 
     Connection* accepted(SoupClientContext* client);
+    static void settle(Connection* connection);
     void heard(quint64 number, quint32 events);
     Connection* leastUseful(Connection* newest) const;
     static bool isOverdue(const Connection& connection, gint64 now);
@@ -110,6 +134,7 @@ private:
     std::unique_ptr<Parking> m_parking;
     int m_timer = 0;
     int m_timerMilliseconds = 0;
+    ServerCounters m_counters;
     quint64 m_acceptCount = 0;
     quint64 m_acceptCountAtSweep = 0;
     bool m_waitingAtSweep = false;

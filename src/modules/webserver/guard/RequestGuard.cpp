@@ -120,9 +120,11 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
         break;
     case HeadVerdict::BadRequest:
         dbglog_warn(webserverLog(), "Refusing a malformed request head");
+        ++connection->limits->counters().malformedHeads;
         return forceBadRequest(message);
     case HeadVerdict::FieldsTooLarge:
         dbglog_warn(webserverLog(), "Refusing a request with " << head.fields << " header fields");
+        ++connection->limits->counters().longHeads;
         return refuseUnread(message, 431);
     }
     guardBody(message, head, connection);
@@ -164,11 +166,20 @@ RequestGuard::~RequestGuard()
     g_signal_handler_disconnect(m_server, m_requestStartedId);
 }
 
+void RequestGuard::setStrictTransport(int seconds)
+{
+    dbglog_scopedFunction(webserverLog());
+    m_strictTransport = seconds > 0 ? "max-age=" + QByteArray::number(seconds) : QByteArray();
+}
+
 void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClientContext* client, gpointer self)
 {
     auto* guard = static_cast<RequestGuard*>(self);
     Connection* connection = guard->m_connectionTable->requestStarted(client, message);
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
+    if (!guard->m_strictTransport.isEmpty())
+        soup_message_headers_append(
+            message->response_headers, "Strict-Transport-Security", guard->m_strictTransport.constData());
     g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);
 }

@@ -52,10 +52,15 @@ public:
     RequestGuard(const RequestGuard&) = delete;
     RequestGuard& operator=(const RequestGuard&) = delete;
 
+    /// All answers from now on say that the next `seconds` are for HTTPS alone (RFC 6797); 0: they do not. For a server
+    /// of HTTPS: over plain HTTP nobody may say so.
+    void setStrictTransport(int seconds);
+
 private:
     static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
 
     SoupServer* m_server;
     ConnectionTable* m_connectionTable;
     gulong m_requestStartedId;
+    QByteArray m_strictTransport; ///< The field's value; empty: none.
 };

@@ -25,6 +25,7 @@ QSharedPointer<FetchBudget::Share> FetchBudget::admit(const QString& client)
 {
     if (m_all.fetches >= m_limits.fetches || m_clients.value(client).fetches >= m_limits.fetchesPerClient)
         return {};
+    ++m_admitted;
     return QSharedPointer<Share>::create(sharedFromThis(), client);
 }
 

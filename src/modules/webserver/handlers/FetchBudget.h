@@ -38,6 +38,9 @@ public:
     /// Null when no fetch is left, or none for this client.
     QSharedPointer<Share> admit(const QString& client);
 
+    int underWay() const { return m_all.fetches; }
+    qint64 finished() const { return m_admitted - m_all.fetches; } ///< Ever, however they ended.
+
 private:
     struct Use {
         int fetches = 0;
@@ -48,5 +51,6 @@ private:
 
     Limits m_limits;
     Use m_all;
+    qint64 m_admitted = 0;
     QHash<QString, Use> m_clients; ///< Those that have any.
 };

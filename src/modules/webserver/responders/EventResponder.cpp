@@ -32,6 +32,8 @@ EventResponder::EventResponder(Request& request, const QString& path,
 
 EventResponder::~EventResponder()
 {
+    if (m_pollToken)
+        m_shared->pollEnded();
     if (m_polled)
         m_polled->giveUp(m_pollToken);
 }
@@ -93,6 +95,7 @@ void EventResponder::pollQueue()
     m_shared->delivery()->settle(queue);
     const int timeout = data.timeout < 0 ? DefaultTimeout : data.timeout;
     m_polled = queue;
+    m_shared->pollBegan();
     m_pollToken = queue->poll(new CMEventQueueHttpRequest(this, queue), timeout, data.received);
 }
 

@@ -10,6 +10,7 @@ EventResponderShared::EventResponderShared(int queuesPerClient)
 
 void EventResponderShared::addQueue(const QString& queueId, const QString& client)
 {
+    ++m_queues;
     if (client.isEmpty())
         return;
     m_clients.insert(queueId, client);
@@ -19,6 +20,7 @@ void EventResponderShared::addQueue(const QString& queueId, const QString& clien
 void EventResponderShared::on_queue_expired(const QString& queueId)
 {
     dbglog_trace(webserverLog(), "Removing expired queue id: " << queueId << " from queueId legacy path set");
+    --m_queues;
     m_legacyQueues.remove(queueId);
     const QString client = m_clients.take(queueId);
     if (!client.isEmpty() && --m_queueCounts[client] == 0)

@@ -24,6 +24,11 @@ public:
     /// Whether `client` may make another queue; an empty one, the device itself, may always.
     bool hasRoomFor(const QString& client) const { return m_queueCounts.value(client) < m_queuesPerClient; }
     void addQueue(const QString& queueId, const QString& client);
+    int queues() const { return m_queues; }
+
+    void pollBegan() { ++m_polls; }
+    void pollEnded() { --m_polls; }
+    int polls() const { return m_polls; } ///< That wait.
 
 private:
     void on_queue_expired(const QString& queueId);
@@ -32,6 +37,8 @@ private:
     EventDelivery m_delivery;
     QSet<QString> m_legacyQueues;
     int m_queuesPerClient;
+    int m_queues = 0;
+    int m_polls = 0;
     QHash<QString, QString> m_clients; ///< By queue; without those of the device itself.
     QHash<QString, int> m_queueCounts; ///< By client.
 };

@@ -46,6 +46,9 @@ void ResponderConfiguration::authFailBlock(Responder* responder, int requestId)
         dbglog_trace(webserverLog(), "done blocking");
         Q_EMIT responder->finished(requestId);
     });
+    ++m_failures;
+    ++*m_heldAnswers;
+    QObject::connect(timer, &QObject::destroyed, [held = m_heldAnswers] { --*held; });
     timer->start(static_cast<int>(std::min<qint64>(delay, std::numeric_limits<int>::max())));
     m_blockedUntil = now + delay;
     // The delay need not be secret, only spread out.

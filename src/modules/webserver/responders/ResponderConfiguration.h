@@ -37,6 +37,8 @@ public:
     /// leaves.
     void authFailBlock(Responder* responder, int requestId);
     void authFailReset();
+    int heldAnswers() const { return *m_heldAnswers; } ///< By authFailBlock(), at this moment.
+    qint64 failures() const { return m_failures; } ///< That were ever held back.
 
     /// Whether the clock of that client is worth a warning in the log: once a minute each, and for a hundred clients in
     /// one minute, however many there are.
@@ -49,6 +51,8 @@ private:
     int m_maximumRows = 1000;
     qint32 m_nextDelay = 0; ///< Milliseconds.
     qint64 m_blockedUntil = 0; ///< Milliseconds of the monotonic clock.
+    std::shared_ptr<int> m_heldAnswers = std::make_shared<int>(0); ///< Of responders, some of which end later.
+    qint64 m_failures = 0;
     QSet<QString> m_warnedOfClock; ///< In this minute.
     qint64 m_warnedMinute = 0;
     std::unique_ptr<CMValueItem> m_analyticsEnabled;

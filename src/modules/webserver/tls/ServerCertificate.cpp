@@ -58,6 +58,12 @@ GTlsCertificate* ServerCertificate::load(const QString& certificatePem, const QS
     return certificate;
 }
 
+std::time_t ServerCertificate::end() const
+{
+    dbglog_scopedFunction(webserverLog());
+    return certificateEnd(m_useDeviceCert ? m_deviceCertificate.certificatePem() : m_certificatePem.toUtf8());
+}
+
 void ServerCertificate::updateIpAddresses(const QSet<QString>& addresses)
 {
     dbglog_scopedFunction(webserverLog());

@@ -8,6 +8,8 @@
 
 #include <gio/gio.h>
 
+#include <ctime>
+
 #include "DeviceCertificate.h"
 
 /// The HTTPS server, as its certificate knows it.
@@ -37,6 +39,8 @@ public:
     bool isDeviceCert() const { return m_useDeviceCert; }
     /// Still without the certificate that updateIpAddresses() makes.
     bool isMissing() const { return m_useDeviceCert && m_deviceCertificate.certificateFile().isEmpty(); }
+    /// When the one that is served ends, in seconds since the epoch; 0 when there is none.
+    std::time_t end() const;
     bool waitsForAddresses() const { return m_useDeviceCert && !m_addressesKnown; }
     /// What the server serves from its first start on; the caller owns it. Null, with the reason in `error` and logged,
     /// when the two texts cannot serve.
