@@ -85,6 +85,20 @@ private Q_SLOTS:
             post + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkedWrite() + "0\r\n\r\n",
             400, true);
         row("chunks", post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", 400, true);
+        const QByteArray field = get + "Host: x\r\n";
+        row("a space before the colon", field + "X : v\r\n\r\n", 400, true);
+        row("no name", field + ": v\r\n\r\n", 400, true);
+        row("no colon", field + "X\r\n\r\n", 400, true);
+        row("no colon, between others", field + "X: 1\r\nHost\r\nY: 2\r\n\r\n", 400, true);
+        row("folded before the first field", get + " X: v\r\nHost: x\r\n\r\n", 400, true);
+        row("folded", field + "X: a\r\n\tb\r\n\r\n", 400, true);
+        row("hidden chunks beside a length", post + "Content-Length: 2\r\nTransfer-Encoding : chunked\r\n\r\n{}", 400,
+            true);
+        row("a lone carriage return", field + "X: a\rY: b\r\n\r\n", 400, true);
+        row("behind a good one and its body", field + "Content-Length: 2\r\n\r\n: " + field + "X : v\r\n\r\n", 200,
+            true);
+        row("behind a good one", field + "\r\n" + field + "\r\n", 200, false);
+        row("line feeds alone, after an empty line", "\r\nGET " + Counter + " HTTP/1.1\nHost: x\n\n", 200, false);
         row("body over the limit, not sent", post + "Content-Length: 4097\r\n\r\n", 413, true);
         row("body over the limit, announced", post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n", 413,
             true);

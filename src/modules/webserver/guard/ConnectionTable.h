@@ -11,6 +11,7 @@
 #include "ServerLimits.h"
 #include "SocketWatch.h"
 
+class HeadScanner;
 class Parking;
 
 /// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
@@ -31,6 +32,8 @@ public:
         quint64 number = 0; ///< Never used again, unlike the pointers.
         SoupSocket* socket = nullptr; ///< Not owned.
         GSocket* gsocket = nullptr; ///< Not owned.
+        HeadScanner* heads = nullptr; ///< Sees what the library reads; not owned.
+        int requests = 0; ///< How many the library has begun to read.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
         State state = ReadingHead;
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
