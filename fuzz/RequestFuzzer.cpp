@@ -55,14 +55,16 @@ void compareWithLibrary(const QByteArray& head, qint64 contentLength)
 }
 
 /// The first head is the same in one piece and byte by byte.
-void readHead(const QByteArray& text)
+void readHead(QByteArray text)
 {
     HeadScanner cut;
     int end = 0;
-    while (end < text.size() && cut.wellFormed() == 0)
-        cut.feed(text.constData() + end++, 1);
+    bool isShown = true;
+    for (QByteArray bytes = text; isShown && end < bytes.size() && cut.wellFormed() == 0;)
+        isShown = cut.feed(bytes.data() + end++, 1);
     HeadScanner whole;
-    whole.feed(text.constData(), end);
+    if (!whole.feed(text.data(), end) || !isShown)
+        return;
     expect(whole.wellFormed() == cut.wellFormed() && whole.contentLength() == cut.contentLength());
     if (whole.wellFormed() == 1)
         compareWithLibrary(text.left(end - (text.mid(end - 2, 1) == "\r" ? 2 : 1)), whole.contentLength());

@@ -129,6 +129,23 @@ private Q_SLOTS:
         }
     }
 
+    // The library keeps each for good.
+    void namesOfFieldsTakeNoMemory()
+    {
+        HttpConnection connection(m_device->port());
+        qint64 resident = 0;
+        for (int request = 0; request < 1000; ++request) {
+            QByteArray lines;
+            for (int i = 0; i < 98; ++i)
+                lines += 'N' + QByteArray::number(request * 98 + i).leftJustified(60, 'n') + ": 1\r\n";
+            connection.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n" + lines + "\r\n");
+            QCOMPARE(connection.readReply().status, 200);
+            if (request == 100)
+                resident = m_device->kilobytes("VmRSS:");
+        }
+        QVERIFY(m_device->kilobytes("VmRSS:") - resident < 2048);
+    }
+
     void nothingAfterChunksIsTakenForARequest()
     {
         HttpConnection connection(m_device->port());

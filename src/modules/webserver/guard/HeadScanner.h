@@ -14,9 +14,13 @@
 ///
 /// A line that ends without a carriage return is one, as in the library. Bodies are skipped by their Content-Length;
 /// behind a chunked one no request is expected.
+///
+/// The library also keeps every field's name that it is shown, for good. So it is shown a bounded number of them in the
+/// life of the process, and in place of another it finds the field X, with the rest of the name before the value.
 class HeadScanner {
 public:
-    void feed(const char* data, qsizetype length);
+    /// May write to `data`. False when the library must not see it: then the connection has to end.
+    bool feed(char* data, qsizetype length);
     /// How many heads have come whole, none of them malformed. It counts no further after a malformed one.
     int wellFormed() const { return m_wellFormed; }
     /// Of the last head that was counted.
@@ -30,14 +34,16 @@ private:
         Over, ///< After a malformed head, and behind one whose body ends nobody knows where.
     };
 
-    const char* takeLine(const char* begin, const char* end);
-    void readLine(const char* begin, const char* end);
-    bool readField(const char* begin, const char* end);
+    char* takeLine(char* begin, char* end);
+    bool readLine(const char* begin, const char* end);
+    bool readField(const char* begin, const char* end, bool* isAdmitted);
     bool readContentLength(const char* begin, const char* end);
     void endHead();
 
     State m_state = BeforeHead;
+    bool m_isMalformed = false;
     bool m_isChunked = false;
+    bool m_isHidden = false; ///< What the library must not see has come.
     int m_wellFormed = 0;
     qint64 m_contentLength = -1; ///< -1: no such field.
     qint64 m_bodyLeft = 0;

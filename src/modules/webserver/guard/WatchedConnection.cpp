@@ -38,24 +38,26 @@ WatchedInput* watched(void* stream)
     return static_cast<WatchedInput*>(stream);
 }
 
-gssize show(void* stream, const void* buffer, gssize count)
+gssize show(void* stream, void* buffer, gssize count, GError** error)
 {
     Watch* watch = watched(stream)->watch;
-    if (count > 0 && watch->isWanted && watch->shown == stream)
-        watch->scanner.feed(static_cast<const char*>(buffer), count);
-    return count;
+    if (count <= 0 || !watch->isWanted || watch->shown != stream
+        || watch->scanner.feed(static_cast<char*>(buffer), count))
+        return count;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "Not to be shown to the library");
+    return -1;
 }
 
 gssize read(GInputStream* stream, void* buffer, gsize count, GCancellable* cancellable, GError** error)
 {
     GInputStream* below = watched(stream)->parent.base_stream;
-    return show(stream, buffer, g_input_stream_read(below, buffer, count, cancellable, error));
+    return show(stream, buffer, g_input_stream_read(below, buffer, count, cancellable, error), error);
 }
 
 gssize readNonblocking(GPollableInputStream* stream, void* buffer, gsize count, GError** error)
 {
     const WatchedInput* input = watched(stream);
-    return show(stream, buffer, input->belowCalls->read_nonblocking(input->below, buffer, count, error));
+    return show(stream, buffer, input->belowCalls->read_nonblocking(input->below, buffer, count, error), error);
 }
 
 gboolean isReadable(GPollableInputStream* stream)
