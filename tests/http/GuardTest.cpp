@@ -85,6 +85,20 @@ private Q_SLOTS:
             post + "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n\r\n" + chunkedWrite() + "0\r\n\r\n",
             400, true);
         row("chunks", post + "Transfer-Encoding: chunked\r\n\r\n2\r\n{}\r\n0\r\n\r\n", 400, true);
+        const QByteArray field = get + "Host: x\r\n";
+        row("a space before the colon", field + "X : v\r\n\r\n", 400, true);
+        row("no name", field + ": v\r\n\r\n", 400, true);
+        row("no colon", field + "X\r\n\r\n", 400, true);
+        row("no colon, between others", field + "X: 1\r\nHost\r\nY: 2\r\n\r\n", 400, true);
+        row("folded before the first field", get + " X: v\r\nHost: x\r\n\r\n", 400, true);
+        row("folded", field + "X: a\r\n\tb\r\n\r\n", 400, true);
+        row("hidden chunks beside a length", post + "Content-Length: 2\r\nTransfer-Encoding : chunked\r\n\r\n{}", 400,
+            true);
+        row("a lone carriage return", field + "X: a\rY: b\r\n\r\n", 400, true);
+        row("behind a good one and its body", field + "Content-Length: 2\r\n\r\n: " + field + "X : v\r\n\r\n", 200,
+            true);
+        row("behind a good one", field + "\r\n" + field + "\r\n", 200, false);
+        row("line feeds alone, after an empty line", "\r\nGET " + Counter + " HTTP/1.1\nHost: x\n\n", 200, false);
         row("body over the limit, not sent", post + "Content-Length: 4097\r\n\r\n", 413, true);
         row("body over the limit, announced", post + "Expect: 100-continue\r\nContent-Length: 99999\r\n\r\n", 413,
             true);
@@ -113,6 +127,23 @@ private Q_SLOTS:
                 QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
             QCOMPARE(connection.isClosedWithin(closed ? 1000 : 200), closed);
         }
+    }
+
+    // The library keeps each for good.
+    void namesOfFieldsTakeNoMemory()
+    {
+        HttpConnection connection(m_device->port());
+        qint64 resident = 0;
+        for (int request = 0; request < 1000; ++request) {
+            QByteArray lines;
+            for (int i = 0; i < 98; ++i)
+                lines += 'N' + QByteArray::number(request * 98 + i).leftJustified(60, 'n') + ": 1\r\n";
+            connection.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n" + lines + "\r\n");
+            QCOMPARE(connection.readReply().status, 200);
+            if (request == 100)
+                resident = m_device->kilobytes("VmRSS:");
+        }
+        QVERIFY(m_device->kilobytes("VmRSS:") - resident < 2048);
     }
 
     void nothingAfterChunksIsTakenForARequest()

@@ -87,11 +87,14 @@ private Q_SLOTS:
         QProcess client;
         client.start("openssl", { "s_client", "-quiet", "-connect", QStringLiteral("127.0.0.1:%1").arg(m_port) });
         const QByteArray request = "GET " + Value + " HTTP/1.1\r\nHost: x\r\n\r\n";
-        for (const QByteArray& part : { request, request.left(30), request.mid(30) }) {
+        const QByteArray malformed = "GET / HTTP/1.1\r\nHost: x\r\nX : v\r\n\r\n";
+        for (const QByteArray& part : { request, request.left(30), request.mid(30), malformed }) {
             client.write(part);
             QTest::qWait(700);
         }
-        QCOMPARE(client.readAllStandardOutput().count("HTTP/1.1 200"), 2);
+        const QByteArray answers = client.readAllStandardOutput();
+        QCOMPARE(answers.count("HTTP/1.1 200"), 2);
+        QCOMPARE(answers.count("HTTP/1.1 400"), 1); // The guard sees what was decrypted.
         client.kill();
         client.waitForFinished();
     }

@@ -17,6 +17,7 @@
 #include <QVector>
 
 #include "Parking.h"
+#include "WatchedConnection.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -92,6 +93,7 @@ void ConnectionTable::start(SoupServerListenOptions options)
 {
     dbglog_scopedFunction(webserverLog());
     m_options = options;
+    WatchedConnection::install((options & SOUP_SERVER_LISTEN_HTTPS) != 0);
     scheduleSweep(IdleSweepMilliseconds);
 }
 

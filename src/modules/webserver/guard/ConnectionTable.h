@@ -12,6 +12,7 @@
 #include "ServerLimits.h"
 #include "SocketWatch.h"
 
+class HeadScanner;
 class Parking;
 
 /// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
@@ -38,6 +39,8 @@ public:
         quint64 number = 0; ///< Never used again, unlike the pointers.
         SoupSocket* socket = nullptr; ///< Not owned.
         GSocket* gsocket = nullptr; ///< Not owned.
+        HeadScanner* heads = nullptr; ///< Sees what the library reads; not owned.
+        int requests = 0; ///< How many the library has begun to read.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
         State state = ReadingHead;
         Account account = Settled; ///< Of the last request, with the counters.

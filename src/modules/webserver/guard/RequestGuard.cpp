@@ -5,6 +5,8 @@
 
 #include "BodyGuard.h"
 #include "ConnectionTable.h"
+#include "HeadScanner.h"
+#include "WatchedConnection.h"
 #include "WebserverLog.h"
 
 namespace {
@@ -35,9 +37,16 @@ bool isContentLength(const QByteArray& value)
         && std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-RequestHead headOf(SoupMessage* message)
+// Pipelined heads may have come already.
+bool isMalformed(const Connection* connection)
+{
+    return connection->heads && connection->heads->wellFormed() < connection->requests;
+}
+
+RequestHead headOf(SoupMessage* message, const Connection* connection)
 {
     RequestHead head;
+    head.isMalformed = isMalformed(connection);
     head.method = QByteArray(message->method);
     SoupMessageHeadersIter iterator;
     const char* name = nullptr;
@@ -114,7 +123,7 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
     if (connection->limits->isDraining())
         return soup_server_pause_message(connection->limits->server(), message);
     breakRecursion(message, connection);
-    const RequestHead head = headOf(message);
+    const RequestHead head = headOf(message, connection);
     switch (examineHead(head, connection->limits->limits())) {
     case HeadVerdict::Accept:
         break;
@@ -137,8 +146,9 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
 HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
 {
     dbglog_scopedFunction(webserverLog());
-    // The method first: a refusal that reads on would let the library act on CONNECT.
-    if (head.method.isEmpty() || head.method.size() > MaximumMethodLength || head.method == "CONNECT")
+    // These first: a refusal that reads on would let the library act on CONNECT, or on a body of another length.
+    if (head.isMalformed || head.method.isEmpty() || head.method.size() > MaximumMethodLength
+        || head.method == "CONNECT")
         return HeadVerdict::BadRequest;
     if (head.fields > limits.headerCount)
         return HeadVerdict::FieldsTooLarge;
@@ -176,6 +186,8 @@ void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClien
 {
     auto* guard = static_cast<RequestGuard*>(self);
     Connection* connection = guard->m_connectionTable->requestStarted(client, message);
+    if (connection->requests++ == 0 && connection->gsocket)
+        connection->heads = WatchedConnection::watch(connection->gsocket);
     // For the library's own error answers too.
     soup_message_headers_append(message->response_headers, "X-Robots-Tag", "noindex");
     if (!guard->m_strictTransport.isEmpty())

@@ -9,6 +9,7 @@ struct ServerLimits;
 
 /// What decides on a request's head, counted from its fields.
 struct RequestHead {
+    bool isMalformed = false; ///< As it was sent: the library may have dropped what was wrong with it.
     QByteArray method;
     QByteArray host; ///< The last one.
     int hostFields = 0;
@@ -33,6 +34,7 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
 /// as it was.
 ///
 /// | request                                       | the library alone              | here                      |
+/// | a line that is no field (HeadScanner)         | dropped, or made another field | 400, closed               |
 /// | CONNECT                                       | null pointer                   | 400, closed               |
 /// | thousands pipelined on one connection         | recursion, stack overflow      | one at a time, all        |
 /// | several Host, or one that is no host          | the last, pasted into the URI  | 400, closed               |

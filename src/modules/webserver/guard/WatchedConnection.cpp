@@ -1,0 +1,183 @@
+#include "WatchedConnection.h"
+
+#include "HeadScanner.h"
+
+namespace {
+
+/// Of a socket.
+struct Watch {
+    HeadScanner scanner;
+    bool isWanted = false;
+    const void* shown = nullptr; ///< The stream whose bytes are, of one over the other.
+};
+
+GQuark watchKey()
+{
+    static const GQuark key = g_quark_from_static_string("zark-head-scanner");
+    return key;
+}
+
+Watch* watchOf(GSocket* socket)
+{
+    return static_cast<Watch*>(g_object_get_qdata(G_OBJECT(socket), watchKey()));
+}
+
+// ---- The stream: reads as the one below does, and shows what it has read.
+
+// Of the stream below, the functions themselves are called: whoever reads has checked the arguments already.
+struct WatchedInput {
+    GFilterInputStream parent;
+    GPollableInputStream* below;
+    GPollableInputStreamInterface* belowCalls;
+    GSocket* socket; ///< A reference.
+    Watch* watch; ///< The socket's.
+};
+
+WatchedInput* watched(void* stream)
+{
+    return static_cast<WatchedInput*>(stream);
+}
+
+gssize show(void* stream, void* buffer, gssize count, GError** error)
+{
+    Watch* watch = watched(stream)->watch;
+    if (count <= 0 || !watch->isWanted || watch->shown != stream
+        || watch->scanner.feed(static_cast<char*>(buffer), count))
+        return count;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "Not to be shown to the library");
+    return -1;
+}
+
+gssize read(GInputStream* stream, void* buffer, gsize count, GCancellable* cancellable, GError** error)
+{
+    GInputStream* below = watched(stream)->parent.base_stream;
+    return show(stream, buffer, g_input_stream_read(below, buffer, count, cancellable, error), error);
+}
+
+gssize readNonblocking(GPollableInputStream* stream, void* buffer, gsize count, GError** error)
+{
+    const WatchedInput* input = watched(stream);
+    return show(stream, buffer, input->belowCalls->read_nonblocking(input->below, buffer, count, error), error);
+}
+
+gboolean isReadable(GPollableInputStream* stream)
+{
+    return watched(stream)->belowCalls->is_readable(watched(stream)->below);
+}
+
+// The source is that of the stream below: one around it would be another for the main loop to look at on each turn.
+GSource* createSource(GPollableInputStream* stream, GCancellable* cancellable)
+{
+    return watched(stream)->belowCalls->create_source(watched(stream)->below, cancellable);
+}
+
+void finalize(GObject* object)
+{
+    static auto* const parent = static_cast<GObjectClass*>(g_type_class_peek(G_TYPE_FILTER_INPUT_STREAM));
+    g_object_unref(reinterpret_cast<WatchedInput*>(object)->socket);
+    parent->finalize(object);
+}
+
+void initClass(gpointer klass, gpointer)
+{
+    G_OBJECT_CLASS(klass)->finalize = finalize;
+    G_INPUT_STREAM_CLASS(klass)->read_fn = read;
+}
+
+void initPollable(gpointer interface, gpointer)
+{
+    auto* pollable = static_cast<GPollableInputStreamInterface*>(interface);
+    pollable->is_readable = isReadable;
+    pollable->create_source = createSource;
+    pollable->read_nonblocking = readNonblocking;
+}
+
+GType registerInput()
+{
+    const GType type = g_type_register_static_simple(G_TYPE_FILTER_INPUT_STREAM, "ZarkWatchedInput",
+        sizeof(GFilterInputStreamClass), initClass, sizeof(WatchedInput), nullptr, static_cast<GTypeFlags>(0));
+    const GInterfaceInfo pollable{ initPollable, nullptr, nullptr };
+    g_type_add_interface_static(type, G_TYPE_POLLABLE_INPUT_STREAM, &pollable);
+    return type;
+}
+
+/// A reference. The upper one of two streams over the same socket is made later, and shown.
+GInputStream* makeInput(GInputStream* base, GSocket* socket)
+{
+    static const GType type = registerInput();
+    if (!watchOf(socket))
+        g_object_set_qdata_full(
+            G_OBJECT(socket), watchKey(), new Watch, [](gpointer watch) { delete static_cast<Watch*>(watch); });
+    auto* input = static_cast<WatchedInput*>(g_object_new(type, "base-stream", base, nullptr));
+    input->below = G_POLLABLE_INPUT_STREAM(base);
+    input->belowCalls = G_POLLABLE_INPUT_STREAM_GET_INTERFACE(base);
+    input->socket = static_cast<GSocket*>(g_object_ref(socket));
+    input->watch = watchOf(socket);
+    input->watch->shown = input;
+    return G_INPUT_STREAM(input);
+}
+
+// ---- The connections.
+
+using GetInputStream = GInputStream* (*)(GIOStream* stream);
+
+GetInputStream originalOfTcp = nullptr;
+GetInputStream originalOfTls = nullptr;
+
+// The connection keeps the stream in front of its own as long as it lives.
+GInputStream* inputOf(GIOStream* connection, GSocket* socket, GetInputStream original)
+{
+    static const GQuark key = g_quark_from_static_string("zark-watched-input");
+    if (!socket)
+        return original(connection);
+    auto* input = static_cast<GInputStream*>(g_object_get_qdata(G_OBJECT(connection), key));
+    if (!input) {
+        input = makeInput(original(connection), socket);
+        g_object_set_qdata_full(G_OBJECT(connection), key, input, g_object_unref);
+    }
+    return input;
+}
+
+GInputStream* inputOfTcp(GIOStream* connection)
+{
+    return inputOf(connection, g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection)), originalOfTcp);
+}
+
+GInputStream* inputOfTls(GIOStream* connection)
+{
+    GIOStream* base = nullptr;
+    g_object_get(connection, "base-io-stream", &base, nullptr);
+    GSocket* socket =
+        G_IS_SOCKET_CONNECTION(base) ? g_socket_connection_get_socket(G_SOCKET_CONNECTION(base)) : nullptr;
+    GInputStream* input = inputOf(connection, socket, originalOfTls);
+    g_clear_object(&base);
+    return input;
+}
+
+// The reference to the class is kept: with the last one it would go, and what it was given with it.
+void replace(GType type, GetInputStream* original, GetInputStream replacement)
+{
+    if (*original)
+        return;
+    auto* klass = static_cast<GIOStreamClass*>(g_type_class_ref(type));
+    *original = klass->get_input_stream;
+    klass->get_input_stream = replacement;
+}
+
+} // namespace
+
+void WatchedConnection::install(bool overTls)
+{
+    replace(G_TYPE_TCP_CONNECTION, &originalOfTcp, inputOfTcp);
+    if (overTls)
+        replace(g_tls_backend_get_server_connection_type(g_tls_backend_get_default()), &originalOfTls, inputOfTls);
+}
+
+HeadScanner* WatchedConnection::watch(GSocket* socket)
+{
+    Watch* watch = watchOf(socket);
+    if (!watch)
+        return nullptr;
+    watch->isWanted = true;
+    return &watch->scanner;
+}
