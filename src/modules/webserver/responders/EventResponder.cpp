@@ -34,6 +34,8 @@ EventResponder::~EventResponder()
 {
     if (m_polled)
         m_polled->giveUp(m_pollToken);
+    if (m_pollToken)
+        m_shared->heapTrim()->pollEnded();
 }
 
 void EventResponder::respond()
