@@ -83,6 +83,21 @@ class WaitingPolls:
         return times
 
 
+def requests_in(server, target, seconds):
+    """The answers that one client gets in so many seconds to the same request, one after another on one connection."""
+    request = f"GET {target} HTTP/1.1\r\nHost: localhost\r\n\r\n".encode()
+    count = 0
+    with socket.create_connection(("127.0.0.1", server.port)) as client:
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            client.sendall(request)
+            text = b""
+            while not text.endswith(b"]"):
+                text += client.recv(65536)
+            count += 1
+    return count
+
+
 def events_in(device, seconds):
     """The answers with an event that one client gets in so many seconds: it polls one queue on one connection, and the
     node is written again as soon as the answer to it is there."""

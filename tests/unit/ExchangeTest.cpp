@@ -192,6 +192,32 @@ private Q_SLOTS:
         QTRY_VERIFY(answered);
     }
 
+    void aListenerIsNotTakenForDeadWhileTheLoopIsBusy()
+    {
+        const auto port = quint16(m_server->listeningPort());
+        QTcpSocket first;
+        first.connectToHost(QHostAddress::LocalHost, port);
+        QTcpSocket late;
+        QTimer busy; // In each turn of the loop, before the server's own timer.
+        int turn = -10;
+        connect(&busy, &QTimer::timeout, this, [&] {
+            if (++turn == 2)
+                late.connectToHost(QHostAddress::LocalHost, port);
+            if (turn == 2)
+                QVERIFY(late.waitForConnected());
+            if (turn == 1 || turn == 2)
+                QThread::msleep(600);
+        });
+        busy.start(0);
+        const auto listeners = [this] {
+            g_autoptr(GSList) list = soup_server_get_listeners(m_server->soupServer());
+            return g_slist_length(list);
+        };
+        const uint before = listeners();
+        QTRY_VERIFY(turn > 10);
+        QCOMPARE(listeners(), before);
+    }
+
 private:
     void ask(QTcpSocket* client, const QByteArray& target, const QByteArray& json = {}) const
     {

@@ -22,6 +22,7 @@ namespace {
 constexpr int ApplicationId = 0x5a61726b; // "Zark"
 constexpr int Version = 1;
 constexpr mode_t OwnerOnly = 0600;
+constexpr int PagesAtOnce = 4;
 
 /// A prepared statement that is finalised on every way out.
 class Statement {
@@ -237,6 +238,10 @@ CMDatabase::Opening CMDatabase::openFile(QString* error)
 
 CMDatabase::Opening CMDatabase::connectFile(QString* error)
 {
+    // The library would take room for twenty pages at once; a few are all that is ever used here. Refused, and no
+    // matter, when somebody else in the process uses it already.
+    static const int configured = sqlite3_config(SQLITE_CONFIG_PAGECACHE, nullptr, 0, PagesAtOnce);
+    Q_UNUSED(configured)
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_PRIVATECACHE;
     if (sqlite3_open_v2(QFile::encodeName(m_file).constData(), &m_connection, flags, nullptr) != SQLITE_OK)
         return failed(error);

@@ -1,11 +1,11 @@
 #include "CMEventQueue.h"
 
-#include <QMetaObject>
 #include <QTimerEvent>
 
 #include <algorithm>
 #include <utility>
 
+#include "CMEventQueueManager.h"
 #include "CMUINode.h"
 #include "ZarkRoles.h"
 
@@ -34,8 +34,8 @@ CMEventQueue::Type CMEventQueue::typeOf(const ZarkEventSubscribe& subscription)
     return subscription.type() == QLatin1String("rows") ? Rows : Item;
 }
 
-CMEventQueue::CMEventQueue(CMNodeTree* tree, int expiryMs, QObject* parent)
-    : QObject(parent), m_tree(tree), m_expiryMs(expiryMs)
+CMEventQueue::CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueManager* manager)
+    : QObject(manager), m_manager(manager), m_tree(tree), m_expiryMs(expiryMs)
 {
     startTimer();
 }
@@ -190,7 +190,7 @@ void CMEventQueue::answerSoon()
         return;
     // Not now: a change is often one of several, and this may be in the middle of a node's.
     m_answersSoon = true;
-    QMetaObject::invokeMethod(this, &CMEventQueue::answerChanges, Qt::QueuedConnection);
+    m_manager->answerSoon(this);
 }
 
 void CMEventQueue::answerChanges()
@@ -267,5 +267,5 @@ void CMEventQueue::timerEvent(QTimerEvent* event)
     if (m_waiting)
         answer(takeEvents());
     else
-        Q_EMIT expired();
+        m_manager->remove(this);
 }

@@ -14,6 +14,8 @@
 #include "ZarkEvent.h"
 #include "ZarkList.h"
 
+class CMEventQueueManager;
+
 /// What changed since one client's last poll. Made by CMEventQueueManager, which deletes it from the event loop when it
 /// expires: hold a QPointer, or ask the manager by id. Everything happens on the event loop's thread.
 ///
@@ -83,13 +85,10 @@ public:
     /// The answer to that poll did not arrive; the next poll gets its changes. Otherwise no effect, as confirm().
     void restore(quint64 token);
 
-Q_SIGNALS:
-    void expired();
-
 private:
     friend class CMEventQueueManager;
 
-    CMEventQueue(CMNodeTree* tree, int expiryMs, QObject* parent);
+    CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueManager* manager);
 
     enum Type { Item = 1, Rows = 2 };
 
@@ -121,6 +120,7 @@ private:
     void timerEvent(QTimerEvent* event) override;
 
     QUuid m_id = QUuid::createUuid();
+    CMEventQueueManager* m_manager; ///< The parent.
     CMNodeTree* m_tree;
     int m_expiryMs;
     int m_timeoutMs = 0;

@@ -1,6 +1,7 @@
 #include "CMEventQueueManager.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "ApiLogger.h"
 #include "CMNodeTree.h"
@@ -114,7 +115,6 @@ CMEventQueue* CMEventQueueManager::createQueue()
 {
     auto* queue = new CMEventQueue(CMRoot()->tree(), m_expiryMs, this);
     m_queues.insert(queue->id(), queue);
-    connect(queue, &CMEventQueue::expired, this, [this, queue] { remove(queue); });
     return queue;
 }
 
@@ -124,4 +124,21 @@ void CMEventQueueManager::remove(CMEventQueue* queue)
     queue->deleteLater();
     dbglog_debug(apiLogger(), "Event queue expired: " << queue->textId());
     Q_EMIT expired(queue->textId());
+}
+
+// One event for all, as many clients wait for the same node: each event wakes the loop by a system call.
+void CMEventQueueManager::answerSoon(CMEventQueue* queue)
+{
+    if (m_due.isEmpty())
+        QMetaObject::invokeMethod(this, &CMEventQueueManager::answerDue, Qt::QueuedConnection);
+    m_due.append(queue);
+}
+
+void CMEventQueueManager::answerDue()
+{
+    const auto due = std::exchange(m_due, {});
+    for (const QPointer<CMEventQueue>& queue : due) {
+        if (queue)
+            queue->answerChanges();
+    }
 }

@@ -2,8 +2,10 @@
 
 #include <QHash>
 #include <QObject>
+#include <QPointer>
 #include <QSet>
 #include <QUuid>
+#include <QVector>
 
 #include "CMEventQueue.h"
 #include "ZarkEvent.h"
@@ -47,6 +49,8 @@ Q_SIGNALS:
     void expired(const QString& queueId);
 
 private:
+    friend class CMEventQueue;
+
     struct Change {
         ZarkList<ZarkEventSubscribe> added; ///< Each once, and not subscribed yet.
         ZarkList<ZarkEventSubscribe> removed; ///< Each once, and subscribed.
@@ -58,9 +62,14 @@ private:
     bool isAcceptable(const ZarkList<ZarkEventSubscribe>& list) const;
     bool isWithinLimits(int current, const Change& change) const;
     CMEventQueue* createQueue();
+    /// The queue has expired.
     void remove(CMEventQueue* queue);
+    /// Answers what waits for the queue from the next turn of the event loop.
+    void answerSoon(CMEventQueue* queue);
+    void answerDue();
 
     QHash<QUuid, CMEventQueue*> m_queues;
+    QVector<QPointer<CMEventQueue>> m_due; ///< To be answered.
     int m_expiryMs = DefaultExpiryMs;
     bool m_shutDown = false;
 };

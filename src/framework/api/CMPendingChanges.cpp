@@ -61,6 +61,9 @@ QVector<CMPathChanges> CMPendingChanges::take(const std::function<bool(const CMP
         taken.append(m_changes.take(path));
         m_rowEvents -= taken.last().rows.count();
     }
+    // An empty hash keeps its buckets, and most queues are empty most of the time.
+    if (m_changes.isEmpty())
+        m_changes.clear();
     return taken;
 }
 

@@ -20,7 +20,7 @@ void CMSentAnswers::confirm(quint64 token)
     if (m_clientCounts)
         return; // The connection may be wrong, the count is not.
     m_token = 0;
-    m_told.clear();
+    m_told = {};
 }
 
 QVector<CMPathChanges> CMSentAnswers::restore(quint64 token)
@@ -39,7 +39,7 @@ CMSentAnswers::Settlement CMSentAnswers::settle(qint64 received)
         settlement.outOfStep = true;
     }
     m_token = 0;
-    m_told.clear();
+    m_told = {};
     return settlement;
 }
 

@@ -128,7 +128,7 @@ void Server::start()
     GError* error = nullptr;
     m_running = soup_server_listen_all(m_soupServer, static_cast<guint>(m_port), m_listenOptions, &error);
     if (m_running) {
-        deepenBacklog();
+        prepareListeners();
         m_connectionTable->start(m_listenOptions);
         m_lastError.clear();
         dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
@@ -145,11 +145,16 @@ void Server::failed(const QString& reason)
     Q_EMIT stateChanged();
 }
 
-void Server::deepenBacklog()
+// The library leaves its listeners blocking: one that is told of a client whom somebody else has accepted would wait
+// for the next one, and everybody with it. As it is, that listener fails, and ConnectionTable starts it again.
+void Server::prepareListeners()
 {
     GSList* listeners = soup_server_get_listeners(m_soupServer);
-    for (const GSList* entry = listeners; entry; entry = entry->next)
-        ::listen(g_socket_get_fd(static_cast<GSocket*>(entry->data)), ListenBacklog);
+    for (const GSList* entry = listeners; entry; entry = entry->next) {
+        auto* listener = static_cast<GSocket*>(entry->data);
+        ::listen(g_socket_get_fd(listener), ListenBacklog);
+        g_socket_set_blocking(listener, FALSE);
+    }
     g_slist_free(listeners);
 }
 

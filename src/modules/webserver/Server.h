@@ -118,7 +118,7 @@ private:
     static SoupServer* createHttpServer();
     SoupServer* createHttpsServer();
     void failed(const QString& reason);
-    void deepenBacklog();
+    void prepareListeners();
     void dispatch(Message* message, Handler* handler);
 
     SoupServer* m_soupServer = nullptr;

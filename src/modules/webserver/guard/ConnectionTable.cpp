@@ -466,8 +466,9 @@ void ConnectionTable::closeSlowHandshakes()
     std::for_each(slow.begin(), spared, [this](Connection* connection) { doom(connection); });
 }
 
-// The library stops accepting for good when accept() fails once. A listener with a client waiting at two sweeps, and
-// none accepted in between, has stopped.
+// The library stops accepting for good when accept() fails once. A listener with a client waiting at three sweeps, and
+// none accepted in between, has stopped. Two are not enough: a sweep comes before the listeners in its turn of the
+// loop, so after a turn that took long the second sees the client that came in the middle of the first one's.
 void ConnectionTable::reviveListeners()
 {
     GSList* listeners = soup_server_get_listeners(m_server);
@@ -482,11 +483,12 @@ void ConnectionTable::reviveListeners()
         stuck.append(listener);
     }
     g_slist_free(listeners);
-    if (waiting && m_waitingAtSweep && m_acceptCount == m_acceptCountAtSweep) {
+    m_sweepsWaited = waiting && m_acceptCount == m_acceptCountAtSweep ? m_sweepsWaited + 1 : int(waiting);
+    m_acceptCountAtSweep = m_acceptCount;
+    if (m_sweepsWaited >= 3) {
+        m_sweepsWaited = 0;
         dbglog_error(webserverLog(), "A listener had stopped accepting, starting it again");
         for (GSocket* listener : qAsConst(stuck))
             soup_server_listen_socket(m_server, listener, m_options, nullptr);
     }
-    m_waitingAtSweep = waiting;
-    m_acceptCountAtSweep = m_acceptCount;
 }

@@ -140,7 +140,7 @@ private:
     ServerCounters m_counters;
     quint64 m_acceptCount = 0;
     quint64 m_acceptCountAtSweep = 0;
-    bool m_waitingAtSweep = false;
+    int m_sweepsWaited = 0; ///< In a row, a client was found waiting and none had been accepted.
     bool m_draining = false;
     std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
     std::unordered_map<quint64, Connection*> m_numbered; ///< The same.

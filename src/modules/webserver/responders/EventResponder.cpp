@@ -36,6 +36,8 @@ EventResponder::~EventResponder()
         m_shared->pollEnded();
     if (m_polled)
         m_polled->giveUp(m_pollToken);
+    if (m_pollToken)
+        m_shared->heapTrim()->pollEnded();
 }
 
 void EventResponder::respond()

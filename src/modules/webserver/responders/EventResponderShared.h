@@ -7,9 +7,10 @@
 
 #include "CMEventQueueManager.h"
 #include "EventDelivery.h"
+#include "HeapTrim.h"
 
 /// What all event responders share: the queues, which of them belong to clients that use legacy paths, which client
-/// made each, and what becomes of their answers.
+/// made each, what becomes of their answers and of their memory.
 class EventResponderShared : public QObject {
     Q_OBJECT
 public:
@@ -18,6 +19,7 @@ public:
 
     CMEventQueueManager* eventQueues() { return &m_eventQueues; }
     EventDelivery* delivery() { return &m_delivery; }
+    HeapTrim* heapTrim() { return &m_heapTrim; }
     void addLegacyQueue(const QString& queueId) { m_legacyQueues.insert(queueId); }
     bool isLegacyQueue(const QString& queueId) const { return m_legacyQueues.contains(queueId); }
 
@@ -35,6 +37,7 @@ private:
 
     CMEventQueueManager m_eventQueues;
     EventDelivery m_delivery;
+    HeapTrim m_heapTrim;
     QSet<QString> m_legacyQueues;
     int m_queuesPerClient;
     int m_queues = 0;
