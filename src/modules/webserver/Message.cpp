@@ -438,4 +438,7 @@ void Message::msg_finished_cb(SoupMessage*, gpointer self)
     Q_EMIT message->finished();
     message->disconnectGlibSignals();
     message->m_valid = false;
+    // After what its listeners put off themselves: that may still need it.
+    if (message->m_deletedWhenFinished)
+        message->deleteLater();
 }

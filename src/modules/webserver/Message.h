@@ -39,6 +39,9 @@ public:
     Message& operator=(const Message&) = delete;
     ~Message() override;
 
+    /// deleteLater() on itself as the last thing of finished().
+    void deleteWhenFinished() { m_deletedWhenFinished = true; }
+
     const MessageData& data() const { return m_data; }
     bool isValid() const { return m_valid; }
     bool isFinished() const { return m_finished; }
@@ -130,6 +133,7 @@ private:
     MessageData m_data;
     bool m_valid = true;
     bool m_finished = false;
+    bool m_deletedWhenFinished = false;
     mutable QString m_fullUri;
     mutable ZarkUrl m_url;
     mutable QueryItems m_query;

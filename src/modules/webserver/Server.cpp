@@ -8,6 +8,7 @@
 #include "HostFilter.h"
 #include "Message.h"
 #include "NotFoundHandler.h"
+#include "Request.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
 
@@ -266,17 +267,14 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
         registration->server->m_connectionTable->requestRead(client);
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
-    auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
+    auto* wrapped = new Request({ server, message, path, query, client }, 0, registration->handler);
     registration->server->dispatch(wrapped, registration->handler);
     if (wrapped->isFinished()) {
         dbglog_debug(webserverLog(), "Message already finished, deleting it directly");
         wrapped->deleteLater();
         return;
     }
-    const QMetaObject::Connection connected =
-        connect(wrapped, &Message::finished, wrapped, &QObject::deleteLater, Qt::QueuedConnection);
-    if (!connected)
-        qFatal("connection");
+    wrapped->deleteWhenFinished();
 }
 
 void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,
