@@ -52,7 +52,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     const QByteArray text(reinterpret_cast<const char*>(data), static_cast<int>(size));
     readPath(text);
-    QueryItems(text).find(QStringLiteral("path"));
+    QueryItems(QLatin1String(text)).find(QStringLiteral("path"));
     isAcceptedHost(text);
     if (!text.contains('\0') && !text.contains('\r') && !text.contains('\n')) {
         readRangeField(text);

@@ -32,6 +32,7 @@ public:
         SoupSocket* socket = nullptr; ///< Not owned.
         GSocket* gsocket = nullptr; ///< Not owned.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
+        gulong headWatch = 0; ///< What tells, meanwhile, that the head was read.
         State state = ReadingHead;
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
         gint64 deadline = 0; ///< 0: none.

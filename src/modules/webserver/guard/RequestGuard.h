@@ -53,9 +53,10 @@ public:
     RequestGuard& operator=(const RequestGuard&) = delete;
 
 private:
-    static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
+    static void onRequestStarted(GClosure* closure, GValue* nothing, guint count, const GValue* serverMessageClient,
+        gpointer hint, gpointer data);
 
     SoupServer* m_server;
     ConnectionTable* m_connectionTable;
-    gulong m_requestStartedId;
+    gulong m_requestStartedId = 0;
 };
