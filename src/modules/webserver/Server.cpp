@@ -125,10 +125,9 @@ void Server::start()
     if (m_port < 0 || m_port > MaximumPort)
         return failed(QStringLiteral("There is no such port"));
     GError* error = nullptr;
-    m_running = soup_server_listen_all(m_soupServer, static_cast<guint>(m_port), m_listenOptions, &error);
+    m_running = m_connectionTable->start(m_port, m_listenOptions, &error);
     if (m_running) {
         deepenBacklog();
-        m_connectionTable->start(m_listenOptions);
         m_lastError.clear();
         dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
         Q_EMIT stateChanged();

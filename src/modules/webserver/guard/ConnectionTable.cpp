@@ -88,11 +88,15 @@ ConnectionTable::~ConnectionTable()
         g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
 }
 
-void ConnectionTable::start(SoupServerListenOptions options)
+bool ConnectionTable::start(int port, SoupServerListenOptions options, GError** error)
 {
     dbglog_scopedFunction(webserverLog());
     m_options = options;
-    scheduleSweep(IdleSweepMilliseconds);
+    const bool listening = m_listeners.add(
+        m_server, [&] { return soup_server_listen_all(m_server, static_cast<guint>(port), options, error) != FALSE; });
+    if (listening)
+        scheduleSweep(IdleSweepMilliseconds);
+    return listening;
 }
 
 void ConnectionTable::stop()
@@ -417,7 +421,8 @@ void ConnectionTable::reviveListeners()
     if (waiting && m_waitingAtSweep && m_acceptCount == m_acceptCountAtSweep) {
         dbglog_error(webserverLog(), "A listener had stopped accepting, starting it again");
         for (GSocket* listener : qAsConst(stuck))
-            soup_server_listen_socket(m_server, listener, m_options, nullptr);
+            m_listeners.add(
+                m_server, [&] { return soup_server_listen_socket(m_server, listener, m_options, nullptr) != FALSE; });
     }
     m_waitingAtSweep = waiting;
     m_acceptCountAtSweep = m_acceptCount;

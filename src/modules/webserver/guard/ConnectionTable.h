@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Listeners.h"
 #include "ServerLimits.h"
 #include "SocketWatch.h"
 
@@ -53,7 +54,8 @@ public:
     SoupServer* server() const { return m_server; }
     const ServerLimits& limits() const { return m_limits; }
 
-    void start(SoupServerListenOptions options);
+    /// Listens on all interfaces; false, with the reason, when that is not possible.
+    bool start(int port, SoupServerListenOptions options, GError** error);
     /// To be called before the library disconnects everybody. Where there is time, endHandshakes() comes before.
     void stop();
     /// Closes the listeners and the idle connections, and each other one when its client has its answer.
@@ -105,6 +107,7 @@ private:
     ServerLimits m_limits;
     int m_maximumConnections;
     SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
+    Listeners m_listeners;
     SocketWatch m_watch;
     std::unique_ptr<Parking> m_parking;
     int m_timer = 0;
