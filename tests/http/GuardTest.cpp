@@ -325,7 +325,13 @@ private Q_SLOTS:
         std::vector<std::unique_ptr<HttpConnection>> connections;
         for (int i = 0; i < 30; ++i)
             connections.push_back(std::make_unique<HttpConnection>(device.port()));
-        QTest::qWait(300);
+        const auto processorTime = [&device] { // In nanoseconds.
+            QFile statistics(QStringLiteral("/proc/%1/schedstat").arg(device.pid()));
+            return statistics.open(QIODevice::ReadOnly) ? statistics.readAll().split(' ').first().toLongLong() : 0;
+        };
+        const qint64 before = processorTime();
+        QTest::qWait(800);
+        QVERIFY2(processorTime() - before < 200000000, qPrintable(QString::number(processorTime() - before)));
         connections.clear();
         QTRY_COMPARE_WITH_TIMEOUT(device.get(Counter).status, 200, 8000);
     }

@@ -23,6 +23,10 @@ private Q_SLOTS:
         row("UTF-8 of 2 to 4 bytes", "\"\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF4\x8F\xBF\xBF\"",
             QString::fromUtf8("\xC2\x80\xE0\xA0\x80\xED\x9F\xBF\xF4\x8F\xBF\xBF"));
         row("a byte order mark in a string stays", "\"\xEF\xBB\xBFx\"", QString(QChar(0xFEFF)) + 'x');
+        const QByteArray many = QByteArray("\xC3\xBC\\n\\\\\\\"").repeated(2000);
+        const QString whole = QString::fromUtf8("ü\n\\\"").repeated(2000);
+        row("long strings", "{\"" + many + "\":[\"\xEF\xBB\xBF" + many + R"(","\u0041)" + many + "\"]}",
+            QVariantHash{ { whole, QVariantList{ QChar(0xFEFF) + whole, 'A' + whole } } });
         row("the deepest list", QByteArray(128, '[') + QByteArray(128, ']'), QVariant());
         for (const auto& [text, value] : row) {
             ZarkError error{ QStringLiteral("left over"), 1, 1 };
@@ -69,6 +73,8 @@ private Q_SLOTS:
         add("beyond a double", "[1, 1e309]", 9);
         add("a secret", "\"SECRET\x01\"", 8);
         add("columns are characters, lines end with LF", "{\r\n \"ü😀\": x}", 8, 2);
+        add("behind a long string", "[\"" + QByteArray(5000, 'x') + "\",\n x]", 2, 2);
+        add("half a character in a long string", '"' + QByteArray(5000, 'x') + "\xC3\"", 5003);
         add("one level too deep", QByteArray(129, '[') + QByteArray(129, ']'), 129);
         add("a million levels", QByteArray("{\"a\":").repeated(1000000), 128 * 5 + 1);
         for (const auto& [text, place] : row) {

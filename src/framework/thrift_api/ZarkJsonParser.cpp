@@ -12,6 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "JsonLongString.h"
+
 namespace {
 
 using Json = nlohmann::json;
@@ -33,7 +35,64 @@ QString textOf(const std::string& utf8)
     return QChar(QChar::ByteOrderMark) + QString::fromUtf8(utf8.data() + ByteOrderMarkSize, size - ByteOrderMarkSize);
 }
 
-/// Goes through the text for the library, whose events do not say where they happened.
+/// The text, and how much of it the library has read: its events do not say where they happened. A long string it gets
+/// to see as an empty one, whose text is here.
+class Reading {
+public:
+    Reading(const char* begin, const char* end)
+        : m_end(end), m_place(begin), m_stringEnd(end - begin < LongString ? end : begin)
+    {
+    }
+
+    const char* const& place() const { return m_place; }
+    bool isAtEnd() const { return m_place == m_end; }
+    void advance()
+    {
+        if (*m_place++ == '"' && m_place > m_stringEnd)
+            beginString();
+    }
+    /// Of the string that the library has just read.
+    QString take(const std::string& utf8) { return m_long.isNull() ? textOf(utf8) : std::exchange(m_long, QString()); }
+    std::ptrdiff_t passedBy() const { return m_passedBy; } ///< Bytes that the library has not seen.
+
+private:
+    static constexpr std::ptrdiff_t LongString = 4096;
+
+    const char* endOfString() const; ///< Null without one.
+    void beginString();
+
+    const char* const m_end;
+    const char* m_place; // Behind what the library has read.
+    const char* m_stringEnd; // Behind the string that it reads, or read last.
+    QString m_long;
+    std::ptrdiff_t m_passedBy = 0;
+};
+
+const char* Reading::endOfString() const
+{
+    const auto isSpecial = [](char c) {
+        return c == '"' || c == '\\';
+    };
+    const char* p = std::find_if(m_place, m_end, isSpecial);
+    while (m_end - p > 2 && *p == '\\')
+        p = std::find_if(p + 2, m_end, isSpecial);
+    return p != m_end && *p == '"' ? p : nullptr;
+}
+
+void Reading::beginString()
+{
+    const char* const quote = endOfString();
+    m_stringEnd = quote ? quote + 1 : m_end;
+    if (!quote || quote - m_place < LongString)
+        return;
+    m_long = readLongJsonString(m_place, quote);
+    if (m_long.isNull())
+        return;
+    m_passedBy += quote - m_place;
+    m_place = quote;
+}
+
+/// Goes through the text for the library.
 class Cursor {
 public:
     using iterator_category = std::input_iterator_tag;
@@ -42,26 +101,27 @@ public:
     using pointer = const char*;
     using reference = const char&;
 
-    explicit Cursor(const char** place) : m_place(place) { }
+    Cursor() = default; ///< Stands at the end.
+    explicit Cursor(Reading* reading) : m_reading(reading) { }
 
-    reference operator*() const { return **m_place; }
+    reference operator*() const { return *m_reading->place(); }
     Cursor& operator++()
     {
-        ++*m_place;
+        m_reading->advance();
         return *this;
     }
-    bool operator==(const Cursor& other) const { return *m_place == *other.m_place; }
-    bool operator!=(const Cursor& other) const { return !(*this == other); }
+    bool operator==(const Cursor&) const { return m_reading->isAtEnd(); }
+    bool operator!=(const Cursor&) const { return !m_reading->isAtEnd(); }
 
 private:
-    const char** m_place;
+    Reading* m_reading = nullptr;
 };
 
 /// Makes a value of the library's events; an event that returns false ends the reading.
 class Builder {
 public:
     Builder(const QByteArray& utf8, bool recordLines, int maximumValues)
-        : m_begin(utf8.constData()), m_end(m_begin + utf8.size()), m_place(m_begin), m_counted(m_begin),
+        : m_begin(utf8.constData()), m_end(m_begin + utf8.size()), m_reading(m_begin, m_end), m_counted(m_begin),
           m_recordLines(recordLines), m_valuesLeft(maximumValues)
     {
         m_levels.reserve(8);
@@ -76,7 +136,7 @@ public:
     bool number_integer(qint64 number);
     bool number_unsigned(quint64 number);
     bool number_float(double number, const std::string&) { return add(number); }
-    bool string(const std::string& utf8) { return add(textOf(utf8)); }
+    bool string(const std::string& utf8) { return add(m_reading.take(utf8)); }
     bool binary(const Json::binary_t&) { return false; } // JSON has none.
     bool start_object(size_t) { return enter(true); }
     bool start_array(size_t) { return enter(false); }
@@ -95,6 +155,7 @@ private:
         QVariantList items = {};
     };
 
+    const char* place() const { return m_reading.place(); }
     bool enter(bool isObject);
     bool count();
     bool add(QVariant&& value) { return count() && put(std::move(value)); }
@@ -105,7 +166,7 @@ private:
 
     const char* const m_begin;
     const char* const m_end;
-    const char* m_place; // Behind what the library has read.
+    Reading m_reading;
     const char* m_counted; // The line ends before it are in m_line.
     int m_line = 1;
     const bool m_recordLines;
@@ -124,12 +185,11 @@ QVariant Builder::build()
         failAt(m_begin, QStringLiteral("byte order mark"));
         return {};
     }
-    const char* end = m_end;
-    if (!Json::sax_parse(Cursor(&m_place), Cursor(&end), this))
+    if (!Json::sax_parse(Cursor(&m_reading), Cursor(), this))
         return {};
     // The library takes a NUL for the end of the text.
-    if (m_place != m_end || m_place[-1] == '\0') {
-        failAt(m_place - 1, QStringLiteral("text after the value"));
+    if (!m_reading.isAtEnd() || m_end[-1] == '\0') {
+        failAt(place() - 1, QStringLiteral("text after the value"));
         return {};
     }
     return m_value;
@@ -150,11 +210,11 @@ bool Builder::number_unsigned(quint64 number)
 bool Builder::key(const std::string& utf8)
 {
     Level& object = m_levels.back();
-    object.key = textOf(utf8);
+    object.key = m_reading.take(utf8);
     if (m_recordLines)
         object.key = *m_keys.insert(object.key);
     return !m_recordLines || !object.members.contains(object.key)
-        || failAt(m_place - 1, QStringLiteral("the key comes twice in this object"));
+        || failAt(place() - 1, QStringLiteral("the key comes twice in this object"));
 }
 
 bool Builder::end_object()
@@ -177,7 +237,8 @@ bool Builder::parse_error(size_t position, const std::string&, const Json::excep
                                .section(QStringLiteral(" - "), 1)
                                .section(QStringLiteral("; last read: "), 0, 0);
     // The position counts what was read, the end of the text included.
-    return failAt(m_begin + position - 1, reason.isEmpty() ? QStringLiteral("number out of range") : reason);
+    return failAt(m_begin + m_reading.passedBy() + position - 1,
+        reason.isEmpty() ? QStringLiteral("number out of range") : reason);
 }
 
 bool Builder::enter(bool isObject)
@@ -185,14 +246,14 @@ bool Builder::enter(bool isObject)
     if (!count())
         return false;
     if (m_levels.size() == ZarkJsonParser::MaximumDepth)
-        return failAt(m_place - 1, QStringLiteral("nested too deeply"));
+        return failAt(place() - 1, QStringLiteral("nested too deeply"));
     m_levels.push_back({ isObject, m_recordLines ? line() : 0 });
     return true;
 }
 
 bool Builder::count()
 {
-    return --m_valuesLeft >= 0 || failAt(m_place - 1, QStringLiteral("too many values"));
+    return --m_valuesLeft >= 0 || failAt(place() - 1, QStringLiteral("too many values"));
 }
 
 bool Builder::put(QVariant&& value)
@@ -215,8 +276,8 @@ Builder::Level Builder::leave()
 
 int Builder::line()
 {
-    m_line += int(std::count(m_counted, m_place, '\n'));
-    m_counted = m_place;
+    m_line += int(std::count(m_counted, place(), '\n'));
+    m_counted = place();
     return m_line;
 }
 

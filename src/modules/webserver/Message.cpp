@@ -53,6 +53,22 @@ bool hasLineBreak(const QByteArray& text)
     return text.contains('\r') || text.contains('\n') || text.contains('\0');
 }
 
+// Most fields are new, which costs less to find out than the library's way to replace them.
+void setField(SoupMessageHeaders* fields, const char* name, const char* value)
+{
+    if (soup_message_headers_get_one(fields, name))
+        soup_message_headers_replace(fields, name, value);
+    else
+        soup_message_headers_append(fields, name, value);
+}
+
+// "100 Continue" took with it what the guard had set.
+void markForRobots(SoupMessage* message)
+{
+    if (soup_message_headers_get_expectations(message->request_headers) & SOUP_EXPECTATION_CONTINUE)
+        setField(message->response_headers, "X-Robots-Tag", "noindex");
+}
+
 void deleteByteArray(gpointer array)
 {
     delete static_cast<QByteArray*>(array);
@@ -64,8 +80,7 @@ Message::Message(const MessageData& data, QObject* parent) : QObject(parent), m_
 {
     dbglog_trace(webserverLog(), "Message for '" << fullUri() << "' from " << sender());
     soup_message_body_set_accumulate(m_data.message->response_body, FALSE);
-    if (!soup_message_headers_get_one(m_data.message->response_headers, "X-Robots-Tag"))
-        soup_message_headers_append(m_data.message->response_headers, "X-Robots-Tag", "noindex");
+    markForRobots(m_data.message);
     // The library gives the table up when its callback returns, and most answers come later.
     if (m_data.query)
         g_hash_table_ref(m_data.query);
@@ -124,7 +139,7 @@ bool Message::setHeader(const QByteArray& name, const QByteArray& value)
     if (!isToken(name) || hasLineBreak(value))
         return false;
     if (isWritable())
-        soup_message_headers_replace(m_data.message->response_headers, name.constData(), value.constData());
+        setField(m_data.message->response_headers, name.constData(), value.constData());
     return true;
 }
 
@@ -352,7 +367,7 @@ const QueryItems& Message::query() const
 {
     dbglog_scopedFunction(webserverLog());
     if (!m_querySplit && m_valid) {
-        m_query = QueryItems(soup_uri_get_query(soup_message_get_uri(m_data.message)));
+        m_query = QueryItems(QLatin1String(soup_uri_get_query(soup_message_get_uri(m_data.message))));
         m_querySplit = true;
     }
     return m_query;
@@ -408,7 +423,10 @@ void Message::connectNotify(const QMetaMethod& signal)
 
 void Message::connectGlibSignals()
 {
-    m_finishedId = g_signal_connect(m_data.message, "finished", G_CALLBACK(msg_finished_cb), this);
+    // By number: the name would be looked up for each exchange.
+    static const guint finishedSignal = g_signal_lookup("finished", SOUP_TYPE_MESSAGE);
+    GClosure* closure = g_cclosure_new(G_CALLBACK(msg_finished_cb), this, nullptr);
+    m_finishedId = g_signal_connect_closure_by_id(m_data.message, finishedSignal, 0, closure, FALSE);
 }
 
 void Message::disconnectGlibSignals()
@@ -435,7 +453,12 @@ void Message::msg_finished_cb(SoupMessage*, gpointer self)
 {
     auto* message = static_cast<Message*>(self);
     message->m_finished = true;
+    if (message->m_end)
+        message->m_end();
     Q_EMIT message->finished();
     message->disconnectGlibSignals();
     message->m_valid = false;
+    // After what its listeners put off themselves: that may still need it.
+    if (message->m_deletedWhenFinished)
+        message->deleteLater();
 }

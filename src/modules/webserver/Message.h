@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 
+#include <functional>
 #include <libsoup/soup.h>
 
 #include "QueryItems.h"
@@ -38,6 +39,11 @@ public:
     Message(const Message& other);
     Message& operator=(const Message&) = delete;
     ~Message() override;
+
+    /// Called once, before finished() is emitted.
+    void setEnd(std::function<void()> end) { m_end = std::move(end); }
+    /// deleteLater() on itself as the last thing of finished().
+    void deleteWhenFinished() { m_deletedWhenFinished = true; }
 
     const MessageData& data() const { return m_data; }
     bool isValid() const { return m_valid; }
@@ -130,6 +136,8 @@ private:
     MessageData m_data;
     bool m_valid = true;
     bool m_finished = false;
+    bool m_deletedWhenFinished = false;
+    std::function<void()> m_end;
     mutable QString m_fullUri;
     mutable ZarkUrl m_url;
     mutable QueryItems m_query;

@@ -1,5 +1,7 @@
 #include "QueryItems.h"
 
+#include <QVarLengthArray>
+
 #include <algorithm>
 
 #include "WebserverLog.h"
@@ -16,7 +18,7 @@ int hexDigit(char c)
 
 QString decoded(const char* from, const char* end)
 {
-    QByteArray bytes(static_cast<int>(end - from), Qt::Uninitialized);
+    QVarLengthArray<char, 256> bytes(static_cast<int>(end - from));
     char* to = bytes.data();
     for (; from != end; ++from) {
         const bool isEscape = *from == '%' && end - from > 2 && hexDigit(from[1]) >= 0 && hexDigit(from[2]) >= 0;
@@ -32,11 +34,11 @@ QString decoded(const char* from, const char* end)
 
 } // namespace
 
-QueryItems::QueryItems(const QByteArray& encoded)
+QueryItems::QueryItems(QLatin1String encoded)
 {
     dbglog_scopedFunction(webserverLog());
-    const char* const end = encoded.constData() + encoded.size();
-    for (const char* from = encoded.constData(); from < end;) {
+    const char* const end = encoded.data() + encoded.size();
+    for (const char* from = encoded.data(); from < end;) {
         const char* const to = std::find(from, end, '&');
         const char* const equals = std::find(from, to, '=');
         if (from != to)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QByteArray>
 #include <QPair>
 #include <QString>
 #include <QVector>
@@ -10,7 +9,7 @@
 class QueryItems {
 public:
     QueryItems() = default;
-    explicit QueryItems(const QByteArray& encoded); ///< Without "?".
+    explicit QueryItems(QLatin1String encoded); ///< Without "?".
 
     /// The first value of that name, empty for a name without "="; null when there is none. Valid as long as this is.
     const QString* find(const QString& name) const;

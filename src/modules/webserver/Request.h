@@ -7,14 +7,15 @@
 #include "Message.h"
 #include "ZarkJson.h"
 
-/// The exchange as a responder sees it: a Message with the id that its ResponderHandler gave it, the decoded body and
-/// a small table of CGI-style variables (RFC 3875, section 4.1). Both are read on first use and kept.
+/// The exchange as a responder sees it: a Message with the id that its handler gave it, the decoded body and a small
+/// table of CGI-style variables (RFC 3875, section 4.1). Both are read on first use and kept.
 class Request : public Message {
     Q_OBJECT
 public:
-    Request(const MessageData& data, int id) : Message(data, nullptr), m_requestId(id) { }
+    Request(const MessageData& data, int id, QObject* parent = nullptr) : Message(data, parent), m_requestId(id) { }
 
-    int requestId() const { return m_requestId; }
+    int requestId() const { return m_requestId; } ///< 0: no handler has given it one.
+    void setRequestId(int id) { m_requestId = id; }
     /// How many JSON values, or fields of a form, a body may have; one with more counts as malformed.
     void setMaximumValues(int values) { m_maximumValues = values; }
 

@@ -9,6 +9,7 @@
 #include "Message.h"
 #include "NotFoundHandler.h"
 #include "RenegotiationGuard.h"
+#include "Request.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
 
@@ -126,10 +127,9 @@ void Server::start()
     if (m_port < 0 || m_port > MaximumPort)
         return failed(QStringLiteral("There is no such port"));
     GError* error = nullptr;
-    m_running = soup_server_listen_all(m_soupServer, static_cast<guint>(m_port), m_listenOptions, &error);
+    m_running = m_connectionTable->start(m_port, m_listenOptions, &error);
     if (m_running) {
-        prepareListeners();
-        m_connectionTable->start(m_listenOptions);
+        deepenBacklog();
         m_lastError.clear();
         dbglog_info(webserverLog(), "SOUP server started (port " << m_port << ")");
         Q_EMIT stateChanged();
@@ -145,16 +145,11 @@ void Server::failed(const QString& reason)
     Q_EMIT stateChanged();
 }
 
-// The library leaves its listeners blocking: one that is told of a client whom somebody else has accepted would wait
-// for the next one, and everybody with it. As it is, that listener fails, and ConnectionTable starts it again.
-void Server::prepareListeners()
+void Server::deepenBacklog()
 {
     GSList* listeners = soup_server_get_listeners(m_soupServer);
-    for (const GSList* entry = listeners; entry; entry = entry->next) {
-        auto* listener = static_cast<GSocket*>(entry->data);
-        ::listen(g_socket_get_fd(listener), ListenBacklog);
-        g_socket_set_blocking(listener, FALSE);
-    }
+    for (const GSList* entry = listeners; entry; entry = entry->next)
+        ::listen(g_socket_get_fd(static_cast<GSocket*>(entry->data)), ListenBacklog);
     g_slist_free(listeners);
 }
 
@@ -280,15 +275,16 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
         registration->server->m_connectionTable->requestHandled(client, !hasBody(message));
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
-    auto* wrapped = new Message({ server, message, path, query, client }, registration->handler);
-    const QMetaObject::Connection connected = connect(wrapped, &Message::finished, wrapped, [wrapped, connection] {
-        if (connection)
-            ConnectionTable::requestFinished(connection, wrapped->data().message);
-        wrapped->deleteLater();
-    });
-    if (!connected)
-        qFatal("connection");
+    auto* wrapped = new Request({ server, message, path, query, client }, 0, registration->handler);
+    if (connection)
+        wrapped->setEnd([connection, message] { ConnectionTable::requestFinished(connection, message); });
     registration->server->dispatch(wrapped, registration->handler);
+    if (wrapped->isFinished()) {
+        dbglog_debug(webserverLog(), "Message already finished, deleting it directly");
+        wrapped->deleteLater();
+        return;
+    }
+    wrapped->deleteWhenFinished();
 }
 
 void Server::early_server_callback(SoupServer* server, SoupMessage* message, const char* path, GHashTable* query,

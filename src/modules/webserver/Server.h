@@ -23,16 +23,16 @@ struct ServerLimits;
 /// 1. accept: the library accepts a connection; ConnectionTable counts it and gives it a deadline.
 /// 2. guard: RequestGuard looks at the parsed head, and refuses what the library itself would not survive.
 /// 3. dispatch: the library reads the body, picks the registration with the longest matching path prefix and calls
-///    server_callback(), which wraps the exchange in a Message.
+///    server_callback(), which wraps the exchange in a Request: the Message of its whole life.
 /// 4. filter: a Host field that names a foreign domain is answered 403 here.
 /// 5. handler: the registration's Handler answers at once, or
 /// 6. pause: a ResponderHandler pauses the exchange and goes on from the event loop, where it makes a
-/// 7. responder with a Request as its input. The responder asks the framework, sets status, headers and body, or
+/// 7. responder with the Request as its input. The responder asks the framework, sets status, headers and body, or
 ///    streams the body into a ServerMessageDevice, and emits finished(id).
 /// 8. completion: the handler ends what was streamed and resumes the exchange; the library sends it.
 /// 9. finished: the library reports the exchange sent, or the client gone, whichever comes first and at any of the
 ///    steps above; Message::finished() tells everybody who still works on it.
-/// 10. deletion: responder, request and message are deleted later, from the event loop.
+/// 10. deletion: the responder when it is done, the request after it; later, from the event loop.
 class Server : public QObject, private CertificateUser {
     Q_OBJECT
 public:
@@ -118,7 +118,7 @@ private:
     static SoupServer* createHttpServer();
     SoupServer* createHttpsServer();
     void failed(const QString& reason);
-    void prepareListeners();
+    void deepenBacklog();
     void dispatch(Message* message, Handler* handler);
 
     SoupServer* m_soupServer = nullptr;

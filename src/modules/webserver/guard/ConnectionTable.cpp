@@ -89,12 +89,16 @@ ConnectionTable::~ConnectionTable()
         g_signal_handlers_disconnect_by_data(entry.second->socket, entry.second.get());
 }
 
-void ConnectionTable::start(SoupServerListenOptions options)
+bool ConnectionTable::start(int port, SoupServerListenOptions options, GError** error)
 {
     dbglog_scopedFunction(webserverLog());
     m_options = options;
     WatchedConnection::install((options & SOUP_SERVER_LISTEN_HTTPS) != 0);
-    scheduleSweep(IdleSweepMilliseconds);
+    const bool listening = m_listeners.add(
+        m_server, [&] { return soup_server_listen_all(m_server, static_cast<guint>(port), options, error) != FALSE; });
+    if (listening)
+        scheduleSweep(IdleSweepMilliseconds);
+    return listening;
 }
 
 void ConnectionTable::stop()
@@ -489,6 +493,7 @@ void ConnectionTable::reviveListeners()
         m_sweepsWaited = 0;
         dbglog_error(webserverLog(), "A listener had stopped accepting, starting it again");
         for (GSocket* listener : qAsConst(stuck))
-            soup_server_listen_socket(m_server, listener, m_options, nullptr);
+            m_listeners.add(
+                m_server, [&] { return soup_server_listen_socket(m_server, listener, m_options, nullptr) != FALSE; });
     }
 }

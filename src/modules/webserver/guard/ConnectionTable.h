@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Listeners.h"
 #include "ServerCounters.h"
 #include "ServerLimits.h"
 #include "SocketWatch.h"
@@ -42,6 +43,7 @@ public:
         HeadScanner* heads = nullptr; ///< Sees what the library reads; not owned.
         int requests = 0; ///< How many the library has begun to read.
         SoupMessage* next = nullptr; ///< While its head is read: the library's exchange; not owned.
+        gulong headWatch = 0; ///< What tells, meanwhile, that the head was read.
         State state = ReadingHead;
         Account account = Settled; ///< Of the last request, with the counters.
         gint64 since = 0; ///< When the state began, in microseconds of the monotonic clock.
@@ -74,7 +76,8 @@ public:
     const ServerLimits& limits() const { return m_limits; }
     ServerCounters& counters() { return m_counters; }
 
-    void start(SoupServerListenOptions options);
+    /// Listens on all interfaces; false, with the reason, when that is not possible.
+    bool start(int port, SoupServerListenOptions options, GError** error);
     /// To be called before the library disconnects everybody. Where there is time, endHandshakes() comes before.
     void stop();
     /// Closes the listeners and the idle connections, and each other one when its client has its answer.
@@ -133,6 +136,7 @@ private:
     ServerLimits m_limits;
     int m_maximumConnections;
     SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
+    Listeners m_listeners;
     SocketWatch m_watch;
     std::unique_ptr<Parking> m_parking;
     int m_timer = 0;

@@ -111,13 +111,14 @@ void breakRecursion(SoupMessage* message, Connection* connection)
     soup_server_unpause_message(server, message);
 }
 
-// The method is set once the head is parsed, before anything in it is used. A handler may set it again later, when the
-// connection has long left the state of reading a head.
+// The method is set once the head is parsed, before anything in it is used. All that is set later would be told to who
+// watches the method, too.
 void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
-    if (!message->method || connection->state != ConnectionTable::ReadingHead)
+    if (!message->method)
         return;
+    g_signal_handler_disconnect(message, connection->headWatch);
     ConnectionTable::headRead(connection);
     // A request that was sent behind another one: its connection is about to be closed.
     if (connection->limits->isDraining())
@@ -139,6 +140,15 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
     guardBody(message, head, connection);
     if (head.hostFields == 0 && soup_message_get_http_version(message) == SOUP_HTTP_1_0)
         addHost(message, connection);
+}
+
+// "notify::method", without a look-up of these words for each request.
+gulong watchMethod(SoupMessage* message, Connection* connection)
+{
+    static const guint notify = g_signal_lookup("notify", G_TYPE_OBJECT);
+    static const GQuark method = g_quark_from_static_string("method");
+    GClosure* closure = g_cclosure_new(G_CALLBACK(onMethodKnown), connection, nullptr);
+    return g_signal_connect_closure_by_id(message, notify, method, closure, FALSE);
 }
 
 } // namespace
@@ -164,10 +174,14 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
     return HeadVerdict::Accept;
 }
 
+// The call is made here: the library leaves this signal's to one for any number of arguments, which takes longer than
+// all that is done for it.
 RequestGuard::RequestGuard(SoupServer* server, ConnectionTable* connectionTable)
-    : m_server(server), m_connectionTable(connectionTable),
-      m_requestStartedId(g_signal_connect(server, "request-started", G_CALLBACK(onRequestStarted), this))
+    : m_server(server), m_connectionTable(connectionTable)
 {
+    GClosure* closure = g_closure_new_simple(sizeof(GClosure), this);
+    g_closure_set_marshal(closure, onRequestStarted);
+    m_requestStartedId = g_signal_connect_closure(server, "request-started", closure, FALSE);
 }
 
 RequestGuard::~RequestGuard()
@@ -182,9 +196,12 @@ void RequestGuard::setStrictTransport(int seconds)
     m_strictTransport = seconds > 0 ? "max-age=" + QByteArray::number(seconds) : QByteArray();
 }
 
-void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClientContext* client, gpointer self)
+void RequestGuard::onRequestStarted(
+    GClosure* closure, GValue*, guint, const GValue* serverMessageClient, gpointer, gpointer)
 {
-    auto* guard = static_cast<RequestGuard*>(self);
+    auto* message = static_cast<SoupMessage*>(g_value_get_object(&serverMessageClient[1]));
+    auto* client = static_cast<SoupClientContext*>(g_value_get_boxed(&serverMessageClient[2]));
+    const auto* guard = static_cast<RequestGuard*>(closure->data);
     Connection* connection = guard->m_connectionTable->requestStarted(client, message);
     if (connection->requests++ == 0 && connection->gsocket)
         connection->heads = WatchedConnection::watch(connection->gsocket);
@@ -193,5 +210,5 @@ void RequestGuard::onRequestStarted(SoupServer*, SoupMessage* message, SoupClien
     if (!guard->m_strictTransport.isEmpty())
         soup_message_headers_append(
             message->response_headers, "Strict-Transport-Security", guard->m_strictTransport.constData());
-    g_signal_connect(message, "notify::method", G_CALLBACK(onMethodKnown), connection);
+    connection->headWatch = watchMethod(message, connection);
 }

@@ -59,10 +59,11 @@ public:
     void setStrictTransport(int seconds);
 
 private:
-    static void onRequestStarted(SoupServer* server, SoupMessage* message, SoupClientContext* client, gpointer self);
+    static void onRequestStarted(GClosure* closure, GValue* nothing, guint count, const GValue* serverMessageClient,
+        gpointer hint, gpointer data);
 
     SoupServer* m_server;
     ConnectionTable* m_connectionTable;
-    gulong m_requestStartedId;
+    gulong m_requestStartedId = 0;
     QByteArray m_strictTransport; ///< The field's value; empty: none.
 };

@@ -7,7 +7,7 @@
 #include "Request.h"
 #include "Responder.h"
 
-/// Makes a responder for a request. The responder dies with the request at the latest.
+/// Makes a responder for a request, as its child: it dies with the request at the latest.
 class ResponderFactory {
 public:
     virtual Responder* create(Request& request, const QString& documentRoot) = 0;
@@ -19,16 +19,14 @@ template <class T, class... Args> class DefaultResponderFactory : public Respond
 public:
     explicit DefaultResponderFactory(Args... args)
         : m_create([args...](Request& request, const QString& documentRoot) {
-              return new T(request, documentRoot, args..., nullptr);
+              return new T(request, documentRoot, args..., &request);
           })
     {
     }
 
     Responder* create(Request& request, const QString& documentRoot) override
     {
-        Responder* responder = m_create(request, documentRoot);
-        QObject::connect(&request, &QObject::destroyed, responder, [responder] { delete responder; });
-        return responder;
+        return m_create(request, documentRoot);
     }
 
 private:
