@@ -14,7 +14,7 @@
 #include "HeadScanner.h"
 #include "HostFilter.h"
 #include "LegacyPathHelper.h"
-#include "RequestGuard.h"
+#include "RequestHead.h"
 #include "RequestParameters.h"
 #include "ResponderCrypto.h"
 #include "ReverseProxyHandler.h"

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "CMEventQueueManager.h"
 #include "CMUINode.h"
 #include "ZarkRoles.h"
 
@@ -34,8 +33,8 @@ CMEventQueue::Type CMEventQueue::typeOf(const ZarkEventSubscribe& subscription)
     return subscription.type() == QLatin1String("rows") ? Rows : Item;
 }
 
-CMEventQueue::CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueManager* manager)
-    : QObject(manager), m_manager(manager), m_tree(tree), m_expiryMs(expiryMs)
+CMEventQueue::CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueKeeper* keeper, QObject* parent)
+    : QObject(parent), m_keeper(keeper), m_tree(tree), m_expiryMs(expiryMs)
 {
     startTimer();
 }
@@ -190,7 +189,7 @@ void CMEventQueue::answerSoon()
         return;
     // Not now: a change is often one of several, and this may be in the middle of a node's.
     m_answersSoon = true;
-    m_manager->answerSoon(this);
+    m_keeper->answerSoon(this);
 }
 
 void CMEventQueue::answerChanges()
@@ -267,5 +266,5 @@ void CMEventQueue::timerEvent(QTimerEvent* event)
     if (m_waiting)
         answer(takeEvents());
     else
-        m_manager->remove(this);
+        m_keeper->remove(this);
 }

@@ -14,7 +14,19 @@
 #include "ZarkEvent.h"
 #include "ZarkList.h"
 
-class CMEventQueueManager;
+class CMEventQueue;
+
+/// Whoever keeps the queues, as a queue sees it.
+class CMEventQueueKeeper {
+public:
+    /// The queue has expired.
+    virtual void remove(CMEventQueue* queue) = 0;
+    /// Has CMEventQueue::answerChanges() called from the next turn of the event loop.
+    virtual void answerSoon(CMEventQueue* queue) = 0;
+
+protected:
+    ~CMEventQueueKeeper() = default;
+};
 
 /// What changed since one client's last poll. Made by CMEventQueueManager, which deletes it from the event loop when it
 /// expires: hold a QPointer, or ask the manager by id. Everything happens on the event loop's thread.
@@ -88,7 +100,7 @@ public:
 private:
     friend class CMEventQueueManager;
 
-    CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueManager* manager);
+    CMEventQueue(CMNodeTree* tree, int expiryMs, CMEventQueueKeeper* keeper, QObject* parent);
 
     enum Type { Item = 1, Rows = 2 };
 
@@ -120,7 +132,7 @@ private:
     void timerEvent(QTimerEvent* event) override;
 
     QUuid m_id = QUuid::createUuid();
-    CMEventQueueManager* m_manager; ///< The parent.
+    CMEventQueueKeeper* m_keeper; ///< Outlives this.
     CMNodeTree* m_tree;
     int m_expiryMs;
     int m_timeoutMs = 0;

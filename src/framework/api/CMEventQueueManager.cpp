@@ -113,7 +113,7 @@ bool CMEventQueueManager::isWithinLimits(int current, const Change& change) cons
 
 CMEventQueue* CMEventQueueManager::createQueue()
 {
-    auto* queue = new CMEventQueue(CMRoot()->tree(), m_expiryMs, this);
+    auto* queue = new CMEventQueue(CMRoot()->tree(), m_expiryMs, this, this);
     m_queues.insert(queue->id(), queue);
     return queue;
 }

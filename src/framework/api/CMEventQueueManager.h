@@ -13,7 +13,7 @@
 #include "ZarkPermission.h"
 
 /// The event queues of one server, by id. Lives on the event loop's thread and no longer than CMRoot().
-class CMEventQueueManager : public QObject {
+class CMEventQueueManager : public QObject, private CMEventQueueKeeper {
     Q_OBJECT
 public:
     static constexpr int MaximumQueues = 1000;
@@ -49,8 +49,6 @@ Q_SIGNALS:
     void expired(const QString& queueId);
 
 private:
-    friend class CMEventQueue;
-
     struct Change {
         ZarkList<ZarkEventSubscribe> added; ///< Each once, and not subscribed yet.
         ZarkList<ZarkEventSubscribe> removed; ///< Each once, and subscribed.
@@ -62,10 +60,8 @@ private:
     bool isAcceptable(const ZarkList<ZarkEventSubscribe>& list) const;
     bool isWithinLimits(int current, const Change& change) const;
     CMEventQueue* createQueue();
-    /// The queue has expired.
-    void remove(CMEventQueue* queue);
-    /// Answers what waits for the queue from the next turn of the event loop.
-    void answerSoon(CMEventQueue* queue);
+    void remove(CMEventQueue* queue) override;
+    void answerSoon(CMEventQueue* queue) override;
     void answerDue();
 
     QHash<QUuid, CMEventQueue*> m_queues;

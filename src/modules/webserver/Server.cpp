@@ -8,7 +8,6 @@
 #include "HostFilter.h"
 #include "Message.h"
 #include "NotFoundHandler.h"
-#include "RenegotiationGuard.h"
 #include "Request.h"
 #include "RequestGuard.h"
 #include "WebserverLog.h"
@@ -86,7 +85,6 @@ SoupServer* Server::createHttpsServer()
         dbglog_fatal(webserverLog(), m_lastError);
         return nullptr;
     }
-    refuseRenegotiation();
     if (m_certificate->isDeviceCert())
         return soup_server_new(SOUP_SERVER_RAW_PATHS, TRUE, nullptr);
     GTlsCertificate* certificate = m_certificate->load(&m_lastError);
@@ -271,8 +269,7 @@ void Server::server_callback(SoupServer* server, SoupMessage* message, const cha
     dbglog_trace(webserverLog(), "path: " << path);
     const auto* registration = static_cast<HandlerData*>(handlerData);
     // With a body, the guard sees its end.
-    ConnectionTable::Connection* connection =
-        registration->server->m_connectionTable->requestHandled(client, !hasBody(message));
+    Connection* connection = registration->server->m_connectionTable->requestHandled(client, !hasBody(message));
     if (Message* taker = Message::takerOf(message))
         return Q_EMIT taker->gotBody();
     auto* wrapped = new Request({ server, message, path, query, client }, 0, registration->handler);

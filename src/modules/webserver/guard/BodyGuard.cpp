@@ -3,12 +3,11 @@
 #include <cstring>
 #include <limits>
 
-#include "RequestGuard.h"
+#include "ConnectionTable.h"
+#include "RequestHead.h"
 #include "WebserverLog.h"
 
 namespace {
-
-using Connection = ConnectionTable::Connection;
 
 // A body that is refused in its middle is read on, this many times the limit: the library gives no answer before its
 // end.
@@ -31,13 +30,13 @@ struct Body {
     ~Body() { g_clear_pointer(&fields, soup_message_headers_free); }
     Body(const Body&) = delete;
     Body& operator=(const Body&) = delete;
-    qint64 limit() const { return connection->limits->limits().bodyBytes; }
+    qint64 limit() const { return connection->table->limits().bodyBytes; }
 };
 
 void onGotBody(SoupMessage* message, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
-    connection->limits->counters().receivedBytes += message->request_body->length; // 0 of one that was streamed.
+    connection->table->counters().receivedBytes += message->request_body->length; // 0 of one that was streamed.
     ConnectionTable::requestRead(connection);
 }
 
@@ -128,13 +127,13 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
     body->received += static_cast<qint64>(chunk->length);
     if (body->isRefused) {
         if (body->received > body->end)
-            body->connection->limits->closeSoon(body->connection);
+            body->connection->table->closeSoon(body->connection);
     } else if (body->isStreamed) {
-        body->connection->limits->counters().receivedBytes += static_cast<qint64>(chunk->length);
+        body->connection->table->counters().receivedBytes += static_cast<qint64>(chunk->length);
         ConnectionTable::bodyMoved(body->connection);
     } else if (body->received > body->limit()) {
         stopReading(message, body);
-        ++body->connection->limits->counters().longBodies;
+        ++body->connection->table->counters().longBodies;
         setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
 }
@@ -162,7 +161,7 @@ void onGotHeaders(SoupMessage* message, gpointer data)
     body->isStreamed = !soup_message_body_get_accumulate(message->request_body);
     if (body->isTooLarge && (!body->isStreamed || soup_message_get_http_version(message) == SOUP_HTTP_1_0)) {
         dbglog_warn(webserverLog(), "Refusing a request body of more than " << body->limit() << " bytes");
-        ++body->connection->limits->counters().longBodies;
+        ++body->connection->table->counters().longBodies;
         return setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
     if (body->isStreamed)
@@ -189,7 +188,7 @@ bool expectsBody(const RequestHead& head)
 
 } // namespace
 
-void guardBody(SoupMessage* message, const RequestHead& head, ConnectionTable::Connection* connection)
+void guardBody(SoupMessage* message, const RequestHead& head, Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
     // The library is lax about where a chunked body ends, so nothing that follows it is taken for a request. An early

@@ -125,7 +125,7 @@ void ConnectionTable::drain()
     m_draining = true;
     closeListeners();
     for (const auto& entry : m_connections) {
-        if (entry.second->state == ReadingHead)
+        if (entry.second->state == Connection::ReadingHead)
             closeSoon(entry.second.get());
     }
 }
@@ -164,7 +164,7 @@ bool ConnectionTable::isAnswering() const
 {
     dbglog_scopedFunction(webserverLog());
     return std::any_of(m_connections.cbegin(), m_connections.cend(),
-        [](const auto& entry) { return entry.second->state != ReadingHead; });
+        [](const auto& entry) { return entry.second->state != Connection::ReadingHead; });
 }
 
 ConnectionTable::Census& ConnectionTable::Census::operator+=(const Census& other)
@@ -182,15 +182,15 @@ ConnectionTable::Census ConnectionTable::census() const
     Census census;
     for (const auto& entry : m_connections) {
         const Connection& connection = *entry.second;
-        if (connection.state == ReadingHead)
+        if (connection.state == Connection::ReadingHead)
             ++(connection.answeredBefore ? census.idle : census.opening);
         else
-            ++(connection.state == ReadingBody ? census.receiving : census.answering);
+            ++(connection.state == Connection::ReadingBody ? census.receiving : census.answering);
     }
     return census;
 }
 
-ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* client, SoupMessage* message)
+Connection* ConnectionTable::requestStarted(SoupClientContext* client, SoupMessage* message)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
@@ -198,7 +198,7 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
     const int seconds = connection->answeredBefore ? m_limits.idleSeconds : m_limits.headerSeconds;
     settle(connection);
     connection->next = message;
-    connection->state = ReadingHead;
+    connection->state = Connection::ReadingHead;
     connection->since = g_get_monotonic_time();
     connection->deadline = connection->since + seconds * MicrosecondsPerSecond;
     if (m_draining)
@@ -206,13 +206,13 @@ ConnectionTable::Connection* ConnectionTable::requestStarted(SoupClientContext* 
     return connection;
 }
 
-ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client)
+Connection* ConnectionTable::accepted(SoupClientContext* client)
 {
     ++m_acceptCount;
     ++m_counters.accepted;
     auto record = std::make_unique<Connection>();
     Connection* connection = record.get();
-    connection->limits = this;
+    connection->table = this;
     connection->client = client;
     connection->number = m_acceptCount;
     connection->socket = socketOf(client);
@@ -235,15 +235,15 @@ ConnectionTable::Connection* ConnectionTable::accepted(SoupClientContext* client
 
 // The one that has been idle longest; when all others are at work, the one that has been at it longest, so that held
 // answers never lock everybody else out.
-ConnectionTable::Connection* ConnectionTable::leastUseful(Connection* newest) const
+Connection* ConnectionTable::leastUseful(Connection* newest) const
 {
     Connection* chosen = newest;
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         if (connection == newest || connection->doomed)
             continue;
-        const bool idle = connection->state == ReadingHead;
-        const bool chosenIdle = chosen->state == ReadingHead && chosen != newest;
+        const bool idle = connection->state == Connection::ReadingHead;
+        const bool chosenIdle = chosen->state == Connection::ReadingHead && chosen != newest;
         if (chosen == newest || (idle && !chosenIdle) || (idle == chosenIdle && connection->since < chosen->since))
             chosen = connection;
     }
@@ -259,7 +259,7 @@ void ConnectionTable::heard(quint64 number, quint32 events)
     if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) && connection->halfClosedSince == 0)
         connection->halfClosedSince = g_get_monotonic_time();
     // While it reads, the library notices by itself, after what the client had sent before.
-    if (connection->state == Answering && (events & (EPOLLHUP | EPOLLERR)))
+    if (connection->state == Connection::Answering && (events & (EPOLLHUP | EPOLLERR)))
         closeSoon(connection);
     m_parking->resume(connection);
 }
@@ -267,30 +267,30 @@ void ConnectionTable::heard(quint64 number, quint32 events)
 void ConnectionTable::headRead(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    ++connection->limits->m_counters.requests;
-    connection->account = Refused;
-    connection->state = ReadingBody;
+    ++connection->table->m_counters.requests;
+    connection->account = Connection::Refused;
+    connection->state = Connection::ReadingBody;
     connection->since = g_get_monotonic_time();
-    connection->deadline = connection->since + connection->limits->m_limits.bodySeconds * MicrosecondsPerSecond;
+    connection->deadline = connection->since + connection->table->m_limits.bodySeconds * MicrosecondsPerSecond;
     connection->answeredBefore = true;
 }
 
 void ConnectionTable::bodyMoved(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    const ServerLimits& limits = connection->limits->m_limits;
+    const ServerLimits& limits = connection->table->m_limits;
     const gint64 stalled = g_get_monotonic_time() + limits.stalledSeconds * MicrosecondsPerSecond;
     connection->deadline = std::min(stalled, connection->since + limits.uploadSeconds * MicrosecondsPerSecond);
 }
 
-ConnectionTable::Connection* ConnectionTable::requestHandled(SoupClientContext* client, bool isRead)
+Connection* ConnectionTable::requestHandled(SoupClientContext* client, bool isRead)
 {
     dbglog_scopedFunction(webserverLog());
     const auto found = m_connections.find(client);
     if (found == m_connections.end())
         return nullptr;
     Connection* connection = found->second.get();
-    connection->account = Handled;
+    connection->account = Connection::Handled;
     if (isRead)
         requestRead(connection);
     return connection;
@@ -299,25 +299,25 @@ ConnectionTable::Connection* ConnectionTable::requestHandled(SoupClientContext* 
 void ConnectionTable::requestFinished(Connection* connection, SoupMessage* message)
 {
     dbglog_scopedFunction(webserverLog());
-    if (connection->account != Handled)
+    if (connection->account != Connection::Handled)
         return;
-    connection->account = Settled;
-    connection->limits->m_counters.add(message);
+    connection->account = Connection::Settled;
+    connection->table->m_counters.add(message);
 }
 
 // What no handler saw is over with the next request, or with its connection.
 void ConnectionTable::settle(Connection* connection)
 {
-    if (connection->account != Refused)
+    if (connection->account != Connection::Refused)
         return;
-    connection->account = Settled;
-    ++connection->limits->m_counters.answers[4];
+    connection->account = Connection::Settled;
+    ++connection->table->m_counters.answers[4];
 }
 
 void ConnectionTable::requestRead(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
-    connection->state = Answering;
+    connection->state = Connection::Answering;
     connection->since = g_get_monotonic_time();
     connection->deadline = 0;
 }
@@ -325,16 +325,16 @@ void ConnectionTable::requestRead(Connection* connection)
 void ConnectionTable::onDisconnected(SoupSocket* socket, gpointer data)
 {
     auto* connection = static_cast<Connection*>(data);
-    ConnectionTable* limits = connection->limits;
+    ConnectionTable* table = connection->table;
     g_signal_handlers_disconnect_by_data(socket, data);
     connection->gone = true;
     settle(connection);
-    const auto found = limits->m_connections.find(connection->client);
-    if (found == limits->m_connections.end())
+    const auto found = table->m_connections.find(connection->client);
+    if (found == table->m_connections.end())
         return;
-    limits->m_numbered.erase(connection->number);
-    limits->m_gone.push_back(std::move(found->second));
-    limits->m_connections.erase(found);
+    table->m_numbered.erase(connection->number);
+    table->m_gone.push_back(std::move(found->second));
+    table->m_connections.erase(found);
 }
 
 void ConnectionTable::doom(Connection* connection)
@@ -355,7 +355,7 @@ void ConnectionTable::closeSoon(Connection* connection)
 bool ConnectionTable::mayBeShakingHands(const Connection& connection) const
 {
     const bool isTls = m_options & SOUP_SERVER_LISTEN_HTTPS;
-    return isTls && connection.gsocket && connection.state == ReadingHead && !connection.answeredBefore;
+    return isTls && connection.gsocket && connection.state == Connection::ReadingHead && !connection.answeredBefore;
 }
 
 void ConnectionTable::close(Connection* connection)
@@ -365,12 +365,12 @@ void ConnectionTable::close(Connection* connection)
     // may have begun another handshake: disconnected in the middle of one, it would keep its descriptor for ever. What
     // a client does not read is no reason to wait either, and a TLS connection would, for the room to say good-bye.
     const bool isTls = (m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket;
-    const bool isIdle = connection->state == ReadingHead && connection->answeredBefore;
+    const bool isIdle = connection->state == Connection::ReadingHead && connection->answeredBefore;
     // An idle plain connection ends in the same way, so that whoever still waits for what became of an answer on it can
     // look before the library closes it.
     if (isTls || (isIdle && connection->gsocket))
         ::shutdown(g_socket_get_fd(connection->gsocket), isIdle ? SHUT_RD : SHUT_RDWR);
-    if (!isIdle && (!isTls || connection->state != ReadingHead))
+    if (!isIdle && (!isTls || connection->state != Connection::ReadingHead))
         soup_socket_disconnect(connection->socket);
 }
 
@@ -401,14 +401,14 @@ bool ConnectionTable::isOverdue(const Connection& connection, gint64 now)
 {
     if (connection.deadline == 0 || now < connection.deadline)
         return false;
-    const bool isIdle = connection.state == ReadingHead && connection.answeredBefore;
+    const bool isIdle = connection.state == Connection::ReadingHead && connection.answeredBefore;
     return !isIdle || !connection.gsocket || !hasToRead(tcpInfo(connection.gsocket));
 }
 
 // What the client has yet to read, or has read since the last look, tells that it is there.
 bool ConnectionTable::isAbandoned(Connection* connection, gint64 now)
 {
-    if (connection->state != Answering || connection->halfClosedSince == 0)
+    if (connection->state != Connection::Answering || connection->halfClosedSince == 0)
         return false;
     const tcp_info info = connection->gsocket ? tcpInfo(connection->gsocket) : tcp_info{};
     if (hasToRead(info) || info.tcpi_bytes_acked != connection->acknowledgedBytes)
@@ -424,7 +424,7 @@ void ConnectionTable::closeOverdue()
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         const bool overdue = isOverdue(*connection, now);
-        if (overdue && connection->state == ReadingBody && !connection->doomed)
+        if (overdue && connection->state == Connection::ReadingBody && !connection->doomed)
             tellOfTimeout(*connection);
         if (overdue || isAbandoned(connection, now))
             doom(connection);

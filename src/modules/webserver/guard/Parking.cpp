@@ -9,9 +9,9 @@ namespace {
 constexpr gint64 BriefPause = 200 * 1000;
 
 // With a status set, the library is answering a head that it could not read.
-bool isIdle(const ConnectionTable::Connection& connection, gint64 now)
+bool isIdle(const Connection& connection, gint64 now)
 {
-    return connection.state == ConnectionTable::ReadingHead && now - connection.since >= BriefPause
+    return connection.state == Connection::ReadingHead && now - connection.since >= BriefPause
         && connection.next->status_code == SOUP_STATUS_NONE;
 }
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ConnectionTable.h"
+#include "Connection.h"
 
 class SocketWatch;
 
@@ -13,8 +13,6 @@ class SocketWatch;
 /// so whatever it lacks is still to arrive at the socket, or has just: the watch tells of that too.
 class Parking {
 public:
-    using Connection = ConnectionTable::Connection;
-
     /// Neither is owned.
     Parking(SoupServer* server, SocketWatch* watch) : m_server(server), m_watch(watch) { }
 

@@ -1,71 +1,23 @@
 #include "RequestGuard.h"
 
-#include <algorithm>
 #include <cstring>
 
 #include "BodyGuard.h"
 #include "ConnectionTable.h"
 #include "HeadScanner.h"
+#include "RequestHead.h"
 #include "WatchedConnection.h"
 #include "WebserverLog.h"
 
 namespace {
 
-using Connection = ConnectionTable::Connection;
-
-constexpr int MaximumContentLengthDigits = 15;
-constexpr int MaximumMethodLength = 32;
 // Deeper than one request needs, far from the end of any stack.
 constexpr qint64 MaximumStackDepth = 32 * 1024;
-
-// The library pastes the field into a URI, where these would move the path elsewhere. All else it keeps within the
-// host, escaped where a URI needs that.
-bool movesThePath(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte <= ' ' || byte == 0x7F || strchr("/?#@\\", c);
-}
-
-bool isHost(const QByteArray& host)
-{
-    return std::none_of(host.begin(), host.end(), movesThePath);
-}
-
-bool isContentLength(const QByteArray& value)
-{
-    return !value.isEmpty() && value.size() <= MaximumContentLengthDigits
-        && std::all_of(value.begin(), value.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
 
 // Pipelined heads may have come already.
 bool isMalformed(const Connection* connection)
 {
     return connection->heads && connection->heads->wellFormed() < connection->requests;
-}
-
-RequestHead headOf(SoupMessage* message, const Connection* connection)
-{
-    RequestHead head;
-    head.isMalformed = isMalformed(connection);
-    head.method = QByteArray(message->method);
-    SoupMessageHeadersIter iterator;
-    const char* name = nullptr;
-    const char* value = nullptr;
-    soup_message_headers_iter_init(&iterator, message->request_headers);
-    while (soup_message_headers_iter_next(&iterator, &name, &value)) {
-        ++head.fields;
-        if (g_ascii_strcasecmp(name, "Host") == 0) {
-            ++head.hostFields;
-            head.host = QByteArray(value);
-        } else if (g_ascii_strcasecmp(name, "Content-Length") == 0) {
-            ++head.contentLengthFields;
-            head.contentLength = QByteArray(value);
-        } else if (g_ascii_strcasecmp(name, "Transfer-Encoding") == 0) {
-            ++head.transferEncodingFields;
-            head.transferEncoding = QByteArray(value);
-        }
-    }
-    return head;
 }
 
 // An unrecognised encoding is the one fault at this point that the library answers with 400 and a closed connection.
@@ -106,7 +58,7 @@ void breakRecursion(SoupMessage* message, Connection* connection)
         shallowest = frame;
     if (shallowest - frame < MaximumStackDepth)
         return;
-    SoupServer* server = connection->limits->server();
+    SoupServer* server = connection->table->server();
     soup_server_pause_message(server, message);
     soup_server_unpause_message(server, message);
 }
@@ -121,20 +73,20 @@ void onMethodKnown(SoupMessage* message, GParamSpec*, gpointer data)
     g_signal_handler_disconnect(message, connection->headWatch);
     ConnectionTable::headRead(connection);
     // A request that was sent behind another one: its connection is about to be closed.
-    if (connection->limits->isDraining())
-        return soup_server_pause_message(connection->limits->server(), message);
+    if (connection->table->isDraining())
+        return soup_server_pause_message(connection->table->server(), message);
     breakRecursion(message, connection);
-    const RequestHead head = headOf(message, connection);
-    switch (examineHead(head, connection->limits->limits())) {
+    const RequestHead head = headOf(message, isMalformed(connection));
+    switch (examineHead(head, connection->table->limits())) {
     case HeadVerdict::Accept:
         break;
     case HeadVerdict::BadRequest:
         dbglog_warn(webserverLog(), "Refusing a malformed request head");
-        ++connection->limits->counters().malformedHeads;
+        ++connection->table->counters().malformedHeads;
         return forceBadRequest(message);
     case HeadVerdict::FieldsTooLarge:
         dbglog_warn(webserverLog(), "Refusing a request with " << head.fields << " header fields");
-        ++connection->limits->counters().longHeads;
+        ++connection->table->counters().longHeads;
         return refuseUnread(message, 431);
     }
     guardBody(message, head, connection);
@@ -152,27 +104,6 @@ gulong watchMethod(SoupMessage* message, Connection* connection)
 }
 
 } // namespace
-
-HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
-{
-    dbglog_scopedFunction(webserverLog());
-    // These first: a refusal that reads on would let the library act on CONNECT, or on a body of another length.
-    if (head.isMalformed || head.method.isEmpty() || head.method.size() > MaximumMethodLength
-        || head.method == "CONNECT")
-        return HeadVerdict::BadRequest;
-    if (head.fields > limits.headerCount)
-        return HeadVerdict::FieldsTooLarge;
-    if (head.hostFields > 1 || !isHost(head.host))
-        return HeadVerdict::BadRequest;
-    if (head.contentLengthFields > 1 || head.transferEncodingFields > 1
-        || (head.contentLengthFields && head.transferEncodingFields))
-        return HeadVerdict::BadRequest;
-    if (head.contentLengthFields && !isContentLength(head.contentLength))
-        return HeadVerdict::BadRequest;
-    if (head.transferEncodingFields && head.transferEncoding.toLower() != "chunked")
-        return HeadVerdict::BadRequest;
-    return HeadVerdict::Accept;
-}
 
 // The call is made here: the library leaves this signal's to one for any number of arguments, which takes longer than
 // all that is done for it.

@@ -5,29 +5,6 @@
 #include <libsoup/soup.h>
 
 class ConnectionTable;
-struct ServerLimits;
-
-/// What decides on a request's head, counted from its fields.
-struct RequestHead {
-    bool isMalformed = false; ///< As it was sent: the library may have dropped what was wrong with it.
-    QByteArray method;
-    QByteArray host; ///< The last one.
-    int hostFields = 0;
-    QByteArray contentLength; ///< The last one.
-    int contentLengthFields = 0;
-    QByteArray transferEncoding; ///< The last one.
-    int transferEncodingFields = 0;
-    int fields = 0;
-};
-
-enum class HeadVerdict {
-    Accept,
-    BadRequest, ///< 400: contradictory or malformed (RFC 9112, sections 3.2 and 6).
-    FieldsTooLarge, ///< 431 (RFC 6585, section 5)
-};
-
-/// Decides on one head, without looking at anything else.
-HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits);
 
 /// Stands between the socket and the first handler: sees each head as soon as the library has parsed it, and before the
 /// library acts on it, and defuses what the library would not survive or would get wrong. A well-formed request passes

@@ -1,6 +1,8 @@
 #include "WatchedConnection.h"
 
 #include "HeadScanner.h"
+#include "RecordScanner.h"
+#include "WebserverLog.h"
 
 namespace {
 
@@ -9,6 +11,8 @@ struct Watch {
     HeadScanner scanner;
     bool isWanted = false;
     const void* shown = nullptr; ///< The stream whose bytes are, of one over the other.
+    RecordScanner records; ///< Of the stream below that one.
+    GTlsConnection* tls = nullptr; ///< That reads the stream below; not owned.
 };
 
 GQuark watchKey()
@@ -38,14 +42,33 @@ WatchedInput* watched(void* stream)
     return static_cast<WatchedInput*>(stream);
 }
 
+// The version is known as soon as the first handshake is done. What reads here is either the TLS connection itself or
+// the thread in which it shakes hands.
+bool isRenegotiating(Watch* watch, const char* data, gssize count)
+{
+    return watch->tls && watch->records.feed(data, count)
+        && g_tls_connection_get_protocol_version(watch->tls) != G_TLS_PROTOCOL_VERSION_UNKNOWN;
+}
+
+gssize refuse(const char* why, GError** error)
+{
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, why);
+    return -1;
+}
+
 gssize show(void* stream, void* buffer, gssize count, GError** error)
 {
     Watch* watch = watched(stream)->watch;
-    if (count <= 0 || !watch->isWanted || watch->shown != stream
-        || watch->scanner.feed(static_cast<char*>(buffer), count))
+    auto* data = static_cast<char*>(buffer);
+    if (count <= 0)
         return count;
-    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_INVALID_DATA, "Not to be shown to the library");
-    return -1;
+    if (watch->shown == stream)
+        return !watch->isWanted || watch->scanner.feed(data, count) ? count
+                                                                    : refuse("Not to be shown to the library", error);
+    if (!isRenegotiating(watch, data, count))
+        return count;
+    dbglog_warn(webserverLog(), "Closing a connection whose client asks for another TLS handshake");
+    return refuse("No renegotiation", error);
 }
 
 gssize read(GInputStream* stream, void* buffer, gsize count, GCancellable* cancellable, GError** error)
@@ -150,6 +173,8 @@ GInputStream* inputOfTls(GIOStream* connection)
     GSocket* socket =
         G_IS_SOCKET_CONNECTION(base) ? g_socket_connection_get_socket(G_SOCKET_CONNECTION(base)) : nullptr;
     GInputStream* input = inputOf(connection, socket, originalOfTls);
+    if (socket)
+        watchOf(socket)->tls = G_TLS_CONNECTION(connection);
     g_clear_object(&base);
     return input;
 }

@@ -7,6 +7,10 @@ class HeadScanner;
 /// Lets somebody see what the library reads from a connection, before its parser does and without a copy: over TLS what
 /// was decrypted.
 ///
+/// Over TLS it also ends a connection whose client asks for another handshake, which TLS 1.2 has: one costs the device
+/// a thousand times what it costs the client, and the TLS library grants as many as are asked for, without a setting
+/// for that.
+///
 /// The library makes its connections by itself and shows them to nobody; what can be reached are their classes. So the
 /// classes of GIO's connections get another get_input_stream(), for the whole process. (GIO has a registry of
 /// connection types as well, but frees the entry of a second type for the same protocol, and then uses it.) What nobody

@@ -26,7 +26,7 @@ QByteArray toText(const ZarkList<ZarkEventSubscribe>& subscriptions)
 EventResponder::EventResponder(Request& request, const QString& path,
     const QSharedPointer<EventResponderShared>& shared, const QSharedPointer<UserDatabase>& userDatabase,
     const QSharedPointer<ResponderConfiguration>& configuration, QObject* parent)
-    : SignedResponder(request, path, userDatabase, configuration, parent), m_shared(shared)
+    : PollResponder(request, path, userDatabase, configuration, parent), m_shared(shared)
 {
 }
 

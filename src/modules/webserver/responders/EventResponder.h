@@ -4,16 +4,14 @@
 #include <QSharedPointer>
 
 #include "EventRequests.h"
-#include "SignedResponder.h"
-
-class EventResponderShared;
+#include "PollResponder.h"
 
 /// Answers /api/event/modifyQueue and /api/event/pollQueue, GET and POST: JSON on success, plain text otherwise.
 ///
 /// identify → parse → authorize → ask the queues → reply. A poll is answered when its queue says so, by
 /// queueRequestDone(); EventDelivery then tells the queue whether the answer left. Errors leave through finishRespond()
 /// alone.
-class EventResponder : public SignedResponder {
+class EventResponder : public PollResponder {
     Q_OBJECT
 public:
     using SubscribeData = EventSubscribeData;
@@ -25,15 +23,10 @@ public:
 
     void respond() override;
 
-    EventResponderShared* shared() const { return m_shared.data(); }
-
-    /// The answer that follows is to tell `queue`, as poll `token`, whether it arrived.
-    void watchDelivery(CMEventQueue* queue, quint64 token);
-    /// The answer to a poll.
-    void queueRequestDone(const ZarkList<ZarkEvent>& events);
-    /// Whether this client may hear of the node at `path` under the permissions and the mode of this moment. Internal
-    /// nodes do not exist for clients outside the device.
-    bool mayReadNow(const CMPath& path) const;
+    EventResponderShared* shared() const override { return m_shared.data(); }
+    void watchDelivery(CMEventQueue* queue, quint64 token) override;
+    void queueRequestDone(const ZarkList<ZarkEvent>& events) override;
+    bool mayReadNow(const CMPath& path) const override;
 
 private:
     void modifyQueue();
