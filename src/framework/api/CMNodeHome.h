@@ -13,6 +13,8 @@ class CMUINode;
 /// What a node knows of the tree that it stands in; the tree says more about each.
 class CMNodeHome {
 public:
+    virtual ~CMNodeHome() = default;
+
     virtual CMStore* store() const = 0;
     virtual CMUINode* node(const CMPath& path) const = 0;
     virtual const QVector<CMUINode*>& children(const CMUINode* node) const = 0;
@@ -23,7 +25,4 @@ public:
     virtual void remove(CMUINode* node) = 0;
     virtual void notifyChanged(CMUINode* node, const QStringList& roles) = 0;
     virtual void changeRows(CMUINode* node, QList<ZarkRowEvent> events) = 0;
-
-protected:
-    ~CMNodeHome() = default;
 };

@@ -26,7 +26,7 @@ public:
 class CMNodeTree final : public CMNodeHome {
 public:
     explicit CMNodeTree(CMStore* store);
-    ~CMNodeTree();
+    ~CMNodeTree() override;
     CMNodeTree(const CMNodeTree&) = delete;
     CMNodeTree& operator=(const CMNodeTree&) = delete;
 

@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QHostAddress>
 #include <QThread>
+#include <QUrl>
 
 #include <sys/socket.h>
 
