@@ -55,8 +55,9 @@ void compareWithLibrary(const QByteArray& head, qint64 contentLength)
 }
 
 /// The first head is the same in one piece and byte by byte.
-void readHead(QByteArray text)
+void readHead(const QByteArray& sent)
 {
+    QByteArray text = sent; // Field names that are too many or too long are written over.
     HeadScanner cut;
     int end = 0;
     bool isShown = true;
@@ -102,7 +103,7 @@ void readRequests(const RequestParameters& parameters)
 /// Of a URI, or a form: what is found under a name is the first of that name.
 void readQuery(const QByteArray& text)
 {
-    const QueryItems items(text);
+    const QueryItems items{ QLatin1String(text) };
     const auto& all = items.all();
     for (const auto& item : all) {
         const auto first =
