@@ -132,9 +132,11 @@ private:
 
     QByteArray get(const QByteArray& target) { return answerTo("GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n"); }
 
-    /// Whether anything happened. Qt leaves what is to be deleted later alone outside exec(), unless asked.
+    /// Whether anything happened. Qt leaves what is to be deleted later alone outside exec(), unless asked; there it comes
+    /// after what was posted before.
     static bool turn()
     {
+        QCoreApplication::sendPostedEvents();
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         return g_main_context_iteration(nullptr, FALSE);
     }
