@@ -42,18 +42,14 @@ check_symbols() {
 
 free_port() { python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'; }
 
-# The service's own command line, in the folder.
+# start_host COMMAND...: the service's own command, on free ports, $port and $https_port.
 start_host() {
-    local -a command
-    local port=$1
-    read -ra command <<<"$(sed -ne ':a; /\\$/N; s/\\\n//; ta; s/^ExecStart=//p' "$root"/lib/systemd/system/zark-host.service)"
-    command=("${command[@]/#\/usr/$root/usr}")
-    command=("${command[@]/=\/usr/=$root/usr}")
-    command=("${command[@]/#\/var/$work/var}")
-    env -u LD_LIBRARY_PATH "${command[@]}" --set "settings:webserver/port=$port" --set settings:webserver/httpsPort=0 \
+    port=$(free_port)
+    https_port=$(free_port)
+    env -u LD_LIBRARY_PATH "$@" --set "settings:webserver/port=$port" --set "settings:webserver/httpsPort=$https_port" \
         --log-level error >"$work/out" &
     host_pid=$!
-    for _ in $(seq 100); do
+    for _ in $(seq 300); do
         ! grep -qx ready "$work/out" || return 0
         kill -0 "$host_pid" 2>/dev/null || break
         sleep 0.1
@@ -61,17 +57,54 @@ start_host() {
     die "the host did not start"
 }
 
-check_host() {
-    local port
-    say "the host, from $root"
-    port=$(free_port)
-    start_host "$port"
-    ! grep -oE '/[^ ]*libzark_[^ ]*' "/proc/$host_pid/maps" | sort -u | grep -v "^$root" || die "libraries from elsewhere"
-    curl -fsSL "http://localhost:$port/" | grep -q '<script' || die "the explorer is not served"
-    "$root/usr/bin/zarkctl" --url "http://localhost:$port" get player:player/volume >/dev/null || die "zarkctl failed"
+stop_host() {
     kill "$host_pid"
     wait "$host_pid" || die "the host ended with status $?"
     host_pid=
+}
+
+# serves ZARKCTL...: the host that runs, asked from here and by that zarkctl.
+serves() {
+    local url
+    for url in "http://localhost:$port/" "https://127.0.0.1:$https_port/"; do
+        curl -fskSL "$url" | grep -q '<script' || die "the explorer is not served at $url"
+    done
+    "$@" --url "http://localhost:$port" get player:player/volume >/dev/null || die "zarkctl failed"
+}
+
+service_command() { sed -ne ':a; /\\$/N; s/\\\n//; ta; s/^ExecStart=//p' "$1"/lib/systemd/system/zark-host.service; }
+
+check_host() {
+    local -a command
+    say "the host, from $root"
+    read -ra command <<<"$(service_command "$root")"
+    command=("${command[@]/#\/usr/$root/usr}")
+    command=("${command[@]/=\/usr/=$root/usr}")
+    start_host "${command[@]/#\/var/$work/var}"
+    ! grep -oE '/[^ ]*libzark_[^ ]*' "/proc/$host_pid/maps" | sort -u | grep -v "^$root" || die "libraries from elsewhere"
+    serves "$root/usr/bin/zarkctl"
+    stop_host
+}
+
+# What they depend on, and nothing else: the archive is this machine's, the system its smallest.
+check_bare_system() {
+    local bare=$work/bare sources=/etc/apt/sources.list.d/debian.sources
+    local -a command
+    say "a bare system"
+    if ((UID)) || ! command -v mmdebstrap >/dev/null; then
+        say "left out: it takes root and mmdebstrap"
+        return
+    fi
+    [[ -f $sources ]] || sources=/etc/apt/sources.list
+    # shellcheck disable=SC2016 # The shell of the hooks expands it.
+    quietly mmdebstrap --variant=minbase --customize-hook='mkdir "$1/packages"' \
+        --customize-hook="cp '$packages'/*.deb \"\$1/packages\"" \
+        --customize-hook='chroot "$1" sh -c "rm packages/*-dbgsym_*; apt-get install -y --no-install-recommends /packages/*.deb"' \
+        "$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)" "$bare" "$sources"
+    read -ra command <<<"$(service_command "$bare")"
+    start_host chroot "$bare" "${command[@]}"
+    serves chroot "$bare" zarkctl
+    stop_host
 }
 
 # A device maker's build: the module alone, against a framework that is installed somewhere.
@@ -110,6 +143,7 @@ check_lint() {
 unpack
 check_symbols
 check_host
+check_bare_system
 check_lint
 check_cmake_package
 check_system_framework
