@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Census.h"
 #include "Connection.h"
 #include "Listeners.h"
 #include "ServerCounters.h"
@@ -22,16 +23,6 @@ class Parking;
 /// to just before its destruction.
 class ConnectionTable : public QObject {
 public:
-    /// Connections by what they are at.
-    struct Census {
-        int opening = 0; ///< Without a first head yet, a TLS handshake included.
-        int idle = 0; ///< Between an answer and the next head.
-        int receiving = 0; ///< A request's body.
-        int answering = 0;
-
-        Census& operator+=(const Census& other);
-    };
-
     ConnectionTable(SoupServer* server, const ServerLimits& limits);
     ~ConnectionTable() override;
     ConnectionTable(const ConnectionTable&) = delete;
@@ -82,25 +73,20 @@ private:
     static void settle(Connection* connection);
     void heard(quint64 number, quint32 events);
     Connection* leastUseful(Connection* newest) const;
-    static bool isOverdue(const Connection& connection, gint64 now);
     bool mayBeShakingHands(const Connection& connection) const;
-    static bool isAbandoned(Connection* connection, gint64 now);
     void close(Connection* connection);
     void doom(Connection* connection);
     void closeDoomed();
-    void closeListeners();
     void closeOverdue();
-    static void tellOfTimeout(const Connection& connection);
     void closeSlowHandshakes();
     void parkIdle();
-    void reviveListeners();
     void scheduleSweep(int milliseconds);
     void stopSweep();
 
     SoupServer* m_server;
     ServerLimits m_limits;
     int m_maximumConnections;
-    SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
+    bool m_isTls = false;
     Listeners m_listeners;
     SocketWatch m_watch;
     std::unique_ptr<Parking> m_parking;
@@ -108,8 +94,6 @@ private:
     int m_timerMilliseconds = 0;
     ServerCounters m_counters;
     quint64 m_acceptCount = 0;
-    quint64 m_acceptCountAtSweep = 0;
-    int m_sweepsWaited = 0; ///< In a row, a client was found waiting and none had been accepted.
     bool m_draining = false;
     std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
     std::unordered_map<quint64, Connection*> m_numbered; ///< The same.
