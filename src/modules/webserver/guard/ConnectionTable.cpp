@@ -363,7 +363,8 @@ void ConnectionTable::closeSlowHandshakes()
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         const gint64 age = now - connection->since;
-        if (!mayBeShakingHands(*connection) || age < SilentHandshake)
+        if (!mayBeShakingHands(*connection) || age < SilentHandshake
+            || WatchedConnection::hasShakenHands(connection->gsocket))
             continue;
         if (age >= SlowHandshake || TcpState::of(connection->gsocket).receivedBytes == 0)
             slow.push_back(connection);
