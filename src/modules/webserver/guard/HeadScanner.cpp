@@ -34,10 +34,10 @@ bool isRequestLine(const char* begin, const char* methodEnd, const char* end)
     if (methodEnd == begin || methodEnd >= end || !KeptNames::isMethod(begin, methodEnd))
         return false;
     const char* const target = std::find_if_not(methodEnd, end, isBlank);
+    if (target != end && (*target == '/' || *target == '*'))
+        return true;
     const char* const schemeEnd = std::find(target, end, ':');
-    return target != end
-        && (*target == '/' || *target == '*' || isName(target, schemeEnd, "http")
-            || isName(target, schemeEnd, "https"));
+    return isName(target, schemeEnd, "http") || isName(target, schemeEnd, "https");
 }
 
 void blank(char* begin, char* end, const char* except)
