@@ -213,6 +213,20 @@ void ConnectionTable::headRead(Connection* connection)
     connection->answeredBefore = true;
 }
 
+void ConnectionTable::bodyAwaited(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account == Connection::Refused)
+        connection->account = Connection::Awaited;
+}
+
+void ConnectionTable::bodyRefused(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account == Connection::Awaited)
+        connection->account = Connection::Refused;
+}
+
 void ConnectionTable::bodyMoved(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
@@ -246,10 +260,13 @@ void ConnectionTable::requestFinished(Connection* connection, SoupMessage* messa
 // What no handler saw is over with the next request, or with its connection.
 void ConnectionTable::settle(Connection* connection)
 {
-    if (connection->account != Connection::Refused)
+    if (connection->account == Connection::Refused)
+        ++connection->table->m_counters.answers[4];
+    else if (connection->account == Connection::Awaited)
+        ++connection->table->m_counters.answers[0];
+    else
         return;
     connection->account = Connection::Settled;
-    ++connection->table->m_counters.answers[4];
 }
 
 void ConnectionTable::requestRead(Connection* connection)
@@ -339,8 +356,10 @@ void ConnectionTable::closeOverdue()
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         const bool overdue = isOverdue(*connection, now);
-        if (overdue && connection->state == Connection::ReadingBody && !connection->doomed)
+        if (overdue && connection->state == Connection::ReadingBody && !connection->doomed) {
             tellOfTimeout(*connection);
+            bodyRefused(connection);
+        }
         if (overdue || isAbandoned(connection, now))
             doom(connection);
     }

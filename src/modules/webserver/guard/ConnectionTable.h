@@ -57,6 +57,9 @@ public:
     Connection* requestHandled(SoupClientContext* client, bool isRead);
     /// The exchange is over, whether or not the client has the answer. Once for each: later calls have no effect.
     static void requestFinished(Connection* connection, SoupMessage* message);
+    /// The head is accepted, and nothing else stands between its body and a handler; or it was refused after all.
+    static void bodyAwaited(Connection* connection);
+    static void bodyRefused(Connection* connection);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on, and
     /// `uploadSeconds` in all.
     static void bodyMoved(Connection* connection);
