@@ -17,10 +17,10 @@
 
 class Parking;
 
-/// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
-/// there are, notice of a client that leaves while its exchange is paused, and a listener that survives running out of
-/// file descriptors. Idle connections it parks (Parking). On the server's thread; lives from the server's construction
-/// to just before its destruction.
+/// What the HTTP library leaves out about connections: deadlines for silent and dripping clients (Deadlines), a cap on
+/// how many there are, and notice of a client that leaves while its exchange is paused. Idle connections it parks
+/// (Parking); new ones come through Listeners. On the server's thread; lives from the server's construction to just
+/// before its destruction.
 class ConnectionTable : public QObject {
 public:
     ConnectionTable(SoupServer* server, const ServerLimits& limits);
