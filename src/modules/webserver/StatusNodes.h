@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "ConnectionTable.h"
+#include "Census.h"
 #include "ServerCounters.h"
 
 class CMNodes;
@@ -14,7 +14,7 @@ class CMValueNode;
 
 /// What the web server does at one moment, all servers together.
 struct ServerStatus {
-    ConnectionTable::Census connections;
+    Census connections;
     ServerCounters counted;
     int queues = 0;
     int waitingPolls = 0;

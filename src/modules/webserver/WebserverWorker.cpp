@@ -11,6 +11,7 @@
 #include "CMRoot.h"
 #include "CMValueNode.h"
 #include "ClockWatch.h"
+#include "ConnectionTable.h"
 #include "EventResponder.h"
 #include "EventResponderShared.h"
 #include "FileResponder.h"

@@ -133,6 +133,7 @@ void onGotChunk(SoupMessage* message, SoupBuffer* chunk, gpointer data)
         ConnectionTable::bodyMoved(body->connection);
     } else if (body->received > body->limit()) {
         stopReading(message, body);
+        ConnectionTable::bodyRefused(body->connection);
         ++body->connection->table->counters().longBodies;
         setRefusal(message, SOUP_STATUS_REQUEST_ENTITY_TOO_LARGE);
     }
@@ -172,6 +173,8 @@ void onGotHeaders(SoupMessage* message, gpointer data)
     // An answer at this point, of an early handler or to a fault that the library found, comes before the body.
     if (message->status_code != SOUP_STATUS_NONE)
         stopReading(message, body);
+    else
+        ConnectionTable::bodyAwaited(body->connection);
 }
 
 bool hasBody(const RequestHead& head)

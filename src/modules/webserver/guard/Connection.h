@@ -18,6 +18,7 @@ struct Connection {
     enum Account {
         Settled,
         Refused, ///< Unless a handler gets to see the request, the guard has refused it, or the library.
+        Awaited, ///< Its body is on its way: the client leaves, or a handler gets to see it.
         Handled,
     };
 

@@ -1,22 +1,15 @@
 #include "ConnectionTable.h"
 
-#include <cstddef>
-#include <fcntl.h>
-#include <linux/tcp.h> // With the byte counts that the C library's tcp_info lacks.
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <utility>
 
-#include <QVector>
-
+#include "Deadlines.h"
 #include "Parking.h"
+#include "TcpState.h"
 #include "WatchedConnection.h"
 #include "WebserverLog.h"
 
@@ -24,9 +17,6 @@ namespace {
 
 constexpr int BusySweepMilliseconds = 250;
 constexpr int IdleSweepMilliseconds = 1000;
-// A client that shuts down its sending side may still want the answer; one that for longer than this has nothing to
-// read is taken for gone.
-constexpr gint64 HalfClosedGrace = 500 * 1000;
 constexpr gint64 SilentHandshake = 250 * 1000;
 constexpr gint64 SlowHandshake = 1000 * 1000;
 constexpr int MaximumSlowHandshakes = 4;
@@ -49,35 +39,11 @@ SoupSocket* socketOf(SoupClientContext* client)
     G_GNUC_END_IGNORE_DEPRECATIONS
 }
 
-// What the kernel does not tell is 0.
-tcp_info tcpInfo(GSocket* socket)
-{
-    tcp_info info{};
-    socklen_t size = sizeof info;
-    getsockopt(g_socket_get_fd(socket), IPPROTO_TCP, TCP_INFO, &info, &size);
-    return info;
-}
-
-bool hasToRead(const tcp_info& info)
-{
-    return info.tcpi_unacked > 0 || info.tcpi_notsent_bytes > 0;
-}
-
-// The kernel gives up a peer that is silent (it lost power), and one that takes nothing of what it is sent.
-void setTcpTimeouts(int fd, const ServerLimits& limits)
-{
-    const int on = 1;
-    const unsigned int milliseconds = static_cast<unsigned int>(limits.stalledSeconds) * 1000;
-    setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-    setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &limits.idleSeconds, sizeof limits.idleSeconds);
-    setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &milliseconds, sizeof milliseconds);
-}
-
 } // namespace
 
 ConnectionTable::ConnectionTable(SoupServer* server, const ServerLimits& limits)
     : m_server(server), m_limits(limits), m_maximumConnections(maximumConnections(limits.connections)),
-      m_watch([this](quint64 number, quint32 events) { heard(number, events); }),
+      m_listeners(server), m_watch([this](quint64 number, quint32 events) { heard(number, events); }),
       m_parking(std::make_unique<Parking>(server, &m_watch))
 {
 }
@@ -92,10 +58,9 @@ ConnectionTable::~ConnectionTable()
 bool ConnectionTable::start(int port, SoupServerListenOptions options, GError** error)
 {
     dbglog_scopedFunction(webserverLog());
-    m_options = options;
-    WatchedConnection::install((options & SOUP_SERVER_LISTEN_HTTPS) != 0);
-    const bool listening = m_listeners.add(
-        m_server, [&] { return soup_server_listen_all(m_server, static_cast<guint>(port), options, error) != FALSE; });
+    m_isTls = (options & SOUP_SERVER_LISTEN_HTTPS) != 0;
+    WatchedConnection::install(m_isTls);
+    const bool listening = m_listeners.start(port, options, error);
     if (listening)
         scheduleSweep(IdleSweepMilliseconds);
     return listening;
@@ -123,24 +88,11 @@ bool ConnectionTable::endHandshakes()
 void ConnectionTable::drain()
 {
     m_draining = true;
-    closeListeners();
+    m_listeners.close();
     for (const auto& entry : m_connections) {
         if (entry.second->state == Connection::ReadingHead)
             closeSoon(entry.second.get());
     }
-}
-
-// The library gives no listener up without its connections, and does not survive one that fails. So its descriptor
-// becomes one on which nothing ever happens, which closes the socket that it was.
-void ConnectionTable::closeListeners()
-{
-    const int silent = ::eventfd(0, EFD_CLOEXEC);
-    GSList* listeners = soup_server_get_listeners(m_server);
-    for (const GSList* entry = listeners; silent >= 0 && entry; entry = entry->next)
-        ::dup3(silent, g_socket_get_fd(static_cast<GSocket*>(entry->data)), O_CLOEXEC);
-    g_slist_free(listeners);
-    if (silent >= 0)
-        ::close(silent);
 }
 
 void ConnectionTable::stopSweep()
@@ -167,26 +119,12 @@ bool ConnectionTable::isAnswering() const
         [](const auto& entry) { return entry.second->state != Connection::ReadingHead; });
 }
 
-ConnectionTable::Census& ConnectionTable::Census::operator+=(const Census& other)
-{
-    opening += other.opening;
-    idle += other.idle;
-    receiving += other.receiving;
-    answering += other.answering;
-    return *this;
-}
-
-ConnectionTable::Census ConnectionTable::census() const
+Census ConnectionTable::census() const
 {
     dbglog_scopedFunction(webserverLog());
     Census census;
-    for (const auto& entry : m_connections) {
-        const Connection& connection = *entry.second;
-        if (connection.state == Connection::ReadingHead)
-            ++(connection.answeredBefore ? census.idle : census.opening);
-        else
-            ++(connection.state == Connection::ReadingBody ? census.receiving : census.answering);
-    }
+    for (const auto& entry : m_connections)
+        census.add(*entry.second);
     return census;
 }
 
@@ -221,7 +159,7 @@ Connection* ConnectionTable::accepted(SoupClientContext* client)
     m_numbered.emplace(connection->number, connection);
     g_signal_connect(connection->socket, "disconnected", G_CALLBACK(onDisconnected), connection);
     if (connection->gsocket) {
-        setTcpTimeouts(g_socket_get_fd(connection->gsocket), m_limits);
+        setTcpTimeouts(connection->gsocket, m_limits);
         m_watch.add(g_socket_get_fd(connection->gsocket), connection->number);
     }
     scheduleSweep(BusySweepMilliseconds);
@@ -275,6 +213,20 @@ void ConnectionTable::headRead(Connection* connection)
     connection->answeredBefore = true;
 }
 
+void ConnectionTable::bodyAwaited(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account == Connection::Refused)
+        connection->account = Connection::Awaited;
+}
+
+void ConnectionTable::bodyRefused(Connection* connection)
+{
+    dbglog_scopedFunction(webserverLog());
+    if (connection->account == Connection::Awaited)
+        connection->account = Connection::Refused;
+}
+
 void ConnectionTable::bodyMoved(Connection* connection)
 {
     dbglog_scopedFunction(webserverLog());
@@ -308,10 +260,13 @@ void ConnectionTable::requestFinished(Connection* connection, SoupMessage* messa
 // What no handler saw is over with the next request, or with its connection.
 void ConnectionTable::settle(Connection* connection)
 {
-    if (connection->account != Connection::Refused)
+    if (connection->account == Connection::Refused)
+        ++connection->table->m_counters.answers[4];
+    else if (connection->account == Connection::Awaited)
+        ++connection->table->m_counters.answers[0];
+    else
         return;
     connection->account = Connection::Settled;
-    ++connection->table->m_counters.answers[4];
 }
 
 void ConnectionTable::requestRead(Connection* connection)
@@ -354,8 +309,7 @@ void ConnectionTable::closeSoon(Connection* connection)
 
 bool ConnectionTable::mayBeShakingHands(const Connection& connection) const
 {
-    const bool isTls = m_options & SOUP_SERVER_LISTEN_HTTPS;
-    return isTls && connection.gsocket && connection.state == Connection::ReadingHead && !connection.answeredBefore;
+    return m_isTls && connection.gsocket && connection.state == Connection::ReadingHead && !connection.answeredBefore;
 }
 
 void ConnectionTable::close(Connection* connection)
@@ -364,7 +318,7 @@ void ConnectionTable::close(Connection* connection)
     // stream ends it, and tells the library, which then disconnects. The same goes for an idle connection, whose client
     // may have begun another handshake: disconnected in the middle of one, it would keep its descriptor for ever. What
     // a client does not read is no reason to wait either, and a TLS connection would, for the room to say good-bye.
-    const bool isTls = (m_options & SOUP_SERVER_LISTEN_HTTPS) && connection->gsocket;
+    const bool isTls = m_isTls && connection->gsocket;
     const bool isIdle = connection->state == Connection::ReadingHead && connection->answeredBefore;
     // An idle plain connection ends in the same way, so that whoever still waits for what became of an answer on it can
     // look before the library closes it.
@@ -391,31 +345,9 @@ void ConnectionTable::timerEvent(QTimerEvent*)
     closeDoomed();
     parkIdle();
     m_gone.clear();
-    reviveListeners();
+    m_listeners.revive(m_acceptCount);
     if (m_timer)
         scheduleSweep(m_connections.empty() ? IdleSweepMilliseconds : BusySweepMilliseconds);
-}
-
-// An answer that is still on its way does not make an idle connection.
-bool ConnectionTable::isOverdue(const Connection& connection, gint64 now)
-{
-    if (connection.deadline == 0 || now < connection.deadline)
-        return false;
-    const bool isIdle = connection.state == Connection::ReadingHead && connection.answeredBefore;
-    return !isIdle || !connection.gsocket || !hasToRead(tcpInfo(connection.gsocket));
-}
-
-// What the client has yet to read, or has read since the last look, tells that it is there.
-bool ConnectionTable::isAbandoned(Connection* connection, gint64 now)
-{
-    if (connection->state != Connection::Answering || connection->halfClosedSince == 0)
-        return false;
-    const tcp_info info = connection->gsocket ? tcpInfo(connection->gsocket) : tcp_info{};
-    if (hasToRead(info) || info.tcpi_bytes_acked != connection->acknowledgedBytes)
-        connection->movedSince = now;
-    connection->acknowledgedBytes = info.tcpi_bytes_acked;
-    return now - std::max({ connection->halfClosedSince, connection->since, connection->movedSince })
-        >= HalfClosedGrace;
 }
 
 void ConnectionTable::closeOverdue()
@@ -424,20 +356,13 @@ void ConnectionTable::closeOverdue()
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         const bool overdue = isOverdue(*connection, now);
-        if (overdue && connection->state == Connection::ReadingBody && !connection->doomed)
+        if (overdue && connection->state == Connection::ReadingBody && !connection->doomed) {
             tellOfTimeout(*connection);
+            bodyRefused(connection);
+        }
         if (overdue || isAbandoned(connection, now))
             doom(connection);
     }
-}
-
-// The library gives no answer before the end of a body. What the socket has no room for is not worth waiting for.
-void ConnectionTable::tellOfTimeout(const Connection& connection)
-{
-    constexpr char Answer[] = "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Length: 0\r\n"
-                              "X-Robots-Tag: noindex\r\n\r\n";
-    gsize written = 0;
-    soup_socket_write(connection.socket, Answer, sizeof Answer - 1, &written, nullptr, nullptr);
 }
 
 void ConnectionTable::parkIdle()
@@ -457,9 +382,10 @@ void ConnectionTable::closeSlowHandshakes()
     for (const auto& entry : m_connections) {
         Connection* connection = entry.second.get();
         const gint64 age = now - connection->since;
-        if (!mayBeShakingHands(*connection) || age < SilentHandshake)
+        if (!mayBeShakingHands(*connection) || age < SilentHandshake
+            || WatchedConnection::hasShakenHands(connection->gsocket))
             continue;
-        if (age >= SlowHandshake || tcpInfo(connection->gsocket).tcpi_bytes_received == 0)
+        if (age >= SlowHandshake || TcpState::of(connection->gsocket).receivedBytes == 0)
             slow.push_back(connection);
     }
     if (slow.size() <= MaximumSlowHandshakes)
@@ -468,32 +394,4 @@ void ConnectionTable::closeSlowHandshakes()
     std::nth_element(slow.begin(), spared, slow.end(),
         [](const auto* left, const auto* right) { return left->since < right->since; });
     std::for_each(slow.begin(), spared, [this](Connection* connection) { doom(connection); });
-}
-
-// The library stops accepting for good when accept() fails once. A listener with a client waiting at three sweeps, and
-// none accepted in between, has stopped. Two are not enough: a sweep comes before the listeners in its turn of the
-// loop, so after a turn that took long the second sees the client that came in the middle of the first one's.
-void ConnectionTable::reviveListeners()
-{
-    GSList* listeners = soup_server_get_listeners(m_server);
-    bool waiting = false;
-    QVector<GSocket*> stuck;
-    for (const GSList* entry = listeners; entry; entry = entry->next) {
-        auto* listener = static_cast<GSocket*>(entry->data);
-        pollfd request{ g_socket_get_fd(listener), POLLIN, 0 };
-        if (::poll(&request, 1, 0) != 1 || stuck.contains(listener))
-            continue;
-        waiting = true;
-        stuck.append(listener);
-    }
-    g_slist_free(listeners);
-    m_sweepsWaited = waiting && m_acceptCount == m_acceptCountAtSweep ? m_sweepsWaited + 1 : int(waiting);
-    m_acceptCountAtSweep = m_acceptCount;
-    if (m_sweepsWaited >= 3) {
-        m_sweepsWaited = 0;
-        dbglog_error(webserverLog(), "A listener had stopped accepting, starting it again");
-        for (GSocket* listener : qAsConst(stuck))
-            m_listeners.add(
-                m_server, [&] { return soup_server_listen_socket(m_server, listener, m_options, nullptr) != FALSE; });
-    }
 }

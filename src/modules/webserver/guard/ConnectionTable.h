@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Census.h"
 #include "Connection.h"
 #include "Listeners.h"
 #include "ServerCounters.h"
@@ -16,22 +17,12 @@
 
 class Parking;
 
-/// What the HTTP library leaves out about connections: deadlines for silent and dripping clients, a cap on how many
-/// there are, notice of a client that leaves while its exchange is paused, and a listener that survives running out of
-/// file descriptors. Idle connections it parks (Parking). On the server's thread; lives from the server's construction
-/// to just before its destruction.
+/// What the HTTP library leaves out about connections: deadlines for silent and dripping clients (Deadlines), a cap on
+/// how many there are, and notice of a client that leaves while its exchange is paused. Idle connections it parks
+/// (Parking); new ones come through Listeners. On the server's thread; lives from the server's construction to just
+/// before its destruction.
 class ConnectionTable : public QObject {
 public:
-    /// Connections by what they are at.
-    struct Census {
-        int opening = 0; ///< Without a first head yet, a TLS handshake included.
-        int idle = 0; ///< Between an answer and the next head.
-        int receiving = 0; ///< A request's body.
-        int answering = 0;
-
-        Census& operator+=(const Census& other);
-    };
-
     ConnectionTable(SoupServer* server, const ServerLimits& limits);
     ~ConnectionTable() override;
     ConnectionTable(const ConnectionTable&) = delete;
@@ -66,6 +57,9 @@ public:
     Connection* requestHandled(SoupClientContext* client, bool isRead);
     /// The exchange is over, whether or not the client has the answer. Once for each: later calls have no effect.
     static void requestFinished(Connection* connection, SoupMessage* message);
+    /// The head is accepted, and nothing else stands between its body and a handler; or it was refused after all.
+    static void bodyAwaited(Connection* connection);
+    static void bodyRefused(Connection* connection);
     /// Something of a body has come that an early handler takes as it arrives: it has `stalledSeconds` to go on, and
     /// `uploadSeconds` in all.
     static void bodyMoved(Connection* connection);
@@ -82,25 +76,20 @@ private:
     static void settle(Connection* connection);
     void heard(quint64 number, quint32 events);
     Connection* leastUseful(Connection* newest) const;
-    static bool isOverdue(const Connection& connection, gint64 now);
     bool mayBeShakingHands(const Connection& connection) const;
-    static bool isAbandoned(Connection* connection, gint64 now);
     void close(Connection* connection);
     void doom(Connection* connection);
     void closeDoomed();
-    void closeListeners();
     void closeOverdue();
-    static void tellOfTimeout(const Connection& connection);
     void closeSlowHandshakes();
     void parkIdle();
-    void reviveListeners();
     void scheduleSweep(int milliseconds);
     void stopSweep();
 
     SoupServer* m_server;
     ServerLimits m_limits;
     int m_maximumConnections;
-    SoupServerListenOptions m_options = static_cast<SoupServerListenOptions>(0);
+    bool m_isTls = false;
     Listeners m_listeners;
     SocketWatch m_watch;
     std::unique_ptr<Parking> m_parking;
@@ -108,8 +97,6 @@ private:
     int m_timerMilliseconds = 0;
     ServerCounters m_counters;
     quint64 m_acceptCount = 0;
-    quint64 m_acceptCountAtSweep = 0;
-    int m_sweepsWaited = 0; ///< In a row, a client was found waiting and none had been accepted.
     bool m_draining = false;
     std::unordered_map<SoupClientContext*, std::unique_ptr<Connection>> m_connections;
     std::unordered_map<quint64, Connection*> m_numbered; ///< The same.

@@ -1,34 +1,17 @@
 #include "HeadScanner.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <utility>
 
-#include <QSet>
-
 #include <glib.h>
+
+#include "KeptNames.h"
 
 namespace {
 
 constexpr int MaximumLineLength = 72 * 1024; // Of what the library itself takes.
 constexpr int MaximumLengthDigits = 15;
-
-// RFC 9110, section 5.6.2; by character.
-constexpr std::array<bool, 256> makeTokenCharacters()
-{
-    std::array<bool, 256> are{};
-    for (const char* of = "!#$%&'*+-.^_`|~0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"; *of; ++of)
-        are.at(static_cast<unsigned char>(*of)) = true;
-    return are;
-}
-
-constexpr std::array<bool, 256> TokenCharacters = makeTokenCharacters();
-
-bool isTokenCharacter(char c)
-{
-    return TokenCharacters.at(static_cast<unsigned char>(c));
-}
 
 bool isBlank(char c)
 {
@@ -45,39 +28,22 @@ template <size_t Size> bool isName(const char* begin, const char* end, const cha
     return end - begin == Size - 1 && g_ascii_strncasecmp(begin, name, Size - 1) == 0;
 }
 
-// Of clients in good faith a device sees some dozens.
-constexpr int MostNames = 1000;
-constexpr int LongestName = 64;
-
-// In lower case. What this server, what it fetches from and proxies in front of it ask for: whoever has used up the
-// bound takes none of these from the others.
-QSet<QByteArray> commonNames()
+// RFC 9112, section 3. The library keeps the schemes of URIs for good as well.
+bool isRequestLine(const char* begin, const char* methodEnd, const char* end)
 {
-    return { "accept", "accept-charset", "accept-encoding", "accept-language", "access-control-request-headers",
-        "access-control-request-method", "authorization", "cache-control", "connection", "content-disposition",
-        "content-encoding", "content-language", "content-length", "content-range", "content-type", "cookie", "date",
-        "dnt", "expect", "forwarded", "from", "host", "if-match", "if-modified-since", "if-none-match", "if-range",
-        "if-unmodified-since", "keep-alive", "max-forwards", "origin", "pragma", "priority", "proxy-connection",
-        "range", "referer", "sec-fetch-dest", "sec-fetch-mode", "sec-fetch-site", "sec-fetch-user", "te", "trailer",
-        "transfer-encoding", "upgrade", "upgrade-insecure-requests", "user-agent", "via", "x-forwarded-for",
-        "x-forwarded-host", "x-forwarded-proto", "x-requested-with" };
+    if (methodEnd == begin || methodEnd >= end || !KeptNames::isMethod(begin, methodEnd))
+        return false;
+    const char* const target = std::find_if_not(methodEnd, end, isBlank);
+    if (target != end && (*target == '/' || *target == '*'))
+        return true;
+    const char* const schemeEnd = std::find(target, end, ':');
+    return isName(target, schemeEnd, "http") || isName(target, schemeEnd, "https");
 }
 
-// Those that the library has been shown by this thread.
-bool isAdmittedName(const char* begin, const char* end)
+void blank(char* begin, char* end, const char* except)
 {
-    thread_local QSet<QByteArray> admitted = commonNames();
-    std::array<char, LongestName> lower{};
-    if (end - begin > LongestName)
-        return false;
-    std::transform(begin, end, lower.begin(), g_ascii_tolower);
-    const QByteArray name = QByteArray::fromRawData(lower.data(), static_cast<int>(end - begin));
-    if (admitted.contains(name))
-        return true;
-    if (admitted.size() >= MostNames)
-        return name.size() == 1; // There are few of them.
-    admitted.insert(QByteArray(name.constData(), name.size()));
-    return true;
+    std::fill(begin, end, ' ');
+    std::copy_n(except, std::min<qsizetype>(qstrlen(except), end - begin), begin);
 }
 
 } // namespace
@@ -100,58 +66,83 @@ bool HeadScanner::feed(char* data, qsizetype length)
 }
 
 // What is left over waits for its end: most heads come in one piece, and nothing of them is copied. The library may
-// have the beginning of such a line already.
+// have the beginning of such a line already, but no more of a name than it could find out.
 char* HeadScanner::takeLine(char* begin, char* end)
 {
     auto* lineEnd = static_cast<char*>(memchr(begin, '\n', static_cast<size_t>(end - begin)));
+    const char* const except = !m_begun.isEmpty() ? "" : replacement();
     if (m_begun.isEmpty() && lineEnd) {
-        if (!readLine(begin, lineEnd) && lineEnd - begin >= 2) {
-            begin[0] = 'X';
-            begin[1] = ':';
-        }
+        const char* const nameEnd = findNameEnd(begin, lineEnd);
+        const bool isShown = mayBeShown(begin, nameEnd, lineEnd);
+        readLine(begin, nameEnd, lineEnd);
+        if (!isShown)
+            blank(begin, lineEnd, except);
         return lineEnd + 1;
     }
-    m_begun.append(begin, static_cast<int>((lineEnd ? lineEnd : end) - begin));
+    char* const pieceEnd = lineEnd ? lineEnd : end;
+    m_begun.append(begin, static_cast<int>(pieceEnd - begin));
     m_isHidden = m_begun.size() > MaximumLineLength;
+    const char* const nameEnd = findNameEnd(m_begun.constBegin(), m_begun.constEnd());
+    m_isBlanked = m_isBlanked || !mayBeShown(m_begun.constBegin(), nameEnd, m_begun.constEnd());
+    if (m_isBlanked)
+        blank(begin, pieceEnd, except);
     if (m_isHidden || !lineEnd)
         return end;
-    const QByteArray line = std::exchange(m_begun, {});
-    m_isHidden = !readLine(line.constBegin(), line.constEnd());
+    m_isBlanked = false;
+    readLine(m_begun.constBegin(), nameEnd, m_begun.constEnd());
+    m_begun.clear();
     return lineEnd + 1;
 }
 
-// False for a field whose name the library is not to keep.
-bool HeadScanner::readLine(const char* begin, const char* end)
+// A field, or what is no request: the library's parser refuses that.
+const char* HeadScanner::replacement() const
+{
+    return m_state == BeforeHead ? "X" : "X:";
+}
+
+// As the library splits lines.
+const char* HeadScanner::findNameEnd(const char* begin, const char* end) const
+{
+    return m_state == BeforeHead ? std::find_if(begin, end, isBlank)
+                                 : std::find_if_not(begin, end, KeptNames::isTokenCharacter);
+}
+
+// False once the line has what the library is not to keep. Of a name that has not ended yet, it keeps nothing.
+bool HeadScanner::mayBeShown(const char* begin, const char* nameEnd, const char* end) const
+{
+    const auto length = nameEnd - begin;
+    if (m_state == BeforeHead)
+        return nameEnd == end ? length <= KeptNames::LongestMethod : KeptNames::mayShowMethod(begin, nameEnd);
+    if (nameEnd == end || *nameEnd == '\r') // An empty line, too.
+        return length <= KeptNames::LongestField;
+    return *nameEnd == ':' && KeptNames::mayShowField(begin, nameEnd);
+}
+
+void HeadScanner::readLine(const char* begin, const char* nameEnd, const char* end)
 {
     if (end > begin && end[-1] == '\r')
         --end;
-    if (begin == end) {
-        endHead();
-        return true;
-    }
-    bool isAdmitted = true;
+    if (begin == end)
+        return endHead();
     bool isGood = !contains(begin, end, '\r') && !contains(begin, end, '\0');
     if (m_state == BeforeHead) {
         m_isChunked = false;
         m_contentLength = -1;
+        isGood = isRequestLine(begin, nameEnd, end) && isGood;
     } else {
-        isGood = readField(begin, end, &isAdmitted) && isGood;
+        isGood = readField(begin, nameEnd, end) && isGood;
     }
     m_isMalformed = m_isMalformed || !isGood;
     m_state = InFields;
-    return isAdmitted;
 }
 
-bool HeadScanner::readField(const char* begin, const char* end, bool* isAdmitted)
+bool HeadScanner::readField(const char* begin, const char* nameEnd, const char* end)
 {
-    const char* const colon = std::find_if_not(begin, end, isTokenCharacter);
-    const bool isField = colon != begin && colon != end && *colon == ':';
-    *isAdmitted = isField && isAdmittedName(begin, colon);
-    if (!isField)
+    if (nameEnd == begin || nameEnd >= end || *nameEnd != ':')
         return false;
-    if (isName(begin, colon, "Content-Length"))
-        return readContentLength(colon + 1, end);
-    m_isChunked = m_isChunked || isName(begin, colon, "Transfer-Encoding");
+    if (isName(begin, nameEnd, "Content-Length"))
+        return readContentLength(nameEnd + 1, end);
+    m_isChunked = m_isChunked || isName(begin, nameEnd, "Transfer-Encoding");
     return true;
 }
 

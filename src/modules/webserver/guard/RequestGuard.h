@@ -22,6 +22,7 @@ class ConnectionTable;
 /// | POST, PUT, PATCH without a length             | the same                       | closed after the answer   |
 /// | a body over the limit, held in memory         | read into memory               | 413 unread, closed        |
 /// | too many fields                               | each name kept for good        | 431, closed               |
+/// | a method or scheme that nobody uses           | kept for good                  | 400, closed               |
 /// | HTTP/1.0 without Host                         | path neither split nor cleaned | the address asked, as Host |
 class RequestGuard {
 public:

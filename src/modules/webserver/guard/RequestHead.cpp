@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "KeptNames.h"
 #include "ServerLimits.h"
 #include "WebserverLog.h"
 
 namespace {
 
 constexpr int MaximumContentLengthDigits = 15;
-constexpr int MaximumMethodLength = 32;
 
 // The library pastes the field into a URI, where these would move the path elsewhere. All else it keeps within the
 // host, escaped where a URI needs that.
@@ -61,7 +61,7 @@ HeadVerdict examineHead(const RequestHead& head, const ServerLimits& limits)
 {
     dbglog_scopedFunction(webserverLog());
     // These first: a refusal that reads on would let the library act on CONNECT, or on a body of another length.
-    if (head.isMalformed || head.method.isEmpty() || head.method.size() > MaximumMethodLength
+    if (head.isMalformed || head.method.isEmpty() || head.method.size() > KeptNames::LongestMethod
         || head.method == "CONNECT")
         return HeadVerdict::BadRequest;
     if (head.fields > limits.headerCount)

@@ -42,12 +42,16 @@ WatchedInput* watched(void* stream)
     return static_cast<WatchedInput*>(stream);
 }
 
-// The version is known as soon as the first handshake is done. What reads here is either the TLS connection itself or
-// the thread in which it shakes hands.
+// The version is known as soon as the first handshake is done.
+bool hasShakenHands(const Watch* watch)
+{
+    return watch->tls && g_tls_connection_get_protocol_version(watch->tls) != G_TLS_PROTOCOL_VERSION_UNKNOWN;
+}
+
+// What reads here is either the TLS connection itself or the thread in which it shakes hands.
 bool isRenegotiating(Watch* watch, const char* data, gssize count)
 {
-    return watch->tls && watch->records.feed(data, count)
-        && g_tls_connection_get_protocol_version(watch->tls) != G_TLS_PROTOCOL_VERSION_UNKNOWN;
+    return watch->tls && watch->records.feed(data, count) && hasShakenHands(watch);
 }
 
 gssize refuse(const char* why, GError** error)
@@ -97,7 +101,10 @@ GSource* createSource(GPollableInputStream* stream, GCancellable* cancellable)
 void finalize(GObject* object)
 {
     static auto* const parent = static_cast<GObjectClass*>(g_type_class_peek(G_TYPE_FILTER_INPUT_STREAM));
-    g_object_unref(reinterpret_cast<WatchedInput*>(object)->socket);
+    const auto* input = reinterpret_cast<WatchedInput*>(object);
+    if (input->watch->shown == input)
+        input->watch->tls = nullptr; // Which goes with its stream.
+    g_object_unref(input->socket);
     parent->finalize(object);
 }
 
@@ -205,4 +212,10 @@ HeadScanner* WatchedConnection::watch(GSocket* socket)
         return nullptr;
     watch->isWanted = true;
     return &watch->scanner;
+}
+
+bool WatchedConnection::hasShakenHands(GSocket* socket)
+{
+    const Watch* watch = watchOf(socket);
+    return watch && ::hasShakenHands(watch);
 }

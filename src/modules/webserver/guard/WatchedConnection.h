@@ -23,5 +23,7 @@ void install(bool overTls);
 /// What sees all that is read from now on; it lives as long as the socket does. Null when that socket's connection
 /// cannot be watched.
 HeadScanner* watch(GSocket* socket);
+/// Whether a TLS handshake was brought to its end there. For a connection that the library has not given up.
+bool hasShakenHands(GSocket* socket);
 
 } // namespace WatchedConnection
