@@ -283,10 +283,12 @@ private Q_SLOTS:
         row("bytes/received", post + "Content-Length: 2\r\n\r\n{]", "2");
         row("answers/clientError", "GET / HTTP/1.1\r\n\r\n", "6"); // The library's own refusal, and those above.
         row("answers/abandoned", {}, "1");
+        row("events/pending", {}, "1");
         const auto figure = [&] {
             return m_device->value("SoupServer:status/" + row.name()).toInt();
         };
         QTest::qWait(1000); // For which they hold.
+        m_device->postJson("/api/event/modifyQueue", R"({"subscribe":[{"path":"demo:volatile/counter"}]})");
         QMap<QByteArray, int> expected;
         for (const auto& [bytes, more] : row)
             expected[row.name()] = figure() + more.toInt();
@@ -294,6 +296,7 @@ private Q_SLOTS:
         listener.send("GET /api/stream/player:player/audio HTTP/1.1\r\nHost: x\r\n\r\n");
         QVERIFY(!listener.readTo("\r\n\r\n").isNull());
         listener.reset();
+        QCOMPARE(m_device->get("/api/setData?path=demo:volatile/counter&role=value&value=77").status, 200);
         for (const auto& [bytes, more] : row) {
             HttpConnection connection(m_device->port());
             if (connection.send(bytes) && !bytes.isEmpty())
