@@ -78,6 +78,7 @@ private Q_SLOTS:
         QCOMPARE(m_device.value("player:player/volume").isEmpty(), false);
         connections.clear();
         QTRY_VERIFY_WITH_TIMEOUT(m_device.descriptors() <= before, 1500);
+        QVERIFY(m_device.value("SoupServer:status/bytes/sent").toInt() > 90 * Length);
     }
 
     // SIGHUP configures the log anew: readers come to the end, and can begin again.
