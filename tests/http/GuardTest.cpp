@@ -53,6 +53,11 @@ private Q_SLOTS:
         const QByteArray get = "GET " + Counter + " HTTP/1.1\r\n";
         const QByteArray post = "POST /api/setData HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\n";
         row("well-formed", get + "Host: x\r\n\r\n", 200, false);
+        row("from another page's script", get + "Host: x\r\nOrigin: http://evil.example\r\n\r\n", 200, false);
+        row("that asks before",
+            "OPTIONS /api/setData HTTP/1.1\r\nHost: x\r\nOrigin: http://evil.example\r\n"
+            "Access-Control-Request-Method: POST\r\n\r\n",
+            405, false);
         row("absolute form", "GET http://x" + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n", 200, false);
         row("HTTP/1.0 without Host, with a query and dot segments", "GET /x/%2e%2e" + Counter + " HTTP/1.0\r\n\r\n",
             200, true);
@@ -125,6 +130,7 @@ private Q_SLOTS:
             QCOMPARE(reply.status, status);
             if (status != 0)
                 QCOMPARE(reply.header("X-Robots-Tag"), QByteArray("noindex"));
+            QVERIFY(reply.header("Access-Control-Allow-Origin").isNull());
             QCOMPARE(connection.isClosedWithin(closed ? 1000 : 200), closed);
         }
     }
@@ -290,10 +296,12 @@ private Q_SLOTS:
         row("bytes/received", post + "Content-Length: 2\r\n\r\n{]", "2");
         row("answers/clientError", "GET / HTTP/1.1\r\n\r\n", "6"); // The library's own refusal, and those above.
         row("answers/abandoned", {}, "2"); // Reading an answer, and sending a body.
+        row("events/pending", {}, "1");
         const auto figure = [&] {
             return m_device->value("SoupServer:status/" + row.name()).toInt();
         };
         QTest::qWait(1000); // For which they hold.
+        m_device->postJson("/api/event/modifyQueue", R"({"subscribe":[{"path":"demo:volatile/counter"}]})");
         QMap<QByteArray, int> expected;
         for (const auto& [bytes, more] : row)
             expected[row.name()] = figure() + more.toInt();
@@ -305,6 +313,7 @@ private Q_SLOTS:
         sender.send(post + "Content-Length: 2\r\n\r\n{");
         QTRY_VERIFY(m_device->value("SoupServer:status/connections/receiving").toInt() > 0);
         sender.reset();
+        QCOMPARE(m_device->get("/api/setData?path=demo:volatile/counter&role=value&value=77").status, 200);
         for (const auto& [bytes, more] : row) {
             HttpConnection connection(m_device->port());
             if (connection.send(bytes) && !bytes.isEmpty())

@@ -80,6 +80,9 @@ public:
     QString textId() const { return m_id.toString(QUuid::WithoutBraces); } ///< As clients see it.
     const ZarkList<ZarkEventSubscribe>& subscribtions() const { return m_subscribtions; }
 
+    /// Of changes that no answer has told yet: one for each path and one for each row event.
+    int pendingChanges() const { return m_pending.count(); }
+
     /// Takes over `request` and answers it once, now or later. `timeout` is in seconds, cut to 0 to MaximumTimeout; 0
     /// answers what waits at once. `received` is the client's count of answers with events, from 0, or NotCounted.
     /// Returns the token for confirm() and restore(), never 0.

@@ -1,6 +1,7 @@
 #include "CMEventQueueManager.h"
 
 #include <algorithm>
+#include <numeric>
 #include <utility>
 
 #include "ApiLogger.h"
@@ -71,6 +72,12 @@ CMEventQueue* CMEventQueueManager::getQueue(const QString& queueId) const
     CMEventQueue* const queue = m_queues.value(QUuid(queueId));
     const int braces = queueId.startsWith(QLatin1Char('{')) ? 2 : 0;
     return queueId.size() == TextLength + braces ? queue : nullptr;
+}
+
+int CMEventQueueManager::pendingChanges() const
+{
+    return std::accumulate(m_queues.cbegin(), m_queues.cend(), 0,
+        [](int sum, const CMEventQueue* queue) { return sum + queue->pendingChanges(); });
 }
 
 bool CMEventQueueManager::checkPermissions(

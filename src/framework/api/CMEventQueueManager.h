@@ -37,6 +37,9 @@ public:
     /// Null when unknown or expired. The id is its UUID, with or without braces.
     CMEventQueue* getQueue(const QString& queueId) const;
 
+    /// Those of all queues; looks at each of them.
+    int pendingChanges() const;
+
     /// Whether each path has a node now, with a permission out of `permissions`.
     bool checkPermissions(
         const ZarkList<ZarkEventSubscribe>& subscribtions, const QSet<ZarkPermission::Enum>& permissions) const;

@@ -24,6 +24,7 @@ public:
     static constexpr int MaximumRowEvents = 4096; ///< Of all lists together; beyond, a list's events become a reset.
 
     bool isEmpty() const { return m_order.isEmpty(); }
+    int count() const { return m_order.count() + m_rowEvents; } ///< Paths and row events.
 
     void addRoles(const CMPath& path, quint32 roles);
     void addRows(const CMPath& path, const QList<ZarkRowEvent>& events);

@@ -112,6 +112,10 @@ QVector<StatusNodes::Row> StatusNodes::rows()
             [](S s) -> qint64 {
                 return s.waitingPolls;
             } },
+        { "events/pending", "Changes that wait to be told", "",
+            [](S s) -> qint64 {
+                return s.pendingChanges;
+            } },
         { "authentication/held", "Answers held back", "",
             [](S s) -> qint64 {
                 return s.heldAnswers;

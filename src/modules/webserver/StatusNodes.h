@@ -18,6 +18,7 @@ struct ServerStatus {
     ServerCounters counted;
     int queues = 0;
     int waitingPolls = 0;
+    int pendingChanges = 0; ///< That no event queue has told yet.
     int heldAnswers = 0; ///< To failed authentications.
     qint64 failedAuthentications = 0;
     int fetches = 0; ///< Of the proxy, under way.

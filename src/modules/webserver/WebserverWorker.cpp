@@ -328,6 +328,7 @@ ServerStatus WebserverWorker::status() const
     }
     status.queues = m_eventShared->queues();
     status.waitingPolls = m_eventShared->polls();
+    status.pendingChanges = m_eventShared->pendingChanges();
     status.heldAnswers = m_configuration->heldAnswers();
     status.failedAuthentications = m_configuration->failures();
     status.fetches = m_fetchBudget->underWay();

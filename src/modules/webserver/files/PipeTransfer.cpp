@@ -136,6 +136,7 @@ bool PipeTransfer::moveData()
             return false;
         }
         m_left -= static_cast<size_t>(moved);
+        m_message->data().message->response_body->length += moved; // For whoever counts: none of it passes there.
     }
     return true;
 }

@@ -1,5 +1,7 @@
 #include "WatchedConnection.h"
 
+#include <utility>
+
 #include "HeadScanner.h"
 #include "RecordScanner.h"
 #include "WebserverLog.h"
@@ -153,6 +155,7 @@ using GetInputStream = GInputStream* (*)(GIOStream* stream);
 
 GetInputStream originalOfTcp = nullptr;
 GetInputStream originalOfTls = nullptr;
+decltype(GIOStreamClass::close_fn) originalCloseOfTls = nullptr;
 
 // The connection keeps the stream in front of its own as long as it lives.
 GInputStream* inputOf(GIOStream* connection, GSocket* socket, GetInputStream original)
@@ -173,27 +176,46 @@ GInputStream* inputOfTcp(GIOStream* connection)
     return inputOf(connection, g_socket_connection_get_socket(G_SOCKET_CONNECTION(connection)), originalOfTcp);
 }
 
-GInputStream* inputOfTls(GIOStream* connection)
+/// Null when it is not known. Lives as long as the connection.
+GSocket* socketOfTls(GIOStream* connection)
 {
     GIOStream* base = nullptr;
     g_object_get(connection, "base-io-stream", &base, nullptr);
     GSocket* socket =
         G_IS_SOCKET_CONNECTION(base) ? g_socket_connection_get_socket(G_SOCKET_CONNECTION(base)) : nullptr;
+    g_clear_object(&base);
+    return socket;
+}
+
+GInputStream* inputOfTls(GIOStream* connection)
+{
+    GSocket* socket = socketOfTls(connection);
     GInputStream* input = inputOf(connection, socket, originalOfTls);
     if (socket)
         watchOf(socket)->tls = G_TLS_CONNECTION(connection);
-    g_clear_object(&base);
     return input;
 }
 
-// The reference to the class is kept: with the last one it would go, and what it was given with it.
-void replace(GType type, GetInputStream* original, GetInputStream replacement)
+// The good-bye is written by whoever closes, which waits until there is room for it. After the end of the stream there
+// is nothing to wait for, and what was sent before still arrives.
+gboolean closeTls(GIOStream* connection, GCancellable* cancellable, GError** error)
+{
+    GSocket* socket = socketOfTls(connection);
+    if (socket && !(g_socket_condition_check(socket, G_IO_OUT) & G_IO_OUT))
+        g_socket_shutdown(socket, FALSE, TRUE, nullptr);
+    return originalCloseOfTls(connection, cancellable, error);
+}
+
+// The reference to the class is kept: with the last one it would go, and what it was given with it. Null when that was
+// done before.
+GIOStreamClass* replace(GType type, GetInputStream* original, GetInputStream replacement)
 {
     if (*original)
-        return;
+        return nullptr;
     auto* klass = static_cast<GIOStreamClass*>(g_type_class_ref(type));
     *original = klass->get_input_stream;
     klass->get_input_stream = replacement;
+    return klass;
 }
 
 } // namespace
@@ -201,8 +223,11 @@ void replace(GType type, GetInputStream* original, GetInputStream replacement)
 void WatchedConnection::install(bool overTls)
 {
     replace(G_TYPE_TCP_CONNECTION, &originalOfTcp, inputOfTcp);
-    if (overTls)
-        replace(g_tls_backend_get_server_connection_type(g_tls_backend_get_default()), &originalOfTls, inputOfTls);
+    if (!overTls)
+        return;
+    const GType type = g_tls_backend_get_server_connection_type(g_tls_backend_get_default());
+    if (GIOStreamClass* klass = replace(type, &originalOfTls, inputOfTls))
+        originalCloseOfTls = std::exchange(klass->close_fn, closeTls);
 }
 
 HeadScanner* WatchedConnection::watch(GSocket* socket)

@@ -9,7 +9,8 @@ class HeadScanner;
 ///
 /// Over TLS it also ends a connection whose client asks for another handshake, which TLS 1.2 has: one costs the device
 /// a thousand times what it costs the client, and the TLS library grants as many as are asked for, without a setting
-/// for that.
+/// for that. And it closes without waiting for a client that does not read: the TLS library says good-bye first, on the
+/// thread that closes, which is the event loop's.
 ///
 /// The library makes its connections by itself and shows them to nobody; what can be reached are their classes. So the
 /// classes of GIO's connections get another get_input_stream(), for the whole process. (GIO has a registry of

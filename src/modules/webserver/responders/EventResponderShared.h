@@ -27,6 +27,7 @@ public:
     bool hasRoomFor(const QString& client) const { return m_queueCounts.value(client) < m_queuesPerClient; }
     void addQueue(const QString& queueId, const QString& client);
     int queues() const { return m_queues; }
+    int pendingChanges() const { return m_eventQueues.pendingChanges(); } ///< Of all queues, not told yet.
 
     void pollBegan() { ++m_polls; }
     void pollEnded() { --m_polls; }

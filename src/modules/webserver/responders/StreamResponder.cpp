@@ -96,6 +96,8 @@ void StreamResponder::start(const CMStreamNode& stream)
 
 void StreamResponder::readSome()
 {
+    if (!outputDevice()->isOpen())
+        return m_readable->setEnabled(false); // The client is gone.
     std::array<char, ReadBytes> buffer; // NOLINT(cppcoreguidelines-pro-type-member-init): filled below
     const ssize_t length = ::read(m_pipe, buffer.data(), buffer.size());
     if (length < 0 && (errno == EAGAIN || errno == EINTR))
