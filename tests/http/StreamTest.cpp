@@ -28,7 +28,6 @@ private Q_SLOTS:
         row("HEAD", request("HEAD", Audio), 200, "audio/wav");
         row("HEAD, encoded once more", request("HEAD", "/api/stream/player%3Aplayer%2Faudio"), 200, "audio/wav");
         row("HEAD, old form", request("HEAD", "/api/stream//player/audio"), 200, "audio/wav");
-        row("no stream", request("GET", "/api/stream/player:player/volume"), 404, json);
         row("no node", request("GET", "/api/stream/player:player/nothing"), 404, json);
         row("no path", request("GET", "/api/stream/"), 404, json);
         row("another method", request("PUT", Audio), 405, json);
