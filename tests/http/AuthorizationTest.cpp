@@ -135,12 +135,10 @@ private Q_SLOTS:
         QVERIFY(timer.elapsed() < 900); // At once.
 
         timer.restart();
-        HttpConnection second(target.port());
-        second.send(target.requestOf(wrong, Counter));
+        HttpConnection second = target.connect(target.requestOf(wrong, Counter));
         // Behind an answer: the leaver's failure has to come second, or the other one waits for both.
         QCOMPARE(target.get(Counter).status, 200);
-        HttpConnection leaver(target.port());
-        leaver.send(target.requestOf(wrong, Counter));
+        HttpConnection leaver = target.connect(target.requestOf(wrong, Counter));
         QVERIFY(!second.hasData(900)); // 1 to 4 seconds; not one byte before.
         leaver.reset();
         QCOMPARE(target.get(Counter).status, 200);

@@ -71,23 +71,26 @@ int Device::exitStatus()
     return m_process.exitCode();
 }
 
-QByteArray Device::baseUrl() const
+HttpConnection Device::connect(const QByteArray& bytes, const QByteArray& address) const
 {
-    return "http://127.0.0.1:" + QByteArray::number(m_port);
+    HttpConnection connection(m_port, address);
+    connection.send(bytes);
+    return connection;
+}
+
+Connections Device::connect(int count, const QByteArray& bytes) const
+{
+    Connections connections;
+    while (int(connections.size()) < count)
+        connections.push_back(connect(bytes));
+    return connections;
 }
 
 HttpReply Device::request(
     const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers, const QByteArray& body) const
 {
-    HttpConnection connection(m_port);
     QList<QByteArray> fields{ "Host: 127.0.0.1:" + QByteArray::number(m_port), "Connection: close" };
-    connection.send(httpRequest(method, target, fields + headers, body));
-    return connection.readReply(30000, method == "HEAD");
-}
-
-HttpReply Device::get(const QByteArray& target, const QList<QByteArray>& headers) const
-{
-    return request("GET", target, headers);
+    return connect(httpRequest(method, target, fields + headers, body)).readReply(30000, method == "HEAD");
 }
 
 HttpReply Device::postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers) const
@@ -108,9 +111,7 @@ QByteArray Device::requestOf(const Client& client, const QByteArray& target, con
 
 HttpReply Device::ask(const Client& client, const QByteArray& target, const QByteArray& json) const
 {
-    HttpConnection connection(m_port, client.address);
-    connection.send(requestOf(client, target, json));
-    return connection.readReply();
+    return connect(requestOf(client, target, json), client.address).readReply();
 }
 
 QByteArray Device::setBody(const QByteArray& path, const QByteArray& json, const QByteArray& role)

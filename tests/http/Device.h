@@ -27,17 +27,23 @@ public:
     int port() const { return m_port; }
     qint64 pid() const { return m_process.processId(); }
     QString stateDirectory() const { return m_state.path(); }
-    QByteArray baseUrl() const; ///< "http://127.0.0.1:PORT"
+    QByteArray baseUrl() const { return "http://127.0.0.1:" + QByteArray::number(m_port); }
 
     bool start(); ///< With the same state and port. True when ready.
     int stop(int signal); ///< Sends the signal and waits; the exit status, or -1 when a signal ended it.
     int exitStatus(); ///< Of a device that ended by itself.
     QByteArray log() const { return contentOf(logFile()); } ///< Standard error so far.
 
+    /// A connection over which `bytes` were sent.
+    HttpConnection connect(const QByteArray& bytes = {}, const QByteArray& address = "127.0.0.1") const;
+    Connections connect(int count, const QByteArray& bytes = {}) const;
     /// One request on a connection of its own, with Host and "Connection: close".
     HttpReply request(const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers = {},
         const QByteArray& body = {}) const;
-    HttpReply get(const QByteArray& target, const QList<QByteArray>& headers = {}) const;
+    HttpReply get(const QByteArray& target, const QList<QByteArray>& headers = {}) const
+    {
+        return request("GET", target, headers);
+    }
     HttpReply postJson(const QByteArray& target, const QByteArray& json, const QList<QByteArray>& headers = {}) const;
     /// What a client sends: GET, or POST of JSON when there is a body; kept alive.
     QByteArray requestOf(const Client& client, const QByteArray& target, const QByteArray& json = {}) const;

@@ -1,7 +1,6 @@
 #include <QtTest>
 
 #include <memory>
-#include <vector>
 
 #include <csignal>
 #include <sys/resource.h>
@@ -40,7 +39,6 @@ private Q_SLOTS:
         m_device = std::make_unique<Device>(QStringList{ "settings:webserver/limits/headerSeconds=1",
             "settings:webserver/limits/bodySeconds=2", "settings:webserver/limits/idleSeconds=2",
             "settings:webserver/limits/connections=60", "settings:webserver/limits/bodyBytes=4096" });
-        QVERIFY(m_device->isRunning());
     }
 
     void cleanup() { QCOMPARE(m_device->get(Counter).status, 200); }
@@ -197,8 +195,7 @@ private Q_SLOTS:
         for (const auto& [first, atLeastMs, atMostMs] : row) {
             QElapsedTimer timer;
             timer.start();
-            HttpConnection connection(m_device->port());
-            connection.send(first);
+            HttpConnection connection = m_device->connect(first);
             bool closed = false;
             while (!closed && timer.elapsed() < atMostMs) {
                 closed = connection.isClosedWithin(100);
@@ -223,8 +220,7 @@ private Q_SLOTS:
         for (const auto& [before, after] : row) {
             QCOMPARE(m_device->get(Counter).status, 200);
             const int descriptors = m_device->descriptors();
-            HttpConnection connection(m_device->port());
-            connection.send(before);
+            HttpConnection connection = m_device->connect(before);
             QTest::qWait(700);
             connection.send(after);
             for (int answers = (before + after).count("Host"); answers > 0; --answers)
@@ -245,8 +241,7 @@ private Q_SLOTS:
         qint64 resident = 0;
         for (int round = 0; round < 20; ++round) {
             for (int stage = 0; stage <= request.size(); stage += 3) {
-                HttpConnection connection(m_device->port());
-                connection.send(request.left(stage));
+                HttpConnection connection = m_device->connect(request.left(stage));
                 if (stage % 2)
                     connection.reset();
             }
@@ -268,20 +263,12 @@ private Q_SLOTS:
         const QByteArray wrong =
             "GET " + Counter + " HTTP/1.1\r\nHost: x\r\nAuthorization: HMAC_SHA256 YQ==.AA==.1.AA==\r\n\r\n";
         const int before = m_device->descriptors();
-        std::vector<std::unique_ptr<HttpConnection>> held;
-        for (int i = 0; i < 20; ++i) {
-            held.push_back(std::make_unique<HttpConnection>(m_device->port()));
-            held.back()->send(wrong);
-        }
+        Connections held = m_device->connect(20, wrong);
         QTRY_VERIFY(m_device->descriptors() >= before + 19);
         QTest::qWait(2500); // Longer than bodySeconds and idleSeconds: a held answer has no deadline.
         QVERIFY(m_device->descriptors() >= before + 15);
-        for (size_t i = 0; i < held.size(); ++i) {
-            if (i % 2)
-                held[i]->reset();
-            else
-                held[i]->close();
-        }
+        for (size_t i = 0; i < held.size(); ++i)
+            i % 2 ? held[i].reset() : held[i].close();
         QTRY_VERIFY_WITH_TIMEOUT(m_device->descriptors() <= before, 1500);
     }
 
@@ -305,8 +292,7 @@ private Q_SLOTS:
         QMap<QByteArray, int> expected;
         for (const auto& [bytes, more] : row)
             expected[row.name()] = figure() + more.toInt();
-        HttpConnection listener(m_device->port());
-        listener.send("GET /api/stream/player:player/audio HTTP/1.1\r\nHost: x\r\n\r\n");
+        HttpConnection listener = m_device->connect(httpRequest("GET", "/api/stream/player:player/audio"));
         QVERIFY(!listener.readTo("\r\n\r\n").isNull());
         listener.reset();
         HttpConnection sender(m_device->port());
@@ -328,13 +314,9 @@ private Q_SLOTS:
 
     void connectionsOverTheCapCostTheIdleOnes()
     {
-        std::vector<std::unique_ptr<HttpConnection>> idle;
-        for (int i = 0; i < 80; ++i)
-            idle.push_back(std::make_unique<HttpConnection>(m_device->port()));
-        HttpConnection late(m_device->port());
-        late.send("GET " + Counter + " HTTP/1.1\r\nHost: x\r\n\r\n");
-        QCOMPARE(late.readReply().status, 200);
-        QVERIFY(idle.front()->isClosedWithin(500));
+        Connections idle = m_device->connect(80);
+        QCOMPARE(m_device->connect(httpRequest("GET", Counter)).readReply().status, 200);
+        QVERIFY(idle.front().isClosedWithin(500));
     }
 
     void aListenerSurvivesRunningOutOfDescriptors()
@@ -342,9 +324,7 @@ private Q_SLOTS:
         Device device({ "settings:webserver/limits/connections=2000" });
         const rlimit few{ rlim_t(device.descriptors() + 10), 4096 };
         QCOMPARE(prlimit(pid_t(device.pid()), RLIMIT_NOFILE, &few, nullptr), 0);
-        std::vector<std::unique_ptr<HttpConnection>> connections;
-        for (int i = 0; i < 30; ++i)
-            connections.push_back(std::make_unique<HttpConnection>(device.port()));
+        Connections connections = device.connect(30);
         const auto processorTime = [&device] { // In nanoseconds.
             QFile statistics(QStringLiteral("/proc/%1/schedstat").arg(device.pid()));
             return statistics.open(QIODevice::ReadOnly) ? statistics.readAll().split(' ').first().toLongLong() : 0;

@@ -1,6 +1,6 @@
 #include "HttpConnection.h"
 
-#include <QElapsedTimer>
+#include <QDeadlineTimer>
 #include <QJsonObject>
 
 #include <arpa/inet.h>
@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 QByteArray HttpReply::header(const QByteArray& name) const
 {
@@ -58,6 +59,11 @@ HttpConnection::HttpConnection(int port, const QByteArray& address)
     m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (connect(m_fd, reinterpret_cast<const sockaddr*>(&target), sizeof target) != 0)
         close();
+}
+
+HttpConnection::HttpConnection(HttpConnection&& other) noexcept
+    : m_fd(std::exchange(other.m_fd, -1)), m_request(std::move(other.m_request)), m_buffer(std::move(other.m_buffer))
+{
 }
 
 HttpConnection::~HttpConnection()
@@ -127,17 +133,13 @@ bool HttpConnection::fill(int timeoutMs)
 
 bool HttpConnection::isClosedWithin(int timeoutMs)
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < timeoutMs) {
-        pollfd request{ m_fd, POLLIN, 0 };
-        if (poll(&request, 1, timeoutMs - static_cast<int>(timer.elapsed())) != 1)
+    const QDeadlineTimer limit(timeoutMs);
+    do {
+        m_buffer.clear();
+        if (!hasData(int(limit.remainingTime())))
             return false;
-        char block[65536];
-        if (recv(m_fd, block, sizeof block, 0) <= 0)
-            return true;
-    }
-    return false;
+    } while (fill(0));
+    return true;
 }
 
 QByteArray HttpConnection::readTo(const QByteArray& end, int timeoutMs)

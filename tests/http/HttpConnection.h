@@ -6,6 +6,8 @@
 #include <QPair>
 #include <QString>
 
+#include <vector>
+
 /// One answer, as it came over the wire.
 struct HttpReply {
     int status = 0; ///< 0: none came.
@@ -23,8 +25,8 @@ public:
     /// To 127.0.0.1 unless `address` says otherwise (IPv4).
     explicit HttpConnection(int port, const QByteArray& address = "127.0.0.1");
     ~HttpConnection();
-    HttpConnection(const HttpConnection&) = delete;
-    HttpConnection& operator=(const HttpConnection&) = delete;
+    HttpConnection(HttpConnection&& other) noexcept;
+    HttpConnection& operator=(HttpConnection&&) = delete;
 
     bool isConnected() const { return m_fd >= 0; }
     int descriptor() const { return m_fd; }
@@ -54,6 +56,8 @@ private:
     QByteArray m_buffer;
 };
 
-/// A request head and body; Host, Content-Length and the rest as given in `headers` ("Name: value").
-QByteArray httpRequest(
-    const QByteArray& method, const QByteArray& target, const QList<QByteArray>& headers, const QByteArray& body = {});
+using Connections = std::vector<HttpConnection>;
+
+/// A request head and body; Host and the rest as given in `headers` ("Name: value").
+QByteArray httpRequest(const QByteArray& method, const QByteArray& target,
+    const QList<QByteArray>& headers = { "Host: localhost" }, const QByteArray& body = {});

@@ -48,16 +48,6 @@ QByteArray Signer::authorization(const QByteArray& data) const
     return "Authorization: " + m_scheme + ' ' + m_user.toBase64() + '.' + m_salt + '.' + stamp + '.' + mac.toBase64();
 }
 
-QByteArray Signer::forGet(const QByteArray& fullUri) const
-{
-    return authorization(fullUri);
-}
-
-QByteArray Signer::forPost(const QByteArray& fullUri, const QByteArray& body) const
-{
-    return authorization(fullUri + '.' + body);
-}
-
 QByteArray Signer::encrypt(const QByteArray& json) const
 {
     const QByteArray iv = random(16);

@@ -9,9 +9,9 @@ public:
     Signer(const QByteArray& user, const QByteArray& password, const QByteArray& scheme = "HMAC_SHA256");
 
     /// "Authorization: ..." over the full URI.
-    QByteArray forGet(const QByteArray& fullUri) const;
+    QByteArray forGet(const QByteArray& fullUri) const { return authorization(fullUri); }
     /// "Authorization: ..." over full URI "." body.
-    QByteArray forPost(const QByteArray& fullUri, const QByteArray& body) const;
+    QByteArray forPost(const QByteArray& uri, const QByteArray& body) const { return authorization(uri + '.' + body); }
     /// Base64 of IV and AES-256-CBC cipher text of a JSON text, under the key that goes with this signer's salt.
     QByteArray encrypt(const QByteArray& json) const;
 

@@ -3,8 +3,6 @@
 
 #include <array>
 #include <csignal>
-#include <memory>
-#include <vector>
 
 #include "Device.h"
 #include "Rows.h"
@@ -25,8 +23,6 @@ QByteArray request(const QByteArray& method, const QByteArray& target, const cha
 class StreamTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_device.isRunning()); }
-
     void answers()
     {
         Rows<QByteArray, int, QByteArray> row;
@@ -34,14 +30,11 @@ private Q_SLOTS:
         row("HEAD", request("HEAD", Audio), 200, "audio/wav");
         row("HEAD, encoded once more", request("HEAD", "/api/stream/player%3Aplayer%2Faudio"), 200, "audio/wav");
         row("HEAD, old form", request("HEAD", "/api/stream//player/audio"), 200, "audio/wav");
-        row("no stream", request("GET", "/api/stream/player:player/volume"), 404, json);
         row("no node", request("GET", "/api/stream/player:player/nothing"), 404, json);
         row("no path", request("GET", "/api/stream/"), 404, json);
         row("another method", request("PUT", Audio), 405, json);
         for (const auto& [request, status, type] : row) {
-            HttpConnection connection(m_device.port());
-            connection.send(request);
-            const HttpReply reply = connection.readReply(10000, request.startsWith("HEAD"));
+            const HttpReply reply = m_device.connect(request).readReply(10000, request.startsWith("HEAD"));
             QCOMPARE(reply.status, status);
             QCOMPARE(reply.header("Content-Type"), type);
             QCOMPARE(reply.header("Allow"), status == 405 ? QByteArray("GET, HEAD") : QByteArray());
@@ -56,14 +49,12 @@ private Q_SLOTS:
         constexpr int Length = 300000;
         const QByteArray overTls = listenOverTls();
         const int before = m_device.descriptors();
-        std::vector<std::unique_ptr<HttpConnection>> connections;
-        for (int i = 0; i < 2 * Streams; ++i) {
-            connections.push_back(std::make_unique<HttpConnection>(m_device.port()));
-            QVERIFY(connections.back()->send(request("GET", Audio, i % 4 ? "1.1" : "1.0")));
-        }
+        Connections connections;
+        for (int i = 0; i < 2 * Streams; ++i)
+            connections.push_back(m_device.connect(request("GET", Audio, i % 4 ? "1.1" : "1.0")));
         QByteArray first;
         for (int i = 0; i < Streams; ++i) {
-            HttpConnection& connection = *connections[size_t(2 * i)];
+            HttpConnection& connection = connections[size_t(2 * i)];
             const bool isChunked = connection.readTo("\r\n\r\n").contains("chunked");
             QCOMPARE(isChunked, i % 2 == 1);
             const int length = i < 2 ? 30 * Length : Length;
@@ -84,13 +75,11 @@ private Q_SLOTS:
     // SIGHUP configures the log anew: readers come to the end, and can begin again.
     void theLogOutlivesItsConfiguration()
     {
-        HttpConnection before(m_device.port());
-        before.send(request("GET", "/api/stream/system:log/lines"));
+        HttpConnection before = m_device.connect(request("GET", "/api/stream/system:log/lines"));
         QVERIFY(before.hasData(10000));
         QCOMPARE(kill(pid_t(m_device.pid()), SIGHUP), 0);
         QVERIFY(!before.readReply().body.isEmpty());
-        HttpConnection after(m_device.port());
-        after.send(request("GET", "/api/stream/system:log/lines"));
+        HttpConnection after = m_device.connect(request("GET", "/api/stream/system:log/lines"));
         QVERIFY(after.hasData(10000));
     }
 

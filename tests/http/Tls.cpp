@@ -9,18 +9,12 @@ TestCertificate makeCertificate(const QByteArray& key)
     const QTemporaryDir directory;
     const QString certificate = directory.filePath("certificate.pem");
     const QString keyFile = directory.filePath("key.pem");
-    QStringList arguments{ "req", "-x509", "-nodes", "-out", certificate, "-subj", "/CN=test", "-days", "2", "-addext",
-        "subjectAltName=IP:127.0.0.1" };
-    if (key.isEmpty()) {
-        arguments << "-newkey"
-                  << "rsa:2048"
-                  << "-keyout" << keyFile;
-    } else {
-        writeFile(keyFile, key);
-        arguments << "-key" << keyFile;
-    }
-    runTool("openssl", arguments);
-    return { contentOf(certificate), contentOf(keyFile) };
+    const QByteArray own = key.isEmpty() ? runTool("openssl", { "genrsa", "2048" }).output : key;
+    writeFile(keyFile, own);
+    runTool("openssl",
+        { "req", "-x509", "-key", keyFile, "-out", certificate, "-subj", "/CN=test", "-days", "2", "-addext",
+            "subjectAltName=IP:127.0.0.1" });
+    return { contentOf(certificate), own };
 }
 
 QStringList httpsSettings(int port, const TestCertificate& pair)

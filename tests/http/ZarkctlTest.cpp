@@ -27,7 +27,6 @@ class ZarkctlTest : public QObject {
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY(m_device.isRunning() && m_other.isRunning());
         const QString authority = m_device.stateDirectory() + QStringLiteral("/authority.pem");
         QTRY_VERIFY_WITH_TIMEOUT(isTrusted(m_httpsPort, authority), 60000); // Its certificate is made first.
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
@@ -35,6 +34,7 @@ private Q_SLOTS:
             environment.insert(QLatin1String(name), QString::fromLocal8Bit(value));
         };
         set("Z", ZARKCTL);
+        set("P", ZARKCTL " --user admin --password-file p");
         set("HOME", m_directory.path().toLocal8Bit());
         set("ZARK_URL", m_device.baseUrl());
         set("A", m_device.baseUrl());
@@ -51,9 +51,10 @@ private Q_SLOTS:
         m_shell.setWorkingDirectory(m_directory.path());
     }
 
-    // Command lines, as a shell reads them. $Z is zarkctl, which asks the device $A; $B is another device, $S the first
-    // over HTTPS, $X a server that is none. The directory is the test's own. Rows are a story: each finds what the ones
-    // before it left. Outputs are patterns that fit somewhere, "" for none at all, null for any.
+    // Command lines, as a shell reads them. $Z is zarkctl ($P with the password in the file p), which asks the device
+    // $A; $B is another device, $S the first over HTTPS, $X a server that is none. The directory is the test's own.
+    // Rows are a story: each finds what the ones before it left. Outputs are patterns that fit somewhere, "" for none
+    // at all, null for any.
     void says()
     {
         Rows<const char*, int, const char*, const char*> rows;
@@ -125,28 +126,23 @@ private Q_SLOTS:
             0, "^(?![^$]*sesame)New password: \r\nOnce more: \r\nthe password of admin is changed");
         row("another one", "echo 'open sesame' >p; echo another >q; $Z --user admin --password-file q login", 3, "",
             "does not know this user");
-        row("a profile",
-            "chmod 644 p; $Z --user admin --password-file p login -o json && stat -c %a "
-            "$HOME/.config/zarkctl/default.json",
-            0, "\"profile\":\"default\",[^\n]*\n600\n$");
+        row("a profile", "chmod 644 p; $P login -o json && stat -c %a $HOME/.config/zarkctl/default.json", 0,
+            "\"profile\":\"default\",[^\n]*\n600\n$");
         row("is used by itself", "unset ZARK_URL; $Z set demo:permissions/protected 5", 0, "0 → 5\n$");
         row("is read by its owner alone", "chmod 640 $HOME/.config/zarkctl/default.json; $Z -p default ls", 2, "",
             "others can read it");
-        row("a signed request for curl",
-            "eval \"$($Z --user admin --password-file p sign '/api/getData?path=demo:values/%693%32&roles=value') -s\"",
+        row("a signed request for curl", "eval \"$($P sign '/api/getData?path=demo:values/%693%32&roles=value') -s\"",
             0, "\"value\":4");
         row("and one with a body",
-            "eval \"$($Z --user admin --password-file p sign /api/setData "
-            "'{\"path\":\"demo:values/i32\",\"role\":\"value\",\"value\":8}') -s\"",
-            0, "\"value\":8");
+            "eval \"$($P sign /api/setData '{\"path\":\"demo:values/i32\",\"role\":\"value\",\"value\":8}') -s\"", 0,
+            "\"value\":8");
         row("why one is refused",
-            "h=$($Z --user admin --password-file p sign /api/x | grep -o 'HMAC[^'\"\\'\"']*'); $Z --user admin "
-            "--password-file p sign --explain \"$h\" /api/x body",
-            1, "^the body was not signed\n");
+            "h=$($P sign /api/x | grep -o 'HMAC[^'\"\\'\"']*'); $P sign --explain \"$h\" /api/x body", 1,
+            "^the body was not signed\n");
 
         row("an upload",
-            "head -c 3000000 /dev/urandom >i; $Z upload i | grep -o '[0-9a-f]*$' >s; sha256sum <i | cut -c -64 | cmp - "
-            "s",
+            "head -c 3000000 /dev/urandom >i; $Z upload i | grep -o '[0-9a-f]*$' >s; sha256sum <i | cut -c-64 | cmp s "
+            "-",
             0, "^$");
         row("its progress", "script -qec '$Z upload i' o | head -c 20", 0, "reading \\[|sending \\[");
         row("one that is refused", "$Z set settings:webserver/limits/updateBytes 9; $Z upload i", 3, nullptr,
@@ -174,9 +170,9 @@ private Q_SLOTS:
         row("metrics", "$Z metrics -o json -f m; head -c 2 m; $Z -u $A -u 127.0.0.1:1 metrics -f m demo:values; cat m",
             0,
             "^\\[\\{# HELP[^$]*zark_up\\{device=\"127[^\n]+\"\\} 1\nzark_up[^\n]+ 0\n# HELP zark_demo_values_bool "
-            "Switch\n# TYPE "
-            "zark_demo_values_bool gauge\nzark_demo_values_bool\\{path=\"demo:values/bool\",device=[^\n]+\\} 1\n[^$]*# "
-            "EOF\n$",
+            "Switch\n"
+            "# TYPE zark_demo_values_bool gauge\nzark_demo_values_bool\\{path=\"demo:values/bool\",device=[^\n]+\\} 1\n"
+            "[^$]*# EOF\n$",
             "127.0.0.1:1");
 
         row("an unknown authority", "$Z -u $S ls", 5, "", "does not know; --ca FILE");
@@ -198,9 +194,7 @@ private Q_SLOTS:
             "^$");
         row("all of it in the man page",
             "for c in $($Z __complete ''); do for w in \"Cm $c\" $($Z __complete $c -); do grep -q -e \"${w#-}\" $MAN "
-            "|| "
-            "echo $w; "
-            "done; done",
+            "|| echo $w; done; done",
             0, "");
         row("usage", "$Z get; $Z ls -o xml; $Z rows a:b --from -1; $Z ls --count 1", 2, "",
             "get PATH...\n.*takes one of table, json, jsonl\n.*number from 0 up\n.*ls takes no option --count\n$");
@@ -229,9 +223,8 @@ private Q_SLOTS:
         m_shell.setReadChannel(QProcess::StandardError);
         QTRY_VERIFY_WITH_TIMEOUT(m_shell.peek(999).contains("trying again in 1 s\n"), 9000);
         QVERIFY(m_other.start());
-        const QByteArray set = "{\"path\":\"demo:volatile/counter\",\"role\":\"value\",\"value\":";
         for (int value = 1; value < 200 && m_shell.state() != QProcess::NotRunning; ++value) {
-            QCOMPARE(m_other.postJson("/api/setData", set + QByteArray::number(value) + '}').status, 200);
+            QCOMPARE(m_other.set("demo:volatile/counter", QByteArray::number(value)), 200);
             m_shell.waitForFinished(100);
         }
         QCOMPARE(m_shell.exitCode(), 0);

@@ -67,10 +67,9 @@ private Q_SLOTS:
         QByteArray field("bytes=0-");
         for (int i = 0; i < 20000; ++i)
             field += ",0-";
-        QElapsedTimer timer;
-        timer.start();
+        const QDeadlineTimer limit(50);
         QCOMPARE(read(field, 1000000).kind, Kind::Several);
-        QVERIFY2(timer.elapsed() < 50, QByteArray::number(timer.elapsed()));
+        QVERIFY(!limit.hasExpired());
     }
 };
 

@@ -67,22 +67,6 @@ private Q_SLOTS:
         QCoreApplication::processEvents();
         QCOMPARE(calls, 0);
     }
-
-    void isAnsweredWhenAbandoned()
-    {
-        QStringList names;
-        QObject receiver;
-        {
-            CMReply<int> reply;
-            const CMReply<int> copy = reply;
-            reply.onFinished(&receiver, [&names](int, const CMError& error) { names.append(error.name()); });
-            CMVoidReply plain;
-            plain.onFinished(&receiver, [&names](const CMError& error) { names.append(error.name()); });
-        }
-        QVERIFY(names.isEmpty());
-        QCoreApplication::processEvents();
-        QCOMPARE(names, QStringList({ CMError::Abandoned, CMError::Abandoned }));
-    }
 };
 
 QTEST_GUILESS_MAIN(CMReplyTest)

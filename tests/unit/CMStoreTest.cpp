@@ -21,6 +21,15 @@ CMPath numbered(int index)
     return CMPath::fromSegments("a", { QString::number(index) });
 }
 
+struct OpenStore : CMStore {
+    explicit OpenStore(const QString& file)
+    {
+        QString error;
+        if (!open(file, &error))
+            qFatal("%s", qPrintable(error));
+    }
+};
+
 /// As long as it lives, no file can grow beyond `bytes`: a disk that is full, for this process.
 class FullDisk {
 public:
@@ -59,13 +68,11 @@ private Q_SLOTS:
             ZarkValue::fromStringList({ "", "\n" }), ZarkValue::fromAuthMode(ZarkWebserverAuthMode::Writes),
             ZarkValue::fromString(QString(QChar(0))) };
         {
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore store(m_file);
             for (int i = 0; i < values.size(); ++i) // The last ones still wait when the store goes.
                 store.write(numbered(i), values.at(i), {});
         }
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore store(m_file);
         for (int i = 0; i < values.size(); ++i)
             QCOMPARE(store.value(numbered(i)), values.at(i));
         QVERIFY(!store.value(numbered(99)).isValid());
@@ -75,8 +82,7 @@ private Q_SLOTS:
     {
         replace({});
         QVERIFY(QFile::setPermissions(m_file, QFileDevice::Permissions(0x7777)));
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore store(m_file);
         QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
         const QStringList names = QDir(m_dir->path()).entryList(QDir::Files);
         QVERIFY(names.contains("state.db-wal"));
@@ -89,8 +95,7 @@ private Q_SLOTS:
 
     void answersKeepTheirOrder()
     {
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore store(m_file);
         QList<int> order;
         QList<int> expected;
         for (int i = 0; i < 200; ++i) {
@@ -125,8 +130,7 @@ private Q_SLOTS:
             if (journal)
                 writeFile(m_file + "-wal", QByteArray(9000, 'j'));
             {
-                CMStore store;
-                QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+                OpenStore store(m_file);
                 QVERIFY(m_error.isEmpty());
                 QVERIFY(!store.value(numbered(1)).isValid());
                 QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
@@ -134,8 +138,7 @@ private Q_SLOTS:
             const QStringList aside = QDir(m_dir->path()).entryList({ "state.db.damaged-????????T??????Z" });
             QCOMPARE(aside.size(), 1);
             QCOMPARE(contentOf(m_dir->filePath(aside.first())), bytes);
-            CMStore again;
-            QVERIFY2(again.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore again(m_file);
             QCOMPARE(again.value(numbered(1)).i32(), 5);
         }
     }
@@ -155,16 +158,14 @@ private Q_SLOTS:
     void aSecondHostIsRefused()
     {
         {
-            CMStore first;
-            QVERIFY2(first.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore first(m_file);
             CMStore second;
             QVERIFY(!second.open(m_file, &m_error));
             QCOMPARE(m_error, m_file + ": in use by another host.");
             QCOMPARE(write(second, 1, ZarkValue::fromI32(1)), QString(CMError::StoreFailed));
             QCOMPARE(write(first, 1, ZarkValue::fromI32(1)), QString());
         }
-        CMStore third;
-        QVERIFY2(third.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore third(m_file);
         CMStore nowhere;
         QVERIFY(!nowhere.open("/nowhere/state.db", &m_error));
         QVERIFY2(m_error.startsWith("/nowhere/state.db"), qPrintable(m_error));
@@ -172,8 +173,7 @@ private Q_SLOTS:
 
     void aFullDiskFailsTheWriteAlone()
     {
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore store(m_file);
         QCOMPARE(write(store, 1, ZarkValue::fromI32(1)), QString());
         auto disk = std::make_unique<FullDisk>(96 * 1024);
         CMVoidReply large;
@@ -200,8 +200,7 @@ private Q_SLOTS:
             if (stored)
                 fill(1);
             auto disk = std::make_unique<FullDisk>(rlim_t(bytes));
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore store(m_file);
             QCOMPARE(store.value(numbered(0)).isValid(), stored);
             CMVoidReply refused;
             store.write(numbered(1), ZarkValue::fromString(QString(20000, 'x')), refused);
@@ -218,8 +217,7 @@ private Q_SLOTS:
     {
         const QStringList suffixes{ "", "-wal", "-shm", ".lock", ".damaged-20200101T000000Z" };
         fill(30);
-        CMStore running;
-        QVERIFY2(running.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore running(m_file);
         QCOMPARE(write(running, 30, ZarkValue::fromI32(30)), QString());
         for (int subset = 0; subset < 1 << suffixes.size(); ++subset) {
             const QTemporaryDir killed;
@@ -228,8 +226,7 @@ private Q_SLOTS:
                 if ((subset >> i & 1) != 0 && QFile::exists(m_file + suffixes.at(i)))
                     QVERIFY(QFile::copy(m_file + suffixes.at(i), file + suffixes.at(i)));
             }
-            CMStore store;
-            QVERIFY2(store.open(file, &m_error), qPrintable(m_error));
+            OpenStore store(file);
             QCOMPARE(store.value(numbered(29)).isValid(), (subset & 1) != 0);
             QCOMPARE(store.value(numbered(30)).isValid(), (subset & 3) == 3);
             QCOMPARE(write(store, 1, ZarkValue::fromI32(5)), QString());
@@ -244,8 +241,7 @@ private Q_SLOTS:
         row("of another type", ZarkValue::fromI64(8), 7);
         for (const auto& [stored, value] : row) {
             init();
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore store(m_file);
             QCOMPARE(write(store, 1, stored), QString());
             CMRootWorker root(&store);
             CMNodes nodes(root.tree());
@@ -262,8 +258,7 @@ private Q_SLOTS:
             return CMValueNode::create(nodes, path, ZarkValue::fromI32(0), CMValueNode::Persistent);
         };
         {
-            CMStore store;
-            QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+            OpenStore store(m_file);
             CMRootWorker root(&store);
             CMNodes nodes(root.tree());
             CMValueNode* const node = make(&nodes);
@@ -286,8 +281,7 @@ private Q_SLOTS:
             nodes.destroy(node);
             QCOMPARE(errorOf(orphan), QString());
         }
-        CMStore store;
-        QVERIFY2(store.open(m_file, &m_error), qPrintable(m_error));
+        OpenStore store(m_file);
         CMRootWorker root(&store);
         CMNodes nodes(root.tree());
         QCOMPARE(make(&nodes)->value().i32(), 5);
@@ -302,9 +296,7 @@ private:
     }
     void fill(int count)
     {
-        CMStore store;
-        QString error;
-        QVERIFY2(store.open(m_file, &error), qPrintable(error));
+        OpenStore store(m_file);
         for (int i = 0; i < count; ++i)
             store.write(numbered(i), ZarkValue::fromString(QString(500, 'x')), {});
     }

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "Files.h"
 #include "Rows.h"
 #include "dbglog.h"
 
@@ -20,11 +21,7 @@ public:
         ::dup2(m_saved, STDERR_FILENO);
         ::close(m_saved);
     }
-    QByteArray text() const
-    {
-        QFile file(m_file.fileName());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("unreadable");
-    }
+    QByteArray text() const { return contentOf(m_file.fileName()); }
 
 private:
     QTemporaryFile m_file;

@@ -86,8 +86,7 @@ private Q_SLOTS:
     {
         const QTemporaryDir work;
         DeviceCertificate certificate(m_authority, work.path());
-        QString error;
-        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+        QVERIFY2(certificate.renew({ "192.0.2.7" }, &m_error), qPrintable(m_error));
         QCOMPARE(certificate.keyFile(), work.filePath("soup-key.pem"));
         QCOMPARE(certificate.certificateFile(), work.filePath("soup-cert.pem"));
         const QByteArray key = contentOf(certificate.keyFile());
@@ -97,7 +96,7 @@ private Q_SLOTS:
         QFile::remove(certificate.keyFile());
         QVERIFY(QDir(work.path()).mkpath("soup-dev-killed/x"));
         certificate.lock();
-        QVERIFY2(certificate.renew({ "2001:db8::9" }, &error), qPrintable(error));
+        QVERIFY2(certificate.renew({ "2001:db8::9" }, &m_error), qPrintable(m_error));
         QCOMPARE(contentOf(certificate.keyFile()), key);
         const QString file = certificate.certificateFile();
         const QByteArray text = openssl({ "x509", "-in", file, "-noout", "-text" });
@@ -119,8 +118,7 @@ private Q_SLOTS:
             writeFile(victim, "untouched");
             QVERIFY(QFile::link(victim, work.filePath(name)));
             DeviceCertificate certificate(m_authority, work.path());
-            QString error;
-            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+            QVERIFY2(certificate.renew({ "192.0.2.7" }, &m_error), qPrintable(m_error));
             QCOMPARE(contentOf(victim), QByteArray("untouched"));
 
             // A file that others can read, as somebody who wants the key would leave it.
@@ -128,7 +126,7 @@ private Q_SLOTS:
             writeFile(work.filePath(name), {});
             QFile prepared(work.filePath(name));
             QVERIFY(prepared.setPermissions(QFile::Permissions(0x6666)) && prepared.open(QIODevice::ReadOnly));
-            QVERIFY2(certificate.renew({ "192.0.2.8" }, &error), qPrintable(error));
+            QVERIFY2(certificate.renew({ "192.0.2.8" }, &m_error), qPrintable(m_error));
             QCOMPARE(prepared.readAll(), QByteArray());
         }
     }
@@ -155,10 +153,9 @@ private Q_SLOTS:
     {
         const QTemporaryDir work;
         ::chmod(QFile::encodeName(work.path()).constData(), 0777);
-        QString error;
-        QVERIFY(!DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &error));
+        QVERIFY(!DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &m_error));
         ::chmod(QFile::encodeName(work.path()).constData(), 01777);
-        QVERIFY2(DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &error), qPrintable(error));
+        QVERIFY2(DeviceCertificate(m_authority, work.path()).renew({ "192.0.2.7" }, &m_error), qPrintable(m_error));
     }
 
     void whatTheToolCutsShortIsAFailureAndTriedAgain()
@@ -168,13 +165,12 @@ private Q_SLOTS:
             { "genrsa*) : >$3; exit 0", "genrsa*) echo -----BEGIN >$3; exit 0", "*x509*-req*) exit 0" }) {
             const QTemporaryDir work;
             DeviceCertificate certificate(m_authority, work.path());
-            QString error;
             {
                 const ToolInFront tool(command);
-                QVERIFY(!certificate.renew({ "192.0.2.7" }, &error));
+                QVERIFY(!certificate.renew({ "192.0.2.7" }, &m_error));
             }
-            QVERIFY2(error.startsWith("Unable to create device key: "), qPrintable(error));
-            QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+            QVERIFY2(m_error.startsWith("Unable to create device key: "), qPrintable(m_error));
+            QVERIFY2(certificate.renew({ "192.0.2.7" }, &m_error), qPrintable(m_error));
         }
     }
 
@@ -182,9 +178,8 @@ private Q_SLOTS:
     {
         const QTemporaryDir work;
         DeviceCertificate certificate(m_authority, work.path());
-        QString error;
         const ToolInFront tool("*-subject*) echo no; exit 1");
-        QVERIFY2(certificate.renew({ "192.0.2.7" }, &error), qPrintable(error));
+        QVERIFY2(certificate.renew({ "192.0.2.7" }, &m_error), qPrintable(m_error));
         const QByteArray text = openssl({ "x509", "-in", certificate.certificateFile(), "-noout", "-text" });
         QVERIFY2(text.contains("C = AT, ST = Vienna, O = Orvanta, CN = Tidekit-device"), text.constData());
         QVERIFY(text.contains("Public-Key: (2048 bit)") && text.contains("Algorithm: sha256WithRSA"));
@@ -219,6 +214,7 @@ private Q_SLOTS:
 private:
     QTemporaryDir m_pairs;
     QByteArray m_authority;
+    QString m_error;
 };
 
 QTEST_GUILESS_MAIN(DeviceCertificateTest)

@@ -19,14 +19,11 @@ class ETagCacheTest : public QObject {
     Q_OBJECT
 
 private Q_SLOTS:
-    void digests()
+    void digestsAreOfTheContent()
     {
         const QString path = write("abc", QByteArray("a\0bc", 4));
-        const auto made = entry(path);
-        QCOMPARE(made.etag, QString("a5f5d1ebd362d6639389a7e1fede534d"));
-        QCOMPARE(made.size, quint64(4));
-        QCOMPARE(entry(path, m_directory.path()).etag, made.etag); // A directory took its name.
-        QCOMPARE(entry(write("empty", {})).etag, QString("d41d8cd98f00b204e9800998ecf8427e"));
+        // A directory took its name meanwhile.
+        QCOMPARE(entry(path, m_directory.path()).etag, QString("a5f5d1ebd362d6639389a7e1fede534d"));
         QCOMPARE(StaticHandler::calculateETag(QFileInfo(m_directory.path()), "abc", 3), QString());
     }
 

@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "Files.h"
 #include "GuardedMapping.h"
 #include "LocalFile.h"
 #include "Rows.h"
@@ -42,9 +43,7 @@ private Q_SLOTS:
     void init()
     {
         m_directory = std::make_unique<QTemporaryDir>();
-        QFile file(m_directory->filePath("file"));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(QByteArray(Size, '\1'));
+        writeFile(m_directory->filePath("file"), QByteArray(Size, '\1'));
     }
 
     void outlivesTheFile()

@@ -91,10 +91,10 @@ private Q_SLOTS:
             const QByteArray body(sent, 'x');
             const bool isSlow = sent == size - 1;
             client.write(body.left(isSlow ? Limit : sent));
+            // Both waits together are longer than a body may stall, and each than one in memory may take.
             for (const QByteArray& part : { body.mid(Limit, Limit), body.mid(2 * Limit) }) {
                 if (isSlow) {
-                    QTest::qWait(
-                        1200); // Both together are longer than a body may stall, and each than one in memory may take.
+                    QTest::qWait(1200);
                     client.write(part);
                 }
             }

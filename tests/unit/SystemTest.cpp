@@ -51,14 +51,11 @@ private Q_SLOTS:
     {
         CMRootWorker root;
         const std::unique_ptr<CMNodesWorker> worker(worker_create({}));
-        QCOMPARE(worker->name(), QStringLiteral("system"));
-
         QCOMPARE(read("system:memory/total").i64() >> 26, (sysconf(_SC_PHYS_PAGES) * sysconf(_SC_PAGESIZE)) >> 26);
         const qint64 available = read("system:memory/available").i64();
         QVERIFY(available > 0 && available < read("system:memory/total").i64());
         const qint64 process = read("system:memory/process").i64();
         QVERIFY2(process > 1 << 20 && process < 1 << 30, QByteArray::number(process));
-        QVERIFY(qAbs(read("system:time/now").i64() - QDateTime::currentMSecsSinceEpoch()) < 2000);
 
         const double uptime = contentOf("/proc/uptime").split(' ').first().toDouble();
         QVERIFY(qAbs(double(read("system:uptime/seconds").i64()) - uptime) <= 2);
@@ -70,7 +67,6 @@ private Q_SLOTS:
         QVERIFY(qAbs(read("system:load/fifteen").double_() - load) < 0.2);
         const ZarkValue processor = read("system:load/cpu");
         QVERIFY(processor.type() == ZarkValueType::Double && processor.double_() > 0 && processor.double_() <= 100);
-        QCOMPARE(read("system:network/info").type(), ZarkValueType::NetworkInfo);
     }
 
     void watchingKeepsSampling()

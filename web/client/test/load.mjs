@@ -1,5 +1,7 @@
-// A module of the package as the tests import it, its internal ones included.
+// A module of the package as the tests import it, its internal ones included; and how they wait for something.
 
+import assert from "node:assert/strict";
+import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import { build } from "esbuild";
 
@@ -12,4 +14,9 @@ export async function load(name) {
     write: false,
   });
   return import(`data:text/javascript;base64,${Buffer.from(outputFiles[0].contents).toString("base64")}`);
+}
+
+export async function until(condition, what = condition) {
+  for (const end = Date.now() + 10_000; Date.now() < end; await sleep(2)) if (condition()) return;
+  assert.fail(`not in time: ${what}`);
 }

@@ -9,6 +9,7 @@ import { createRequire } from "node:module";
 import { setTimeout as sleep } from "node:timers/promises";
 import { after, before, test } from "node:test";
 import { setVolume, startDevice } from "../../../tests/web/device.mjs";
+import { until } from "./load.mjs";
 
 const { chromium } = createRequire(new URL("../../../tests/web/", import.meta.url))("playwright-core");
 const bundle = await readFile(new URL("../dist/index.js", import.meta.url), "utf8");
@@ -52,11 +53,6 @@ async function openTab({ context }) {
 }
 
 const lastVolume = (tab, volume) => tab.waitForFunction((volume) => window.volumes.at(-1) === volume, volume, { timeout: 10_000 });
-
-async function until(condition) {
-  for (const end = Date.now() + 10_000; Date.now() < end; await sleep(20)) if (condition()) return;
-  assert.fail(`not in time: ${condition}`);
-}
 
 test("tabs share one request for events, and outlive the one that has it", { timeout: 60_000 }, async () => {
   const shared = await newBrowser();

@@ -3,7 +3,7 @@
 import assert from "node:assert/strict";
 import { setTimeout as sleep } from "node:timers/promises";
 import { test } from "node:test";
-import { load } from "./load.mjs";
+import { load, until } from "./load.mjs";
 import { ScriptedDevice } from "./scripted.mjs";
 
 const { Device } = await load("index");
@@ -12,11 +12,6 @@ function pair(options = {}) {
   const server = new ScriptedDevice();
   const device = new Device("http://device", { fetch: server.fetch, pollSeconds: 0.6, retryDelay: { first: 2, most: 20 }, ...options });
   return { server, device };
-}
-
-async function until(condition, what = condition) {
-  for (const end = Date.now() + 4000; Date.now() < end; await sleep(2)) if (condition()) return;
-  assert.fail(`not in time: ${what}`);
 }
 
 /** Numbers from 0 up to a limit, the same for the same seed. */
