@@ -132,8 +132,8 @@ private:
 
     QByteArray get(const QByteArray& target) { return answerTo("GET " + target + " HTTP/1.1\r\nHost: x\r\n\r\n"); }
 
-    /// Whether anything happened. Qt leaves what is to be deleted later alone outside exec(), unless asked; there it comes
-    /// after what was posted before.
+    /// Whether anything happened. Qt leaves what is to be deleted later alone outside exec(), unless asked; inside, it
+    /// comes after what was posted before.
     static bool turn()
     {
         QCoreApplication::sendPostedEvents();

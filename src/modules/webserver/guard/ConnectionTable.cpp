@@ -72,10 +72,9 @@ void ConnectionTable::stop()
     stopSweep();
     endHandshakes();
     // Answers that are cut here may have half a record to send, for which a good-bye would wait as well.
-    const bool isTls = m_options & SOUP_SERVER_LISTEN_HTTPS;
     for (const auto& entry : m_connections) {
         const Connection& connection = *entry.second;
-        if (isTls && connection.gsocket && connection.state != Connection::ReadingHead)
+        if (m_isTls && connection.gsocket && connection.state != Connection::ReadingHead)
             ::shutdown(g_socket_get_fd(connection.gsocket), SHUT_WR);
     }
 }
