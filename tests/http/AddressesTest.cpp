@@ -3,7 +3,6 @@
 #include <memory>
 
 #include "Device.h"
-#include "Files.h"
 #include "Namespace.h"
 #include "Tls.h"
 

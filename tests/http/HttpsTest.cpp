@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "Device.h"
-#include "Files.h"
 #include "Rows.h"
 #include "Tls.h"
 #include "Upstream.h"

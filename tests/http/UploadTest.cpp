@@ -46,8 +46,6 @@ QByteArray image()
 class UploadTest : public QObject {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase() { QVERIFY(m_device.isRunning()); }
-
     void bodies()
     {
         const QByteArray data = image();

@@ -1,5 +1,3 @@
-#include <QProcess>
-#include <QRegularExpression>
 #include <QtTest>
 
 #include <csignal>
