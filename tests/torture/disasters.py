@@ -8,6 +8,7 @@ import socket
 import ssl
 import subprocess
 import sys
+import threading
 import time
 
 torture = sys.modules["__main__"]
@@ -170,10 +171,42 @@ def clock(device):
     return "served, and a valid certificate at each of 6 times"
 
 
-def certificate_dates(device):
-    pem = ssl.get_server_certificate(("127.0.0.1", device.https_port), timeout=5)
+def certificate_dates(device, address="127.0.0.1"):
+    pem = ssl.get_server_certificate((address, device.https_port), timeout=5)
     text = subprocess.run(["openssl", "x509", "-noout", "-dates"], input=pem, capture_output=True, text=True).stdout
     return [ssl.cert_time_to_seconds(line.partition("=")[2]) for line in text.splitlines()]
+
+
+def interface(device):
+    """The address goes and comes 20 times; a poll over loopback waits through all of it."""
+    all_fine(device, "before")
+    before = device.descriptors()
+    queue = json.loads(torture.ask(device, torture.post_json("/api/event/modifyQueue", {"subscribe": [{"path": "demo:volatile/counter"}]})))
+    answers = []
+    poll = Exchange(f"/api/event/pollQueue?queueId={queue}&timeout=60")
+    waiting = threading.Thread(target=lambda: answers.append(torture.ask(device, poll, patience=60)))
+    waiting.start()
+    for _ in range(20):
+        for command in ("ip address del 192.0.2.1/24 dev zark0", "ip link set zark0 down", "ip link set zark0 up",
+                        "ip address add 192.0.2.1/24 dev zark0"):
+            subprocess.run(command.split(), check=True)
+            time.sleep(0.1)
+        device.check()
+    torture.set_value(device, "demo:volatile/counter", 4711)
+    waiting.join(10)
+    if not answers or b'"value":4711' not in answers[0]:
+        raise Wrong(f"the poll was answered {answers}")
+    deadline = time.monotonic() + 20
+    while True:
+        with contextlib.suppress(OSError):
+            certificate_dates(device, "192.0.2.1")
+            break
+        if time.monotonic() > deadline:
+            raise Wrong("no HTTPS at the address that came back")
+        time.sleep(0.1)
+    all_fine(device, "the interface is back")
+    device.settle(before)
+    return "HTTP served throughout, the poll answered, HTTPS back at the address"
 
 
 def hanging_openssl(device):
@@ -223,5 +256,6 @@ DISASTERS = {
     "40 descriptors": few_descriptors,
     "address space": address_space,
     "clock": clock,
+    "interface": interface,
     "openssl hangs": hanging_openssl,
 }

@@ -4,8 +4,8 @@
 For each kind of system call, the first, the second, ... call of each scenario fails, until the scenario makes no more of
 them. After each: the host is alive, no answer was wrong, the next request is fine; after each kind: no descriptor is lost,
 and after a SIGKILL and a start all that was acknowledged is there. Then a disk that is full or read-only, 40 descriptors,
-little address space, a clock that jumps, an openssl that hangs. Runs in namespaces of its own. Fails when anything was
-found."""
+little address space, a clock that jumps, an interface that comes and goes, an openssl that hangs. Runs in namespaces of
+its own. Fails when anything was found."""
 
 import base64
 import contextlib
