@@ -1,35 +1,41 @@
 #include "LoopWatch.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace {
 
 constexpr gint64 SlotMicroseconds = 5 * 1000 * 1000;
 
-// The function that waits is given no data.
-LoopWatch* running = nullptr;
+// Those of this thread: the function that waits is given no data.
+thread_local std::vector<LoopWatch*> watches;
+thread_local GPollFunc waitUnwatched = nullptr;
 
 } // namespace
 
-LoopWatch::LoopWatch()
-    : m_context(g_main_context_get_thread_default()), m_previous(g_main_context_get_poll_func(m_context)),
-      m_begin(g_get_monotonic_time())
+LoopWatch::LoopWatch() : m_context(g_main_context_get_thread_default()), m_begin(g_get_monotonic_time())
 {
-    running = this;
-    g_main_context_set_poll_func(m_context, wait);
+    if (watches.empty()) {
+        waitUnwatched = g_main_context_get_poll_func(m_context);
+        g_main_context_set_poll_func(m_context, wait);
+    }
+    watches.push_back(this);
 }
 
 LoopWatch::~LoopWatch()
 {
-    g_main_context_set_poll_func(m_context, m_previous);
-    running = nullptr;
+    watches.erase(std::find(watches.begin(), watches.end(), this));
+    if (watches.empty())
+        g_main_context_set_poll_func(m_context, waitUnwatched);
 }
 
 gint LoopWatch::wait(GPollFD* descriptors, guint count, gint milliseconds)
 {
-    running->turned();
-    const gint ready = running->m_previous(descriptors, count, milliseconds);
-    running->m_begin = g_get_monotonic_time();
+    for (LoopWatch* watch : watches)
+        watch->turned();
+    const gint ready = waitUnwatched(descriptors, count, milliseconds);
+    for (LoopWatch* watch : watches)
+        watch->m_begin = g_get_monotonic_time();
     return ready;
 }
 

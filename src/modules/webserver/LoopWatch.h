@@ -7,7 +7,8 @@
 #include <array>
 
 /// How long the event loop was ever busy without a look at what had come meanwhile: from the end of one wait to the
-/// begin of the next. For two readings of the clock a turn. Of the thread that makes it; one in a process.
+/// begin of the next. For two readings of the clock a turn. Of the thread that makes
+/// it.
 class LoopWatch {
 public:
     LoopWatch();
@@ -28,7 +29,6 @@ private:
     void turned();
 
     GMainContext* m_context; ///< Null: the main one.
-    GPollFunc m_previous;
     gint64 m_begin; ///< Of the turn.
     gint64 m_slotEnd = 0; ///< Of the present slot.
     gint64 m_slotLongest = 0;

@@ -79,9 +79,7 @@ void ResponderHandler::finalizeRequest()
     const auto* request = qobject_cast<Request*>(sender());
     if (!request)
         qFatal("request");
-    // Most have been answered, and are done.
-    if (m_responders.contains(request->requestId()))
-        finalizeRequest(request->requestId());
+    finalizeRequest(request->requestId());
 }
 
 // One event for all that are done in one turn, before the first of their requests is deleted: that takes another event,
