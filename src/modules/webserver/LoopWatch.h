@@ -7,8 +7,8 @@
 #include <array>
 
 /// How long the event loop was ever busy without a look at what had come meanwhile: from the end of one wait to the
-/// begin of the next. For two readings of the clock a turn. Of the thread that makes
-/// it.
+/// begin of the next. For two readings of the clock a turn. Of the thread that
+/// makes it.
 class LoopWatch {
 public:
     LoopWatch();
