@@ -15,9 +15,10 @@ import { TreeView } from "../tree/TreeView.js";
 import { IconButton } from "../widgets/Button.js";
 import { Icon } from "../widgets/Icon.js";
 import { Header, Tabs } from "./Header.js";
-import { Help, isHelpOpen } from "./Help.js";
+import { Help } from "./Help.js";
 import { PasswordDialog, SignInDialog } from "./SessionDialogs.js";
 import { route } from "./route.js";
+import { isHelpOpen } from "./shortcuts.js";
 
 export function App() {
   return (

@@ -6,8 +6,8 @@ import { language, t } from "../i18n/index.js";
 import { type Theme, theme } from "../model/preferences.js";
 import { Button } from "../widgets/Button.js";
 import { Icon } from "../widgets/Icon.js";
-import { isHelpOpen } from "./Help.js";
 import { hrefOf, type Route, route } from "./route.js";
+import { isHelpOpen } from "./shortcuts.js";
 
 const TABS: Array<[view: "dashboard" | "tree" | "chart" | "machine", icon: string]> = [
   ["dashboard", "home"],

@@ -1,10 +1,6 @@
-import { signal } from "@preact/signals";
-
 import { type MessageKey, t } from "../i18n/index.js";
 import { Modal } from "../widgets/Modal.js";
-import { SHORTCUTS } from "./shortcuts.js";
-
-export const isHelpOpen = signal(false);
+import { isHelpOpen, SHORTCUTS } from "./shortcuts.js";
 
 const IN_TREE: Array<[keys: string, what: MessageKey]> = [
   ["↑ ↓ Home End", "keysMove"],

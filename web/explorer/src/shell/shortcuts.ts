@@ -1,9 +1,12 @@
+import { signal } from "@preact/signals";
+
 import { isPanelOpen } from "../changes/changes.js";
 import type { MessageKey } from "../i18n/index.js";
 import { charted, pins } from "../model/preferences.js";
 import { parentOf, ROOT } from "../model/paths.js";
-import { isHelpOpen } from "./Help.js";
 import { go, route } from "./route.js";
+
+export const isHelpOpen = signal(false);
 
 export interface Shortcut {
   /** One key, or several one after the other. */
