@@ -1,41 +1,44 @@
 #include "LoopWatch.h"
 
 #include <algorithm>
-#include <vector>
 
 namespace {
 
 constexpr gint64 SlotMicroseconds = 5 * 1000 * 1000;
 
-// Those of this thread: the function that waits is given no data.
-thread_local std::vector<LoopWatch*> watches;
+// The first of this thread's: the function that waits is given no data. Plain pointers outlive whatever ends last.
+thread_local LoopWatch* first = nullptr;
 thread_local GPollFunc waitUnwatched = nullptr;
 
 } // namespace
 
-LoopWatch::LoopWatch() : m_context(g_main_context_get_thread_default()), m_begin(g_get_monotonic_time())
+LoopWatch::LoopWatch() : m_context(g_main_context_get_thread_default()), m_next(first), m_begin(g_get_monotonic_time())
 {
-    if (watches.empty()) {
+    if (!first) {
         waitUnwatched = g_main_context_get_poll_func(m_context);
         g_main_context_set_poll_func(m_context, wait);
     }
-    watches.push_back(this);
+    first = this;
 }
 
 LoopWatch::~LoopWatch()
 {
-    watches.erase(std::find(watches.begin(), watches.end(), this));
-    if (watches.empty())
+    LoopWatch** place = &first;
+    while (*place != this)
+        place = &(*place)->m_next;
+    *place = m_next;
+    if (!first)
         g_main_context_set_poll_func(m_context, waitUnwatched);
 }
 
 gint LoopWatch::wait(GPollFD* descriptors, guint count, gint milliseconds)
 {
-    for (LoopWatch* watch : watches)
+    for (LoopWatch* watch = first; watch; watch = watch->m_next)
         watch->turned();
     const gint ready = waitUnwatched(descriptors, count, milliseconds);
-    for (LoopWatch* watch : watches)
-        watch->m_begin = g_get_monotonic_time();
+    const gint64 now = g_get_monotonic_time();
+    for (LoopWatch* watch = first; watch; watch = watch->m_next)
+        watch->m_begin = now;
     return ready;
 }
 

@@ -29,6 +29,7 @@ private:
     void turned();
 
     GMainContext* m_context; ///< Null: the main one.
+    LoopWatch* m_next; ///< Of the same thread; not owned.
     gint64 m_begin; ///< Of the turn.
     gint64 m_slotEnd = 0; ///< Of the present slot.
     gint64 m_slotLongest = 0;
